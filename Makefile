@@ -1,0 +1,53 @@
+# ferrant2: top-level driver over CMake.
+#   make            build everything into build/ (bin/, lib/, data/pf/ as installed)
+#   make demo       build, then send sample files through a file-backed ring and receive them back
+#   make test       build and run the test suite
+#   make test-asan  the test suite under AddressSanitizer and UndefinedBehaviorSanitizer
+#   make fuzz       build the libFuzzer targets with clang and run each for FUZZ_SECONDS
+#   make bench      Release build, then the benchmark table
+#   make install    install under PREFIX (default /usr/local)
+
+PREFIX       ?= /usr/local
+JOBS         ?= $(shell nproc)
+FUZZ_SECONDS ?= 60
+CMAKE_FLAGS  ?=
+
+.PHONY: all build deps demo test test-asan fuzz bench install clean
+
+all: build
+
+deps:
+	@sh scripts/deps.sh
+
+build: deps
+	cmake -S . -B build -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(CMAKE_FLAGS) >/dev/null
+	cmake --build build -j $(JOBS)
+
+demo: build
+	sh scripts/demo.sh build
+
+test: build
+	cd build && ctest --output-on-failure -j $(JOBS) --timeout 300
+
+test-asan: deps
+	cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DFERRANT_SANITIZE=ON $(CMAKE_FLAGS) >/dev/null
+	cmake --build build-asan -j $(JOBS)
+	cd build-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+		ctest --output-on-failure -j $(JOBS) --timeout 600
+
+fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+		-DFERRANT_FUZZ=ON -DFERRANT_TESTS=OFF $(CMAKE_FLAGS) >/dev/null
+	cmake --build build-fuzz -j $(JOBS)
+	sh scripts/fuzz.sh build-fuzz $(FUZZ_SECONDS)
+
+bench: deps
+	cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DFERRANT_TESTS=OFF -DFERRANT_BENCH=ON $(CMAKE_FLAGS) >/dev/null
+	cmake --build build-release -j $(JOBS)
+	sh bench/run.sh build-release
+
+install: build
+	cmake --install build
+
+clean:
+	rm -rf build build-asan build-fuzz build-release
