@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "stock/allot.h"
 #include "stock/elog.h"
 #include "stock/pf_private.h"
 
@@ -37,10 +38,7 @@ constexpr int Max_expand_depth = 20;
 std::mutex Pflist_lock;
 Arr* Pflist;
 
-[[noreturn]] void nomem(int line, size_t n, const char* what) {
-    elog_die(1, "Out of memory at line %d in '%s'\n\tCan't malloc %u bytes for %s\n", line, "pf", (unsigned)n,
-             what);
-}
+[[noreturn]] void nomem(int line, size_t n, const char* what) { die_nomem(line, nomem_source(__FILE__), n, what); }
 
 bool is_named(const Pf* pf) { return pf && (pf->type == PF_FILE || pf->type == PF_ARR); }
 

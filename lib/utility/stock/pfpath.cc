@@ -13,6 +13,7 @@
 #include <mutex>
 #include <string>
 
+#include "stock/allot.h"
 #include "stock/elog.h"
 #include "stock/pf.h"
 #include "stock/pf_private.h"
@@ -155,8 +156,7 @@ Tbl* pftimes(const char* name) {
         struct stat st;
         if (stat(path, &st) != 0) continue;
         auto* t = static_cast<Pftime*>(malloc(sizeof(Pftime)));
-        if (!t) elog_die(1, "Out of memory at line %d in '%s'\n\tCan't malloc %u bytes for state\n", __LINE__,
-                         "pfpath", static_cast<unsigned>(sizeof(Pftime)));
+        if (!t) die_nomem(__LINE__, nomem_source(__FILE__), sizeof(Pftime), "state");
         t->mtime = static_cast<int>(st.st_mtim.tv_sec);
         t->mtime_nsec = st.st_mtim.tv_nsec;
         t->path = pf_strdup(path);
