@@ -1,8 +1,5 @@
 #include "stock/elog.h"
 
-// Until the parameter-file reader is in the library.
-#define ELOG_WITHOUT_PF
-
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -340,7 +337,6 @@ struct Settings {
     int max_msg, wait;
 };
 
-#ifndef ELOG_WITHOUT_PF
 // Per-severity table from the parameter file: either a text in the
 // environment's form, or an array keyed by severity letter or word.
 void pf_table(Pf* pf, const char* key, std::string* table, const char* const* defaults) {
@@ -368,7 +364,8 @@ void pf_table(Pf* pf, const char* key, std::string* table, const char* const* de
 bool read_parameter_file(Settings& set) {
     if (pf_reading()) return false;
     Pf* pf = nullptr;
-    if (pfread("elog", &pf) != 0 || !pf) {
+    // A file with errors still gives what could be read of it.
+    if (pfread("elog", &pf) == -1 || !pf) {
         pffree(pf);
         return false;
     }
@@ -381,7 +378,6 @@ bool read_parameter_file(Settings& set) {
     pffree(pf);
     return true;
 }
-#endif
 
 void configure() {
     State& st = S();
@@ -396,9 +392,7 @@ void configure() {
         set.max_msg = st.max_msg;
         set.wait = st.wait;
     }
-#ifndef ELOG_WITHOUT_PF
     read_parameter_file(set);
-#endif
     if (const char* s = getenv("ELOG_MAXMSG")) set_int_setting("ELOG_MAXMSG", s, &set.max_msg);
     {
         std::lock_guard<std::mutex> g(st.settings);
