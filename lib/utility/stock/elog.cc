@@ -19,6 +19,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "stock/arr.h"
@@ -78,7 +79,12 @@ State& S() {
     return *s;
 }
 
+// Settings are read once. Other threads wait until they are in place; the
+// reading thread itself may log meanwhile (a bad parameter file), with the
+// settings read so far.
 std::atomic<bool> Initialized{false};
+std::mutex Init_mutex;
+std::atomic<std::thread::id> Configuring{};
 std::atomic<bool> Debugger_ran{false};
 
 // ---- small helpers --------------------------------------------------------
@@ -423,7 +429,7 @@ void configure() {
 }
 
 void ensure_init() {
-    if (!Initialized.load()) elog_init(0, nullptr);
+    if (!Initialized.load() && Configuring.load() != std::this_thread::get_id()) elog_init(0, nullptr);
 }
 
 std::string setting(std::string (&table)[Nsev], int severity) {
@@ -520,7 +526,15 @@ void elog_init(int argc, char** argv) {
         if (name.empty() && !st.argv.empty()) name = base_name(st.argv[0]);
         if (!name.empty() || st.program.empty()) st.program = name;
     }
-    if (!Initialized.exchange(true)) configure();
+    if (!Initialized.load() && Configuring.load() != std::this_thread::get_id()) {
+        std::lock_guard<std::mutex> g(Init_mutex);
+        if (!Initialized.load()) {
+            Configuring = std::this_thread::get_id();
+            configure();
+            Configuring = std::thread::id();
+            Initialized = true;
+        }
+    }
     errno = saved;
 }
 
