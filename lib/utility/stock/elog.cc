@@ -56,3 +56,40 @@ void elog_fault(int flag, const char* format, ...) {
     va_end(ap);
     abort();
 }
+
+// Interim bodies for the rest of the interface; the full log replaces them.
+void register_error(int, const char*, ...) {}
+void complain(int flag, const char* format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    elog(ELOG_COMPLAIN, flag, format, ap);
+    va_end(ap);
+}
+void die(int flag, const char* format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    elog(ELOG_DIE, flag, format, ap);
+    va_end(ap);
+    exit(1);
+}
+int elog_mark(void) { return 0; }
+void elog_flush(int, int) {}
+void elog_clear_register(int) {}
+void elog_truncate(int) {}
+void elog_clear(void) {}
+char* elog_string(int) { return strdup(""); }
+int elog_deliver(const char*, int) { return 0; }
+char* elog_expand(const char* tag, char* buf, int size) {
+    snprintf(buf, size, "%s", tag);
+    return buf;
+}
+int elog_setup_fault_handler(const char*) { return 0; }
+int elog_signal_number(const char*) { return -1; }
+int elog_query(int, int, void*) { return -1; }
+int elog_set(int, int, const void*) { return -1; }
+void elog_callback(Elog_callback) {}
+void elog_free_msgs(Tbl*) {}
+int call_orbelog(const char*, const char* program, const char* text) {
+    fprintf(stderr, "%s: %s\n", program, text);
+    return -1;
+}
