@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <pwd.h>
 #include <regex.h>
 #include <signal.h>
 #include <sys/epoll.h>
@@ -25,7 +24,9 @@
 
 #include "orb/orbfile.h"
 #include "stock/bns.h"
+#include "deviants/my.h"
 #include "stock/elog.h"
+#include "stock/epoch.h"
 
 namespace {
 
@@ -35,12 +36,6 @@ constexpr int kOutHigh = 256 * 1024;     // stop pushing packets above this much
 constexpr int kOutStopReading = 4 << 20; // stop reading requests above this much
 constexpr int kGarbageLimit = 1024;      // bytes skipped in a row before a client is dropped
 constexpr int kInBuffer = 65536;
-
-double now() {
-    timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    return ts.tv_sec + ts.tv_nsec * 1e-9;
-}
 
 double monotonic() {
     timespec ts;
@@ -66,7 +61,9 @@ std::string addr_text(uint32_t addr) {
 }
 
 void copy_text(char* dst, size_t n, const char* src) {
-    std::snprintf(dst, n, "%s", src ? src : "");
+    size_t len = src ? strnlen(src, n - 1) : 0;
+    if (len) std::memcpy(dst, src, len);
+    dst[len] = 0;
 }
 
 // A compiled select or reject pattern matched against whole source names.
@@ -167,23 +164,12 @@ struct Client {
     int pending() const { return out ? out->lp - out->fp : 0; }
 };
 
-std::string my_user() {
-    if (passwd* pw = getpwuid(getuid())) return pw->pw_name;
-    return "unknown";
-}
-
-std::string my_host() {
-    char buf[256] = "";
-    gethostname(buf, sizeof buf - 1);
-    return buf;
-}
-
 }  // namespace
 
 struct Frontend::Impl {
     Settings settings;
     std::unique_ptr<ring::Ring> ring;
-    double server_start = now();
+    double server_start = std_now();
     int epfd = -1;
     int listen_fd = -1;
     int wake_fd = -1;    // the waiter thread and stop() write here
@@ -207,7 +193,7 @@ struct Frontend::Impl {
     std::atomic<bool> quit{false};
     uint64_t pushed_head = 0;
 
-    std::string user = my_user(), hostname = my_host();
+    std::string user = my_username(), hostname = my_hostname();
 
     Impl(const Settings& s, std::unique_ptr<ring::Ring> r) : settings(s), ring(std::move(r)) {
         epfd = epoll_create1(EPOLL_CLOEXEC);
@@ -304,7 +290,7 @@ struct Frontend::Impl {
         bool want_out = c.pending() > 0;
         bool want_in = !c.closing && c.pending() < kOutStopReading;
         bool shared = c.out_fd == c.in_fd;
-        uint32_t ev_in = (want_in ? EPOLLIN : 0) | (want_out && shared ? EPOLLOUT : 0);
+        uint32_t ev_in = (want_in ? uint32_t(EPOLLIN) : 0u) | (want_out && shared ? uint32_t(EPOLLOUT) : 0u);
         if (ev_in != c.events) {
             epoll_event ev{};
             ev.events = ev_in;
@@ -312,7 +298,7 @@ struct Frontend::Impl {
             epoll_ctl(epfd, EPOLL_CTL_MOD, c.in_fd, &ev);
             c.events = ev_in;
         }
-        uint32_t ev_out = want_out && !shared ? EPOLLOUT : 0;
+        uint32_t ev_out = want_out && !shared ? uint32_t(EPOLLOUT) : 0u;
         if (!shared && ev_out != c.out_events) {
             epoll_event ev{};
             ev.events = ev_out;
@@ -830,7 +816,7 @@ struct Frontend::Impl {
         Orbresponse* r = start(c, ORBSTAT);
         Orbstat& s = r->orbstat;
         ring::Status st = ring->status();
-        s.when = now();
+        s.when = std_now();
         s.started = server_start;
         s.orb_start = st.orb_start;
         s.maxdata = st.data_bytes > 0xffffffffull ? 0xffffffffu : unsigned(st.data_bytes);
@@ -857,7 +843,7 @@ struct Frontend::Impl {
     void handle_clients(Client& c) {
         std::vector<ring::Client> list = ring->clients();
         Orbresponse* r = start(c, ORBCLIENTS);
-        r->client_when = now();
+        r->client_when = std_now();
         if (r->sZclient < int(list.size())) {
             auto* grown = static_cast<Orbclient*>(
                 std::realloc(r->client, sizeof(Orbclient) * std::max<size_t>(list.size(), 1)));
@@ -905,7 +891,7 @@ struct Frontend::Impl {
     void handle_sources(Client& c) {
         std::vector<ring::Source> list = ring->sources();
         Orbresponse* r = start(c, ORBSOURCES);
-        r->source_when = now();
+        r->source_when = std_now();
         if (r->sZsource < int(list.size())) {
             auto* grown = static_cast<Orbsrc*>(
                 std::realloc(r->source, sizeof(Orbsrc) * std::max<size_t>(list.size(), 1)));
