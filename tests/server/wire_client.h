@@ -5,6 +5,7 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -70,7 +71,7 @@ public:
         if (child_ == 0) {
             dup2(sv[1], 0);
             dup2(sv[1], 1);
-            int log = open(logfile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+            int log = ::open(logfile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
             if (log >= 0) dup2(log, 2);
             execv(argv[0], argv.data());
             _exit(127);

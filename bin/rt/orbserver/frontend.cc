@@ -372,7 +372,7 @@ struct Frontend::Impl {
         r->result = -1;
         copy_text(r->errmsg, sizeof r->errmsg, msg.c_str());
         r->nerr = int(std::strlen(r->errmsg));
-        pbnsOrbresponse(c.out, r);
+        put_response(c);
         errors++;
         if (c.counters) c.counters->errors++;
         if (settings.verbose || c.logflag)
@@ -388,7 +388,13 @@ struct Frontend::Impl {
         r->nerr = 0;
         return r;
     }
-    void finish(Client& c) { pbnsOrbresponse(c.out, c.resp); }
+    void finish(Client& c) { put_response(c); }
+
+    // Every response goes out behind the marker the client synchronises on.
+    int put_response(Client& c) {
+        buf2bns(c.out, "orbm", 4);
+        return pbnsOrbresponse(c.out, c.resp);
+    }
 
     // Encodes one packet as a response with code; false (nothing encoded) when
     // the packet left the ring meanwhile or cannot be encoded.
@@ -407,7 +413,7 @@ struct Frontend::Impl {
         p->packetsize = int(n);
         p->sZpacket = int(n);
         int mark = c.out->lp;
-        int bad = pbnsOrbresponse(c.out, r);
+        int bad = put_response(c);
         p->packet = nullptr;
         p->sZpacket = 0;
         if (bad || !ring->still_valid(seq)) {
@@ -436,7 +442,7 @@ struct Frontend::Impl {
         p->packet = nullptr;
         p->packetsize = 0;
         p->sZpacket = 0;
-        pbnsOrbresponse(c.out, r);
+        put_response(c);
     }
 
     // ---------------------------------------------------------------- positions
