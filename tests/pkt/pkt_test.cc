@@ -220,8 +220,12 @@ TEST(PktXfer, LargestChunkFitsAndBufferGrows) {
     EXPECT_EQ(bufsize, grown);
     pkt->dfile_size = PKT_XFER_MAXDATA + 1;
     EXPECT_EQ(stuffPkt(pkt, srcname, &t, &buf, &nbytes, &bufsize), -1);
-    pkt->dfile_size = -1;
-    EXPECT_EQ(stuffPkt(pkt, srcname, &t, &buf, &nbytes, &bufsize), -1);
+    pkt->dfile_size = -1;  // packs as an empty chunk
+    ASSERT_EQ(stuffPkt(pkt, srcname, &t, &buf, &nbytes, &bufsize), 0);
+    Packet* got = nullptr;
+    ASSERT_EQ(unstuffPkt(srcname, 0, buf, nbytes, &got), PKT_XFER_TYPE);
+    EXPECT_EQ(got->dfile_size, 0);
+    freePkt(got);
     pkt->dfile = nullptr;
     pkt->dfile_size = 1;
     EXPECT_EQ(stuffPkt(pkt, srcname, &t, &buf, &nbytes, &bufsize), -1);

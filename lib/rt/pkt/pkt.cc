@@ -5,8 +5,9 @@
 #include <cstring>
 #include <string>
 
-#include "stock/elog.h"
+#include "stock/allot.h"
 #include "stock/hook.h"
+#include "stock/printable.h"
 #include "stock/tbl.h"
 
 namespace {
@@ -28,10 +29,7 @@ struct Buffers {
     size_t dfile_cap = 0;
 };
 
-[[noreturn]] void nomem(int line, size_t n, const char* what) {
-    elog_die(1, "Out of memory at line %d in '%s'\n\tCan't malloc %zu bytes for %s\n", line, __FILE__,
-             n, what);
-}
+[[noreturn]] void nomem(int line, size_t n, const char* what) { die_nomem(line, nomem_source(__FILE__), n, what); }
 
 Buffers* buffers(Packet* pkt) {
     if (pkt->pkthook == nullptr) {
@@ -153,11 +151,14 @@ int stuffPkt(Packet* pkt, char* srcname, double* time, char** packet, int* nbyte
         *nbytes = 0;
         return 0;
     }
-    if (pkt->dfile_size < 0 || pkt->dfile_size > PKT_XFER_MAXDATA) return -1;
-    if (pkt->dfile == nullptr && pkt->dfile_size > 0) return -1;
+    // A negative size packs as no data: a sender configured to send nothing
+    // per packet keeps going until its sequence limit stops it.
+    int ndata = pkt->dfile_size > 0 ? pkt->dfile_size : 0;
+    if (ndata > PKT_XFER_MAXDATA) return -1;
+    if (pkt->dfile == nullptr && ndata > 0) return -1;
 
     int keylen = pkt->string ? KeySize : 0;
-    int need = FixedSize + keylen + pkt->dfile_size;
+    int need = FixedSize + keylen + ndata;
     if (*packet == nullptr || *bufsize < need) {
         char* grown = static_cast<char*>(realloc(*packet, need));
         if (grown == nullptr) nomem(__LINE__, need, "packet buffer");
@@ -177,9 +178,9 @@ int stuffPkt(Packet* pkt, char* srcname, double* time, char** packet, int* nbyte
         memcpy(q, pkt->string, KeySize);
         q += keylen;
     }
-    put32(q, static_cast<uint32_t>(pkt->dfile_size));
+    put32(q, static_cast<uint32_t>(ndata));
     q += 4;
-    if (pkt->dfile_size > 0) memcpy(q, pkt->dfile, pkt->dfile_size);
+    if (ndata > 0) memcpy(q, pkt->dfile, ndata);
     *nbytes = need;
     return 0;
 }
@@ -226,26 +227,6 @@ int unstuffPkt(const char* srcname, double time, const char* packet, int nbytes,
     return PKT_XFER_TYPE;
 }
 
-namespace {
-
-void dumpbytes(FILE* f, const unsigned char* p, int n) {
-    for (int off = 0; off < n; off += 16) {
-        fprintf(f, "    %04x ", off);
-        for (int i = 0; i < 16; i++) {
-            if (off + i < n) fprintf(f, " %02x", p[off + i]);
-            else fputs("   ", f);
-        }
-        fputs("  ", f);
-        for (int i = 0; i < 16 && off + i < n; i++) {
-            unsigned char c = p[off + i];
-            fputc(c >= 32 && c < 127 ? c : '.', f);
-        }
-        fputc('\n', f);
-    }
-}
-
-}  // namespace
-
 void showPkt(int pktid, const char* srcname, double time, const char* packet, int nbytes, FILE* file,
              int mode) {
     if (file == nullptr) file = stderr;
@@ -266,12 +247,12 @@ void showPkt(int pktid, const char* srcname, double time, const char* packet, in
         }
         if (mode >= 5 && pkt->dfile_size > 0) {
             int n = pkt->dfile_size < 256 ? pkt->dfile_size : 256;
-            dumpbytes(file, reinterpret_cast<const unsigned char*>(pkt->dfile), n);
+            hexdump(file, reinterpret_cast<const unsigned char*>(pkt->dfile), n);
         }
     } else if (r < 0) {
         fprintf(file, "  malformed %s body\n", pkt->parts.src_suffix);
         if (mode >= 5 && packet && nbytes > 0) {
-            dumpbytes(file, reinterpret_cast<const unsigned char*>(packet), nbytes < 256 ? nbytes : 256);
+            hexdump(file, reinterpret_cast<const unsigned char*>(packet), nbytes < 256 ? nbytes : 256);
         }
     } else {
         fprintf(file, "  type '%s'\n", pkt->parts.src_suffix);

@@ -82,9 +82,9 @@ const PacketType* suffix2pkttype(const char* suffix);
 
 // Joins pkt->parts and the type's suffix into srcname (64 bytes) and packs
 // the body into *packet, growing it (realloc) when *bufsize is too small; sets
-// *nbytes to the body length and *time to pkt->time. Returns 0, or -1 for a
-// record that cannot be packed (no or unknown type, dfile_size out of range,
-// dfile null with a positive size).
+// *nbytes to the body length and *time to pkt->time. A dfile_size below 0
+// packs as no data. Returns 0, or -1 for a record that cannot be packed (no or
+// unknown type, dfile_size above PKT_XFER_MAXDATA, dfile null with a positive size).
 int stuffPkt(Packet* pkt, char* srcname, double* time, char** packet, int* nbytes, int* bufsize);
 
 // Unpacks a body into **pkt, allocating the record when *pkt is null and

@@ -41,9 +41,9 @@ struct Error : std::runtime_error {
 
 // Geometry fixed when a ring is created. Zero fields take the defaults.
 struct Geometry {
-    uint64_t data_bytes = 0;     // circular data area; default 64 MiB, minimum 4 KiB
+    uint64_t data_bytes = 0;     // circular data area; default 64 MiB, 4 KiB to 1 TiB
     uint32_t nslots = 0;         // index slots = most packets held; default data_bytes/512, at least 64
-    int32_t maxpkts = 0;         // pktid modulus; default 2^31-1; raised to nslots if smaller
+    int32_t maxpkts = 0;         // pktid modulus; default 2^31-1; nslots is lowered to it if larger
     uint32_t maxsrc = 0;         // source-table entries; default 1024
     uint32_t maxclients = 0;     // client-table entries; default 256
     uint32_t nstash = 0;         // stash entries; default 64
@@ -169,6 +169,11 @@ public:
     // (negative: no time limit). Returns head() > seen_head. Uses no CPU while
     // blocked; spurious early returns are possible, callers re-check.
     bool wait(uint64_t seen_head, int timeout_ms) const;
+    // The same, but also returns at once if any put or wake_all happened since
+    // wake_count() returned `since`. Take the count before checking your own
+    // condition and no wake-up between the check and the wait is lost.
+    uint32_t wake_count() const;
+    bool wait_since(uint64_t seen_head, uint32_t since, int timeout_ms) const;
     // Wakes every waiter of this ring in every process (e.g. to make a thread
     // notice a request from its client).
     void wake_all() const;
@@ -203,12 +208,13 @@ public:
 
     Status status() const;
 
+    struct Impl;   // opaque
+
     // Test hook: when set, put() calls it after writing the packet bytes and
     // before publishing the packet, with the lock held.
     static void (*test_hook_before_publish)();
 
 private:
-    struct Impl;
     Ring(std::string path, std::unique_ptr<Impl> impl);
     std::string path_;
     std::unique_ptr<Impl> impl_;

@@ -158,8 +158,9 @@ int pfread(const char* name, Pf** pf);         // 0, -1 nothing read, -2 per bad
 int pfload(const char* dir, const char* subdir, const char* name, Pf** pf);
 
 struct Pftime {
-    int mtime;   // modification time, seconds
-    char* path;  // owned
+    int mtime;         // modification time, seconds
+    char* path;        // owned
+    long mtime_nsec;   // and its nanoseconds, so a rewrite within one second counts too
 };
 Tbl* pftimes(const char* name);                // Tbl of Pftime*, files that exist
 void freepftimes(Tbl* times);

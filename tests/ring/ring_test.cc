@@ -1,0 +1,692 @@
+// The ring store on its own: one process, several processes sharing the file,
+// a writer killed mid-put, and damaged files.
+#include "ring/ring.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <thread>
+
+namespace fs = std::filesystem;
+using ring::Entry;
+using ring::Geometry;
+using ring::Ring;
+
+namespace {
+
+struct TempDir {
+    std::string path;
+    TempDir() {
+        char t[] = "/tmp/ringtest.XXXXXX";
+        path = mkdtemp(t);
+    }
+    ~TempDir() { fs::remove_all(path); }
+};
+
+// A payload that says who wrote it and is checkable byte by byte.
+std::vector<char> payload(uint32_t writer, uint32_t i, size_t size) {
+    std::vector<char> b(size);
+    uint64_t tag = (uint64_t(writer) << 32) | i;
+    for (size_t k = 0; k < size; k++) b[k] = char((tag * 2654435761u + k * 7) >> 3);
+    if (size >= 8) std::memcpy(b.data(), &tag, 8);
+    return b;
+}
+
+bool payload_ok(const std::vector<char>& b, uint32_t* writer, uint32_t* i) {
+    if (b.size() < 8) return false;
+    uint64_t tag;
+    std::memcpy(&tag, b.data(), 8);
+    *writer = uint32_t(tag >> 32);
+    *i = uint32_t(tag);
+    return payload(*writer, *i, b.size()) == b;
+}
+
+int64_t put(Ring& r, const std::string& name, double t, const std::vector<char>& b) {
+    return r.put(name, t, b.data(), b.size());
+}
+
+// Exit status of a forked child; children never return into the test runner.
+int child_status(pid_t pid) {
+    int st = 0;
+    waitpid(pid, &st, 0);
+    return st;
+}
+
+class RingTest : public ::testing::Test {
+protected:
+    TempDir dir;
+    std::string file = dir.path + "/ring";
+    void SetUp() override { alarm(25); }   // a wedged ring fails the test rather than hanging it
+    void TearDown() override {
+        alarm(0);
+        Ring::test_hook_before_publish = nullptr;
+    }
+};
+
+// Source statistics recomputed from the packets present.
+std::map<std::string, ring::Source> recount(const Ring& r) {
+    std::map<std::string, ring::Source> m;
+    Entry e;
+    for (uint64_t s = r.tail(); s < r.head(); s++) {
+        if (!r.entry(s, &e) || e.src < 0) continue;
+        auto& x = m[e.srcname];
+        if (x.npkts == 0) x.oldest_seq = s, x.soldest_time = e.time;
+        x.npkts++;
+        x.nbytes += e.size;
+        x.latest_seq = s;
+        x.slatest_time = e.time;
+    }
+    return m;
+}
+
+void expect_sources_consistent(const Ring& r) {
+    auto want = recount(r);
+    auto got = r.sources();
+    ASSERT_EQ(got.size(), want.size());
+    for (auto& s : got) {
+        SCOPED_TRACE(s.srcname);
+        ASSERT_TRUE(want.count(s.srcname));
+        auto& w = want[s.srcname];
+        EXPECT_EQ(s.npkts, w.npkts);
+        EXPECT_EQ(s.nbytes, w.nbytes);
+        EXPECT_EQ(s.oldest_seq, w.oldest_seq);
+        EXPECT_EQ(s.latest_seq, w.latest_seq);
+        EXPECT_EQ(s.soldest, r.pktid(w.oldest_seq));
+        EXPECT_EQ(s.slatest, r.pktid(w.latest_seq));
+        EXPECT_EQ(s.soldest_time, w.soldest_time);
+        EXPECT_EQ(s.slatest_time, w.slatest_time);
+    }
+    EXPECT_EQ(r.status().nsources, want.size());
+}
+
+}  // namespace
+
+TEST_F(RingTest, PutReadAndReopenKeepsPacketsAndOrbStart) {
+    double start;
+    {
+        auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 16});
+        EXPECT_FALSE(r->oldest());
+        EXPECT_FALSE(r->newest());
+        EXPECT_EQ(r->next_seq(0), 1u);
+        EXPECT_EQ(put(*r, "AA_BB/xfer", 10.5, payload(1, 0, 100)), 0);
+        EXPECT_EQ(put(*r, "AA_CC/xfer", 11.5, payload(1, 1, 0)), 1);
+        EXPECT_EQ(put(*r, "", 12.5, payload(1, 2, 4000)), 2);
+        start = r->status().orb_start;
+        EXPECT_GT(start, 1e9);
+    }
+    auto r = Ring::open(file);
+    EXPECT_EQ(r->status().orb_start, start);
+    EXPECT_EQ(r->oldest(), 0u);
+    EXPECT_EQ(r->newest(), 2u);
+    Entry e;
+    std::vector<char> b;
+    ASSERT_TRUE(r->read(0, &e, b));
+    EXPECT_STREQ(e.srcname, "AA_BB/xfer");
+    EXPECT_EQ(e.time, 10.5);
+    EXPECT_EQ(e.pktid, 0);
+    EXPECT_EQ(b, payload(1, 0, 100));
+    ASSERT_TRUE(r->read(1, &e, b));
+    EXPECT_EQ(e.size, 0u);
+    EXPECT_TRUE(b.empty());
+    ASSERT_TRUE(r->read(2, &e, b, 10));   // copy cut short on request
+    EXPECT_EQ(e.size, 4000u);
+    EXPECT_EQ(b.size(), 10u);
+    const char* p;
+    ASSERT_TRUE(r->view(2, &e, &p));
+    EXPECT_EQ(std::vector<char>(p, p + e.size), payload(1, 2, 4000));
+    EXPECT_TRUE(r->still_valid(2));
+    EXPECT_FALSE(r->entry(3, &e));   // not yet put
+
+    // More packets after reopen carry on the numbering.
+    EXPECT_EQ(put(*r, "AA_BB/xfer", 13, payload(1, 3, 10)), 3);
+
+    // open_or_create on an existing ring opens it; create replaces it.
+    EXPECT_EQ(Ring::open_or_create(file, {})->status().orb_start, start);
+    auto fresh = Ring::create(file, {.data_bytes = 1 << 16});
+    EXPECT_NE(fresh->status().orb_start, start);
+    EXPECT_EQ(fresh->head(), 0u);
+    EXPECT_EQ(Ring::open(file)->head(), 0u);
+}
+
+TEST_F(RingTest, RefusesBadPutsAndKeepsGoing) {
+    auto r = Ring::create(file, {.data_bytes = 4096, .nslots = 8});
+    std::string why;
+    std::vector<char> b(100);
+    EXPECT_EQ(r->put(std::string(64, 'x'), 1, b.data(), b.size(), &why), -1);
+    EXPECT_FALSE(why.empty());
+    EXPECT_EQ(r->put(std::string("a\0b", 3), 1, b.data(), b.size()), -1);
+    std::vector<char> big(4097);
+    EXPECT_EQ(r->put("x", 1, big.data(), big.size(), &why), -1);
+    EXPECT_EQ(r->head(), 0u);
+    EXPECT_EQ(r->put(std::string(63, 'x'), 1, b.data(), b.size()), 0);
+    big.resize(4096);   // a packet the size of the whole area evicts everything else
+    EXPECT_EQ(r->put("x", 2, big.data(), big.size()), 1);
+    EXPECT_EQ(r->oldest(), 1u);
+}
+
+TEST_F(RingTest, CreateRefusesBadGeometry) {
+    EXPECT_THROW(Ring::create(file, {.data_bytes = 100}), ring::Error);
+    EXPECT_THROW(Ring::create(file, {.data_bytes = 1ull << 41}), ring::Error);
+    EXPECT_THROW(Ring::create(file, {.maxpkts = -5}), ring::Error);
+    EXPECT_THROW(Ring::create(dir.path + "/no/such/dir/ring", {}), ring::Error);
+    EXPECT_FALSE(fs::exists(file));
+    // Fewer packet ids than slots: the index shrinks to fit the ids.
+    auto r = Ring::create(file, {.data_bytes = 8192, .nslots = 100, .maxpkts = 10});
+    EXPECT_EQ(r->status().nslots, 10u);
+}
+
+TEST_F(RingTest, EvictsOldestAndKeepsEveryPresentPacketIntact) {
+    auto r = Ring::create(file, {.data_bytes = 8192, .nslots = 32, .maxsrc = 4});
+    std::mt19937 rng(7);
+    const char* names[] = {"A/x", "B/x", "C/x"};
+    for (uint32_t i = 0; i < 3000; i++) {
+        size_t size = i % 50 == 0 ? 8192 : 8 + rng() % 2500;
+        ASSERT_EQ(put(*r, names[rng() % 3], i, payload(0, i, size)), int64_t(i));
+        uint64_t used = 0;
+        for (uint64_t s = r->tail(); s < r->head(); s++) {
+            Entry e;
+            std::vector<char> b;
+            ASSERT_TRUE(r->read(s, &e, b)) << s;
+            uint32_t w, n;
+            ASSERT_TRUE(payload_ok(b, &w, &n)) << "packet " << s << " damaged after put " << i;
+            ASSERT_EQ(n, s);
+            used += e.size;
+        }
+        ASSERT_LE(used, 8192u);
+        ASSERT_LE(r->head() - r->tail(), 32u);
+        ASSERT_EQ(r->status().bytes_used, used);
+        if (i % 97 == 0) expect_sources_consistent(*r);
+    }
+    expect_sources_consistent(*r);
+    // A reader whose packet has gone carries on from the oldest one left.
+    EXPECT_GT(r->tail(), 10u);
+    EXPECT_EQ(r->next_seq(3), r->tail());
+    Entry e;
+    std::vector<char> b;
+    EXPECT_FALSE(r->read(3, &e, b));
+    EXPECT_FALSE(r->prev_seq(r->tail()));
+    EXPECT_EQ(r->prev_seq(r->head() + 5), r->head() - 1);
+}
+
+TEST_F(RingTest, IndexSlotsBoundThePacketCount) {
+    auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 8});
+    for (int i = 0; i < 20; i++) put(*r, "s", i, payload(0, i, 16));
+    EXPECT_EQ(r->oldest(), 12u);
+    EXPECT_EQ(r->newest(), 19u);
+    EXPECT_EQ(r->sources().at(0).npkts, 8u);
+    EXPECT_EQ(r->sources().at(0).nbytes, 8u * 16);
+}
+
+TEST_F(RingTest, ZeroCopyViewNoticesEviction) {
+    auto r = Ring::create(file, {.data_bytes = 4096, .nslots = 64});
+    put(*r, "s", 1, payload(0, 0, 1000));
+    Entry e;
+    const char* p;
+    ASSERT_TRUE(r->view(0, &e, &p));
+    for (int i = 1; i < 5; i++) put(*r, "s", 1, payload(0, i, 1000));
+    EXPECT_FALSE(r->still_valid(0));
+    EXPECT_FALSE(r->view(0, &e, &p));
+    EXPECT_TRUE(r->still_valid(4));
+}
+
+TEST_F(RingTest, PacketIdsWrapAtTheModulus) {
+    auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 5, .maxpkts = 7});
+    for (int i = 0; i < 23; i++) put(*r, "s", i, payload(0, i, 8));
+    // Present: seqs 18..22, pktids 4,5,6,0,1.
+    Entry e;
+    ASSERT_TRUE(r->entry(22, &e));
+    EXPECT_EQ(e.pktid, 1);
+    EXPECT_EQ(r->find(4), 18u);
+    EXPECT_EQ(r->find(6), 20u);
+    EXPECT_EQ(r->find(0), 21u);
+    EXPECT_EQ(r->find(1), 22u);
+    EXPECT_FALSE(r->find(2));   // evicted
+    EXPECT_FALSE(r->find(3));
+    EXPECT_FALSE(r->find(7));
+    EXPECT_FALSE(r->find(-1));
+    auto s = r->sources().at(0);
+    EXPECT_EQ(s.soldest, 4);
+    EXPECT_EQ(s.slatest, 1);
+    EXPECT_EQ(Ring::create(file, {})->find(0), std::nullopt);
+}
+
+TEST_F(RingTest, AfterTimeFindsTheFirstLaterPacket) {
+    auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 64});
+    auto check = [&](double t) {
+        std::optional<uint64_t> want;
+        Entry e;
+        for (uint64_t s = r->tail(); s < r->head() && !want; s++)
+            if (r->entry(s, &e) && e.time > t) want = s;
+        EXPECT_EQ(r->after_time(t), want) << "t=" << t;
+    };
+    EXPECT_FALSE(r->after_time(0));
+    for (int i = 0; i < 100; i++) put(*r, "s", 100 + i / 3, payload(0, i, 8));   // repeated times
+    for (double t = 90; t < 140; t += 0.5) check(t);
+    put(*r, "s", 50, payload(0, 100, 8));   // a packet out of time order
+    put(*r, "s", 200, payload(0, 101, 8));
+    for (double t = 40; t < 210; t += 0.5) check(t);
+}
+
+TEST_F(RingTest, SourceTableOverflowLeavesNewSourcesUncounted) {
+    auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 4, .maxsrc = 2});
+    put(*r, "A", 1, payload(0, 0, 10));
+    put(*r, "B", 2, payload(0, 1, 10));
+    put(*r, "C", 3, payload(0, 2, 10));
+    Entry e;
+    ASSERT_TRUE(r->entry(2, &e));
+    EXPECT_EQ(e.src, -1);
+    EXPECT_EQ(r->sources().size(), 2u);
+    // Once A's packets are gone its entry is free for a newcomer.
+    for (int i = 0; i < 4; i++) put(*r, "B", 4 + i, payload(0, 3 + i, 10));
+    put(*r, "D", 9, payload(0, 7, 10));
+    auto got = r->sources();
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_TRUE(std::string(got[0].srcname) == "D" || std::string(got[1].srcname) == "D");
+    expect_sources_consistent(*r);
+}
+
+TEST_F(RingTest, StashKeepsTheLastPacketPerSource) {
+    {
+        auto r = Ring::create(file, {.data_bytes = 8192, .nstash = 2, .stash_bytes = 100});
+        EXPECT_TRUE(r->stash_put("A", 1, "one", 3));
+        EXPECT_TRUE(r->stash_put("A", 2, "two!", 4));
+        EXPECT_TRUE(r->stash_put("B", 3, "", 0));
+        std::vector<char> big(101);
+        std::string why;
+        EXPECT_FALSE(r->stash_put("A", 4, big.data(), big.size(), &why));
+        EXPECT_FALSE(why.empty());
+        EXPECT_FALSE(r->stash_put(std::string(64, 'n'), 4, "x", 1));
+        EXPECT_EQ(r->head(), 0u);   // the stash is no part of the sequence
+    }
+    auto r = Ring::open(file);
+    Entry e;
+    std::vector<char> b;
+    ASSERT_TRUE(r->stash_get("A", &e, b));
+    EXPECT_EQ(std::string(b.begin(), b.end()), "two!");
+    EXPECT_EQ(e.time, 2);
+    EXPECT_EQ(e.pktid, -1);
+    EXPECT_STREQ(e.srcname, "A");
+    EXPECT_FALSE(r->stash_get("C", &e, b));
+    // Full: the least recently stashed source gives way.
+    EXPECT_TRUE(r->stash_put("C", 5, "c", 1));
+    EXPECT_FALSE(r->stash_get("A", &e, b));
+    EXPECT_TRUE(r->stash_get("B", &e, b));
+    EXPECT_TRUE(r->stash_get("C", &e, b));
+}
+
+// ---------------------------------------------------------------- damaged files
+
+TEST_F(RingTest, OpenRefusesFilesThatAreNotWholeRings) {
+    EXPECT_THROW(Ring::open(file), ring::Error);   // missing
+    EXPECT_THROW(Ring::open(dir.path), ring::Error);   // a directory
+
+    std::mt19937 rng(3);
+    for (size_t size : {0, 1, 100, 4095, 4096, 5000, 70000}) {
+        std::vector<char> junk(size);
+        for (auto& c : junk) c = char(rng());
+        std::ofstream(file, std::ios::binary | std::ios::trunc).write(junk.data(), junk.size());
+        EXPECT_THROW(Ring::open(file), ring::Error) << size;
+        EXPECT_THROW(Ring::open_or_create(file, {}), ring::Error) << size;   // never replaced silently
+        EXPECT_EQ(fs::file_size(file), size);
+    }
+
+    Ring::create(file, {.data_bytes = 8192, .nslots = 16})->put("s", 1, "x", 1);
+    auto whole = fs::file_size(file);
+    std::string good = dir.path + "/good";
+    fs::copy_file(file, good);
+    for (auto size : {whole - 1, whole / 2, uintmax_t(4096), uintmax_t(200), uintmax_t(0)}) {
+        fs::copy_file(good, file, fs::copy_options::overwrite_existing);
+        fs::resize_file(file, size);
+        try {
+            Ring::open(file);
+            ADD_FAILURE() << "opened a ring truncated to " << size;
+        } catch (const ring::Error& e) {
+            EXPECT_NE(std::string(e.what()).find(file), std::string::npos);
+        }
+    }
+    // Every byte of the geometry matters.
+    for (int at = 0; at < 136; at++) {
+        fs::copy_file(good, file, fs::copy_options::overwrite_existing);
+        int fd = ::open(file.c_str(), O_RDWR);
+        unsigned char c;
+        ASSERT_EQ(pread(fd, &c, 1, at), 1);
+        c ^= 0x10;
+        ASSERT_EQ(pwrite(fd, &c, 1, at), 1);
+        ::close(fd);
+        EXPECT_THROW(Ring::open(file), ring::Error) << "flipped byte " << at;
+    }
+    fs::copy_file(good, file, fs::copy_options::overwrite_existing);
+    EXPECT_EQ(Ring::open(file)->head(), 1u);
+}
+
+TEST_F(RingTest, DamagedIndexAndTablesNeverCrash) {
+    // Junk over everything after the header; reads and puts must stay in bounds.
+    Geometry g{.data_bytes = 8192, .nslots = 16, .maxsrc = 4, .maxclients = 4, .nstash = 2, .stash_bytes = 64};
+    std::mt19937 rng(11);
+    for (int round = 0; round < 20; round++) {
+        {
+            auto r = Ring::create(file, g);
+            for (int i = 0; i < 10; i++) put(*r, "s" + std::to_string(i % 3), i, payload(0, i, 500));
+            r->stash_put("s0", 1, "x", 1);
+        }
+        {
+            int fd = ::open(file.c_str(), O_RDWR);
+            auto size = fs::file_size(file);
+            for (int k = 0; k < 400; k++) {
+                off_t at = 4096 + off_t(rng() % (size - 4096));
+                unsigned char c = (unsigned char)rng();
+                ASSERT_EQ(pwrite(fd, &c, 1, at), 1);
+            }
+            ::close(fd);
+        }
+        auto r = Ring::open(file);
+        Entry e;
+        std::vector<char> b;
+        for (uint64_t s = 0; s < 12; s++) r->read(s, &e, b);
+        for (int i = 0; i < 30; i++) put(*r, "s" + std::to_string(i % 5), i, payload(0, i, 300));
+        r->after_time(5);
+        r->sources();
+        r->clients();
+        r->stash_get("s0", &e, b);
+        r->status();
+        for (uint64_t s = r->tail(); s < r->head(); s++) {
+            ASSERT_TRUE(r->read(s, &e, b));
+            uint32_t w, n;
+            EXPECT_TRUE(payload_ok(b, &w, &n));
+        }
+    }
+}
+
+TEST_F(RingTest, BadPacketBoundsInTheHeaderAreRefused) {
+    { Ring::create(file, {.data_bytes = 8192, .nslots = 16}); }
+    // head and tail follow the geometry; tail beyond head is impossible.
+    int fd = ::open(file.c_str(), O_RDWR);
+    uint64_t v[2] = {5, 9};   // head 5, tail 9
+    ASSERT_EQ(pwrite(fd, v, sizeof v, 256), ssize_t(sizeof v));
+    ::close(fd);
+    EXPECT_THROW(Ring::open(file), ring::Error);
+}
+
+// ---------------------------------------------------------------- clients
+
+TEST_F(RingTest, ClientTableTracksLiveClientsAndReclaimsDeadOnes) {
+    auto r = Ring::create(file, {.data_bytes = 8192, .maxclients = 2});
+    ring::Client c;
+    c.perm = 'r';
+    std::strcpy(c.who, "someone");
+    std::strcpy(c.what, "ferrant2 -v in out");
+    std::strcpy(c.host, "127.0.0.1");
+    int32_t mine = r->client_add(c);
+    ASSERT_GE(mine, 0);
+    r->counters(mine)->pktid.store(42);
+    r->counters(mine)->packets.fetch_add(3);
+    r->client_set_select(mine, std::string(200, 'x'));   // shown cut short
+    auto cl = r->clients();
+    ASSERT_EQ(cl.size(), 1u);
+    EXPECT_EQ(cl[0].pid, getpid());
+    EXPECT_EQ(cl[0].pktid, 42);
+    EXPECT_EQ(cl[0].packets, 3u);
+    EXPECT_STREQ(cl[0].what, "ferrant2 -v in out");
+    EXPECT_EQ(cl[0].nselect, 96);
+    EXPECT_EQ(std::strlen(cl[0].select), 95u);
+    EXPECT_GT(cl[0].started, 1e9);
+    int32_t session = cl[0].thread;
+    EXPECT_TRUE(r->session_active(session));
+    EXPECT_FALSE(r->session_active(session + 1));
+    EXPECT_EQ(r->counters(99), nullptr);
+
+    // A child takes the other entry and dies without giving it back.
+    pid_t pid = fork();
+    if (pid == 0) {
+        auto rc = Ring::open(file);
+        _exit(rc->client_add(c) >= 0 ? 0 : 1);
+    }
+    ASSERT_EQ(child_status(pid), 0);
+    EXPECT_EQ(r->status().nclients, 2u);   // not yet noticed
+    int32_t again = r->client_add(c);      // the dead one's entry is reused
+    EXPECT_GE(again, 0);
+    EXPECT_EQ(r->client_add(c), -1);       // both live: full
+    auto live = r->clients();
+    EXPECT_EQ(live.size(), 2u);
+    for (auto& x : live) EXPECT_EQ(x.pid, getpid());
+    EXPECT_NE(live[0].thread, live[1].thread);
+
+    r->client_remove(mine);
+    EXPECT_FALSE(r->session_active(session));
+    EXPECT_EQ(r->clients().size(), 1u);
+    // Sessions stay unique across reopen.
+    int32_t later = Ring::open(file)->client_add(c);
+    EXPECT_GE(later, 0);
+    for (auto& x : r->clients()) EXPECT_NE(x.thread, session);
+}
+
+TEST_F(RingTest, DeadClientsVanishFromTheList) {
+    auto r = Ring::create(file, {.data_bytes = 8192});
+    pid_t pid = fork();
+    if (pid == 0) {
+        auto rc = Ring::open(file);
+        ring::Client c;
+        _exit(rc->client_add(c) >= 0 ? 0 : 1);
+    }
+    ASSERT_EQ(child_status(pid), 0);
+    EXPECT_TRUE(r->clients().empty());
+    EXPECT_EQ(r->status().nclients, 0u);
+}
+
+// ---------------------------------------------------------------- waiting
+
+TEST_F(RingTest, WaitTimesOutWithNothingNew) {
+    auto r = Ring::create(file, {.data_bytes = 8192});
+    EXPECT_FALSE(r->wait(r->head(), 30));
+    put(*r, "s", 1, payload(0, 0, 8));
+    EXPECT_TRUE(r->wait(0, 0));   // already there
+    EXPECT_FALSE(r->wait(1, 0));
+}
+
+TEST_F(RingTest, WaitWakesOnAnotherProcessesPut) {
+    auto r = Ring::create(file, {.data_bytes = 8192});
+    for (int round = 0; round < 5; round++) {
+        uint64_t seen = r->head();
+        int go[2];
+        ASSERT_EQ(pipe(go), 0);
+        pid_t pid = fork();
+        if (pid == 0) {
+            auto rc = Ring::open(file);
+            char c;
+            if (::read(go[0], &c, 1) != 1) _exit(2);
+            _exit(rc->put("s", 1, "x", 1) >= 0 ? 0 : 1);
+        }
+        ASSERT_EQ(::write(go[1], "g", 1), 1);
+        // Long enough that only a missed wake-up could make this fail.
+        EXPECT_TRUE(r->wait(seen, 20000));
+        EXPECT_EQ(child_status(pid), 0);
+        close(go[0]);
+        close(go[1]);
+    }
+}
+
+TEST_F(RingTest, WakeAllReleasesAWaiterWithoutAPacket) {
+    auto r = Ring::create(file, {.data_bytes = 8192});
+    uint64_t seen = r->head();
+    uint32_t token = r->wake_count();
+    std::atomic<bool> done{false};
+    std::thread t([&] {
+        EXPECT_FALSE(r->wait_since(seen, token, -1));   // no time limit: only a wake ends it
+        done = true;
+    });
+    r->wake_all();
+    t.join();
+    EXPECT_TRUE(done);
+    // A wake that came before the wait is not lost either.
+    EXPECT_FALSE(r->wait_since(seen, token, -1));
+}
+
+// ---------------------------------------------------------------- several writers and readers
+
+TEST_F(RingTest, ConcurrentWritersLoseAndDuplicateNothing) {
+    const uint32_t n = 3000;
+    auto r = Ring::create(file, {.data_bytes = 8 << 20, .nslots = 4 * n});
+    std::vector<pid_t> kids;
+    for (uint32_t w = 1; w <= 2; w++) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            auto rc = Ring::open(file);
+            for (uint32_t i = 0; i < n; i++)
+                if (put(*rc, "W" + std::to_string(w), i, payload(w, i, 64 + i % 700)) < 0) _exit(1);
+            _exit(0);
+        }
+        kids.push_back(pid);
+    }
+    // Threads of this process write at the same time.
+    std::thread t3([&] {
+        for (uint32_t i = 0; i < n; i++) put(*r, "W3", i, payload(3, i, 32));
+    });
+    for (pid_t k : kids) EXPECT_EQ(child_status(k), 0);
+    t3.join();
+    ASSERT_EQ(r->head(), 3 * n);
+    ASSERT_EQ(r->tail(), 0u);
+    uint32_t next[4] = {0, 0, 0, 0};
+    Entry e;
+    std::vector<char> b;
+    for (uint64_t s = 0; s < r->head(); s++) {
+        ASSERT_TRUE(r->read(s, &e, b));
+        uint32_t w, i;
+        ASSERT_TRUE(payload_ok(b, &w, &i)) << s;
+        ASSERT_TRUE(w >= 1 && w <= 3);
+        ASSERT_EQ(i, next[w]) << "writer " << w;
+        EXPECT_EQ(std::string(e.srcname), "W" + std::to_string(w));
+        next[w]++;
+    }
+    EXPECT_EQ(next[1], n);
+    EXPECT_EQ(next[2], n);
+    EXPECT_EQ(next[3], n);
+    expect_sources_consistent(*r);
+}
+
+TEST_F(RingTest, ReaderInAnotherProcessGetsEveryPacketInOrder) {
+    const uint32_t n = 5000;
+    auto r = Ring::create(file, {.data_bytes = 8 << 20, .nslots = n});
+    pid_t reader = fork();
+    if (reader == 0) {
+        auto rc = Ring::open(file);
+        Entry e;
+        std::vector<char> b;
+        uint64_t at = 0;
+        for (uint32_t i = 0; i < n;) {
+            while (at >= rc->head())
+                if (!rc->wait(at, 20000)) _exit(3);
+            if (!rc->read(at, &e, b)) _exit(4);
+            uint32_t w, k;
+            if (!payload_ok(b, &w, &k) || k != i) _exit(5);
+            at++, i++;
+        }
+        _exit(0);
+    }
+    for (uint32_t i = 0; i < n; i++) put(*r, "s", i, payload(0, i, 16 + i % 1000));
+    EXPECT_EQ(child_status(reader), 0);
+}
+
+// ---------------------------------------------------------------- a writer dies mid-put
+
+namespace {
+void die_now() { kill(getpid(), SIGKILL); }
+std::string copy_to;
+void copy_then_die() {
+    fs::copy_file(copy_to + ".src", copy_to);
+    _exit(0);
+}
+}  // namespace
+
+TEST_F(RingTest, WriterKilledBeforePublishingDoesNotWedgeTheRing) {
+    auto r = Ring::create(file, {.data_bytes = 4096, .nslots = 8, .maxsrc = 8});
+    for (int i = 0; i < 6; i++) put(*r, "keep" + std::to_string(i % 2), i, payload(0, i, 500));
+    auto before = r->status();
+    for (int round = 0; round < 3; round++) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            auto rc = Ring::open(file);
+            Ring::test_hook_before_publish = die_now;
+            auto big = payload(9, 9, 3000);   // evicts as well
+            rc->put("half", 99, big.data(), big.size());
+            _exit(1);
+        }
+        int st = child_status(pid);
+        ASSERT_TRUE(WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL);
+    }
+    EXPECT_EQ(r->head(), before.head);   // the half packet never appeared
+    Entry e;
+    std::vector<char> b;
+    for (uint64_t s = r->tail(); s < r->head(); s++) {
+        ASSERT_TRUE(r->read(s, &e, b));
+        EXPECT_STRNE(e.srcname, "half");
+    }
+    expect_sources_consistent(*r);
+    EXPECT_EQ(put(*r, "after", 100, payload(0, 100, 200)), int64_t(before.head));
+    expect_sources_consistent(*r);
+    EXPECT_GE(r->status().recoveries, 1u);
+    for (uint64_t s = r->tail(); s < r->head(); s++) {
+        ASSERT_TRUE(r->read(s, &e, b));
+        uint32_t w, i;
+        EXPECT_TRUE(payload_ok(b, &w, &i));
+    }
+}
+
+TEST_F(RingTest, CopyOfALockedRingOpensAndRecovers) {
+    // A file whose lock word names a process that never released it (a copy
+    // taken mid-put, or a machine that went down) is usable once nobody else
+    // has it open.
+    std::string src = dir.path + "/copy.src";
+    {
+        auto r = Ring::create(src, {.data_bytes = 4096, .nslots = 8});
+        for (int i = 0; i < 6; i++) put(*r, "s" + std::to_string(i % 3), i, payload(0, i, 600));
+        copy_to = dir.path + "/copy";
+        pid_t pid = fork();
+        if (pid == 0) {
+            Ring::test_hook_before_publish = copy_then_die;
+            auto big = payload(9, 9, 2000);
+            r->put("half", 99, big.data(), big.size());
+            _exit(1);
+        }
+        ASSERT_EQ(child_status(pid), 0);
+    }
+    auto r = Ring::open(copy_to);
+    EXPECT_EQ(put(*r, "after", 1, payload(0, 6, 100)), 6);
+    expect_sources_consistent(*r);
+    for (uint64_t s = r->tail(); s < r->head(); s++) {
+        Entry e;
+        std::vector<char> b;
+        ASSERT_TRUE(r->read(s, &e, b));
+        uint32_t w, i;
+        EXPECT_TRUE(payload_ok(b, &w, &i));
+    }
+}
+
+TEST_F(RingTest, SimultaneousCreatorsShareOneRing) {
+    std::vector<pid_t> kids;
+    for (int k = 0; k < 4; k++) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            try {
+                auto r = Ring::open_or_create(file, {.data_bytes = 1 << 16});
+                for (int i = 0; i < 50; i++) put(*r, "s", i, payload(k, i, 10));
+                _exit(0);
+            } catch (const ring::Error&) {
+                _exit(1);
+            }
+        }
+        kids.push_back(pid);
+    }
+    for (pid_t k : kids) EXPECT_EQ(child_status(k), 0);
+    EXPECT_EQ(Ring::open(file)->head(), 200u);
+    for (auto& f : fs::directory_iterator(dir.path)) EXPECT_EQ(f.path().string(), file);   // no temporaries left
+}

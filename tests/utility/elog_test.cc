@@ -1,0 +1,534 @@
+// The event log, watched from outside: every case runs in a forked child
+// (the log reads its settings once per process, and dies and faults end it)
+// and checks the exact bytes written and the way the child ended.
+#include "stock/elog.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "stock/tbl.h"
+#include "support/child.h"
+
+using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+using ::testing::StartsWith;
+
+namespace {
+
+const std::string P = "elog_test";  // the tag %P gives this program
+
+// Default settings, whatever the environment running the tests says.
+child::Env env(child::Env extra = {}) {
+    child::Env e = {{"ELOG_DELIVER", std::nullopt}, {"ELOG_TAG", std::nullopt},
+                    {"ELOG_DEBUG", std::nullopt},   {"ELOG_SIGNALS", std::nullopt},
+                    {"ELOG_WAIT", std::nullopt},    {"ELOG_MAXMSG", "0"}};
+    e.insert(e.end(), extra.begin(), extra.end());
+    return e;
+}
+
+// A check inside a child: a failure ends it with status 3 and says why.
+void require(bool ok, const char* what) {
+    if (!ok) {
+        fprintf(stderr, "child check failed: %s\n", what);
+        fflush(stderr);
+        _exit(3);
+    }
+}
+
+struct TempDir {
+    std::string path;
+    TempDir() {
+        char t[] = "/tmp/elog_test.XXXXXX";
+        path = mkdtemp(t);
+    }
+    ~TempDir() { std::system(("rm -rf " + path).c_str()); }
+};
+
+std::string slurp(const std::string& path) {
+    std::ifstream f(path);
+    std::stringstream s;
+    s << f.rdbuf();
+    return s.str();
+}
+
+}  // namespace
+
+TEST(ElogOutput, NotifyWritesTagAndTextAndKeepsNothing) {
+    auto r = child::run([] {
+        elog_notify(0, "x");
+        require(elog_mark() == 0, "delivered message left in the log");
+    }, env());
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    EXPECT_EQ(r.err, P + ": x\n");
+    EXPECT_EQ(r.out, "");
+}
+
+TEST(ElogOutput, SystemErrorText) {
+    auto r = child::run([] {
+        errno = ENOENT;
+        elog_complain(1, "Can't open '%s'", "f");
+        require(errno == 0, "errno not cleared");
+        errno = ENOENT;
+        elog_complain(0, "no text wanted");
+        errno = 0;
+        elog_complain(1, "no error to tell");
+        errno = 99999;
+        elog_complain(1, "odd errno");
+    }, env());
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    EXPECT_EQ(r.err, P + ": Can't open 'f'\n\t##=> No such file or directory\n" +
+                         P + ": no text wanted\n" +
+                         P + ": no error to tell\n" +
+                         P + ": odd errno\n\t##=> Unknown error: 99999\n");
+}
+
+TEST(ElogOutput, SeverityTags) {
+    auto r = child::run([] {
+        elog_debug(0, "d");
+        elog_alert(0, "a");
+        complain(0, "c");
+    }, env());
+    EXPECT_TRUE(r.exited(0));
+    EXPECT_EQ(r.err, P + " *debug*: d\n" + P + " *alert*: a\n" + P + ": c\n");
+}
+
+TEST(ElogOutput, RepeatedMessageIsKeptOnceWithCount) {
+    auto r = child::run([] {
+        elog_log(0, "same");
+        elog_log(0, "same\n");
+        elog_log(0, "same");
+        require(elog_mark() == 1, "repeat stored twice");
+        elog_complain(0, "other");
+        // Delivered at once, so the next identical one starts afresh.
+        elog_notify(0, "again");
+        elog_notify(0, "again");
+    }, env());
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    EXPECT_EQ(r.err, P + ": same\n\t** repeated 3 times\n" + P + ": other\n" + P + ": again\n" + P +
+                         ": again\n");
+}
+
+TEST(ElogOutput, LeadingNewlineGoesBeforeTheTag) {
+    auto r = child::run([] {
+        elog_notify(0, "\nx");
+        elog_notify(0, "\n");
+        elog_notify(0, nullptr);
+        elog_notify(0, "%s", "");
+    }, env());
+    EXPECT_TRUE(r.exited(0));
+    EXPECT_EQ(r.err, "\n" + P + ": x\n" + "\n\n\n");
+}
+
+TEST(ElogOutput, TruncationAtTheLimits) {
+    const std::string marker = "\n\t...  ** truncated by elog ***\n";
+    auto r = child::run([] {
+        for (int n : {10237, 10238, 10240, 10241, 50000}) elog_notify(0, "%s", std::string(n, 'x').c_str());
+    }, env());
+    ASSERT_TRUE(r.exited(0));
+    std::string x = P + ": ";
+    std::string expect = x + std::string(10237, 'x') + "\n";      // fits
+    expect += x + std::string(10237, 'x') + "\n";                 // cut by the buffer alone
+    expect += x + std::string(10237, 'x') + "\n";
+    std::string marked = x + std::string(10239 - marker.size(), 'x') + marker;
+    expect += marked + marked;
+    EXPECT_EQ(r.err.size(), expect.size());
+    EXPECT_TRUE(r.err == expect);
+}
+
+TEST(ElogLimit, FiftiethKeptMessageQuits) {
+    auto r = child::run([] {
+        for (int i = 1; i <= 49; i++) elog_log(0, "kept %d", i);
+        printf("alive after 49\n");
+        fflush(stdout);
+        elog_log(0, "kept 50");
+        printf("alive after 50\n");
+    }, env({{"ELOG_MAXMSG", std::nullopt}}));
+    EXPECT_TRUE(r.exited(1)) << r.status;
+    EXPECT_EQ(r.out, "alive after 49\n");
+    std::string expect;
+    for (int i = 1; i <= 50; i++) expect += P + ": kept " + std::to_string(i) + "\n";
+    expect += P + " *fatal*: quitting because log has 50 messages\n"
+                  "   eliminate this limit with\n"
+                  "      setenv ELOG_MAXMSG 0\n"
+                  "   or by editing elog.pf.  See elog(3).\n";
+    EXPECT_EQ(r.err, expect);
+}
+
+TEST(ElogLimit, SetLimitAndNoLimit) {
+    auto small = child::run([] {
+        elog_log(0, "a");
+        elog_notify(0, "delivered, and takes the kept one along");
+        elog_log(0, "b");
+        elog_log(0, "b");
+        elog_log(0, "c");
+        printf("alive with 2\n");
+        fflush(stdout);
+        elog_log(0, "d");
+    }, env({{"ELOG_MAXMSG", "3"}}));
+    EXPECT_TRUE(small.exited(1));
+    EXPECT_EQ(small.out, "alive with 2\n");
+    EXPECT_THAT(small.err, StartsWith(P + ": a\n" + P + ": delivered, and takes the kept one along\n" + P +
+                                      ": b\n\t** repeated 2 times\n" + P + ": c\n" + P + ": d\n" + P +
+                                      " *fatal*: quitting because log has 3 messages\n"));
+
+    auto none = child::run([] {
+        for (int i = 0; i < 500; i++) elog_log(0, "kept %d", i);
+        require(elog_mark() == 500, "lost kept messages");
+    }, env({{"ELOG_MAXMSG", "0"}}));
+    EXPECT_TRUE(none.exited(0)) << none.err;
+    EXPECT_EQ(none.err, "");
+}
+
+TEST(ElogLimit, MaxmsgThatIsNotANumber) {
+    for (const char* bad : {"abc", "", "12x", "99999999999999999999"}) {
+        auto r = child::run([] {
+            elog_notify(0, "still logging");
+            int max = -1;
+            require(elog_query(ELOG_MAXMSG, 0, &max) == 0 && max == 50, "limit not kept at its default");
+        }, env({{"ELOG_MAXMSG", bad}}));
+        EXPECT_TRUE(r.exited(0)) << bad << ": " << r.err;
+        EXPECT_THAT(r.err, HasSubstr("ELOG_MAXMSG")) << bad;
+        EXPECT_THAT(r.err, HasSubstr(P + ": still logging\n")) << bad;
+    }
+}
+
+TEST(ElogFatal, DieExitsWithStatusOne) {
+    auto r = child::run([] { elog_die(0, "cannot go on"); }, env());
+    EXPECT_TRUE(r.exited(1));
+    EXPECT_EQ(r.err, P + " *fatal*: cannot go on\n");
+
+    auto old = child::run([] {
+        register_error(0, "first the cause");
+        die(0, "then the end");
+    }, env());
+    EXPECT_TRUE(old.exited(1));
+    EXPECT_EQ(old.err, P + ": first the cause\n" + P + " *fatal*: then the end\n");
+}
+
+TEST(ElogFatal, FaultAborts) {
+    auto r = child::run([] { elog_fault(0, "broken"); }, env());
+    EXPECT_TRUE(r.signaled(SIGABRT)) << r.status;
+    EXPECT_EQ(r.err, P + " *fault*: broken\n");
+}
+
+TEST(ElogFatal, FatalSignalIsReportedAndAborts) {
+    auto r = child::run([] {
+        elog_init(0, nullptr);
+        raise(SIGSEGV);
+    }, env());
+    EXPECT_TRUE(r.signaled(SIGABRT)) << r.status << r.err;
+    EXPECT_EQ(r.err, P + " *fault*: Signal SEGV : Segmentation fault\n");
+
+    // An interceptable signal chosen by the environment; the default set is replaced.
+    auto usr = child::run([] {
+        elog_init(0, nullptr);
+        raise(SIGUSR1);
+    }, env({{"ELOG_SIGNALS", "USR1:ABRT"}}));
+    EXPECT_TRUE(usr.signaled(SIGABRT)) << usr.status;
+    EXPECT_EQ(usr.err, P + " *fault*: Signal USR1 : User defined signal 1\n");
+}
+
+TEST(ElogFatal, SignalNamesAndBadNames) {
+    EXPECT_EQ(elog_signal_number("SEGV"), 11);
+    EXPECT_EQ(elog_signal_number("BUS"), 7);
+    EXPECT_EQ(elog_signal_number("FPE"), 8);
+    EXPECT_EQ(elog_signal_number("IOT"), 6);
+    EXPECT_EQ(elog_signal_number("SYS"), 31);
+    EXPECT_EQ(elog_signal_number("CLD"), 17);
+    EXPECT_EQ(elog_signal_number("SIGTERM"), 15);
+    EXPECT_EQ(elog_signal_number("KILLME"), -1);
+    EXPECT_EQ(elog_signal_number(""), -1);
+    EXPECT_EQ(elog_signal_number(nullptr), -1);
+
+    auto r = child::run([] {
+        require(elog_setup_fault_handler("SEGV:NOPE::") == 1, "bad name not counted");
+        require(elog_setup_fault_handler("KILL") == 1, "unknown name accepted");
+    }, env({{"ELOG_SIGNALS", "FOO"}}));
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    EXPECT_EQ(r.err, P + ": Unrecognized signal name 'FOO'\n" + P + ": Unrecognized signal name 'NOPE'\n" + P +
+                         ": Unrecognized signal name 'KILL'\n");
+}
+
+TEST(ElogSettings, DeliverNotifyToStdout) {
+    auto r = child::run([] {
+        elog_notify(0, "to out");
+        elog_complain(0, "to err");
+        elog_debug(0, "debug to err");
+    }, env({{"ELOG_DELIVER", "stdout@n"}}));
+    EXPECT_TRUE(r.exited(0));
+    EXPECT_EQ(r.out, P + ": to out\n");
+    EXPECT_EQ(r.err, P + ": to err\n" + P + " *debug*: debug to err\n");
+}
+
+TEST(ElogSettings, SeveralValuesWordsAndEscapes) {
+    auto r = child::run([] {
+        elog_notify(0, "n");
+        elog_complain(0, "c");
+        elog_alert(0, "a");
+        elog_debug(0, "d");
+    }, env({{"ELOG_DELIVER", "stdout@na stdout stderr@complain"}, {"ELOG_TAG", "x\\@y@n [%P]@D"}}));
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    EXPECT_EQ(r.out, "x@y: n\n" + P + ": c\n" + P + " *alert*: a\n");
+    EXPECT_EQ(r.err, P + ": c\n[" + P + "]: d\n");
+}
+
+TEST(ElogSettings, EmptyValueRestoresDefault) {
+    auto r = child::run([] {
+        elog_notify(0, "n");
+        elog_complain(0, "c");
+    }, env({{"ELOG_DELIVER", "stdout@nc @c"}}));
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    EXPECT_EQ(r.out, P + ": n\n");
+    EXPECT_EQ(r.err, P + ": c\n");
+}
+
+TEST(ElogSettings, UnknownSeverityLetterIsReported) {
+    auto r = child::run([] {
+        elog_notify(0, "n");
+        elog_complain(0, "c");
+    }, env({{"ELOG_DELIVER", "stdout@qc"}}));
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    EXPECT_EQ(r.err, P + ": Unrecognized severity 'q'\n" + P + ": n\n");
+    EXPECT_EQ(r.out, P + ": c\n");
+}
+
+TEST(ElogSettings, UnknownDestinationLosesNothing) {
+    auto r = child::run([] {
+        elog_notify(0, "first");
+        require(elog_mark() == 1, "undeliverable message dropped");
+        elog_complain(0, "second");
+        require(elog_mark() == 0, "not delivered");
+    }, env({{"ELOG_DELIVER", "nowhere@n"}}));
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    EXPECT_EQ(r.err, "unrecognized delivery 'nowhere'\n" + P + ": first\n" + P + ": second\n");
+}
+
+TEST(ElogSettings, WordsBeginningWithOAreIgnored) {
+    auto r = child::run([] {
+        elog_notify(0, "kept");
+        require(elog_mark() == 1, "ignored destination dropped the message");
+    }, env({{"ELOG_DELIVER", "other log@n"}}));
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    EXPECT_EQ(r.err, "");
+}
+
+TEST(ElogDelivery, FilesAppendAndAreCreatedWithMode0664) {
+    TempDir d;
+    std::string file = d.path + "/errors";
+    auto r = child::run([] {
+        umask(0);
+        elog_complain(0, "one");
+        errno = EACCES;
+        elog_complain(1, "two");
+        elog_notify(0, "elsewhere");
+    }, env({{"ELOG_DELIVER", file + " stderr@c"}}));
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    EXPECT_EQ(slurp(file), P + ": one\n" + P + ": two\n\t##=> Permission denied\n");
+    EXPECT_EQ(r.err, P + ": one\n" + P + ": two\n\t##=> Permission denied\n" + P + ": elsewhere\n");
+    struct stat st;
+    ASSERT_EQ(stat(file.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0664u);
+}
+
+TEST(ElogDelivery, UnopenableFileIsReportedAndKeepsTheMessage) {
+    TempDir d;
+    std::string file = d.path + "/no/such/dir/log";
+    auto r = child::run([] {
+        elog_complain(0, "kept");
+        require(elog_mark() == 1, "message lost");
+    }, env({{"ELOG_DELIVER", file + "@c"}}));
+    EXPECT_TRUE(r.exited(0));
+    EXPECT_EQ(r.err, "Can't open error file '" + file + "'\n");
+}
+
+TEST(ElogDelivery, OrbFallbackWhenTheRoutineIsMissing) {
+    if (dlsym(RTLD_DEFAULT, "orbelog")) GTEST_SKIP() << "orbelog is present; its delivery is tested with the client library";
+    auto r = child::run([] {
+        elog_notify(0, "first");
+        elog_notify(0, "second");
+    }, env({{"ELOG_DELIVER", "orb:somewhere@n"}}));
+    EXPECT_TRUE(r.exited(0));
+    EXPECT_EQ(r.err, "Can't find orbelog in library liborb.so, error messages will be written to stderr.\n" + P +
+                         ": " + P + ": first\n" + P + ": " + P + ": second\n");
+}
+
+TEST(ElogList, MarkFlushStringTruncate) {
+    auto r = child::run([] {
+        elog_log(0, "a");
+        int mark = elog_mark();
+        elog_log(0, "b");
+        errno = EPERM;
+        elog_log(1, "c");
+        char* s = elog_string(mark);
+        require(std::string(s) == P + ": b\n" + P + ": c\n\t##=> Operation not permitted\n", "elog_string");
+        free(s);
+        s = elog_string(99);
+        require(std::string(s).empty(), "elog_string past the end");
+        free(s);
+        elog_flush(1, mark);  // b and c go out as complaints
+        require(elog_mark() == 1, "flush");
+        elog_log(0, "d");
+        elog_truncate(1);
+        require(elog_mark() == 1, "truncate");
+        elog_truncate(-5);
+        require(elog_mark() == 0, "truncate below 0");
+        elog_log(0, "e");
+        elog_clear_register(0);
+        require(elog_mark() == 0, "clear_register without delivery");
+        elog_log(0, "f");
+        elog_clear_register(1);
+        elog_log(0, "g");
+        elog_clear();
+        require(elog_mark() == 0, "clear");
+    }, env());
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    EXPECT_EQ(r.err, P + ": b\n" + P + ": c\n\t##=> Operation not permitted\n" + P + ": f\n");
+}
+
+namespace {
+int Seen[ELOG_MAXSEVERITY];
+int clear_on_alert(int severity, const char* log, Tbl* msgs) {
+    Seen[severity]++;
+    require(log && maxtbl(msgs) >= 1, "callback without the log");
+    return severity == ELOG_ALERT;
+}
+}  // namespace
+
+TEST(ElogList, CallbackSeesEachMessageAndMayClear) {
+    auto r = child::run([] {
+        elog_callback(clear_on_alert);
+        elog_log(0, "kept");
+        elog_alert(0, "cleared before delivery");
+        require(elog_mark() == 0, "callback result ignored");
+        elog_notify(0, "n");
+        require(Seen[ELOG_LOG] == 1 && Seen[ELOG_ALERT] == 1 && Seen[ELOG_NOTIFY] == 1, "callback calls");
+        Elog_callback cb = nullptr;
+        require(elog_query(ELOG_CALLBACK, 0, &cb) == 0 && cb == clear_on_alert, "query callback");
+        elog_callback(nullptr);
+    }, env());
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    EXPECT_EQ(r.err, P + ": n\n");
+}
+
+TEST(ElogList, QueryAndSet) {
+    auto r = child::run([] {
+        char* s = nullptr;
+        require(elog_query(ELOG_DELIVER, ELOG_NOTIFY, &s) == 0 && std::string(s) == "stderr", "default delivery");
+        free(s);
+        require(elog_query(ELOG_DEBUG, ELOG_DIE, &s) == 0 && std::string(s) == "ups %r %p &", "default debug");
+        free(s);
+        require(elog_query(ELOG_TAG, 7, &s) == -1, "severity out of range");
+        require(elog_query(9999, 0, &s) == -1, "unknown code");
+        require(elog_set(ELOG_TAG, ELOG_NOTIFY, "[%P]") == 0, "set tag");
+        elog_notify(0, "tagged");
+        require(elog_set(ELOG_TAG, ELOG_NOTIFY, nullptr) == 0, "reset tag");
+        elog_notify(0, "plain");
+        elog_log(0, "one");
+        elog_log(0, "two");
+        Tbl* t = nullptr;
+        require(elog_query(ELOG_TBL, 0, &t) == 0 && maxtbl(t) == 2, "message list copy");
+        Elog_msg* m = static_cast<Elog_msg*>(gettbl(t, 1));
+        require(std::string(m->msg) == "two\n" && m->n == 1 && m->severity == ELOG_LOG && !m->sys, "copied message");
+        elog_free_msgs(t);
+        int count = 0;
+        require(elog_query(ELOG_COUNT, 0, &count) == 0 && count == 2, "count");
+        require(elog_set(ELOG_MAXMSG, 3, nullptr) == 0, "set limit");
+        elog_log(0, "three");
+    }, env());
+    EXPECT_TRUE(r.exited(1)) << r.err;
+    EXPECT_THAT(r.err, StartsWith("[" + P + "]: tagged\n" + P + ": plain\n"));
+    EXPECT_THAT(r.err, HasSubstr("quitting because log has 3 messages"));
+}
+
+TEST(ElogTags, Expansion) {
+    auto r = child::run([] {
+        char* argv[] = {const_cast<char*>("/some/where/prog"), const_cast<char*>("-v"),
+                        const_cast<char*>("file"), nullptr};
+        elog_init(3, argv);
+        char buf[1024];
+        printf("[%s]\n", elog_expand("%P|%a|%p|%q|%%|%", buf, sizeof buf));
+        printf("[%s]\n", elog_expand("%u", buf, sizeof buf));
+        printf("[%s]\n", elog_expand("%t", buf, sizeof buf));
+        printf("[%s]\n", elog_expand("%r", buf, sizeof buf));
+        printf("[%s]\n", elog_expand("%T", buf, sizeof buf));
+        printf("[%s]\n", elog_expand("%h", buf, sizeof buf));
+    }, env());
+    ASSERT_TRUE(r.exited(0)) << r.err;
+    std::vector<std::string> lines;
+    std::stringstream s(r.out);
+    for (std::string l; std::getline(s, l);) lines.push_back(l);
+    ASSERT_EQ(lines.size(), 6u) << r.out;
+    EXPECT_THAT(lines[0], MatchesRegex("\\[" + P + "\\|-v file \\|[0-9]+\\|q\\|%\\|\\]"));
+    EXPECT_THAT(lines[1], MatchesRegex("\\[20[0-9][0-9]-[0-3][0-9][0-9] [ 12][0-9]:[0-5][0-9]:[0-6][0-9]\\]"));
+    EXPECT_THAT(lines[2], MatchesRegex("\\[(Sun|Mon|Tue|Wed|Thu|Fri|Sat) "
+                                       "(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
+                                       "[ 1-3][0-9] [ 12][0-9]:[0-5][0-9]:[0-6][0-9] 20[0-9][0-9]\\]"));
+    EXPECT_EQ(lines[3], "[" FERRANT_BUILD_DIR "/tests/elog_test]");
+    EXPECT_THAT(lines[4], MatchesRegex("\\[[0-9]+\\]"));
+    char host[256] = "";
+    gethostname(host, sizeof host - 1);
+    EXPECT_EQ(lines[5], std::string("[") + host + "]");
+}
+
+TEST(ElogTags, LongExpansionStopsWithMark) {
+    std::string tag(3000, 'a');
+    char buf[1024];
+    std::string out = elog_expand(tag.c_str(), buf, sizeof buf);
+    EXPECT_LE(out.size(), 1023u);
+    EXPECT_GE(out.size(), 1023u - 100);
+    EXPECT_THAT(out, ::testing::EndsWith(" *..."));
+
+    char small[8];
+    out = elog_expand("%%%%", small, sizeof small);
+    EXPECT_LE(out.size(), 7u);
+
+    EXPECT_STREQ(elog_expand("plain", buf, sizeof buf), "plain");
+    EXPECT_STREQ(elog_expand("", buf, sizeof buf), "");
+    EXPECT_STREQ(elog_expand(nullptr, buf, sizeof buf), "");
+}
+
+TEST(ElogDebugger, RunsOncePerProcessAndOnlyWhenItExists) {
+    TempDir d;
+    std::string ran = d.path + "/ran";
+    auto r = child::run([] {
+        elog_complain(0, "one");
+        elog_complain(0, "two");
+    }, env({{"ELOG_DEBUG", "echo %p >>" + ran + "@c"}}));
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    EXPECT_THAT(slurp(ran), MatchesRegex("[0-9]+\n"));
+    EXPECT_THAT(r.err, HasSubstr("Running debugger: 'echo "));
+    EXPECT_EQ(r.err.find("Running debugger"), r.err.rfind("Running debugger"));
+
+    // The default for die names a debugger that is not installed: nothing is tried.
+    auto quiet = child::run([] { elog_die(0, "end"); }, env({{"ELOG_DEBUG", "no-such-debugger-here %r %p &@d"}}));
+    EXPECT_TRUE(quiet.exited(1));
+    EXPECT_EQ(quiet.err, P + " *fatal*: end\n");
+}
+
+TEST(ElogThreads, ConcurrentLoggingKeepsEveryMessage) {
+    auto r = child::run([] {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; t++)
+            threads.emplace_back([t] {
+                for (int i = 0; i < 300; i++) elog_log(0, "thread %d message %d", t, i);
+            });
+        for (auto& th : threads) th.join();
+        require(elog_mark() == 1200, "messages lost or merged");
+        elog_flush(1, 600);
+        require(elog_mark() == 600, "flush under threads");
+    }, env());
+    EXPECT_TRUE(r.exited(0)) << r.err.substr(0, 200);
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 600);
+}

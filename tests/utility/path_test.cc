@@ -1,0 +1,273 @@
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "stock/mapfile.h"
+#include "stock/path.h"
+#include "stock/quorvane.h"
+#include "stock/tbl.h"
+
+namespace {
+
+struct TempDir {
+    std::string path;
+    TempDir() {
+        char t[] = "/tmp/pathtestXXXXXX";
+        path = mkdtemp(t);
+    }
+    ~TempDir() { system(("rm -rf '" + path + "'").c_str()); }
+    std::string operator/(const std::string& n) const { return path + "/" + n; }
+};
+
+void write_file(const std::string& p, const std::string& text) {
+    FILE* f = fopen(p.c_str(), "w");
+    ASSERT_NE(f, nullptr) << p;
+    fwrite(text.data(), 1, text.size(), f);
+    fclose(f);
+}
+
+std::vector<std::string> strings(Tbl* t) {
+    std::vector<std::string> v;
+    for (long i = 0; i < maxtbl(t); i++) v.emplace_back((char*)gettbl(t, i));
+    return v;
+}
+
+}  // namespace
+
+TEST(Abspath, ResolvesDotsAgainstTheCurrentDirectory) {
+    char abs[PATH_MAX], cwd[PATH_MAX];
+    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+    EXPECT_STREQ(abspath("a/./b//c/../d", abs), (std::string(cwd) + "/a/b/d").c_str());
+    EXPECT_STREQ(abspath("/x/../../y/", abs), "/y");
+    EXPECT_STREQ(abspath("/", abs), "/");
+    EXPECT_STREQ(abspath(".", abs), cwd);
+    std::string huge(PATH_MAX + 10, 'x');
+    EXPECT_EQ(abspath(("/" + huge).c_str(), abs), nullptr);
+    EXPECT_EQ(abspath(nullptr, abs), nullptr);
+}
+
+TEST(Dirbase, SplitsAtTheLastSlash) {
+    char dir[PATH_MAX], base[PATH_MAX], suffix[PATH_MAX];
+    dirbase("a/b/c.txt", dir, base);
+    EXPECT_STREQ(dir, "a/b");
+    EXPECT_STREQ(base, "c.txt");
+    dirbase("plain", dir, base);
+    EXPECT_STREQ(dir, ".");
+    EXPECT_STREQ(base, "plain");
+    dirbase("/top", dir, base);
+    EXPECT_STREQ(dir, "/");
+    EXPECT_STREQ(base, "top");
+    dirbase("a//b", dir, base);
+    EXPECT_STREQ(dir, "a");
+    EXPECT_STREQ(base, "b");
+    dirbase("", dir, base);
+    EXPECT_STREQ(dir, ".");
+    EXPECT_STREQ(base, "");
+
+    parsepath("/d/e/name.tar.gz", dir, base, suffix);
+    EXPECT_STREQ(dir, "/d/e");
+    EXPECT_STREQ(base, "name.tar");
+    EXPECT_STREQ(suffix, "gz");
+    parsepath(".hidden", dir, base, suffix);
+    EXPECT_STREQ(base, ".hidden");
+    EXPECT_STREQ(suffix, "");
+    parsepath("x/noext", nullptr, base, nullptr);
+    EXPECT_STREQ(base, "noext");
+}
+
+TEST(Concatpaths, JoinsWithOneSlash) {
+    auto join = [](const char* d, const char* n) {
+        char* s = concatpaths(d, n);
+        std::string r = s;
+        free(s);
+        return r;
+    };
+    EXPECT_EQ(join("a", "b"), "a/b");
+    EXPECT_EQ(join("a/", "b"), "a/b");
+    EXPECT_EQ(join(".", "b"), "./b");
+    EXPECT_EQ(join("", "b"), "b");
+    EXPECT_EQ(join(nullptr, "b"), "b");
+    EXPECT_EQ(join("a", "/abs"), "/abs");
+}
+
+TEST(Makedir, CreatesParentsAndRefusesFiles) {
+    TempDir t;
+    std::string deep = t / "x/y/z";
+    EXPECT_EQ(makedir(deep.c_str()), 0);
+    EXPECT_TRUE(is_dir(deep.c_str()));
+    EXPECT_EQ(makedir(deep.c_str()), 0);            // already there
+    EXPECT_EQ(makedir((deep + "/").c_str()), 0);    // trailing slash
+    write_file(t / "f", "x");
+    EXPECT_EQ(makedir((t / "f").c_str()), -1);
+    EXPECT_EQ(makedir((t / "f/sub").c_str()), -1);
+    EXPECT_EQ(makedir(""), -1);
+}
+
+TEST(FileTests, TellKindsApart) {
+    TempDir t;
+    write_file(t / "f", "x");
+    ASSERT_EQ(symlink("nowhere", (t / "dangling").c_str()), 0);
+    EXPECT_TRUE(is_file((t / "f").c_str()));
+    EXPECT_FALSE(is_dir((t / "f").c_str()));
+    EXPECT_TRUE(is_dir(t.path.c_str()));
+    EXPECT_FALSE(is_file(t.path.c_str()));
+    EXPECT_FALSE(is_file((t / "dangling").c_str()));
+    EXPECT_TRUE(is_present((t / "dangling").c_str()));
+    EXPECT_FALSE(is_present((t / "missing").c_str()));
+    EXPECT_FALSE(is_file(nullptr));
+}
+
+TEST(Dirfiles, ListsNamesSortedByteWise) {
+    TempDir t;
+    for (const char* n : {"b", "a", "B", ".dot", "a10", "a2"}) write_file(t / n, "");
+    mkdir((t / "sub").c_str(), 0755);
+    Tbl* all = dirfiles(t.path.c_str(), 0);
+    ASSERT_NE(all, nullptr);
+    EXPECT_EQ(strings(all), (std::vector<std::string>{".dot", "B", "a", "a10", "a2", "b", "sub"}));
+    freetbl(all, free);
+    Tbl* nodot = dirfiles(t.path.c_str(), DIRFILES_NODOT);
+    EXPECT_EQ(maxtbl(nodot), 6);
+    freetbl(nodot, free);
+    EXPECT_EQ(dirfiles((t / "missing").c_str(), 0), nullptr);
+    EXPECT_EQ(dirfiles((t / "b").c_str(), 0), nullptr);
+}
+
+namespace {
+std::vector<std::string> Seen;
+int record(const char* path, struct stat* st, void* arg) {
+    EXPECT_TRUE(S_ISREG(st->st_mode));
+    Seen.push_back(std::string((const char*)arg) + path);
+    return -1;  // a failing callback must not stop the walk
+}
+int record_int(const char* path, struct stat*, int arg) {
+    Seen.push_back(std::to_string(arg) + path);
+    return 0;
+}
+}  // namespace
+
+TEST(Fstraverse, FilesFirstThenSubdirectoriesInNameOrder) {
+    TempDir t;
+    mkdir((t / "d2").c_str(), 0755);
+    mkdir((t / "d1").c_str(), 0755);
+    mkdir((t / "d1/inner").c_str(), 0755);
+    write_file(t / "z", "");
+    write_file(t / "a", "");
+    write_file(t / "d1/f", "");
+    write_file(t / "d1/inner/g", "");
+    write_file(t / "d2/h", "");
+    mkfifo((t / "fifo").c_str(), 0600);
+    ASSERT_EQ(symlink(t.path.c_str(), (t / "d1/loop").c_str()), 0);  // must not be entered
+    ASSERT_EQ(symlink("a", (t / "link").c_str()), 0);               // a link to a file is a file
+
+    Seen.clear();
+    EXPECT_EQ(fstraverse(t.path.c_str(), FSTRAVERSE_RECURSE, record, (void*)">"), 0);
+    std::string p = t.path;
+    EXPECT_EQ(Seen, (std::vector<std::string>{">" + p + "/a", ">" + p + "/link", ">" + p + "/z",
+                                              ">" + p + "/d1/f", ">" + p + "/d1/inner/g", ">" + p + "/d2/h"}));
+
+    Seen.clear();
+    EXPECT_EQ(fstraverse(t.path.c_str(), 0, record_int, 7), 0);
+    EXPECT_EQ(Seen, (std::vector<std::string>{"7" + p + "/a", "7" + p + "/link", "7" + p + "/z"}));
+
+    EXPECT_EQ(fstraverse((t / "missing").c_str(), 1, record_int, 0), -1);
+}
+
+TEST(Getaline, ReadsLinesOfAnyLength) {
+    TempDir t;
+    std::string longline(100000, 'q');
+    write_file(t / "in", "first\n\n" + longline + "\nlast-no-newline");
+    FILE* f = fopen((t / "in").c_str(), "r");
+    char* buf = nullptr;
+    size_t size = 0;
+    EXPECT_EQ(getaline(f, &buf, &size), 5);
+    EXPECT_STREQ(buf, "first");
+    EXPECT_EQ(getaline(f, &buf, &size), 0);
+    EXPECT_STREQ(buf, "");
+    EXPECT_EQ(getaline(f, &buf, &size), (long)longline.size());
+    EXPECT_EQ(std::string(buf), longline);
+    EXPECT_EQ(getaline(f, &buf, &size), 15);
+    EXPECT_STREQ(buf, "last-no-newline");
+    EXPECT_EQ(getaline(f, &buf, &size), -1);
+    fclose(f);
+    free(buf);
+}
+
+TEST(Mapfile, MapsWholeFilesAndReleasesByName) {
+    TempDir t;
+    std::string big(3 * 1024 * 1024 + 7, '\0');
+    for (size_t i = 0; i < big.size(); i++) big[i] = (char)(i * 131 + 7);
+    write_file(t / "big", big);
+    write_file(t / "empty", "");
+
+    void* data = nullptr;
+    std::string b = t / "big";
+    ASSERT_EQ(mapfile(b.c_str(), 0, &data), (long)big.size());
+    EXPECT_EQ(memcmp(data, big.data(), big.size()), 0);
+    void* again = nullptr;
+    ASSERT_EQ(mapfile(b.c_str(), 0, &again), (long)big.size());  // twice at once
+    EXPECT_EQ(unmapfile(b.c_str(), data), 0);
+    EXPECT_EQ(((char*)again)[big.size() - 1], big.back());       // the other one still readable
+    EXPECT_EQ(unmapfile(b.c_str(), nullptr), 0);
+    EXPECT_EQ(unmapfile(b.c_str(), nullptr), -1);
+
+    std::string e = t / "empty";
+    EXPECT_EQ(mapfile(e.c_str(), 0, &data), 0);
+    EXPECT_NE(data, nullptr);
+    EXPECT_NE(data, (void*)-1);
+    EXPECT_EQ(unmapfile(e.c_str(), nullptr), 0);
+
+    EXPECT_EQ(mapfile((t / "missing").c_str(), 0, &data), -1);
+    EXPECT_EQ(data, (void*)-1);
+    EXPECT_EQ(mapfile(t.path.c_str(), 0, &data), -1);  // a directory
+    EXPECT_EQ(unmapfile((t / "never").c_str(), nullptr), -1);
+}
+
+TEST(InstallationRoot, FindsDataFilesUnderTheRoot) {
+    TempDir t;
+    makedir((t / "data/pf").c_str());
+    write_file(t / "data/pf/x.pf", "a 1\n");
+    const char* saved = getenv("QUORVANE");
+    std::string keep = saved ? saved : "";
+    setenv("QUORVANE", t.path.c_str(), 1);
+    EXPECT_EQ(std::string(installation_root()), t.path);
+
+    char* p = datapath(nullptr, "pf", "x", "pf");
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(std::string(p), t / "data/pf/x.pf");
+    free(p);
+    p = datapath(nullptr, "pf", "x.pf", "pf");  // suffix not doubled
+    ASSERT_NE(p, nullptr);
+    free(p);
+    EXPECT_EQ(datapath(nullptr, "pf", "y", "pf"), nullptr);
+    p = datapath(t.path.c_str(), "data/pf", "x", "pf");
+    ASSERT_NE(p, nullptr);
+    free(p);
+
+    unsetenv("SEARCHTEST");
+    Tbl* found = datasearch("SEARCHTEST", "pf", "x.pf", 0);
+    EXPECT_EQ(strings(found), (std::vector<std::string>{t / "data/pf/x.pf"}));
+    freetbl(found, free);
+    Tbl* every = datasearch("SEARCHTEST", "pf", "x.pf", 1);
+    EXPECT_EQ(strings(every), (std::vector<std::string>{t / "data/pf/x.pf", "./x.pf"}));
+    freetbl(every, free);
+    setenv("SEARCHTEST", ("/nonexistent::" + t.path + "/data/pf/").c_str(), 1);
+    every = datasearch("SEARCHTEST", "pf", "x.pf", 1);
+    EXPECT_EQ(strings(every), (std::vector<std::string>{"/nonexistent/x.pf", "./x.pf", t / "data/pf/x.pf"}));
+    freetbl(every, free);
+    unsetenv("SEARCHTEST");
+
+    setenv("QUORVANE", "", 1);
+    EXPECT_STREQ(installation_root(), FERRANT_PREFIX);
+    if (saved)
+        setenv("QUORVANE", keep.c_str(), 1);
+    else
+        unsetenv("QUORVANE");
+}

@@ -1,0 +1,510 @@
+// Parameter-file text: scanning, writing, reading back what was written, bad
+// input, and the deferred &-forms.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+
+#include "stock/pf.h"
+
+namespace {
+
+struct TempDir {
+    std::string path;
+    TempDir() {
+        char tmpl[] = "/tmp/pfparse_test.XXXXXX";
+        path = mkdtemp(tmpl);
+    }
+    ~TempDir() { std::filesystem::remove_all(path); }
+    std::string file(const std::string& name, const std::string& text) const {
+        std::string p = path + "/" + name;
+        std::ofstream(p) << text;
+        return p;
+    }
+};
+
+// Parses text, returning the result code; stderr goes to *err when given.
+int parse(const std::string& text, Pf** pf, std::string* err = nullptr) {
+    testing::internal::CaptureStderr();
+    int rc = pfcompile(text.c_str(), pf);
+    std::string e = testing::internal::GetCapturedStderr();
+    if (err) *err = e;
+    return rc;
+}
+
+std::string text_of(Pf* pf) {
+    char* s = pf2string(pf);
+    std::string out = s;
+    free(s);
+    return out;
+}
+
+// Equal trees: same types, keys, order of list entries and bytes of strings.
+::testing::AssertionResult same_tree(Pf* a, Pf* b, const std::string& where = "") {
+    if (!a || !b) {
+        if (a == b) return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure() << where << ": one side missing";
+    }
+    bool a_named = a->type == PF_FILE || a->type == PF_ARR, b_named = b->type == PF_FILE || b->type == PF_ARR;
+    if (a->type != b->type && !(a_named && b_named))
+        return ::testing::AssertionFailure() << where << ": type " << a->type << " vs " << b->type;
+    if (a_named) {
+        Tbl* ka = pfkeys(a);
+        Tbl* kb = pfkeys(b);
+        auto r = ::testing::AssertionSuccess();
+        if (maxtbl(ka) != maxtbl(kb)) r = ::testing::AssertionFailure() << where << ": key count";
+        for (long i = 0; r && i < maxtbl(ka); i++) {
+            const char* k = static_cast<const char*>(gettbl(ka, i));
+            if (strcmp(k, static_cast<const char*>(gettbl(kb, i))) != 0) {
+                r = ::testing::AssertionFailure() << where << ": key '" << k << "'";
+                break;
+            }
+            r = same_tree(static_cast<Pf*>(getarr(a->value.arr, k)), static_cast<Pf*>(getarr(b->value.arr, k)),
+                          where + "{" + k + "}");
+        }
+        freetbl(ka, nullptr);
+        freetbl(kb, nullptr);
+        return r;
+    }
+    if (a->type == PF_TBL) {
+        if (pfmaxtbl(a) != pfmaxtbl(b)) return ::testing::AssertionFailure() << where << ": list length";
+        for (long i = 0; i < pfmaxtbl(a); i++) {
+            auto r = same_tree(static_cast<Pf*>(gettbl(a->value.tbl, i)), static_cast<Pf*>(gettbl(b->value.tbl, i)),
+                               where + "[" + std::to_string(i) + "]");
+            if (!r) return r;
+        }
+        return ::testing::AssertionSuccess();
+    }
+    const char* sa = a->type == PF_FUNCTION ? a->value.pffunct->s : a->value.s;
+    const char* sb = b->type == PF_FUNCTION ? b->value.pffunct->s : b->value.s;
+    if (strcmp(sa ? sa : "", sb ? sb : "") != 0)
+        return ::testing::AssertionFailure() << where << ": '" << (sa ? sa : "") << "' vs '" << (sb ? sb : "") << "'";
+    return ::testing::AssertionSuccess();
+}
+
+// ---- scanning -----------------------------------------------------------------
+
+TEST(PfScan, ValuesKeysAndComments) {
+    Pf* pf = nullptr;
+    ASSERT_EQ(parse("# a comment\n"
+                    "a 1\n"
+                    "a 2\n"
+                    "spaced   two  inner  blanks   \t\n"
+                    "pct 50\\% \\#1\n"
+                    "trail value # and a comment\n"
+                    "esc \\t\\n\\101\\\\\\}x\n"
+                    "cont first\\\nsecond\n"
+                    "empty\n"
+                    "\"quoted key\" q\n"
+                    "'single \" key' s\n"
+                    "crlf v\r\n"
+                    "keep \\ \n",
+                    &pf),
+              0);
+    EXPECT_STREQ(pfget_string(pf, "a"), "2");
+    EXPECT_STREQ(pfget_string(pf, "spaced"), "two  inner  blanks");
+    EXPECT_STREQ(pfget_string(pf, "pct"), "50% #1");
+    EXPECT_STREQ(pfget_string(pf, "trail"), "value");
+    EXPECT_STREQ(pfget_string(pf, "esc"), "\t\nA\\}x");
+    EXPECT_STREQ(pfget_string(pf, "cont"), "first\nsecond");
+    EXPECT_STREQ(pfget_string(pf, "empty"), "");
+    EXPECT_STREQ(pfget_string(pf, "{quoted key}"), "q");
+    EXPECT_STREQ(pfget_string(pf, "{single \" key}"), "s");
+    EXPECT_STREQ(pfget_string(pf, "crlf"), "v");
+    EXPECT_STREQ(pfget_string(pf, "keep"), " ");  // an escaped blank is not trimmed
+    EXPECT_EQ(pf->type, PF_FILE);
+    EXPECT_STREQ(pf->filename, "*internal buffer*");
+    pffree(pf);
+}
+
+TEST(PfScan, BlocksAndLiterals) {
+    Pf* pf = nullptr;
+    ASSERT_EQ(parse("arr &Arr{ the rest of this line is skipped\n"
+                    "    k v\n"
+                    "    inner &Tbl{\n"
+                    "        one\n"
+                    "        # not an entry\n"
+                    "\n"
+                    "        two words\n"
+                    "        &Arr{\n"
+                    "            x y\n"
+                    "        }\n"
+                    "    }\n"
+                    "}\n"
+                    "lit &Literal{\n"
+                    "  kept {as} it is # too\n"
+                    "}\n"
+                    "paren &Literal(\n"
+                    "a { b\n"
+                    ")\n"
+                    "word &Literal END\n"
+                    "any } ) thing\n"
+                    "END\n"
+                    "after yes\n",
+                    &pf),
+              0);
+    EXPECT_STREQ(pfget_string(pf, "arr{k}"), "v");
+    EXPECT_EQ(pfmaxtbl([&] {
+                  Pf* n = nullptr;
+                  pfresolve(pf, "arr{inner}", 0, &n);
+                  return n;
+              }()),
+              3);
+    EXPECT_STREQ(pfget_string(pf, "arr{inner}[1]"), "two words");
+    EXPECT_STREQ(pfget_string(pf, "arr{inner}[2]{x}"), "y");
+    EXPECT_STREQ(pfget_string(pf, "lit"), "  kept {as} it is # too\n");
+    EXPECT_STREQ(pfget_string(pf, "paren"), "a { b\n");
+    EXPECT_STREQ(pfget_string(pf, "word"), "any } ) thing\n");
+    EXPECT_STREQ(pfget_string(pf, "after"), "yes");
+    pffree(pf);
+}
+
+TEST(PfScan, StructuralErrorsReportLinesAndKeepWhatWasRead) {
+    Pf* pf = nullptr;
+    std::string err;
+    EXPECT_EQ(parse("a 1\nb &Arr{\n  c 2\n", &pf, &err), -2);
+    EXPECT_NE(err.find("Unterminated arrays or tables in parameter file: depth = 1"), std::string::npos) << err;
+    EXPECT_STREQ(pfget_string(pf, "b{c}"), "2");
+    pffree(pf);
+
+    pf = nullptr;
+    EXPECT_EQ(parse("a 1\n\n}\nb 2\n", &pf, &err), -2);
+    EXPECT_NE(err.find("invalid right brace at line#3"), std::string::npos) << err;
+    EXPECT_STREQ(pfget_string(pf, "a"), "1");
+    pffree(pf);
+
+    // Eleven open blocks are fine, a twelfth is not.
+    auto nested = [](int n) {
+        std::string s;
+        for (int i = 0; i < n; i++) s += "k &Arr{\n";
+        s += "leaf x\n";
+        for (int i = 0; i < n; i++) s += "}\n";
+        return s;
+    };
+    pf = nullptr;
+    EXPECT_EQ(parse(nested(11), &pf, &err), 0) << err;
+    EXPECT_STREQ(pfget_string(pf, "k{k}{k}{k}{k}{k}{k}{k}{k}{k}{k}{leaf}"), "x");
+    pffree(pf);
+    pf = nullptr;
+    EXPECT_EQ(parse(nested(12), &pf, &err), -2);
+    EXPECT_NE(err.find("too many Lex_levels of nesting at line #12"), std::string::npos) << err;
+    pffree(pf);
+
+    pf = nullptr;
+    EXPECT_EQ(parse("t &Literal{\nnever closed {\n", &pf, &err), -2);
+    EXPECT_NE(err.find("unterminated &Literal"), std::string::npos) << err;
+    pffree(pf);
+
+    pf = nullptr;
+    EXPECT_EQ(parse("v has &Tbl{ inside\n", &pf, &err), 0);
+    EXPECT_NE(err.find("value contains '&Tbl{'\n\t'has &Tbl{ inside'"), std::string::npos) << err;
+    EXPECT_STREQ(pfget_string(pf, "v"), "has &Tbl{ inside");
+    pffree(pf);
+}
+
+TEST(PfScan, BinaryJunkNeverCrashes) {
+    std::mt19937 rng(7);
+    for (int round = 0; round < 300; round++) {
+        std::string junk;
+        size_t n = rng() % 400;
+        for (size_t i = 0; i < n; i++) {
+            unsigned r = rng() % 10;
+            static const char* const pieces[] = {"{", "}", "&Arr{", "&Tbl{", "&Literal", "\n", "\\", "#", " "};
+            if (r < 9 && rng() % 2)
+                junk += pieces[r];
+            else
+                junk += static_cast<char>(rng() % 256);
+        }
+        Pf* pf = nullptr;
+        int rc = parse(junk, &pf);
+        EXPECT_TRUE(rc == 0 || rc == -2);
+        ASSERT_NE(pf, nullptr);
+        // Whatever was read writes out and reads back the same.
+        std::string text = text_of(pf);
+        Pf* again = nullptr;
+        EXPECT_EQ(parse(text, &again), 0) << text;
+        EXPECT_TRUE(same_tree(pf, again));
+        pffree(pf);
+        pffree(again);
+    }
+}
+
+TEST(PfScan, ParsesIntoAGivenTreeAndRejectsOtherNodes) {
+    Pf* pf = nullptr;
+    ASSERT_EQ(parse("a 1\nb 1\n", &pf), 0);
+    ASSERT_EQ(parse("b 2\n", &pf), 0);
+    EXPECT_STREQ(pfget_string(pf, "a"), "1");
+    EXPECT_STREQ(pfget_string(pf, "b"), "2");
+    pffree(pf);
+    Pf* s = pfnew(PF_STRING);
+    Pf* given = s;
+    std::string err;
+    EXPECT_EQ(parse("a 1\n", &given, &err), -1);
+    EXPECT_EQ(given, s);
+    pffree(s);
+}
+
+// ---- writing ------------------------------------------------------------------
+
+TEST(PfWrite, ChoosesTheFormEachValueNeeds) {
+    Pf* pf = pfnew(PF_FILE);
+    pfput_string(pf, "plain", "just text");
+    pfput_string(pf, "lead", " starts with a blank");
+    pfput_string(pf, "brace", "a } b");
+    pfput_string(pf, "newline", "x {\ny");
+    pfput_string(pf, "key with blank", "v");
+    pfput_string(pf, "key \"quoted\"", "v");
+    pfput_string(pf, "hash", "#1");
+    std::string text = text_of(pf);
+    EXPECT_NE(text.find("plain\tjust text\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("lead\t&Literal{\n starts with a blank}\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("brace\ta \\} b\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("newline\t&Literal(\nx {\ny)\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\"key with blank\"\tv\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("'key \"quoted\"'\tv\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("hash\t\\#1\n"), std::string::npos) << text;
+    pffree(pf);
+
+    pf = nullptr;
+    ASSERT_EQ(parse("a &Arr{\n b &Tbl{\n  x\n }\n}\n", &pf), 0);
+    EXPECT_EQ(text_of(pf), "a\t&Arr{\n    b\t&Tbl{\n        x\n    }\n}\n");
+    pffree(pf);
+}
+
+TEST(PfWrite, TerminatorWordWhenNoBracketBalances) {
+    Pf* pf = pfnew(PF_FILE);
+    const char* nasty = "{ ( [ < ` \"EndOfLiteral \"EndOfLiteral0\n";
+    pfput_string(pf, "v", nasty);
+    std::string text = text_of(pf);
+    EXPECT_NE(text.find("&Literal\"EndOfLiteral1\n"), std::string::npos) << text;
+    Pf* back = nullptr;
+    ASSERT_EQ(parse(text, &back), 0);
+    EXPECT_STREQ(pfget_string(back, "v"), nasty);
+    pffree(pf);
+    pffree(back);
+}
+
+TEST(PfWrite, FilesAndStreams) {
+    TempDir dir;
+    Pf* pf = nullptr;
+    ASSERT_EQ(parse("a 1\nl &Tbl{\n  x\n}\n", &pf), 0);
+    std::string path = dir.path + "/out.pf";
+    ASSERT_EQ(pfwrite(path.c_str(), pf), 0);
+    FILE* fp = fopen(path.c_str(), "r");
+    ASSERT_NE(fp, nullptr);
+    Pf* back = nullptr;
+    EXPECT_EQ(pfin(fp, &back), 0);
+    fclose(fp);
+    EXPECT_TRUE(same_tree(pf, back));
+    pffree(back);
+
+    int fd = open(path.c_str(), O_RDONLY);
+    back = nullptr;
+    EXPECT_EQ(pfinfd(fd, &back), 0);
+    close(fd);
+    EXPECT_TRUE(same_tree(pf, back));
+    pffree(back);
+
+    testing::internal::CaptureStderr();
+    std::string bad = dir.path + "/no/such/dir/x.pf";
+    EXPECT_NE(pfwrite(bad.c_str(), pf), 0);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("Can't open " + bad + " for writing."), std::string::npos) << err;
+    pffree(pf);
+}
+
+// Strings built from pieces that each trip some rule of the writer.
+std::string hostile(std::mt19937& rng, size_t max_pieces) {
+    static const char* const pieces[] = {
+        " ", "\t", "#", "}", "{", "\\", "\n", "(", ")", "[", "]", "<", ">", "`", "'", "\"",
+        "EndOfLiteral", "\"EndOfLiteral", "\"EndOfLiteral0", "&Arr{", "&Tbl{", "&Literal", "&ref(a,b)", "&ask",
+        "&x(", "\r", "abc", "\\n", "\\012", "&HOME", "&{a b}", "  ", "\r\n", "%s", "\xc3\xa9"};
+    std::string s;
+    size_t n = rng() % (max_pieces + 1);
+    for (size_t i = 0; i < n; i++) {
+        if (rng() % 8 == 0)
+            s += static_cast<char>(1 + rng() % 255);
+        else
+            s += pieces[rng() % (sizeof pieces / sizeof pieces[0])];
+    }
+    return s;
+}
+
+Pf* random_tree(std::mt19937& rng, int type, int depth);
+
+void fill(std::mt19937& rng, Pf* node, int depth) {
+    int n = static_cast<int>(rng() % 6);
+    for (int i = 0; i < n; i++) {
+        int r = static_cast<int>(rng() % 10);
+        int type = r < 6 || depth >= 11 ? PF_STRING : r < 8 ? PF_ARR : r < 9 ? PF_TBL : PF_FUNCTION;
+        Pf* child = random_tree(rng, type, depth + 1);
+        if (node->type == PF_TBL)
+            pfput(node, pfindex(pfmaxtbl(node)), child, PF_PF);
+        else
+            pfput(node, hostile(rng, 4).c_str(), child, PF_PF);
+    }
+}
+
+Pf* random_tree(std::mt19937& rng, int type, int depth) {
+    Pf* node = pfnew(type);
+    if (type == PF_STRING) {
+        node->value.s = strdup(hostile(rng, 8).c_str());
+    } else if (type == PF_FUNCTION) {
+        static const char* const forms[] = {"&env(HOME)", "&exec(echo a b)", "&ref(x, y{z})", "&undef()",
+                                            "&glob(/tmp/*.pf)", "&ask"};
+        node->value.pffunct->s = strdup(forms[rng() % 6]);
+    } else {
+        fill(rng, node, depth);
+    }
+    return node;
+}
+
+TEST(PfWrite, AnyTreeReadsBackEqual) {
+    std::mt19937 rng(20240601);
+    for (int round = 0; round < 400; round++) {
+        Pf* pf = random_tree(rng, PF_FILE, 0);
+        std::string text = text_of(pf);
+        Pf* back = nullptr;
+        std::string err;
+        ASSERT_EQ(parse(text, &back, &err), 0) << "round " << round << "\n" << text << err;
+        ASSERT_TRUE(same_tree(pf, back)) << "round " << round << "\n" << text;
+        // Writing is deterministic, so a second pass gives the same text.
+        ASSERT_EQ(text_of(back), text);
+        pffree(pf);
+        pffree(back);
+    }
+}
+
+TEST(PfWrite, EscapeRules) {
+    EXPECT_EQ(escape('n', 0, 0), '\n');
+    EXPECT_EQ(escape('r', 0, 0), '\r');
+    EXPECT_EQ(escape('b', 0, 0), '\b');
+    EXPECT_EQ(escape('t', 0, 0), '\t');
+    EXPECT_EQ(escape('#', 0, 0), '#');
+    EXPECT_EQ(escape('\n', 0, 0), '\n');
+    EXPECT_EQ(escape('1', '0', '1'), 'A');
+    EXPECT_EQ(escape('3', '7', '7'), 0377);
+    EXPECT_EQ(escape('1', '8', '1'), '1');  // not octal: the character itself
+    EXPECT_EQ(escape('q', 0, 0), 'q');
+}
+
+// ---- deferred forms -------------------------------------------------------------
+
+TEST(PfDeferred, EnvExecGlobFile) {
+    TempDir dir;
+    dir.file("one.txt", "contents\nof one\n");
+    dir.file("two.txt", "2");
+    setenv("PFPARSE_TEST_VAR", "from env", 1);
+    std::string count = dir.path + "/count";
+    std::string text = "env &env(PFPARSE_TEST_VAR)\n"
+                       "unset &env(PFPARSE_TEST_NEVER_SET)\n"
+                       "exec &exec(printf 'a b\\\\n\\\\n'; echo x >> " + count + ")\n"
+                       "stdin &exec(cat)\n"
+                       "glob &glob(" + dir.path + "/*.txt)\n"
+                       "none &glob(" + dir.path + "/*.none)\n"
+                       "file &file(" + dir.path + "/one.txt)\n"
+                       "nofile &file(" + dir.path + "/missing)\n"
+                       "name &filename(one.txt)\n"
+                       "undef &undef(anything)\n"
+                       "dir " + dir.path + "\n"
+                       "viaref &file(&dir/two.txt)\n";
+    Pf* pf = nullptr;
+    ASSERT_EQ(parse(text, &pf), 0);
+    Pf* node = nullptr;
+    ASSERT_EQ(pfresolve(pf, "env", 0, &node), PF_STRING);
+    EXPECT_STREQ(pfget_string(pf, "env"), "from env");
+    EXPECT_EQ(pfget_string(pf, "unset"), nullptr);
+    EXPECT_STREQ(pfget_string(pf, "exec"), "a b\n");  // only the final newline goes
+    EXPECT_STREQ(pfget_string(pf, "exec"), "a b\n");
+    std::ifstream in(count);
+    std::string lines((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(lines, "x\n");  // evaluated once, on first access
+    EXPECT_STREQ(pfget_string(pf, "stdin"), "");  // a command reading input gets none
+    Tbl* g = pfget_tbl(pf, "glob");
+    ASSERT_EQ(maxtbl(g), 2);
+    EXPECT_EQ(std::string(static_cast<char*>(gettbl(g, 0))), dir.path + "/one.txt");
+    freetbl(g, nullptr);
+    EXPECT_EQ(pfmaxtbl([&] {
+                  Pf* n = nullptr;
+                  pfresolve(pf, "none", 0, &n);
+                  return n;
+              }()),
+              0);
+    EXPECT_STREQ(pfget_string(pf, "file"), "contents\nof one\n");
+    EXPECT_EQ(std::string(pfget_string(pf, "nofile")).rfind("** ", 0), 0u);
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+    EXPECT_EQ(std::string(pfget_string(pf, "name")), std::string(cwd) + "/one.txt");
+    EXPECT_EQ(pfget_string(pf, "undef"), nullptr);
+    EXPECT_STREQ(pfget_string(pf, "viaref"), "2");
+    // The text of a deferred form is what is written back.
+    EXPECT_NE(text_of(pf).find("env\t&env(PFPARSE_TEST_VAR)\n"), std::string::npos);
+    pffree(pf);
+}
+
+TEST(PfDeferred, ReferencesToOtherFiles) {
+    TempDir dir;
+    dir.file("other.pf", "k other value\narr &Arr{\n  x 1\n}\nloop &ref(other, loop)\n");
+    setenv("PFPATH", dir.path.c_str(), 1);
+    Pf* pf = nullptr;
+    ASSERT_EQ(parse("s &ref(other, k)\n"
+                    "a &ref( other , arr )\n"
+                    "nocomma &ref(other)\n"
+                    "bad &ref(other, nothing{here})\n"
+                    "nofile &ref(pfparse-no-such-file, k)\n"
+                    "loop &ref(other, loop)\n",
+                    &pf),
+              0);
+    EXPECT_STREQ(pfget_string(pf, "s"), "other value");
+    EXPECT_STREQ(pfget_string(pf, "a{x}"), "1");
+    EXPECT_STREQ(pfget_string(pf, "nocomma"), "** missing pf name in reference: 'other' **");
+    EXPECT_STREQ(pfget_string(pf, "bad"), "** reference not resolved: 'other, nothing{here}' **");
+    EXPECT_STREQ(pfget_string(pf, "nofile"), "** reference not resolved: 'pfparse-no-such-file, k' **");
+    EXPECT_STREQ(pfget_string(pf, "loop"), "pf recursion too deep");
+    pffree(pf);
+    unsetenv("PFPATH");
+}
+
+TEST(PfDeferred, DataFiles) {
+    TempDir dir;
+    std::filesystem::create_directories(dir.path + "/data/sub");
+    dir.file("data/sub/thing", "data!");
+    setenv("QUORVANE", dir.path.c_str(), 1);
+    Pf* pf = nullptr;
+    ASSERT_EQ(parse("d &datafile(sub/thing)\nn &datafilename(sub/thing)\nm &datafile(nope)\n", &pf), 0);
+    EXPECT_STREQ(pfget_string(pf, "d"), "data!");
+    EXPECT_EQ(std::string(pfget_string(pf, "n")), dir.path + "/data/sub/thing");
+    EXPECT_STREQ(pfget_string(pf, "m"), "** no datafile 'nope' found");
+    pffree(pf);
+    setenv("QUORVANE", FERRANT_BUILD_DIR, 1);
+}
+
+TEST(PfDeferred, AskNeverWaitsOnATerminal) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    Pf* pf = nullptr;
+    ASSERT_EQ(parse("q &ask(Your name)\nr &ask\n", &pf), 0);
+    // Prompting is off by default: the value is simply missing.
+    EXPECT_EQ(pfget_string(pf, "q"), nullptr);
+    pffree(pf);
+    pf = nullptr;
+    ASSERT_EQ(parse("q &ask(Your name)\n", &pf), 0);
+    // With prompting on and no terminal, the process stops instead of hanging.
+    EXPECT_EXIT(
+        {
+            setsid();
+            pfconfig("ask", reinterpret_cast<void*>(1));
+            pfget_string(pf, "q");
+        },
+        testing::ExitedWithCode(1), "Can't open /dev/tty for prompt.");
+    pffree(pf);
+}
+
+}  // namespace

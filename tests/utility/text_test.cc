@@ -1,0 +1,127 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "deviants/my.h"
+#include "stock/allot.h"
+#include "stock/hook.h"
+#include "stock/printable.h"
+#include "stock/strmatches.h"
+
+TEST(Strmatches, MatchesTheWholeString) {
+    Hook* h = nullptr;
+    EXPECT_EQ(strmatches("abc", "a.c", &h), 1);
+    EXPECT_EQ(strmatches("xabcx", "a.c", &h), 0);
+    EXPECT_EQ(strmatches("abcx", "a.c", &h), 0);
+    EXPECT_EQ(strmatches("dir/file.dat", ".*\\.dat", &h), 1);
+    EXPECT_EQ(strmatches("dir/file.dat.txt", ".*\\.dat", &h), 0);
+    // Alternation: the longer branch must be found even if a shorter one matches first.
+    EXPECT_EQ(strmatches("ab", "a|ab", &h), 1);
+    EXPECT_EQ(strmatches("", "x*", &h), 1);
+    EXPECT_EQ(strmatches("AN_STA/xfer", "AN_.*/xfer|other", &h), 1);
+    free_hook(&h);
+    EXPECT_EQ(h, nullptr);
+}
+
+TEST(Strmatches, RecompilesWhenThePatternChanges) {
+    Hook* h = nullptr;
+    EXPECT_EQ(strmatches("abc", "abc", &h), 1);
+    Hook* first = h;
+    EXPECT_EQ(strmatches("abc", "abd", &h), 0);  // same hook, new text
+    EXPECT_EQ(h, first);
+    EXPECT_EQ(strmatches("abd", "abd", &h), 1);
+    // A pattern in a buffer that changes in place is seen as changed.
+    char buf[8];
+    strcpy(buf, "a+");
+    EXPECT_EQ(strmatches("aaa", buf, &h), 1);
+    strcpy(buf, "b+");
+    EXPECT_EQ(strmatches("aaa", buf, &h), 0);
+    free_hook(&h);
+}
+
+TEST(Strmatches, BadPatternsAndArguments) {
+    Hook* h = nullptr;
+    EXPECT_EQ(strmatches("abc", "a(b", &h), -1);
+    EXPECT_EQ(strmatches("abc", "a(b", &h), -1);  // cached failure
+    EXPECT_EQ(strmatches("abc", "[", &h), -1);
+    EXPECT_EQ(strmatches("abc", "abc", &h), 1);   // recovers with a good one
+    EXPECT_EQ(strmatches(nullptr, "abc", &h), -1);
+    EXPECT_EQ(strmatches("abc", nullptr, &h), -1);
+    EXPECT_EQ(strmatches("abc", "abc", nullptr), -1);
+    free_hook(&h);
+}
+
+TEST(Printable, RefusesControlDeleteAndHighBytes) {
+    EXPECT_TRUE(printable(' '));
+    EXPECT_TRUE(printable('~'));
+    EXPECT_TRUE(printable('a'));
+    EXPECT_FALSE(printable(31));
+    EXPECT_FALSE(printable(127));
+    EXPECT_FALSE(printable(128));
+    EXPECT_FALSE(printable(255));
+    EXPECT_FALSE(printable((char)0xe9));  // a signed char below zero
+    EXPECT_FALSE(printable(0));
+}
+
+TEST(Printable, EscapesAndCuts) {
+    const char data[] = "ab\n\t\\\x01\xff";
+    char* s = strprintable(data, sizeof data - 1, -1);
+    EXPECT_STREQ(s, "ab\\n\\t\\\\\\x01\\xff");
+    free(s);
+    s = strprintable(data, sizeof data - 1, 5);  // no escape is cut in half
+    EXPECT_STREQ(s, "ab\\n");
+    free(s);
+    s = strprintable(nullptr, 10, 10);
+    EXPECT_STREQ(s, "");
+    free(s);
+}
+
+TEST(Hexdump, SixteenBytesALine) {
+    unsigned char data[20];
+    for (int i = 0; i < 20; i++) data[i] = (unsigned char)(i == 1 ? 'A' : i);
+    char* text = nullptr;
+    size_t size = 0;
+    FILE* f = open_memstream(&text, &size);
+    hexdump(f, data, 20);
+    fclose(f);
+    std::string out(text, size);
+    free(text);
+    EXPECT_EQ(out,
+              "00000000  00 41 02 03 04 05 06 07  08 09 0a 0b 0c 0d 0e 0f  .A..............\n"
+              "00000010  10 11 12 13                                       ....\n");
+}
+
+TEST(OutOfMemory, DiesWithTheStandardMessage) {
+    EXPECT_EXIT(die_nomem(42, "bns", 1024, "bns->data"), testing::ExitedWithCode(1),
+                testing::HasSubstr("Out of memory at line 42 in 'bns'\n\tCan't malloc 1024 bytes for bns->data\n"));
+    EXPECT_STREQ(nomem_source("lib/utility/stock/bury.cc"), "bury");
+    EXPECT_STREQ(nomem_source("grave"), "grave");
+    int* p = nullptr;
+    allot(int*, p, 10);
+    p[9] = 1;
+    reallot(int*, p, 1000);
+    EXPECT_EQ(p[9], 1);
+    free(p);
+}
+
+TEST(My, ProcessFacts) {
+    EXPECT_GT(strlen(my_hostname()), 0u);
+    EXPECT_GT(strlen(my_username()), 0u);
+    std::string exe = myexecname();
+    EXPECT_EQ(exe.substr(exe.rfind('/') + 1), "text_test");
+    ASSERT_EQ(ignoreSIGPIPE(), 0);
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    close(fds[0]);
+    EXPECT_EQ(write(fds[1], "x", 1), -1);  // still alive, told by EPIPE
+    EXPECT_EQ(errno, EPIPE);
+    close(fds[1]);
+    signal(SIGPIPE, SIG_DFL);
+}
