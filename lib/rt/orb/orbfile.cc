@@ -73,17 +73,6 @@ int get_text(Bns* b, char (&field)[N], int n) {
     return r;
 }
 
-// Writes n bytes of a field that holds `have`, padding with NULs so that the
-// field never reads outside its array.
-int put_padded(Bns* b, const char* p, int have, int n) {
-    if (n <= 0) return 0;
-    int r = put_b(b, p, std::min(have, n));
-    static const char zeros[256] = {};
-    for (int left = n - std::min(have, n); left > 0; left -= (int)sizeof zeros)
-        r |= put_b(b, zeros, std::min(left, (int)sizeof zeros));
-    return r;
-}
-
 bool short_form(int code) { return code == ORBPUT || code == ORBGET || code == ORBREAP || code == ORBPUTX; }
 bool long_form(int code) {
     return code == ORBPUTL || code == ORBGETL || code == ORBREAPL || code == ORBGETSTASH || code == ORBPUTXL;
@@ -570,8 +559,9 @@ int pbnsOrbresponse(Bns* b, Orbresponse* s) {
     r |= put_i(b, s->result);
     if (s->result != 0) {
         r |= put_i(b, s->nerr);
-        r |= put_padded(b, s->errmsg, ORB_ERRMSG_SIZE, s->nerr);
-        return r;
+        // errmsg cannot hold more; a longer length would send what is not there.
+        if (s->nerr < 0 || s->nerr > ORB_ERRMSG_SIZE) return r | -1;
+        return r | put_b(b, s->errmsg, s->nerr);
     }
     switch (s->what) {
         case ORBGET: case ORBREAP: case ORBGETL: case ORBREAPL: case ORBGETSTASH:
