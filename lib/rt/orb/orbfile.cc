@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "stock/allot.h"
 #include "stock/bns.h"
 #include "stock/elog.h"
 
@@ -33,10 +34,7 @@ const Name Names[] = {
     {ORB_MAX_DATA_BYTES, "ORB_MAX_DATA_BYTES"},
 };
 
-[[noreturn]] void nomem(int line, size_t n, const char* what) {
-    elog_die(1, "Out of memory at line %d in '%s'\n\tCan't malloc %zu bytes for %s\n", line, "orbprot", n,
-             what);
-}
+[[noreturn]] void nomem(int line, size_t n, const char* what) { die_nomem(line, "orbprot", n, what); }
 
 template <typename T>
 T* make(const char* what) {
