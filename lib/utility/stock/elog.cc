@@ -21,6 +21,7 @@
 #include <ctime>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "stock/arr.h"
@@ -147,18 +148,18 @@ std::string base_name(const std::string& path) {
 std::string along_path(const std::string& name) {
     const char* path = getenv("PATH");
     if (!path || name.empty()) return "";
-    std::string p = path;
-    size_t start = 0;
+    std::string_view rest = path;
     for (;;) {
-        size_t colon = p.find(':', start);
-        std::string dir = p.substr(start, colon == std::string::npos ? std::string::npos : colon - start);
-        if (dir.empty()) dir = ".";
-        std::string candidate = dir + "/" + name;
+        size_t colon = rest.find(':');
+        std::string_view dir = rest.substr(0, colon);
+        std::string candidate;
+        candidate.reserve(dir.size() + name.size() + 2);
+        candidate.append(dir.empty() ? std::string_view(".") : dir).append(1, '/').append(name);
         struct stat st;
         if (stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(candidate.c_str(), X_OK) == 0)
             return candidate;
-        if (colon == std::string::npos) return "";
-        start = colon + 1;
+        if (colon == std::string_view::npos) return "";
+        rest.remove_prefix(colon + 1);
     }
 }
 
@@ -566,7 +567,11 @@ void elog(int severity, int flag, const char* format, va_list args) {
     if (!repeat) {
         Elog_msg* m = static_cast<Elog_msg*>(calloc(1, sizeof(Elog_msg)));
         if (!m) abort_now();
-        if (!bare) m->tag = dupstr((leading_newline ? "\n" : "") + expand(setting(st.tag, severity)));
+        if (!bare) {
+            std::string tag = leading_newline ? "\n" : "";
+            tag += expand(setting(st.tag, severity));
+            m->tag = dupstr(tag);
+        }
         m->msg = dupstr(text);
         if (flag && err) {
             const char* d = strerrordesc_np(err);
