@@ -1,8 +1,5 @@
 #include "stock/elog.h"
 
-// Until the parameter-file reader is in the library.
-#define ELOG_WITHOUT_PF
-
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -22,6 +19,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "stock/arr.h"
@@ -81,7 +79,12 @@ State& S() {
     return *s;
 }
 
+// Settings are read once. Other threads wait until they are in place; the
+// reading thread itself may log meanwhile (a bad parameter file), with the
+// settings read so far.
 std::atomic<bool> Initialized{false};
+std::mutex Init_mutex;
+std::atomic<std::thread::id> Configuring{};
 std::atomic<bool> Debugger_ran{false};
 
 // ---- small helpers --------------------------------------------------------
@@ -340,7 +343,6 @@ struct Settings {
     int max_msg, wait;
 };
 
-#ifndef ELOG_WITHOUT_PF
 // Per-severity table from the parameter file: either a text in the
 // environment's form, or an array keyed by severity letter or word.
 void pf_table(Pf* pf, const char* key, std::string* table, const char* const* defaults) {
@@ -368,7 +370,8 @@ void pf_table(Pf* pf, const char* key, std::string* table, const char* const* de
 bool read_parameter_file(Settings& set) {
     if (pf_reading()) return false;
     Pf* pf = nullptr;
-    if (pfread("elog", &pf) != 0 || !pf) {
+    // A file with errors still gives what could be read of it.
+    if (pfread("elog", &pf) == -1 || !pf) {
         pffree(pf);
         return false;
     }
@@ -381,7 +384,6 @@ bool read_parameter_file(Settings& set) {
     pffree(pf);
     return true;
 }
-#endif
 
 void configure() {
     State& st = S();
@@ -396,9 +398,7 @@ void configure() {
         set.max_msg = st.max_msg;
         set.wait = st.wait;
     }
-#ifndef ELOG_WITHOUT_PF
     read_parameter_file(set);
-#endif
     if (const char* s = getenv("ELOG_MAXMSG")) set_int_setting("ELOG_MAXMSG", s, &set.max_msg);
     {
         std::lock_guard<std::mutex> g(st.settings);
@@ -429,7 +429,7 @@ void configure() {
 }
 
 void ensure_init() {
-    if (!Initialized.load()) elog_init(0, nullptr);
+    if (!Initialized.load() && Configuring.load() != std::this_thread::get_id()) elog_init(0, nullptr);
 }
 
 std::string setting(std::string (&table)[Nsev], int severity) {
@@ -526,7 +526,15 @@ void elog_init(int argc, char** argv) {
         if (name.empty() && !st.argv.empty()) name = base_name(st.argv[0]);
         if (!name.empty() || st.program.empty()) st.program = name;
     }
-    if (!Initialized.exchange(true)) configure();
+    if (!Initialized.load() && Configuring.load() != std::this_thread::get_id()) {
+        std::lock_guard<std::mutex> g(Init_mutex);
+        if (!Initialized.load()) {
+            Configuring = std::this_thread::get_id();
+            configure();
+            Configuring = std::thread::id();
+            Initialized = true;
+        }
+    }
     errno = saved;
 }
 

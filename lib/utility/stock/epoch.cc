@@ -136,19 +136,14 @@ char* strdbl(double value, const char* format) {
         }
         return copy(buf);
     }
-    std::string s(buf, 0);
     int n = snprintf(buf, sizeof buf, format, value);
     if (n < 0) return copy("");
-    if ((size_t)n < sizeof buf) {
-        s = buf;
-    } else {
-        s.assign(n + 1, '\0');
-        snprintf(s.data(), s.size(), format, value);
-        s.resize(n);
-    }
+    std::string s(n + 1, '\0');
+    snprintf(s.data(), s.size(), format, value);
+    s.resize(n);
+    // Trailing zeros only go when the text ends in the number's fraction.
     size_t dot = s.rfind('.');
-    if (dot != std::string::npos && dot + 1 < s.size() + 1 &&
-        s.find_first_not_of("0123456789", dot + 1) == std::string::npos) {
+    if (dot != std::string::npos && s.find_first_not_of("0123456789", dot + 1) == std::string::npos) {
         size_t end = s.size();
         while (end > dot + 1 && s[end - 1] == '0') end--;
         if (end == dot + 1) end = dot;
