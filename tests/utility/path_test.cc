@@ -14,18 +14,9 @@
 #include "stock/path.h"
 #include "stock/quorvane.h"
 #include "stock/tbl.h"
+#include "support/tempdir.h"
 
 namespace {
-
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char t[] = "/tmp/pathtestXXXXXX";
-        path = mkdtemp(t);
-    }
-    ~TempDir() { system(("rm -rf '" + path + "'").c_str()); }
-    std::string operator/(const std::string& n) const { return path + "/" + n; }
-};
 
 void write_file(const std::string& p, const std::string& text) {
     FILE* f = fopen(p.c_str(), "w");
