@@ -1,6 +1,7 @@
 #include <time.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -85,7 +86,9 @@ char* strtdelta(double seconds) {
 
 int wait_for_time(double epoch, double delay) {
     double target = epoch + delay;
-    if (!std::isfinite(target)) return -1;
+    // Past the clock's range there is nothing to wait for (and the seconds
+    // would not fit the sleep's time_t).
+    if (!std::isfinite(target) || target > 1e15) return -1;
     for (;;) {
         double now = std_now();
         if (now >= target) return 0;
@@ -93,6 +96,7 @@ int wait_for_time(double epoch, double delay) {
         ts.tv_sec = (time_t)std::floor(target);
         ts.tv_nsec = (long)((target - std::floor(target)) * 1e9);
         if (ts.tv_nsec > 999999999) ts.tv_nsec = 999999999;
-        clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &ts, nullptr);
+        int rc = clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &ts, nullptr);
+        if (rc != 0 && rc != EINTR) return -1;  // never spin on a sleep that fails at once
     }
 }
