@@ -156,7 +156,6 @@ std::string fmt(const char* f, double v) {
 
 // One writer and `readers` readers at once; returns each reader's packets/s.
 std::vector<double> stream(const std::string& name, int n, int size, int readers) {
-    std::vector<int> ready(size_t(readers));
     std::vector<Child> kids;
     for (int r = 0; r < readers; r++) {
         int p[2];
@@ -186,13 +185,20 @@ std::vector<double> stream(const std::string& name, int n, int size, int readers
 
 }  // namespace
 
-int main() {
+// Arguments name the figures to run (512, 64k, alone, fanout, latency); none: all.
+int main(int argc, char** argv) {
+    auto want = [&](const char* k) {
+        if (argc < 2) return true;
+        for (int i = 1; i < argc; i++)
+            if (std::strcmp(argv[i], k) == 0) return true;
+        return false;
+    };
     char tmpl[] = "/tmp/serverbench.XXXXXX";
     std::string dir = mkdtemp(tmpl);
     setenv("ELOG_MAXMSG", "0", 0);
 
     // 512-byte packets, one writer and one reader.
-    {
+    if (want("512")) {
         Server s = start_server(dir, "256M");
         std::vector<double> r = stream(s.name, 400000, 512, 1);
         row("orbserver 512-byte packets, 1 writer + 1 reader, put → reaped (client library)",
@@ -201,7 +207,7 @@ int main() {
         stop_server(s);
     }
     // 64 KiB packets.
-    {
+    if (want("64k")) {
         Server s = start_server(dir, "256M");
         std::vector<double> r = stream(s.name, 20000, 65536, 1);
         double gbs = r[0] * 65536 / 1e9;
@@ -210,7 +216,7 @@ int main() {
         stop_server(s);
     }
     // Puts alone, then reads of the full ring alone.
-    {
+    if (want("alone")) {
         Server s = start_server(dir, "256M");
         const int n = 400000;
         Child w = spawn([&] { return writer(s.name, n, 512); });
@@ -230,7 +236,7 @@ int main() {
         stop_server(s);
     }
     // One writer, four readers.
-    {
+    if (want("fanout")) {
         Server s = start_server(dir, "256M");
         std::vector<double> r = stream(s.name, 200000, 512, 4);
         std::string each;
@@ -241,7 +247,7 @@ int main() {
         stop_server(s);
     }
     // Latency: paced puts, each stamped with its send time.
-    {
+    if (want("latency")) {
         Server s = start_server(dir, "64M");
         int p[2];
         if (pipe(p) != 0) return 1;
