@@ -617,3 +617,20 @@ TEST(ElogSettings, ShippedParameterFileHoldsTheDefaults) {
               "6|%P *alert*|stderr|\n"
               "50|10|ILL:TRAP:FPE:BUS:SEGV:SYS\n");
 }
+
+TEST(ElogThreads, ConcurrentDeliveriesDoNotInterleave) {
+    auto r = child::run([] {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; t++)
+            threads.emplace_back([t] {
+                for (int i = 0; i < 200; i++) elog_notify(0, "thread %d message %d %s", t, i, std::string(300, 'z').c_str());
+            });
+        for (auto& th : threads) th.join();
+    }, env());
+    ASSERT_TRUE(r.exited(0));
+    std::stringstream s(r.err);
+    int lines = 0;
+    for (std::string l; std::getline(s, l); lines++)
+        ASSERT_THAT(l, MatchesRegex(P + ": thread [0-3] message [0-9]+ z{300}")) << "line " << lines;
+    EXPECT_EQ(lines, 800);
+}
