@@ -66,8 +66,7 @@ int main(int argc, char** argv) {
         case 'N': Net_sta = optarg; break;
         case 'p': pfname = optarg; break;
         case 'S':
-            abspath(optarg, statefile);
-            Params.statefile = statefile;
+            Params.statefile = abspath(optarg, statefile) ? statefile : optarg;
             break;
         case 'v': Verbose++; break;
         case 'V': usage();
