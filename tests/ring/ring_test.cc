@@ -641,6 +641,26 @@ TEST_F(RingTest, WriterKilledBeforePublishingDoesNotWedgeTheRing) {
     }
 }
 
+TEST_F(RingTest, TimeOrderSurvivesAWriterKilledMidPut) {
+    auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 64});
+    for (int i = 1; i <= 10; i++) put(*r, "s", 10.0 * i, payload(0, i, 8));
+    pid_t pid = fork();
+    if (pid == 0) {
+        Ring::test_hook_before_publish = die_now;
+        put(*r, "s", 0, payload(0, 99, 8));   // never published: its time must not count
+        _exit(1);
+    }
+    child_status(pid);
+    put(*r, "s", 50, payload(0, 11, 8));     // out of order after 100
+    for (double t : {5.0, 45.0, 55.0, 60.0, 95.0, 100.0}) {
+        std::optional<uint64_t> want;
+        Entry e;
+        for (uint64_t s = r->tail(); s < r->head() && !want; s++)
+            if (r->entry(s, &e) && e.time > t) want = s;
+        EXPECT_EQ(r->after_time(t), want) << t;
+    }
+}
+
 TEST_F(RingTest, CopyOfALockedRingOpensAndRecovers) {
     // A file whose lock word names a process that never released it (a copy
     // taken mid-put, or a machine that went down) is usable once nobody else
@@ -669,6 +689,45 @@ TEST_F(RingTest, CopyOfALockedRingOpensAndRecovers) {
         uint32_t w, i;
         EXPECT_TRUE(payload_ok(b, &w, &i));
     }
+}
+
+namespace {
+int hold_out = -1, hold_in = -1;
+void hold_the_lock() {   // tells the parent, then waits for its go
+    char c = 'x';
+    if (::write(hold_out, &c, 1) != 1 || ::read(hold_in, &c, 1) != 1) _exit(2);
+}
+}  // namespace
+
+TEST_F(RingTest, OpeningWhileAnotherProcessHoldsTheLockLeavesItAlone) {
+    auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 64});
+    put(*r, "first", 1, payload(0, 0, 8));
+    int up[2], down[2];
+    ASSERT_EQ(pipe(up), 0);
+    ASSERT_EQ(pipe(down), 0);
+    pid_t pid = fork();
+    if (pid == 0) {
+        hold_out = up[1];
+        hold_in = down[0];
+        Ring::test_hook_before_publish = hold_the_lock;
+        _exit(put(*r, "child", 2, payload(0, 1, 8)) == 1 ? 0 : 1);
+    }
+    char c;
+    ASSERT_EQ(::read(up[0], &c, 1), 1);   // the child is inside its put now
+    auto again = Ring::open(file);         // must not take the lock over
+    int64_t got = -2;
+    std::thread t([&] { got = put(*again, "thread", 3, payload(0, 2, 8)); });
+    usleep(100000);                        // room for a broken lock to let the thread through
+    ASSERT_EQ(::write(down[1], "g", 1), 1);
+    EXPECT_EQ(child_status(pid), 0);
+    t.join();
+    EXPECT_EQ(got, 2);
+    Entry e;
+    ASSERT_TRUE(r->entry(1, &e));
+    EXPECT_STREQ(e.srcname, "child");
+    ASSERT_TRUE(r->entry(2, &e));
+    EXPECT_STREQ(e.srcname, "thread");
+    for (int fd : {up[0], up[1], down[0], down[1]}) ::close(fd);
 }
 
 TEST_F(RingTest, SimultaneousCreatorsShareOneRing) {
