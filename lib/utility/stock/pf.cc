@@ -215,13 +215,7 @@ PfReadingScope::~PfReadingScope() { Reading--; }
 
 int pf_reading(void) { return Reading.load(); }
 
-char* pf_strdup(const char* s) {
-    size_t n = strlen(s) + 1;
-    char* d = static_cast<char*>(malloc(n));
-    if (!d) nomem(__LINE__, n, "result");
-    memcpy(d, s, n);
-    return d;
-}
+char* pf_strdup(const char* s) { return allot_strdup(s, "result"); }
 
 const char* pftype_name(int type) {
     if (type < 0 || type >= Npftype_names) return Pftype_names[Npftype_names - 1];

@@ -14,11 +14,7 @@
 
 namespace epoch_detail {
 
-char* copy(const std::string& s) {
-    char* p = strdup(s.c_str());
-    if (!p) die_nomem(__LINE__, "epoch", s.size() + 1, "string");
-    return p;
-}
+char* copy(const std::string& s) { return allot_strdup(s.c_str(), "string"); }
 
 // Days since 1970-01-01 of a proleptic Gregorian date (any year, either side of 1970).
 long days_from_civil(long y, int m, int d) {
