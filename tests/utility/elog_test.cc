@@ -532,3 +532,81 @@ TEST(ElogThreads, ConcurrentLoggingKeepsEveryMessage) {
     EXPECT_TRUE(r.exited(0)) << r.err.substr(0, 200);
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 600);
 }
+
+TEST(ElogSettings, ParameterFileThenEnvironment) {
+    TempDir d;
+    {
+        std::ofstream f(d.path + "/elog.pf");
+        f << "ELOG_MAXMSG 2\n"
+             "ELOG_SIGNALS USR2\n"
+             "ELOG_TAG &Arr{\n    n [%P]\n    alert <%P>\n}\n"
+             "ELOG_DELIVER stdout@nc\n";
+    }
+    auto r = child::run([] {
+        elog_notify(0, "n");
+        elog_complain(0, "c");
+        elog_alert(0, "a");
+        elog_log(0, "one");
+        elog_log(0, "two");
+    }, env({{"PFPATH", d.path}, {"ELOG_MAXMSG", std::nullopt}}));
+    EXPECT_TRUE(r.exited(1)) << r.err;
+    EXPECT_EQ(r.out, "[" + P + "]: n\n" + P + ": c\n");
+    EXPECT_THAT(r.err, StartsWith("<" + P + ">: a\n" + P + ": one\n" + P + ": two\n"));
+    EXPECT_THAT(r.err, HasSubstr("quitting because log has 2 messages"));
+
+    // The environment wins over the file.
+    auto env_wins = child::run([] {
+        elog_notify(0, "n");
+        elog_init(0, nullptr);
+        raise(SIGUSR2);
+    }, env({{"PFPATH", d.path}, {"ELOG_DELIVER", "stderr@n"}, {"ELOG_TAG", "{%P}@n"}}));
+    EXPECT_TRUE(env_wins.signaled(SIGABRT)) << env_wins.status;
+    EXPECT_EQ(env_wins.out, "");
+    EXPECT_EQ(env_wins.err, "{" + P + "}: n\n" + P + " *fault*: Signal USR2 : User defined signal 2\n");
+}
+
+TEST(ElogSettings, BadParameterFileDoesNotStopTheLog) {
+    TempDir d;
+    {
+        std::ofstream f(d.path + "/elog.pf");
+        f << "ELOG_MAXMSG lots\nELOG_DELIVER &Arr{\n    x stdout\n    n\n}\n}\nELOG_TAG &Tbl{\n\1\2\3\n";
+    }
+    auto r = child::run([] { elog_notify(0, "still here"); }, env({{"PFPATH", d.path}}));
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    EXPECT_THAT(r.err, HasSubstr("ELOG_MAXMSG 'lots' is not a number"));
+    EXPECT_THAT(r.err, HasSubstr("Unrecognized severity 'x'"));
+    EXPECT_THAT(r.err, ::testing::EndsWith(P + ": still here\n"));
+}
+
+TEST(ElogSettings, ShippedParameterFileHoldsTheDefaults) {
+    auto r = child::run([] {
+        for (int sev = 0; sev < ELOG_MAXSEVERITY; sev++) {
+            char *tag, *deliver, *debug;
+            elog_query(ELOG_TAG, sev, &tag);
+            elog_query(ELOG_DELIVER, sev, &deliver);
+            elog_query(ELOG_DEBUG, sev, &debug);
+            printf("%d|%s|%s|%s\n", sev, tag, deliver, debug);
+            free(tag);
+            free(deliver);
+            free(debug);
+        }
+        int max = 0, wait = 0;
+        char* signals;
+        elog_query(ELOG_MAXMSG, 0, &max);
+        elog_query(ELOG_WAIT, 0, &wait);
+        elog_query(ELOG_SIGNALS, 0, &signals);
+        printf("%d|%d|%s\n", max, wait, signals);
+        free(signals);
+    }, env({{"PFPATH", FERRANT_SOURCE_DIR "/data/pf"}, {"ELOG_MAXMSG", std::nullopt}}));
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.out,
+              "0|%P|log|\n"
+              "1|%P|stderr|\n"
+              "2|%P|stderr|\n"
+              "3|%P *fatal*|stderr|ups %r %p &\n"
+              "4|%P *fault*|stderr|ups %r %p &\n"
+              "5|%P *debug*|stderr|\n"
+              "6|%P *alert*|stderr|\n"
+              "50|10|ILL:TRAP:FPE:BUS:SEGV:SYS\n");
+}

@@ -237,6 +237,32 @@ TEST(PfScan, BinaryJunkNeverCrashes) {
     }
 }
 
+// Inputs that once failed to read back equal: a NUL inside a value, and a
+// deferred form whose text ends in an escaped blank.
+TEST(PfScan, NulBytesAndEscapedTrailingBlanksReadBack) {
+    const std::string inputs[] = {
+        std::string("\0t &Literef(x, \0\0BU r&t\n", 24),
+        std::string("f &ref(x\t\0z, \0 a\\\nb\n", 25),
+        "g &exec(echo \\t\t)\n",
+        "h &env(X)\\ \n",
+    };
+    for (const std::string& in : inputs) {
+        FILE* fp = fmemopen(const_cast<char*>(in.data()), in.size(), "r");
+        ASSERT_NE(fp, nullptr);
+        Pf* pf = nullptr;
+        testing::internal::CaptureStderr();
+        pfin(fp, &pf);
+        testing::internal::GetCapturedStderr();
+        fclose(fp);
+        std::string text = text_of(pf);
+        Pf* back = nullptr;
+        ASSERT_EQ(parse(text, &back), 0) << text;
+        EXPECT_TRUE(same_tree(pf, back)) << text;
+        pffree(pf);
+        pffree(back);
+    }
+}
+
 TEST(PfScan, ParsesIntoAGivenTreeAndRejectsOtherNodes) {
     Pf* pf = nullptr;
     ASSERT_EQ(parse("a 1\nb 1\n", &pf), 0);

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "stock/allot.h"
 #include "stock/bns.h"
 #include "stock/elog.h"
 
@@ -33,10 +34,7 @@ const Name Names[] = {
     {ORB_MAX_DATA_BYTES, "ORB_MAX_DATA_BYTES"},
 };
 
-[[noreturn]] void nomem(int line, size_t n, const char* what) {
-    elog_die(1, "Out of memory at line %d in '%s'\n\tCan't malloc %zu bytes for %s\n", line, "orbprot", n,
-             what);
-}
+[[noreturn]] void nomem(int line, size_t n, const char* what) { die_nomem(line, "orbprot", n, what); }
 
 template <typename T>
 T* make(const char* what) {
@@ -70,17 +68,6 @@ int get_text(Bns* b, char (&field)[N], int n) {
     static_assert(N > 0);
     int r = get_b(b, field, n);
     field[N - 1] = 0;
-    return r;
-}
-
-// Writes n bytes of a field that holds `have`, padding with NULs so that the
-// field never reads outside its array.
-int put_padded(Bns* b, const char* p, int have, int n) {
-    if (n <= 0) return 0;
-    int r = put_b(b, p, std::min(have, n));
-    static const char zeros[256] = {};
-    for (int left = n - std::min(have, n); left > 0; left -= (int)sizeof zeros)
-        r |= put_b(b, zeros, std::min(left, (int)sizeof zeros));
     return r;
 }
 
@@ -570,8 +557,9 @@ int pbnsOrbresponse(Bns* b, Orbresponse* s) {
     r |= put_i(b, s->result);
     if (s->result != 0) {
         r |= put_i(b, s->nerr);
-        r |= put_padded(b, s->errmsg, ORB_ERRMSG_SIZE, s->nerr);
-        return r;
+        // errmsg cannot hold more; a longer length would send what is not there.
+        if (s->nerr < 0 || s->nerr > ORB_ERRMSG_SIZE) return r | -1;
+        return r | put_b(b, s->errmsg, s->nerr);
     }
     switch (s->what) {
         case ORBGET: case ORBREAP: case ORBGETL: case ORBREAPL: case ORBGETSTASH:

@@ -106,6 +106,18 @@ struct ClientSlot {
     ClientCounters c;
 };
 
+// The documented layout (docs/ring-format.md); a change here is a new format version.
+static_assert(sizeof(Geo) == 136 && offsetof(Geo, data_bytes) == 64 && offsetof(Geo, orb_start) == 120);
+static_assert(offsetof(Header, lock) == 192 && offsetof(Header, head) == 256 && offsetof(Header, tail) == 264 &&
+              offsetof(Header, disorder) == 272 && offsetof(Header, data_head) == 280 &&
+              offsetof(Header, dirty) == 332 && offsetof(Header, next_session) == 336 &&
+              offsetof(Header, wakeword) == 384 && offsetof(Header, waiters) == 388);
+static_assert(sizeof(IndexEntry) == 104 && offsetof(IndexEntry, srcname) == 40);
+static_assert(sizeof(SourceRec) == 120 && offsetof(SourceRec, used) == 112);
+static_assert(sizeof(ClientSlot) == 584 && offsetof(ClientSlot, pid_start) == 32 && offsetof(ClientSlot, who) == 48 &&
+              offsetof(ClientSlot, nselect) == 520 && offsetof(ClientSlot, c) == 528);
+static_assert(offsetof(ClientCounters, lastpkt) == 48 && sizeof(ClientCounters) == 56);
+
 static_assert(std::atomic<uint64_t>::is_always_lock_free && std::atomic<double>::is_always_lock_free,
               "the file is shared between processes: atomics must not hide a lock");
 
@@ -246,6 +258,11 @@ struct Fd {
     int release() { int f = fd; fd = -1; return f; }
 };
 
+struct NameHash {
+    using is_transparent = void;
+    size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
+};
+
 }  // namespace
 
 void (*Ring::test_hook_before_publish)() = nullptr;
@@ -260,7 +277,10 @@ struct Ring::Impl {
     char* stash = nullptr;
     ClientSlot* cl = nullptr;
     char* data = nullptr;
-    std::unordered_map<std::string, int32_t> src_cache;   // touched only under the ring lock
+    // Source-table index by name, this process's guess, checked against the
+    // file before use. Touched only under the ring lock.
+    std::unordered_map<std::string, int32_t, NameHash, std::equal_to<>> src_cache;
+    int32_t last_src = -1;
 
     ~Impl() {
         if (map != MAP_FAILED) munmap(map, g.file_bytes);
@@ -324,6 +344,7 @@ struct Ring::Impl {
         h->bytes_used = bytes;
         h->recoveries++;
         src_cache.clear();
+        last_src = -1;
     }
 };
 
@@ -513,6 +534,38 @@ std::unique_ptr<Ring> Ring::open_or_create(const std::string& path, const Geomet
 
 // ---------------------------------------------------------------- writing
 
+namespace {
+
+// The source-table entry for a name not in the cache: its own, else a free
+// one, else one whose packets have all gone; -1 when the table is full of
+// sources with packets present (that packet then goes uncounted).
+int32_t take_source(Ring::Impl& im, std::string_view name) {
+    int32_t si = -1, freei = -1, idle = -1;
+    for (uint32_t i = 0; i < im.g.maxsrc; i++) {
+        SourceRec& s = im.src[i];
+        if (!s.used) {
+            if (freei < 0) freei = int32_t(i);
+        } else if (name_is(s.name, name)) {
+            si = int32_t(i);
+            break;
+        } else if (s.npkts == 0 && idle < 0) {
+            idle = int32_t(i);
+        }
+    }
+    if (si < 0) si = freei >= 0 ? freei : idle;
+    if (si < 0) return -1;
+    SourceRec& s = im.src[si];
+    if (!s.used || !name_is(s.name, name)) {
+        std::memset(&s, 0, sizeof s);
+        copy_name(s.name, name);
+        s.used = 1;
+    }
+    im.src_cache[std::string(name)] = si;
+    return si;
+}
+
+}  // namespace
+
 int64_t Ring::put(std::string_view name, double time, const void* bytes, size_t size, std::string* why) {
     Impl& im = *impl_;
     const Geo& g = im.g;
@@ -570,34 +623,16 @@ int64_t Ring::put(std::string_view name, double time, const void* bytes, size_t 
         if (size) std::memcpy(im.data + pos % cap, bytes, size);
 
         // Find or take the source's table entry.
-        int32_t si = -1;
-        std::string key(name);
-        auto it = im.src_cache.find(key);
-        if (it != im.src_cache.end() && im.src[it->second].used && name_is(im.src[it->second].name, name)) {
-            si = it->second;
-        } else {
-            int32_t freei = -1, idle = -1;
-            for (uint32_t i = 0; i < g.maxsrc; i++) {
-                SourceRec& s = im.src[i];
-                if (!s.used) {
-                    if (freei < 0) freei = int32_t(i);
-                } else if (name_is(s.name, name)) {
-                    si = int32_t(i);
-                    break;
-                } else if (s.npkts == 0 && idle < 0) {
-                    idle = int32_t(i);
-                }
+        int32_t si = im.last_src;
+        if (si < 0 || uint32_t(si) >= g.maxsrc || !im.src[si].used || !name_is(im.src[si].name, name)) {
+            si = -1;
+            auto it = im.src_cache.find(name);
+            if (it != im.src_cache.end() && im.src[it->second].used && name_is(im.src[it->second].name, name)) {
+                si = it->second;
+            } else {
+                si = take_source(im, name);
             }
-            if (si < 0) si = freei >= 0 ? freei : idle;
-            if (si >= 0) {
-                SourceRec& s = im.src[si];
-                if (!s.used || !name_is(s.name, name)) {
-                    std::memset(&s, 0, sizeof s);
-                    copy_name(s.name, name);
-                    s.used = 1;
-                }
-                im.src_cache[key] = si;
-            }
+            im.last_src = si;
         }
 
         IndexEntry& e = im.slot(seq);

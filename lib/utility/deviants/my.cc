@@ -1,7 +1,6 @@
 #include "deviants/my.h"
 
 #include <pwd.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <climits>
@@ -27,20 +26,4 @@ const char* my_username() {
         return "uid" + std::to_string(uid);
     }();
     return name.c_str();
-}
-
-const char* myexecname() {
-    static const std::string name = [] {
-        std::vector<char> buf(PATH_MAX + 1);
-        ssize_t n = readlink("/proc/self/exe", buf.data(), buf.size() - 1);
-        return n > 0 ? std::string(buf.data(), n) : std::string();
-    }();
-    return name.c_str();
-}
-
-int ignoreSIGPIPE() {
-    struct sigaction sa {};
-    sa.sa_handler = SIG_IGN;
-    sigemptyset(&sa.sa_mask);
-    return sigaction(SIGPIPE, &sa, nullptr) == 0 ? 0 : -1;
 }

@@ -15,12 +15,13 @@
 #include <ctime>
 #include <string>
 
+#include "stock/allot.h"
 #include "stock/elog.h"
 #include "stock/h2e.h"
+#include "stock/printable.h"
 
-// The client library owns the verbose flag; this default keeps the stream
-// usable (and quiet) in programs that link no client library code.
-__attribute__((weak)) int OrbVerbose = 0;
+// Verbose tracing of the client library (set by it; in the same library).
+extern int OrbVerbose;
 
 int Bns_timeout = 60000;
 
@@ -29,25 +30,7 @@ static const int Widths[] = {1, 2, 4, 8, 4, 8};
 static ssize_t plain_read(int fd, void* buf, size_t n, int) { return read(fd, buf, n); }
 static ssize_t plain_write(int fd, const void* buf, size_t n, int) { return write(fd, buf, n); }
 
-[[noreturn]] static void nomem(int line, size_t n, const char* what) {
-    elog_die(1, "Out of memory at line %d in '%s'\n\tCan't malloc %zu bytes for %s\n", line, "bns", n,
-             what);
-}
-
-static void hexlines(FILE* f, const unsigned char* p, int n) {
-    for (int i = 0; i < n; i += 16) {
-        fprintf(f, "%8x  ", i);
-        for (int k = i; k < i + 16; k++) {
-            if (k < n)
-                fprintf(f, "%02x ", p[k]);
-            else
-                fputs("   ", f);
-        }
-        fputc(' ', f);
-        for (int k = i; k < i + 16 && k < n; k++) fputc(p[k] >= 32 && p[k] < 127 ? p[k] : '.', f);
-        fputc('\n', f);
-    }
-}
+[[noreturn]] static void nomem(int line, size_t n, const char* what) { die_nomem(line, "bns", n, what); }
 
 Bns* bnsnew(int fd, int size) {
     if (size < 1) size = BNS_DEFAULT_SIZE;
@@ -381,7 +364,7 @@ void bnsdump(FILE* file, Bns* bns) {
         fprintf(file, "\n data+mark=%d\n", bns->mark);
     }
     fprintf(file, "\ndata+fp : %d bytes\n", bns->lp - bns->fp);
-    hexlines(file, reinterpret_cast<unsigned char*>(bns->data + bns->fp), bns->lp - bns->fp);
+    hexdump(file, bns->data + bns->fp, bns->lp - bns->fp);
     if (bns->snoopfd >= 0) fprintf(file, "  snoop=%s (fd=%d)\n", bns->snoop ? bns->snoop : "", bns->snoopfd);
 }
 
@@ -428,20 +411,10 @@ int gbnsSync(Bns* bns, const char* pattern, int n, int strict) {
         }
     }
     if (!skipped.empty()) {
-        std::string shown;
-        for (int i = 0; i < n && shown.size() < 252; i++) {
-            unsigned char c = pattern[i];
-            if (c >= 32 && c < 127) {
-                shown.push_back((char)c);
-            } else {
-                char b[8];
-                snprintf(b, sizeof b, "\\%03o", c);
-                shown += b;
-            }
-        }
-        elog_complain(0, "skipped %d bytes looking for sync '%s'\n", (int)skipped.size(), shown.c_str());
-        hexlines(stderr, reinterpret_cast<const unsigned char*>(skipped.data()),
-                 (int)std::min<size_t>(skipped.size(), 1024));
+        char* shown = strprintable(pattern, n, 256);
+        elog_complain(0, "skipped %d bytes looking for sync '%s'\n", (int)skipped.size(), shown);
+        free(shown);
+        hexdump(stderr, skipped.data(), (long)std::min<size_t>(skipped.size(), 1024));
     }
     return result;
 }

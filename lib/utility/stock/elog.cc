@@ -1,8 +1,5 @@
 #include "stock/elog.h"
 
-// Until the parameter-file reader is in the library.
-#define ELOG_WITHOUT_PF
-
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -21,6 +18,8 @@
 #include <ctime>
 #include <mutex>
 #include <string>
+#include <string_view>
+#include <thread>
 #include <vector>
 
 #include "stock/arr.h"
@@ -80,7 +79,12 @@ State& S() {
     return *s;
 }
 
+// Settings are read once. Other threads wait until they are in place; the
+// reading thread itself may log meanwhile (a bad parameter file), with the
+// settings read so far.
 std::atomic<bool> Initialized{false};
+std::mutex Init_mutex;
+std::atomic<std::thread::id> Configuring{};
 std::atomic<bool> Debugger_ran{false};
 
 // ---- small helpers --------------------------------------------------------
@@ -147,18 +151,18 @@ std::string base_name(const std::string& path) {
 std::string along_path(const std::string& name) {
     const char* path = getenv("PATH");
     if (!path || name.empty()) return "";
-    std::string p = path;
-    size_t start = 0;
+    std::string_view rest = path;
     for (;;) {
-        size_t colon = p.find(':', start);
-        std::string dir = p.substr(start, colon == std::string::npos ? std::string::npos : colon - start);
-        if (dir.empty()) dir = ".";
-        std::string candidate = dir + "/" + name;
+        size_t colon = rest.find(':');
+        std::string_view dir = rest.substr(0, colon);
+        std::string candidate;
+        candidate.reserve(dir.size() + name.size() + 2);
+        candidate.append(dir.empty() ? std::string_view(".") : dir).append(1, '/').append(name);
         struct stat st;
         if (stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(candidate.c_str(), X_OK) == 0)
             return candidate;
-        if (colon == std::string::npos) return "";
-        start = colon + 1;
+        if (colon == std::string_view::npos) return "";
+        rest.remove_prefix(colon + 1);
     }
 }
 
@@ -339,7 +343,6 @@ struct Settings {
     int max_msg, wait;
 };
 
-#ifndef ELOG_WITHOUT_PF
 // Per-severity table from the parameter file: either a text in the
 // environment's form, or an array keyed by severity letter or word.
 void pf_table(Pf* pf, const char* key, std::string* table, const char* const* defaults) {
@@ -367,7 +370,8 @@ void pf_table(Pf* pf, const char* key, std::string* table, const char* const* de
 bool read_parameter_file(Settings& set) {
     if (pf_reading()) return false;
     Pf* pf = nullptr;
-    if (pfread("elog", &pf) != 0 || !pf) {
+    // A file with errors still gives what could be read of it.
+    if (pfread("elog", &pf) == -1 || !pf) {
         pffree(pf);
         return false;
     }
@@ -380,7 +384,6 @@ bool read_parameter_file(Settings& set) {
     pffree(pf);
     return true;
 }
-#endif
 
 void configure() {
     State& st = S();
@@ -395,9 +398,7 @@ void configure() {
         set.max_msg = st.max_msg;
         set.wait = st.wait;
     }
-#ifndef ELOG_WITHOUT_PF
     read_parameter_file(set);
-#endif
     if (const char* s = getenv("ELOG_MAXMSG")) set_int_setting("ELOG_MAXMSG", s, &set.max_msg);
     {
         std::lock_guard<std::mutex> g(st.settings);
@@ -428,7 +429,7 @@ void configure() {
 }
 
 void ensure_init() {
-    if (!Initialized.load()) elog_init(0, nullptr);
+    if (!Initialized.load() && Configuring.load() != std::this_thread::get_id()) elog_init(0, nullptr);
 }
 
 std::string setting(std::string (&table)[Nsev], int severity) {
@@ -525,7 +526,15 @@ void elog_init(int argc, char** argv) {
         if (name.empty() && !st.argv.empty()) name = base_name(st.argv[0]);
         if (!name.empty() || st.program.empty()) st.program = name;
     }
-    if (!Initialized.exchange(true)) configure();
+    if (!Initialized.load() && Configuring.load() != std::this_thread::get_id()) {
+        std::lock_guard<std::mutex> g(Init_mutex);
+        if (!Initialized.load()) {
+            Configuring = std::this_thread::get_id();
+            configure();
+            Configuring = std::thread::id();
+            Initialized = true;
+        }
+    }
     errno = saved;
 }
 
@@ -566,7 +575,11 @@ void elog(int severity, int flag, const char* format, va_list args) {
     if (!repeat) {
         Elog_msg* m = static_cast<Elog_msg*>(calloc(1, sizeof(Elog_msg)));
         if (!m) abort_now();
-        if (!bare) m->tag = dupstr((leading_newline ? "\n" : "") + expand(setting(st.tag, severity)));
+        if (!bare) {
+            std::string tag = leading_newline ? "\n" : "";
+            tag += expand(setting(st.tag, severity));
+            m->tag = dupstr(tag);
+        }
         m->msg = dupstr(text);
         if (flag && err) {
             const char* d = strerrordesc_np(err);

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -210,11 +211,12 @@ struct Scanner {
                 text += *p++;
             }
         }
+        text.resize(strlen(text.c_str()));  // a NUL ends the string
+        kept = std::min(kept, text.size());
         size_t n = text.size();
         while (n > kept && is_trimmed(text[n - 1])) n--;
         text.resize(n);
         if (p < end && *p == '#') skip_line();
-        text = text.c_str();  // an escaped NUL ends the string
 
         Pf* node;
         if (*raw == '&' && function_form(text)) {
@@ -409,10 +411,16 @@ void write_value(std::string& out, Pf* pf, int depth, bool in_list) {
             indent(out, depth);
             out += "}\n";
             break;
-        case PF_FUNCTION:
-            out += escaped(pf->value.pffunct && pf->value.pffunct->s ? pf->value.pffunct->s : "");
+        case PF_FUNCTION: {
+            // Trailing blanks are escaped so that reading does not trim them.
+            std::string_view s = pf->value.pffunct && pf->value.pffunct->s ? pf->value.pffunct->s : "";
+            size_t body = s.size();
+            while (body > 0 && is_trimmed(s[body - 1])) body--;
+            out += escaped(s.substr(0, body));
+            for (char c : s.substr(body)) out += c == '\t' ? "\\t" : c == '\r' ? "\\r" : "\\ ";
             out += '\n';
             break;
+        }
         case PF_STRING:
             write_string(out, pf->value.s, in_list);
             break;

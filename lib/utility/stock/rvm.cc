@@ -26,11 +26,18 @@ inline void store_le(unsigned char* p, uint32_t v) {
 }
 
 #define F(x, y, z) ((z) ^ ((x) & ((y) ^ (z))))
-#define G(x, y, z) ((y) ^ ((z) & ((x) ^ (y))))
-#define H(x, y, z) ((x) ^ (y) ^ (z))
+#define H(x, y, z) ((x) ^ ((y) ^ (z)))
 #define I(x, y, z) ((y) ^ ((x) | ~(z)))
+// The word and the constant are added before the newest value (b) is ready,
+// keeping the dependency chain through b short. G is split the same way:
+// its two terms never share a bit, so they can be added separately.
 #define STEP(f, a, b, c, d, x, t, s) \
-    (a) += f((b), (c), (d)) + (x) + (t); \
+    (a) += (x) + (t);                \
+    (a) += f((b), (c), (d));         \
+    (a) = rotl((a), (s)) + (b);
+#define STEPG(a, b, c, d, x, t, s)          \
+    (a) += (x) + (t) + ((c) & ~(d));        \
+    (a) += (b) & (d);                       \
     (a) = rotl((a), (s)) + (b);
 
 void blocks(uint32_t* state, const unsigned char* p, size_t nblocks) {
@@ -57,22 +64,22 @@ void blocks(uint32_t* state, const unsigned char* p, size_t nblocks) {
         STEP(F, c, d, a, b, x[14], 0xa679438e, 17)
         STEP(F, b, c, d, a, x[15], 0x49b40821, 22)
 
-        STEP(G, a, b, c, d, x[1], 0xf61e2562, 5)
-        STEP(G, d, a, b, c, x[6], 0xc040b340, 9)
-        STEP(G, c, d, a, b, x[11], 0x265e5a51, 14)
-        STEP(G, b, c, d, a, x[0], 0xe9b6c7aa, 20)
-        STEP(G, a, b, c, d, x[5], 0xd62f105d, 5)
-        STEP(G, d, a, b, c, x[10], 0x02441453, 9)
-        STEP(G, c, d, a, b, x[15], 0xd8a1e681, 14)
-        STEP(G, b, c, d, a, x[4], 0xe7d3fbc8, 20)
-        STEP(G, a, b, c, d, x[9], 0x21e1cde6, 5)
-        STEP(G, d, a, b, c, x[14], 0xc33707d6, 9)
-        STEP(G, c, d, a, b, x[3], 0xf4d50d87, 14)
-        STEP(G, b, c, d, a, x[8], 0x455a14ed, 20)
-        STEP(G, a, b, c, d, x[13], 0xa9e3e905, 5)
-        STEP(G, d, a, b, c, x[2], 0xfcefa3f8, 9)
-        STEP(G, c, d, a, b, x[7], 0x676f02d9, 14)
-        STEP(G, b, c, d, a, x[12], 0x8d2a4c8a, 20)
+        STEPG(a, b, c, d, x[1], 0xf61e2562, 5)
+        STEPG(d, a, b, c, x[6], 0xc040b340, 9)
+        STEPG(c, d, a, b, x[11], 0x265e5a51, 14)
+        STEPG(b, c, d, a, x[0], 0xe9b6c7aa, 20)
+        STEPG(a, b, c, d, x[5], 0xd62f105d, 5)
+        STEPG(d, a, b, c, x[10], 0x02441453, 9)
+        STEPG(c, d, a, b, x[15], 0xd8a1e681, 14)
+        STEPG(b, c, d, a, x[4], 0xe7d3fbc8, 20)
+        STEPG(a, b, c, d, x[9], 0x21e1cde6, 5)
+        STEPG(d, a, b, c, x[14], 0xc33707d6, 9)
+        STEPG(c, d, a, b, x[3], 0xf4d50d87, 14)
+        STEPG(b, c, d, a, x[8], 0x455a14ed, 20)
+        STEPG(a, b, c, d, x[13], 0xa9e3e905, 5)
+        STEPG(d, a, b, c, x[2], 0xfcefa3f8, 9)
+        STEPG(c, d, a, b, x[7], 0x676f02d9, 14)
+        STEPG(b, c, d, a, x[12], 0x8d2a4c8a, 20)
 
         STEP(H, a, b, c, d, x[5], 0xfffa3942, 4)
         STEP(H, d, a, b, c, x[8], 0x8771f681, 11)
@@ -120,10 +127,10 @@ void blocks(uint32_t* state, const unsigned char* p, size_t nblocks) {
 }
 
 #undef F
-#undef G
 #undef H
 #undef I
 #undef STEP
+#undef STEPG
 
 }  // namespace
 

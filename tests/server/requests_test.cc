@@ -1,0 +1,490 @@
+// Every request code against a real orbserver over loopback, with requests
+// made by our own encoders.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/orbserver.h"
+#include "wire_client.h"
+
+using testsupport::OrbServer;
+using testsupport::Pkt;
+using testsupport::WireClient;
+
+namespace {
+
+constexpr int kFailed = WireClient::kFailed;
+
+std::string payload(int i, size_t n = 32) {
+    std::string s = "packet " + std::to_string(i) + " ";
+    while (s.size() < n) s += char('a' + (s.size() + i) % 26);
+    s.resize(n);
+    return s;
+}
+
+class Requests : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(server.up()) << server.log();
+        ASSERT_TRUE(writer.connect_tcp(server.name()));
+        ASSERT_EQ(writer.open('w', "writer"), 0);
+    }
+    // Puts n packets of source src with times base+i; returns their pktids.
+    std::vector<int> put_n(int n, const std::string& src = "AA_X/pf", double base = 1000) {
+        std::vector<int> ids;
+        for (int i = 0; i < n; i++) ids.push_back(writer.putx(src, base + i, payload(i)));
+        return ids;
+    }
+    OrbServer server;
+    WireClient writer;
+};
+
+TEST_F(Requests, OpenPingIdAndSessions) {
+    WireClient c;
+    ASSERT_TRUE(c.connect_tcp(server.name()));
+    ASSERT_EQ(c.open('r'), 0);
+    double orb_start = c.resp()->orb_start, server_start = c.resp()->server_start;
+    EXPECT_GT(orb_start, 1e9);
+    EXPECT_GT(server_start, 1e9);
+    EXPECT_EQ(c.resp()->latest_pktid, -1);  // empty ring
+
+    EXPECT_EQ(c.exchange(ORBPING), 0);
+    EXPECT_EQ(c.resp()->version, 7);
+
+    ASSERT_EQ(c.exchange(ORBID), 0);
+    int id = c.resp()->thread;
+    EXPECT_GE(id, 0);
+    ASSERT_EQ(writer.exchange(ORBID), 0);
+    EXPECT_NE(writer.resp()->thread, id);
+
+    // Another connection asks whether that session is alive: yes, then no once it has gone.
+    writer.putx("AA_X/pf", 5, "x");
+    WireClient asker;
+    ASSERT_TRUE(asker.connect_tcp(server.name()));
+    ASSERT_EQ(asker.open('r'), 0);
+    asker.req()->athread = id;
+    asker.fill_hello('r', "asker");
+    ASSERT_EQ(asker.exchange(ORBRUP), 0);
+    EXPECT_EQ(asker.resp()->active, 1);
+    EXPECT_EQ(asker.resp()->orb_start, orb_start);
+    EXPECT_EQ(asker.resp()->server_start, server_start);
+    EXPECT_EQ(asker.resp()->latest_pktid, 0);
+    c.disconnect();
+    int active = 1;
+    for (int i = 0; i < 500 && active == 1; i++) {  // the server notices the close asynchronously
+        ASSERT_EQ(asker.exchange(ORBRUP), 0);
+        active = asker.resp()->active;
+        if (active) usleep(2000);
+    }
+    EXPECT_EQ(active, 0);
+    asker.req()->athread = 99999;
+    ASSERT_EQ(asker.exchange(ORBRUP), 0);
+    EXPECT_EQ(asker.resp()->active, 0);
+}
+
+TEST_F(Requests, ReadPositionRules) {
+    std::vector<int> ids = put_n(5);
+    ASSERT_EQ(ids, (std::vector<int>{0, 1, 2, 3, 4}));
+
+    WireClient r;
+    ASSERT_TRUE(r.connect_tcp(server.name()));
+    ASSERT_EQ(r.open('r'), 0);
+    EXPECT_EQ(r.resp()->latest_pktid, 4);
+    // Open stands at the newest: nothing to read until something arrives.
+    EXPECT_EQ(r.tell(), 4);
+    EXPECT_NE(r.get(ORBNEXT), 0);
+    Pkt p;
+    ASSERT_EQ(r.get(ORBCURRENT, &p), 0);
+    EXPECT_EQ(p.pktid, 4);
+    writer.putx("AA_X/pf", 1005, payload(5));
+    ASSERT_EQ(r.get(ORBNEXT, &p), 0);
+    EXPECT_EQ(p.pktid, 5);
+    EXPECT_EQ(p.data, payload(5));
+    EXPECT_EQ(p.srcname, "AA_X/pf");
+    EXPECT_DOUBLE_EQ(p.time, 1005);
+
+    // ORBOLDEST: the next read yields the oldest itself, and so does ORBCURRENT.
+    EXPECT_EQ(r.seek(ORBOLDEST), 0);
+    EXPECT_EQ(r.tell(), 0);
+    ASSERT_EQ(r.get(ORBCURRENT, &p), 0);
+    EXPECT_EQ(p.pktid, 0);
+    EXPECT_EQ(r.seek(ORBOLDEST), 0);
+    ASSERT_EQ(r.get(ORBNEXT, &p), 0);
+    EXPECT_EQ(p.pktid, 0);
+    ASSERT_EQ(r.get(ORBNEXT, &p), 0);
+    EXPECT_EQ(p.pktid, 1);
+
+    // Seeks by pktid and by code; the result is where the client now stands.
+    EXPECT_EQ(r.seek(3), 3);
+    EXPECT_EQ(r.tell(), 3);
+    ASSERT_EQ(r.get(ORBNEXT, &p), 0);
+    EXPECT_EQ(p.pktid, 4);
+    EXPECT_EQ(r.seek(ORBPREV), 3);
+    EXPECT_EQ(r.seek(ORBNEXT), 4);
+    EXPECT_EQ(r.seek(ORBNEWEST), 5);
+    EXPECT_EQ(r.seek(ORBCURRENT), 5);
+    EXPECT_EQ(r.seek(77), kFailed);       // not in the ring
+    EXPECT_EQ(r.tell(), 5);               // a failed seek leaves the position
+    EXPECT_EQ(r.seek(-5), kFailed);       // not a position code
+    EXPECT_EQ(r.seek(ORBNEXT), kFailed);  // nothing after the newest
+    ASSERT_EQ(r.get(2, &p), 0);           // ORBGET by pktid stands there too
+    EXPECT_EQ(p.pktid, 2);
+    EXPECT_EQ(r.tell(), 2);
+    ASSERT_EQ(r.get(ORBPREV, &p), 0);
+    EXPECT_EQ(p.pktid, 1);
+    ASSERT_EQ(r.get(ORBOLDEST, &p), 0);
+    EXPECT_EQ(p.pktid, 0);
+    EXPECT_NE(r.get(ORBPREV), 0);
+    ASSERT_EQ(r.get(ORBNEWEST, &p), 0);
+    EXPECT_EQ(p.pktid, 5);
+
+    // ORBAFTER stands at the first packet later than t; reading goes on after it.
+    EXPECT_EQ(r.after(1002 - 1e-5), 2);
+    ASSERT_EQ(r.get(ORBNEXT, &p), 0);
+    EXPECT_EQ(p.pktid, 3);
+    EXPECT_EQ(r.after(1002), 3);
+    EXPECT_EQ(r.after(0), 0);
+    EXPECT_EQ(r.after(5000), kFailed);
+
+    // Steps by packet time.
+    EXPECT_EQ(r.seek(2), 2);
+    EXPECT_EQ(r.seek(ORBNEXTT), 3);
+    EXPECT_EQ(r.seek(ORBPREVT), 2);
+}
+
+TEST_F(Requests, TimeStepsFollowPacketTimesNotRingOrder) {
+    writer.putx("A/x", 10, "a");  // 0
+    writer.putx("A/x", 30, "b");  // 1
+    writer.putx("A/x", 20, "c");  // 2
+    writer.putx("A/x", 40, "d");  // 3
+    WireClient r;
+    ASSERT_TRUE(r.connect_tcp(server.name()));
+    ASSERT_EQ(r.open('r'), 0);
+    EXPECT_EQ(r.seek(1), 1);
+    EXPECT_EQ(r.seek(ORBNEXTT), 3);  // 2 is in between in ring order but earlier
+    EXPECT_EQ(r.seek(ORBPREVT), 2);
+    EXPECT_EQ(r.seek(ORBPREVT), 0);
+    EXPECT_EQ(r.seek(ORBPREVT), kFailed);
+}
+
+TEST_F(Requests, EmptyRingPositions) {
+    WireClient r;
+    ASSERT_TRUE(r.connect_tcp(server.name()));
+    ASSERT_EQ(r.open('r'), 0);
+    EXPECT_EQ(r.tell(), -1);
+    EXPECT_EQ(r.seek(ORBOLDEST), -1);
+    EXPECT_EQ(r.seek(ORBNEWEST), -1);
+    EXPECT_NE(r.get(ORBCURRENT), 0);
+    EXPECT_NE(r.get(ORBNEXT), 0);
+    EXPECT_NE(r.get(0), 0);
+    // A reader of an empty ring gets the first packet that arrives.
+    ASSERT_TRUE(r.reap(1));
+    writer.putx("A/x", 1, "first");
+    Pkt p;
+    ASSERT_EQ(r.next(&p), 0);
+    EXPECT_EQ(p.pktid, 0);
+    EXPECT_EQ(p.data, "first");
+    ASSERT_EQ(r.next(&p), 0);
+    EXPECT_EQ(p.pktid, -32);
+}
+
+TEST_F(Requests, ReapStreams) {
+    put_n(6);
+    WireClient r;
+    ASSERT_TRUE(r.connect_tcp(server.name()));
+    ASSERT_EQ(r.open('r'), 0);
+    ASSERT_EQ(r.seek(ORBOLDEST), 0);
+
+    // Counted: n packets, then the end package.
+    ASSERT_TRUE(r.reap(3));
+    Pkt p;
+    for (int i = 0; i < 3; i++) {
+        ASSERT_EQ(r.next(&p), 0);
+        EXPECT_EQ(p.pktid, i);
+        EXPECT_EQ(p.data, payload(i));
+    }
+    ASSERT_EQ(r.next(&p), 0);
+    EXPECT_EQ(p.pktid, -32);
+    EXPECT_EQ(p.data.size(), 0u);
+    EXPECT_EQ(r.tell(), 2);  // stands at the last packet delivered
+
+    // Headers only.
+    ASSERT_TRUE(r.reap(2, 0));
+    ASSERT_EQ(r.next(&p), 0);
+    EXPECT_EQ(p.pktid, 3);
+    EXPECT_EQ(p.srcname, "AA_X/pf");
+    EXPECT_DOUBLE_EQ(p.time, 1003);
+    EXPECT_EQ(p.data.size(), 0u);
+    ASSERT_EQ(r.next(&p), 0);
+    EXPECT_EQ(p.pktid, 4);
+    ASSERT_EQ(r.next(&p), 0);
+    EXPECT_EQ(p.pktid, -32);
+
+    // Up to a time: the stream ends at the first later packet, which stays unread.
+    ASSERT_EQ(r.seek(ORBOLDEST), 0);
+    ASSERT_TRUE(r.reap(-1, -1, 1001.5));
+    ASSERT_EQ(r.next(&p), 0);
+    EXPECT_EQ(p.pktid, 0);
+    ASSERT_EQ(r.next(&p), 0);
+    EXPECT_EQ(p.pktid, 1);
+    ASSERT_EQ(r.next(&p), 0);
+    EXPECT_EQ(p.pktid, -32);
+    EXPECT_EQ(r.tell(), 1);
+
+    // Unlimited stream that waits for packets put later.
+    ASSERT_TRUE(r.reap());
+    for (int i = 2; i < 6; i++) {
+        ASSERT_EQ(r.next(&p), 0);
+        EXPECT_EQ(p.pktid, i);
+    }
+    writer.putx("AA_X/pf", 2000, "late");
+    ASSERT_EQ(r.next(&p), 0);
+    EXPECT_EQ(p.pktid, 6);
+    EXPECT_EQ(p.data, "late");
+}
+
+TEST_F(Requests, RequestMidStreamEndsTheStream) {
+    WireClient r;
+    ASSERT_TRUE(r.connect_tcp(server.name()));
+    ASSERT_EQ(r.open('r'), 0);
+    ASSERT_TRUE(r.reap());
+    put_n(200);
+    Pkt p;
+    ASSERT_EQ(r.next(&p), 0);
+    EXPECT_EQ(p.pktid, 0);
+    // The answer comes after whatever was already pushed; those pushes are skipped.
+    int at = r.tell();
+    EXPECT_GE(at, 0);
+    EXPECT_LE(at, 199);
+    // Nothing is pushed any more: the next thing to arrive is the ping's answer.
+    writer.putx("AA_X/pf", 3000, "after");
+    ASSERT_EQ(r.exchange(ORBPING), 0);
+    int skipped_before = r.skipped();
+    ASSERT_EQ(r.exchange(ORBPING), 0);
+    EXPECT_EQ(r.skipped(), skipped_before);
+    EXPECT_EQ(r.tell(), at);
+    // And a new stream carries on after the position.
+    ASSERT_TRUE(r.reap(1));
+    ASSERT_EQ(r.next(&p), 0);
+    EXPECT_EQ(p.pktid, at + 1);
+}
+
+TEST_F(Requests, NextWaitGetsTheNextArrival) {
+    WireClient r;
+    ASSERT_TRUE(r.connect_tcp(server.name()));
+    ASSERT_EQ(r.open('r'), 0);
+    r.req()->pktcode = ORBNEXT_WAIT;
+    r.req()->what = ORBGET;
+    ASSERT_TRUE(r.send());
+    writer.putx("W/x", 1, "waited for");
+    ASSERT_EQ(r.recv(ORBGET), 0);
+    EXPECT_EQ(r.packet().data, "waited for");
+    EXPECT_EQ(r.tell(), 0);
+}
+
+TEST_F(Requests, SelectAndRejectMatchWholeNames) {
+    writer.putx("AA_X/pf", 1, "1");
+    writer.putx("BB_Y/pf", 2, "2");
+    writer.putx("AA_Z/wf", 3, "3");
+    writer.putx("AA_X/pf", 4, "4");
+    WireClient r;
+    ASSERT_TRUE(r.connect_tcp(server.name()));
+    ASSERT_EQ(r.open('r'), 0);
+    EXPECT_EQ(r.select("AA"), 0);  // whole names only
+    EXPECT_EQ(r.select("AA_.*"), 2);
+    EXPECT_EQ(r.reject(".*/wf"), 1);
+    EXPECT_EQ(r.select("("), kFailed);  // bad pattern: error, old pattern kept
+    EXPECT_NE(std::string(r.resp()->errmsg).find("bad pattern"), std::string::npos);
+    ASSERT_EQ(r.seek(ORBOLDEST), 0);
+    ASSERT_TRUE(r.reap(2));
+    Pkt p;
+    std::vector<std::string> got;
+    for (int i = 0; i < 3; i++) {
+        ASSERT_EQ(r.next(&p), 0);
+        got.push_back(p.data + "@" + std::to_string(p.pktid));
+    }
+    EXPECT_EQ(got, (std::vector<std::string>{"1@0", "4@3", "@-32"}));
+    // Selected steps skip the others.
+    EXPECT_EQ(r.seek(0), 0);
+    EXPECT_EQ(r.seek(ORBNEXT), 3);
+    EXPECT_EQ(r.seek(ORBPREV), 0);
+    // Clearing the patterns.
+    EXPECT_EQ(r.select(""), 2);  // the reject still holds
+    EXPECT_EQ(r.reject(""), 3);
+    // Packets of a source that arrives later are judged too.
+    ASSERT_EQ(r.select("CC.*"), 0);
+    ASSERT_TRUE(r.reap(1));
+    writer.putx("DD/x", 5, "no");
+    writer.putx("CC/x", 6, "yes");
+    ASSERT_EQ(r.next(&p), 0) << server.log();
+    EXPECT_EQ(p.data, "yes");
+}
+
+TEST_F(Requests, StatSourcesAndClients) {
+    writer.putx("AA/x", 10, "12345");
+    writer.putx("AA/x", 11, "123");
+    writer.putx("BB/y", 12, "1");
+    WireClient r;
+    ASSERT_TRUE(r.connect_tcp(server.name()));
+    ASSERT_EQ(r.open('r', "reader_program -x"), 0);
+    ASSERT_EQ(r.select("AA/x"), 1);
+
+    ASSERT_EQ(r.exchange(ORBSTAT), 0);
+    Orbstat& s = r.resp()->orbstat;
+    EXPECT_EQ(s.nsources, 2);
+    EXPECT_GE(s.nclients, 2);
+    EXPECT_GT(s.maxpkts, 0);
+    EXPECT_GT(s.maxdata, 0u);
+    EXPECT_EQ(s.port, server.port());
+    EXPECT_EQ(s.pid, server.pid());
+    EXPECT_GT(s.orb_start, 1e9);
+    EXPECT_GE(s.started, s.orb_start);
+
+    ASSERT_EQ(r.exchange(ORBSOURCES), 0);
+    ASSERT_EQ(r.resp()->nsource, 2);
+    for (int i = 0; i < 2; i++) {
+        Orbsrc& o = r.resp()->source[i];
+        if (std::string(o.srcname) == "AA/x") {
+            EXPECT_EQ(o.npkts, 2);
+            EXPECT_EQ(o.nbytes, 8);
+            EXPECT_EQ(o.soldest, 0);
+            EXPECT_EQ(o.slatest, 1);
+            EXPECT_DOUBLE_EQ(o.soldest_time, 10);
+            EXPECT_DOUBLE_EQ(o.slatest_time, 11);
+        } else {
+            EXPECT_STREQ(o.srcname, "BB/y");
+            EXPECT_EQ(o.npkts, 1);
+        }
+    }
+
+    ASSERT_EQ(r.seek(1), 1);
+    ASSERT_EQ(r.exchange(ORBCLIENTS), 0);
+    bool saw_reader = false, saw_writer = false;
+    for (int i = 0; i < r.resp()->nclient; i++) {
+        Orbclient& k = r.resp()->client[i];
+        if (std::string(k.what) == "reader_program -x") {
+            saw_reader = true;
+            EXPECT_EQ(k.perm, 'r');
+            EXPECT_EQ(k.pktid, 1);
+            EXPECT_STREQ(k.select, "AA/x");
+            EXPECT_EQ(k.pid, server.pid());
+            EXPECT_STREQ(k.host, "127.0.0.1");
+        }
+        if (std::string(k.what) == "writer") {
+            saw_writer = true;
+            EXPECT_EQ(k.perm, 'w');
+            EXPECT_EQ(k.packets, 3u);
+        }
+    }
+    EXPECT_TRUE(saw_reader);
+    EXPECT_TRUE(saw_writer);
+}
+
+TEST_F(Requests, StashIsKeptOutsideTheSequence) {
+    writer.putx("S/x", 1, "in ring");
+    ASSERT_TRUE(writer.put("S/x", 2, "stashed", ORBSTASH));
+    ASSERT_EQ(writer.exchange(ORBPING), 0);  // the put has been handled
+    WireClient r;
+    ASSERT_TRUE(r.connect_tcp(server.name()));
+    ASSERT_EQ(r.open('r'), 0);
+    EXPECT_EQ(r.resp()->latest_pktid, 0);
+    std::snprintf(r.req()->srcname, sizeof r.req()->srcname, "S/x");
+    ASSERT_EQ(r.exchange(ORBGETSTASH), 0);
+    EXPECT_EQ(r.packet().data, "stashed");
+    EXPECT_STREQ(r.resp()->pkg->srcname, "S/x");
+    std::snprintf(r.req()->srcname, sizeof r.req()->srcname, "T/none");
+    EXPECT_NE(r.exchange(ORBGETSTASH), 0);
+
+    r.req()->stashflag = 2;
+    ASSERT_EQ(r.exchange(ORBSTASHSELECT), 0);
+    EXPECT_EQ(r.resp()->stashflag, 2);
+    r.req()->stashflag = 3;
+    EXPECT_NE(r.exchange(ORBSTASHSELECT), 0);
+}
+
+TEST_F(Requests, UnknownAndUnsupportedCodesGetErrors) {
+    for (int code : {13, 15, 19, 22, 26, 33, 34, 35, 99, -4, 0x7fffffff}) {
+        int r = writer.exchange(code);
+        EXPECT_NE(r, 0) << "code " << code;
+        EXPECT_GT(writer.resp()->nerr, 0) << "code " << code;
+    }
+    // Still served after all that.
+    EXPECT_EQ(writer.exchange(ORBPING), 0);
+    EXPECT_EQ(writer.exchange(ORBSETLOGGING), 0);
+}
+
+TEST_F(Requests, RequestsBeforeOpenAreRefused) {
+    WireClient c;
+    ASSERT_TRUE(c.connect_tcp(server.name()));
+    EXPECT_EQ(c.exchange(ORBPING), 0);  // allowed: tells the version
+    EXPECT_NE(c.exchange(ORBSTAT), 0);
+    EXPECT_NE(c.tell(), 0);
+    EXPECT_EQ(c.open('r'), 0);
+    EXPECT_EQ(c.exchange(ORBSTAT), 0);
+}
+
+TEST_F(Requests, KillAndPriorityAndClose) {
+    WireClient victim;
+    ASSERT_TRUE(victim.connect_tcp(server.name()));
+    ASSERT_EQ(victim.open('r', "victim"), 0);
+    ASSERT_EQ(victim.exchange(ORBID), 0);
+    int id = victim.resp()->thread;
+
+    writer.req()->thread = id;
+    writer.req()->newpri = 5;
+    EXPECT_EQ(writer.exchange(ORBSETPRI), 0);
+    writer.req()->thread = id;
+    EXPECT_EQ(writer.exchange(ORBKILL), 0);
+    victim.set_timeout(5000);
+    EXPECT_EQ(victim.exchange(ORBPING), -1000);  // dropped
+    writer.req()->thread = 424242;
+    EXPECT_NE(writer.exchange(ORBKILL), 0);
+
+    // ORBCLOSE is answered and the connection then closed.
+    EXPECT_EQ(writer.exchange(ORBCLOSE), 0);
+    EXPECT_EQ(writer.exchange(ORBPING), -1000);
+    EXPECT_NE(server.log().find("killed"), std::string::npos);
+}
+
+TEST(RequestsAdmin, AdminRequestsNeedAnAdminAddress) {
+    OrbServer::Options o;
+    o.pf = "admin_allow 10.0.0.0/8\n";
+    OrbServer server(o);
+    ASSERT_TRUE(server.up()) << server.log();
+    WireClient c;
+    ASSERT_TRUE(c.connect_tcp(server.name()));
+    ASSERT_EQ(c.open('w'), 0);
+    EXPECT_NE(c.exchange(ORBHALT), 0);
+    c.req()->thread = 0;
+    EXPECT_NE(c.exchange(ORBKILL), 0);
+    EXPECT_TRUE(server.running());
+    EXPECT_NE(server.log().find("not allowed"), std::string::npos);
+}
+
+TEST(RequestsAdmin, HaltStopsTheServerCleanly) {
+    OrbServer server;
+    ASSERT_TRUE(server.up()) << server.log();
+    WireClient c;
+    ASSERT_TRUE(c.connect_tcp(server.name()));
+    ASSERT_EQ(c.open('w'), 0);
+    EXPECT_EQ(c.exchange(ORBHALT), 0);
+    int status = server.wait_exit();
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST(RequestsAdmin, SigtermStopsTheServerCleanly) {
+    OrbServer server;
+    ASSERT_TRUE(server.up()) << server.log();
+    WireClient c;
+    ASSERT_TRUE(c.connect_tcp(server.name()));
+    ASSERT_EQ(c.open('r'), 0);
+    ASSERT_TRUE(c.reap());
+    int status = server.stop();
+    EXPECT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_NE(server.log().find("stopping on a signal"), std::string::npos);
+}
+
+}  // namespace

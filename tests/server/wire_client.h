@@ -1,0 +1,288 @@
+// A bare protocol client for the server tests: requests encoded and responses
+// decoded with our own records, over TCP or over a socketpair to a forbserver
+// child, with nothing of the client library in between (so the tests see
+// exactly what the server answers).
+#pragma once
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "orb/orbfile.h"
+#include "stock/bns.h"
+
+namespace testsupport {
+
+struct Pkt {
+    int pktid = -1;
+    double time = 0;
+    std::string srcname;
+    std::string data;
+};
+
+class WireClient {
+public:
+    WireClient() = default;
+    ~WireClient() { disconnect(); }
+    WireClient(const WireClient&) = delete;
+    WireClient& operator=(const WireClient&) = delete;
+
+    // Connects to "host:port"; false on failure.
+    bool connect_tcp(const std::string& name, const char* local_addr = nullptr) {
+        auto colon = name.rfind(':');
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        sa.sin_port = htons(uint16_t(std::stoi(name.substr(colon + 1))));
+        inet_pton(AF_INET, name.substr(0, colon).c_str(), &sa.sin_addr);
+        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (local_addr) {
+            sockaddr_in la{};
+            la.sin_family = AF_INET;
+            inet_pton(AF_INET, local_addr, &la.sin_addr);
+            bind(fd, reinterpret_cast<sockaddr*>(&la), sizeof la);
+        }
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) < 0) {
+            close(fd);
+            return false;
+        }
+        attach(fd);
+        return true;
+    }
+
+    // Starts forbserver with args (e.g. {"-s64M", "./ring"}) on a socketpair,
+    // its standard error appended to logfile.
+    bool spawn_forb(const std::vector<std::string>& args, const std::string& logfile) {
+        int sv[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) < 0) return false;
+        std::vector<std::string> all = {std::string(FERRANT_BUILD_DIR) + "/bin/forbserver"};
+        all.insert(all.end(), args.begin(), args.end());
+        std::vector<char*> argv;
+        for (auto& a : all) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        child_ = fork();
+        if (child_ == 0) {
+            dup2(sv[1], 0);
+            dup2(sv[1], 1);
+            int log = ::open(logfile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+            if (log >= 0) dup2(log, 2);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        close(sv[1]);
+        attach(sv[0]);
+        return child_ > 0;
+    }
+
+    void disconnect() {
+        if (fd_ >= 0) close(fd_);
+        fd_ = -1;
+        bnsfree(in_);
+        bnsfree(out_);
+        in_ = out_ = nullptr;
+        freeOrbrequest(req_);
+        freeOrbresponse(resp_);
+        req_ = nullptr;
+        resp_ = nullptr;
+        if (child_ > 0) {
+            // forbserver ends when its client leaves; make sure of it.
+            int status;
+            for (int i = 0; i < 2000 && waitpid(child_, &status, WNOHANG) == 0; i++) usleep(2000);
+            if (waitpid(child_, &status, WNOHANG) == 0) {
+                kill(child_, SIGKILL);
+                waitpid(child_, &status, 0);
+            }
+            child_exit_ = status;
+        }
+        child_ = -1;
+    }
+    int child_status() const { return child_exit_; }
+    pid_t child() const { return child_; }
+
+    int fd() const { return fd_; }
+    Orbrequest* req() { return req_; }
+    Orbresponse* resp() { return resp_; }
+    Bns* in() { return in_; }
+    void set_timeout(int ms) { bnstimeout(in_, ms); }
+
+    // Sends raw bytes as they are.
+    bool raw(const void* data, size_t n) {
+        return ::send(fd_, data, n, MSG_NOSIGNAL) == ssize_t(n);
+    }
+    bool raw(const std::string& s) { return raw(s.data(), s.size()); }
+
+    // Sends req_ (what set by the caller) preceded by the marker.
+    bool send() {
+        buf2bns(out_, "orbm", 4);
+        if (pbnsOrbrequest(out_, req_) != 0) return false;
+        return bnsflush(out_) == 0;
+    }
+    // Reads the next response whatever it is: 0, or -1.
+    int recv_any() {
+        if (gbnsSync(in_, "orbm", 4, 1) != 0) return -1;
+        return gbnsOrbresponse(in_, resp_);
+    }
+    // Reads responses until one answers `what` (streamed pushes before it are
+    // skipped, as the library does). Result field, or -1 when reading fails.
+    int recv(int what) {
+        for (;;) {
+            if (recv_any() < 0) return -1000;
+            int w = resp_->what;
+            if (w == what || (what == ORBGET && w == ORBGETL) || (what == ORBREAP && w == ORBREAPL) ||
+                (what == ORBPUTX && w == ORBPUTXL))
+                return resp_->result;
+            skipped_++;
+        }
+    }
+    int skipped() const { return skipped_; }
+
+    int exchange(int what) {
+        req_->what = what;
+        if (!send()) return -1000;
+        return recv(what);
+    }
+
+    // ---- requests -------------------------------------------------------
+    int open(char perm = 'r', const char* what = "server_test") {
+        req_->what = ORBOPEN;
+        fill_hello(perm, what);
+        if (!send()) return -1000;
+        return recv(ORBOPEN);
+    }
+    void fill_hello(char perm, const char* what) {
+        if (!req_->hello) {
+            req_->hello = newOrbOpenString();
+            req_->sZhello = 1;
+        }
+        std::memcpy(&req_->hello->handshake, "orbm", 4);
+        req_->hello->pid = getpid();
+        req_->hello->perm = perm;
+        std::snprintf(req_->hello->what, sizeof req_->hello->what, "%s", what);
+        std::snprintf(req_->hello->who, sizeof req_->hello->who, "tester");
+    }
+    void fill_pkg(const std::string& src, double time, const std::string& data, int pktid = -1) {
+        if (!req_->pkg) {
+            req_->pkg = newPktpkg();
+            req_->sZpkg = 1;
+        }
+        Pktpkg* p = req_->pkg;
+        p->pktid = pktid;
+        p->time = time;
+        std::snprintf(p->srcname, sizeof p->srcname, "%s", src.c_str());
+        p->srcnamesize = static_cast<unsigned short>(std::strlen(p->srcname));
+        p->packet = const_cast<char*>(data.data());
+        p->packetsize = int(data.size());
+        p->sZpacket = 0;
+    }
+    // ORBPUT: no answer.
+    bool put(const std::string& src, double time, const std::string& data, int pktid = -1) {
+        fill_pkg(src, time, data, pktid);
+        req_->what = ORBPUT;
+        bool ok = send();
+        req_->pkg->packet = nullptr;
+        return ok;
+    }
+    // ORBPUTX: the new pktid, or a negative failure.
+    int putx(const std::string& src, double time, const std::string& data) {
+        fill_pkg(src, time, data);
+        req_->what = ORBPUTX;
+        bool ok = send();
+        req_->pkg->packet = nullptr;
+        if (!ok) return -1000;
+        int r = recv(ORBPUTX);
+        return r == 0 ? resp_->pktid : r;
+    }
+    // ORBGET: 0 with pkt filled, else the failure.
+    int get(int code, Pkt* pkt = nullptr) {
+        req_->pktcode = code;
+        int r = exchange(ORBGET);
+        if (r == 0 && pkt) *pkt = packet();
+        return r;
+    }
+    // ORBSEEK/ORBTELL/ORBAFTER: the pktid, or -1000 - nothing/failure result below -1000.
+    int seek(int code) {
+        req_->pktcode = code;
+        int r = exchange(ORBSEEK);
+        return r == 0 ? resp_->pktid : kFailed;
+    }
+    int tell() {
+        int r = exchange(ORBTELL);
+        return r == 0 ? resp_->pktid : kFailed;
+    }
+    int after(double t) {
+        req_->time = t;
+        int r = exchange(ORBAFTER);
+        return r == 0 ? resp_->pktid : kFailed;
+    }
+    int select(const std::string& pattern, int what = ORBSELECT) {
+        std::vector<char>& store = what == ORBSELECT ? sel_ : rej_;
+        store.assign(pattern.begin(), pattern.end());
+        store.push_back(0);
+        char** field = what == ORBSELECT ? &req_->select : &req_->reject;
+        int* n = what == ORBSELECT ? &req_->nselect : &req_->nreject;
+        int* sz = what == ORBSELECT ? &req_->sZselect : &req_->sZreject;
+        std::free(*field);
+        *field = static_cast<char*>(std::malloc(store.size()));
+        std::memcpy(*field, store.data(), store.size());
+        *sz = int(store.size());
+        *n = int(store.size());
+        int r = exchange(what);
+        return r == 0 ? resp_->nselections : kFailed;
+    }
+    int reject(const std::string& pattern) { return select(pattern, ORBREJECT); }
+    // Starts a stream; read it with next().
+    bool reap(int maxpkts = -1, int maxbytes = -1, double maxtime = 0) {
+        req_->reap_maxpkts = maxpkts;
+        req_->reap_maxbytes = maxbytes;
+        req_->reap_maxtime = maxtime;
+        req_->what = ORBREAP;
+        return send();
+    }
+    // Next streamed packet: 0 and pkt, or -1 when reading fails.
+    int next(Pkt* pkt) {
+        if (recv_any() < 0) return -1;
+        if (resp_->what != ORBREAP && resp_->what != ORBREAPL) return -2;
+        if (pkt) *pkt = packet();
+        return resp_->result;
+    }
+    Pkt packet() const {
+        Pkt p;
+        Pktpkg* g = resp_->pkg;
+        p.pktid = g->pktid;
+        p.time = g->time;
+        p.srcname = g->srcname;
+        p.data.assign(g->packet ? g->packet : "", size_t(g->packetsize));
+        return p;
+    }
+
+    static constexpr int kFailed = -1000;
+
+private:
+    void attach(int fd) {
+        fd_ = fd;
+        in_ = bnsnew(fd, 8192);
+        out_ = bnsnew(fd, 8192);
+        bnstimeout(in_, 10000);
+        req_ = newOrbrequest();
+        resp_ = newOrbresponse();
+    }
+
+    int fd_ = -1;
+    pid_t child_ = -1;
+    int child_exit_ = 0;
+    Bns* in_ = nullptr;
+    Bns* out_ = nullptr;
+    Orbrequest* req_ = nullptr;
+    Orbresponse* resp_ = nullptr;
+    std::vector<char> sel_, rej_;
+    int skipped_ = 0;
+};
+
+}  // namespace testsupport

@@ -1,0 +1,518 @@
+// The buffered stream over real socket pairs, and the byte-order conversions under it.
+#include "stock/bns.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "deviants/swap.h"
+#include "stock/h2e.h"
+#include "wire/wire_support.h"
+
+namespace {
+
+struct TempDir {
+    std::string path;
+    TempDir() {
+        char t[] = "/tmp/bns_test.XXXXXX";
+        path = mkdtemp(t);
+    }
+    ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
+};
+
+std::string slurp(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    std::stringstream s;
+    s << f.rdbuf();
+    return s.str();
+}
+
+TEST(BnsCreate, SizesAndTimeout) {
+    Bns* a = bnsnew(-1, 0);
+    EXPECT_EQ(a->sz, 32767);
+    EXPECT_EQ(a->mark, -1);
+    EXPECT_EQ(a->snoopfd, -1);
+    Bns* b = bnsnew(-1, 8192);
+    EXPECT_EQ(b->sz, 8192);
+
+    int saved = Bns_timeout;
+    setenv("BNS_TIMEOUT", "1234", 1);
+    Bns* c = bnsnew(-1, -5);
+    unsetenv("BNS_TIMEOUT");
+    EXPECT_EQ(c->sz, 32767);
+    EXPECT_EQ(c->timeout, 1234);
+    EXPECT_EQ(bnstimeout(c, 10), 1234);
+    EXPECT_EQ(c->timeout, 10);
+    Bns_timeout = saved;
+    bnsfree(a);
+    bnsfree(b);
+    bnsfree(c);
+    bnsfree(nullptr);
+}
+
+TEST(BnsPut, BigEndianForEveryType) {
+    OutStream o;
+    short s = 0x0102;
+    int i = -2;
+    int64_t l = 0x0102030405060708LL;
+    float f = 1.0f;
+    double d = -2.0;
+    ASSERT_EQ(bnsput(o.b, &s, BNS_SHORT, 1), 0);
+    ASSERT_EQ(bnsput(o.b, &i, BNS_INT, 1), 0);
+    ASSERT_EQ(bnsput(o.b, &l, BNS_LONG, 1), 0);
+    ASSERT_EQ(bnsput(o.b, &f, BNS_FLOAT, 1), 0);
+    ASSERT_EQ(bnsput(o.b, &d, BNS_DOUBLE, 1), 0);
+    ASSERT_EQ(buf2bns(o.b, "xyz", 3), 0);
+    EXPECT_EQ(pending(o.b), std::string("\x01\x02" "\xff\xff\xff\xfe" "\x01\x02\x03\x04\x05\x06\x07\x08"
+                                        "\x3f\x80\x00\x00" "\xc0\x00\x00\x00\x00\x00\x00\x00" "xyz",
+                                        2 + 4 + 8 + 4 + 8 + 3));
+    EXPECT_EQ(bnsout(o.b), 29);
+    EXPECT_EQ(bnsout(o.b), 0);
+
+    EXPECT_EQ(bnsput(o.b, &i, 6, 1), -1);
+    EXPECT_EQ(bnsput(o.b, &i, -1, 1), -1);
+    EXPECT_EQ(bnscnt(o.b), 29);
+}
+
+TEST(BnsPut, GrowthSizes) {
+    Bns* b = bnsnew(-1, 8192);
+    std::string big(10000, 'q');
+    buf2bns(b, big.data(), 10000);
+    EXPECT_EQ(b->sz, 16384);
+    EXPECT_EQ(pending(b), big);
+    // A small shortfall still doubles.
+    buf2bns(b, big.data(), 6385);
+    EXPECT_EQ(b->sz, 32768);
+    bnsfree(b);
+}
+
+TEST(BnsFlush, OneWriteCarriesEverything) {
+    SocketPair sp;
+    Bns* b = bnsnew(sp.fd[0], 16);
+    std::string expect;
+    for (int k = 0; k < 50; k++) {
+        bnsput(b, &k, BNS_INT, 1);
+        expect += Wire().i(k).s;
+    }
+    EXPECT_EQ(b->nsys, 0);
+    ASSERT_EQ(bnsflush(b), 0);
+    EXPECT_EQ(b->nsys, 1);
+    EXPECT_EQ(b->nbytes, 200);
+    EXPECT_EQ(b->fp, 0);
+    EXPECT_EQ(b->lp, 0);
+    EXPECT_EQ(sp.drain(), expect);
+    EXPECT_EQ(bnsflush(b), 0);  // nothing to write
+    EXPECT_EQ(b->nsys, 1);
+    bnsfree(b);
+}
+
+TEST(BnsFlush, FailureKeepsTheBytes) {
+    SocketPair sp;
+    sp.closeend(1);
+    signal(SIGPIPE, SIG_IGN);
+    Bns* b = bnsnew(sp.fd[0], 64);
+    buf2bns(b, "abc", 3);
+    EXPECT_EQ(bnsflush(b), -1);
+    EXPECT_EQ(b->err, 1);
+    EXPECT_EQ(b->syserrno, EPIPE);
+    EXPECT_EQ(pending(b), "abc");
+    bnsfree(b);
+}
+
+TEST(BnsGet, TypedValuesRoundTrip) {
+    SocketPair sp;
+    Bns* b = bnsnew(sp.fd[0], 64);
+    sp.send(Wire().h(0xfffe).i(0x80000000).d(3.25).s + std::string("\x00\x00\x00\x00\x00\x00\x00\x2a", 8) +
+            std::string("\x40\x49\x0f\xdb", 4));
+    short s;
+    int i;
+    double d;
+    int64_t l;
+    float f;
+    ASSERT_EQ(bnsget(b, &s, BNS_SHORT, 1), 0);
+    ASSERT_EQ(bnsget(b, &i, BNS_INT, 1), 0);
+    ASSERT_EQ(bnsget(b, &d, BNS_DOUBLE, 1), 0);
+    ASSERT_EQ(bnsget(b, &l, BNS_LONG, 1), 0);
+    ASSERT_EQ(bnsget(b, &f, BNS_FLOAT, 1), 0);
+    EXPECT_EQ(s, -2);
+    EXPECT_EQ(i, INT32_MIN);
+    EXPECT_EQ(d, 3.25);
+    EXPECT_EQ(l, 42);
+    EXPECT_FLOAT_EQ(f, 3.14159265f);
+    EXPECT_EQ(bnsin(b), 26);
+    EXPECT_EQ(bnsget(b, &i, 9, 1), -1);
+    bnsfree(b);
+}
+
+TEST(BnsGet, PartialArrivalSurvivesTheTimeout) {
+    SocketPair sp;
+    Bns* b = bnsnew(sp.fd[0], 64);
+    bnstimeout(b, 30);
+    int v = 0;
+    EXPECT_EQ(bnsget(b, &v, BNS_INT, 1), -1);  // nothing at all
+    EXPECT_EQ(b->eof, 0);
+    EXPECT_EQ(b->err, 0);
+
+    sp.send(std::string("\x12\x34", 2));
+    EXPECT_EQ(bnsget(b, &v, BNS_INT, 1), -1);
+    EXPECT_EQ(b->eof, 0);
+    EXPECT_EQ(b->err, 0);
+    EXPECT_EQ(bnscnt(b), 2);
+
+    sp.send(std::string("\x56\x78", 2));
+    ASSERT_EQ(bnsget(b, &v, BNS_INT, 1), 0);
+    EXPECT_EQ(v, 0x12345678);
+    bnsfree(b);
+}
+
+TEST(BnsGet, EndOfFileToldFromTimeout) {
+    SocketPair sp;
+    Bns* b = bnsnew(sp.fd[0], 64);
+    bnstimeout(b, 5000);
+    sp.send("ab");
+    sp.closeend(1);
+    int v;
+    EXPECT_EQ(bnsget(b, &v, BNS_INT, 1), -1);
+    EXPECT_EQ(b->eof, 1);
+    EXPECT_EQ(b->err, 0);
+    EXPECT_EQ(bnscnt(b), 2);  // still there
+    char c[2];
+    EXPECT_EQ(bnsget(b, c, BNS_BYTES, 2), 0);
+    bnsfree(b);
+}
+
+TEST(BnsGet, EndOfFileOnAPipe) {
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    Bns* b = bnsnew(p[0], 64);
+    bnstimeout(b, 5000);
+    close(p[1]);
+    char c;
+    EXPECT_EQ(bnsget(b, &c, BNS_BYTES, 1), -1);
+    EXPECT_EQ(b->eof, 1);
+    bnsfree(b);
+    close(p[0]);
+}
+
+TEST(BnsGet, ReadsAskForAllTheFreeSpace) {
+    SocketPair sp;
+    Bns* b = bnsnew(sp.fd[0], 8192);
+    sp.send(std::string(5000, 'r'));
+    char c;
+    ASSERT_EQ(bnsget(b, &c, BNS_BYTES, 1), 0);
+    EXPECT_EQ(b->nsys, 1);
+    EXPECT_EQ(bnscnt(b), 4999);
+    EXPECT_EQ(b->nbytes, 5000);
+    bnsfree(b);
+}
+
+TEST(BnsGet, GrowsByTwiceTheShortfall) {
+    SocketPair sp;
+    Bns* b = bnsnew(sp.fd[0], 16);
+    std::string msg(100, 'g');
+    sp.send(msg);
+    char buf[100];
+    ASSERT_EQ(bnsget(b, buf, BNS_BYTES, 100), 0);
+    EXPECT_EQ(b->sz, 16 + 2 * (100 - 16));
+    EXPECT_EQ(std::string(buf, 100), msg);
+
+    // Consumed bytes are moved out before growing is considered.
+    sp.send(std::string(150, 'h'));
+    ASSERT_EQ(bnsget(b, buf, BNS_BYTES, 100), 0);
+    EXPECT_EQ(b->sz, 184);
+    EXPECT_EQ(b->fp, 100);
+    bnsfree(b);
+}
+
+TEST(BnsKeep, ResendWritesExactlyTheLastMessages) {
+    SocketPair sp;
+    Bns* b = bnsnew(sp.fd[0], 8);
+    bnskeep(b, 2);
+    for (const char* m : {"aaa", "bbbb", "ccccc"}) {
+        buf2bns(b, m, (int)strlen(m));
+        ASSERT_EQ(bnsflush(b), 0);
+    }
+    EXPECT_EQ(sp.drain(), "aaabbbbccccc");
+    ASSERT_EQ(bnsresend(b), 0);
+    EXPECT_EQ(sp.drain(), "bbbbccccc");
+
+    // The kept bytes stay bounded however many messages pass.
+    for (int k = 0; k < 200; k++) {
+        buf2bns(b, "0123456789", 10);
+        ASSERT_EQ(bnsflush(b), 0);
+    }
+    EXPECT_EQ(b->mark, 0);
+    EXPECT_EQ(b->lp, 20);
+    sp.drain();
+    buf2bns(b, "tail", 4);
+    ASSERT_EQ(bnsflush(b), 0);
+    ASSERT_EQ(bnsresend(b), 0);
+    EXPECT_EQ(sp.drain(), "tail0123456789tail");
+    bnsfree(b);
+}
+
+TEST(BnsKeep, NothingKeptNothingResent) {
+    SocketPair sp;
+    Bns* b = bnsnew(sp.fd[0], 64);
+    buf2bns(b, "once", 4);
+    ASSERT_EQ(bnsflush(b), 0);
+    sp.drain();
+    long calls = b->nsys;
+    EXPECT_EQ(bnsresend(b), 0);
+    EXPECT_EQ(b->nsys, calls);
+    EXPECT_EQ(sp.drain(), "");
+
+    // After a clear nothing is resent either.
+    bnskeep(b, 2);
+    buf2bns(b, "kept", 4);
+    bnsflush(b);
+    sp.drain();
+    bnsclr(b);
+    EXPECT_EQ(bnsresend(b), 0);
+    EXPECT_EQ(sp.drain(), "");
+    bnsfree(b);
+}
+
+TEST(BnsGetc, TerminatorStaysAndOverflowIsDropped) {
+    SocketPair sp;
+    Bns* b = bnsnew(sp.fd[0], 64);
+    bnstimeout(b, 5000);
+    sp.send("abc\ndef");
+    char buf[16] = {};
+    EXPECT_EQ(bnsgetc(b, buf, 16, '\n'), 3);
+    EXPECT_EQ(std::string(buf, 3), "abc");
+    EXPECT_EQ(pending(b), "\ndef");
+
+    char nl;
+    bnsget(b, &nl, BNS_BYTES, 1);
+    sp.send("ghijkl\nX");
+    EXPECT_EQ(bnsgetc(b, buf, 2, '\n'), 2);
+    EXPECT_EQ(std::string(buf, 2), "de");
+    EXPECT_EQ(pending(b), "\nX");
+
+    bnsget(b, &nl, BNS_BYTES, 1);
+    sp.closeend(1);
+    memset(buf, 0, sizeof buf);
+    EXPECT_EQ(bnsgetc(b, buf, 16, '\n'), -1);
+    EXPECT_STREQ(buf, "X");
+    EXPECT_EQ(bnscnt(b), 0);
+    bnsfree(b);
+}
+
+TEST(BnsGetc, TerminatorArrivingInLaterReads) {
+    SocketPair sp;
+    Bns* b = bnsnew(sp.fd[0], 4);
+    bnstimeout(b, 5000);
+    sp.send("abcdefghij\n");
+    char buf[16] = {};
+    EXPECT_EQ(bnsgetc(b, buf, 16, '\n'), 10);
+    EXPECT_EQ(std::string(buf, 10), "abcdefghij");
+    EXPECT_EQ(pending(b), "\n");
+    bnsfree(b);
+}
+
+TEST(Bns2buf, HandsOutAndEmpties) {
+    SocketPair sp;
+    Bns* b = bnsnew(sp.fd[0], 64);
+    sp.send("0123456789");
+    char c;
+    bnsget(b, &c, BNS_BYTES, 1);
+    char buf[8];
+    EXPECT_EQ(bns2buf(b, buf, 4), 4);
+    EXPECT_EQ(std::string(buf, 4), "1234");
+    EXPECT_EQ(bnscnt(b), 0);
+    EXPECT_EQ(b->fp, 0);
+    EXPECT_EQ(bns2buf(b, buf, 4), 0);
+    bnsfree(b);
+}
+
+TEST(BnsSnoop, TraceRecordsBothDirections) {
+    TempDir dir;
+    std::string trace = dir.path + "/trace";
+    SocketPair sp;
+    Bns* out = bnsnew(sp.fd[0], 64);
+    bnsid(out, strdup("wire-out"));
+    ASSERT_EQ(bnssnoop(out, trace.c_str()), 0);
+    buf2bns(out, "hello", 5);
+    bnsflush(out);
+    bnssnoop(out, nullptr);
+
+    Bns* in = bnsnew(sp.fd[1], 64);
+    ASSERT_EQ(bnssnoop(in, trace.c_str()), 0);
+    char buf[5];
+    ASSERT_EQ(bnsget(in, buf, BNS_BYTES, 5), 0);
+
+    std::string t = slurp(trace);
+    EXPECT_EQ(t.find("\n\n#msg > wire-out 5 "), 0u) << t;
+    EXPECT_NE(t.find("\nhello\n\n#msg < anon 5 "), std::string::npos) << t;
+    EXPECT_EQ(t.substr(t.size() - 6), "\nhello");
+    struct stat st;
+    ASSERT_EQ(stat(trace.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777 & ~0664, 0u);
+
+    EXPECT_EQ(bnssnoop(in, (dir.path + "/no/such/dir").c_str()), -1);
+    EXPECT_EQ(in->snoopfd, -1);
+    bnsfree(in);
+    bnsfree(out);
+}
+
+TEST(BnsDump, StateInOrder) {
+    Bns* b = bnsnew(-1, 64);
+    free(bnsid(b, strdup("dumped")));
+    bnskeep(b, 2);
+    buf2bns(b, "AB", 2);
+    char* buf = nullptr;
+    size_t len = 0;
+    FILE* f = open_memstream(&buf, &len);
+    bnsdump(f, b);
+    fclose(f);
+    std::string out(buf, len);
+    free(buf);
+    EXPECT_EQ(out.find("  id='dumped'\n  fp=0  lp=2  mark=0  sz=      64\n  eof=0  err=0  syserrno=0  flags=0\n"),
+              0u) << out;
+    EXPECT_NE(out.find("marktbl has 0 entries:\n data+mark=0\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("\ndata+fp : 2 bytes\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("41 42"), std::string::npos) << out;
+    bnsfree(b);
+}
+
+TEST(BnsSync, FindsThePatternAfterGarbage) {
+    SocketPair sp;
+    Bns* b = bnsnew(sp.fd[0], 64);
+    bnstimeout(b, 5000);
+    sp.send("xxorbmDATA");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(gbnsSync(b, "orbm", 4, 0), 0);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("skipped 2 bytes looking for sync 'orbm'"), std::string::npos) << err;
+    EXPECT_EQ(pending(b), "DATA");
+
+    // A repeated first byte begins the match again.
+    bnsclr(b);
+    sp.send("oorbmZ");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(gbnsSync(b, "orbm", 4, 0), 0);
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(pending(b), "Z");
+
+    // Clean input says nothing.
+    bnsclr(b);
+    sp.send("orbm");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(gbnsSync(b, "orbm", 4, 1), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    bnsfree(b);
+}
+
+TEST(BnsSync, GivesUp) {
+    SocketPair sp;
+    Bns* b = bnsnew(sp.fd[0], 64);
+    bnstimeout(b, 5000);
+    sp.send("xorbm");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(gbnsSync(b, "orbm", 4, 1), -2);
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(pending(b), "orbm");
+
+    bnsclr(b);
+    sp.send(std::string(40, 'z') + "orbm");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(gbnsSync(b, "orbm", 4, 0), -2);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("skipped 32 bytes"), std::string::npos) << err;
+
+    bnsclr(b);
+    sp.send("orb");
+    sp.closeend(1);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(gbnsSync(b, "orbm", 4, 0), -1);
+    testing::internal::GetCapturedStderr();
+    bnsfree(b);
+}
+
+TEST(BnsClose, FlushesAndCloses) {
+    SocketPair sp;
+    Bns* b = bnsnew(sp.fd[0], 64);
+    buf2bns(b, "bye", 3);
+    EXPECT_EQ(bnsclose(b), 0);
+    EXPECT_EQ(fcntl(sp.fd[0], F_GETFD), -1);
+    sp.fd[0] = -1;
+    EXPECT_EQ(sp.drain(), "bye");
+}
+
+TEST(ByteOrder, CursorAdvancesAndValuesRoundTrip) {
+    unsigned char buf[64];
+    unsigned char* c = buf;
+    short s[2] = {1, -1};
+    EXPECT_EQ(hs2ms(s, &c, 2), 0);
+    EXPECT_EQ(c - buf, 4);
+    EXPECT_EQ(std::string((char*)buf, 4), std::string("\x00\x01\xff\xff", 4));
+    c = buf;
+    EXPECT_EQ(hs2as(s, &c, 2), 0);
+    EXPECT_EQ(std::string((char*)buf, 4), std::string("\x01\x00\xff\xff", 4));
+
+    c = buf;
+    int i = 0x01020304;
+    hi2ai(&i, &c, 1);
+    EXPECT_EQ(std::string((char*)buf, 4), "\x04\x03\x02\x01");
+    c = buf;
+    int back = 0;
+    ai2hi(&c, &back, 1);
+    EXPECT_EQ(back, i);
+
+    c = buf;
+    unsigned short u = 0xfffe;
+    uhs2ms(&u, &c, 1);
+    c = buf;
+    int wide;
+    ums2hi(&c, &wide, 1);
+    EXPECT_EQ(wide, 0xfffe);
+    c = buf;
+    ms2hi(&c, &wide, 1);
+    EXPECT_EQ(wide, -2);
+    c = buf;
+    i = -7;
+    hi2mi(&i, &c, 1);
+    c = buf;
+    double dd;
+    mi2hd(&c, &dd, 1);
+    EXPECT_EQ(dd, -7.0);
+
+    double d[3] = {1.5, NAN, -0.0};
+    c = buf;
+    EXPECT_EQ(hd2md(d, &c, 3), -1);
+    EXPECT_EQ(c - buf, 24);
+    double e[3];
+    c = buf;
+    EXPECT_EQ(md2hd(&c, e, 3), -1);
+    EXPECT_EQ(e[0], 1.5);
+    EXPECT_TRUE(std::isnan(e[1]));
+    EXPECT_TRUE(std::signbit(e[2]));
+    c = buf;
+    EXPECT_EQ(hd2md(d, &c, 1), 0);
+}
+
+TEST(ByteOrder, SwapInPlaceAndUnaligned) {
+    unsigned char buf[17] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+    swap2(buf + 1, buf + 1, 2);
+    EXPECT_EQ(buf[1], 2);
+    EXPECT_EQ(buf[2], 1);
+    EXPECT_EQ(buf[3], 4);
+    unsigned char out[16];
+    swap4(buf + 1, out, 1);
+    EXPECT_EQ(out[0], 3);
+    EXPECT_EQ(out[1], 4);
+    EXPECT_EQ(out[3], 2);
+    unsigned char e[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    swap8(e, e, 1);
+    EXPECT_EQ(e[0], 8);
+    EXPECT_EQ(e[7], 1);
+}
+
+}  // namespace

@@ -1,0 +1,736 @@
+// Protocol records on the wire: exact bytes for every request and response
+// code, decode(encode(x)) == x, and the length limits under hostile input.
+#include "orb/orbfile.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "stock/bns.h"
+#include "wire/wire_support.h"
+
+namespace {
+
+const double T0 = 1700000000.25;
+
+std::string hello_bytes() {
+    return Wire().i(0x6f72626d).text("alice", 24).text("ferrant2 -v x", 128).i(4242).b("w").s;
+}
+
+void fill_hello(OrbOpenString* o) {
+    o->handshake = 0x6f72626d;
+    strcpy(o->who, "alice");
+    strcpy(o->what, "ferrant2 -v x");
+    o->pid = 4242;
+    o->perm = 'w';
+}
+
+void fill_pkg(Pktpkg* p, int size) {
+    p->pktid = 77;
+    p->time = T0;
+    strcpy(p->srcname, "AK_ABC/xfer");
+    p->srcnamesize = 11;
+    p->packet = static_cast<char*>(realloc(p->packet, size ? size : 1));
+    p->sZpacket = size;
+    for (int i = 0; i < size; i++) p->packet[i] = (char)(i * 7);
+    p->packetsize = size;
+}
+
+std::string packet_bytes(int size) {
+    std::string s(size, '\0');
+    for (int i = 0; i < size; i++) s[i] = (char)(i * 7);
+    return s;
+}
+
+std::string encode(Orbrequest* r) {
+    OutStream o;
+    EXPECT_EQ(pbnsOrbrequest(o.b, r), 0);
+    return pending(o.b);
+}
+
+std::string encode(Orbresponse* r) {
+    OutStream o;
+    EXPECT_EQ(pbnsOrbresponse(o.b, r), 0);
+    return pending(o.b);
+}
+
+struct RequestCase {
+    const char* name;
+    std::function<void(Orbrequest*)> fill;
+    std::string bytes;
+};
+
+std::vector<RequestCase> request_cases() {
+    std::vector<RequestCase> v;
+    v.push_back({"put", [](Orbrequest* r) { r->what = ORBPUT; r->pkg = newPktpkg(); fill_pkg(r->pkg, 5); },
+                 Wire().i(1).i(77).h(5).h(11).d(T0).b("AK_ABC/xfer").b(packet_bytes(5)).s});
+    v.push_back({"putx", [](Orbrequest* r) { r->what = ORBPUTX; r->pkg = newPktpkg(); fill_pkg(r->pkg, 0); },
+                 Wire().i(30).i(77).h(0).h(11).d(T0).b("AK_ABC/xfer").s});
+    v.push_back({"get", [](Orbrequest* r) { r->what = ORBGET; r->pktcode = ORBCURRENT; },
+                 std::string("\x00\x00\x00\x02\xff\xff\xff\xf6", 8)});
+    v.push_back({"seek", [](Orbrequest* r) { r->what = ORBSEEK; r->pktcode = ORBOLDEST; },
+                 std::string("\x00\x00\x00\x07\xff\xff\xff\xf3", 8)});
+    v.push_back({"reap",
+                 [](Orbrequest* r) { r->what = ORBREAP; r->reap_maxtime = 2.5; r->reap_maxbytes = 9; r->reap_maxpkts = 3; },
+                 std::string("\x00\x00\x00\x03" "\x40\x04\x00\x00\x00\x00\x00\x00" "\x00\x00\x00\x09" "\x00\x00\x00\x03", 20)});
+    v.push_back({"reapl",
+                 [](Orbrequest* r) { r->what = ORBREAPL; r->reap_maxtime = -1; r->reap_maxbytes = 0; r->reap_maxpkts = -32; },
+                 Wire().i(27).d(-1).i(0).i((uint32_t)-32).s});
+    v.push_back({"select",
+                 [](Orbrequest* r) { r->what = ORBSELECT; r->select = strdup(".*/xfer"); r->sZselect = 8; r->nselect = 8; },
+                 Wire().i(9).i(8).b(std::string(".*/xfer\0", 8)).s});
+    v.push_back({"reject",
+                 [](Orbrequest* r) { r->what = ORBREJECT; r->reject = strdup("X"); r->sZreject = 2; r->nreject = 2; },
+                 Wire().i(10).i(2).b(std::string("X\0", 2)).s});
+    v.push_back({"after", [](Orbrequest* r) { r->what = ORBAFTER; r->time = T0; }, Wire().i(12).d(T0).s});
+    v.push_back({"setpri", [](Orbrequest* r) { r->what = ORBSETPRI; r->newpri = 5; r->thread = 6; },
+                 Wire().i(16).i(5).i(6).s});
+    v.push_back({"setlogging", [](Orbrequest* r) { r->what = ORBSETLOGGING; r->logflag = 1; }, Wire().i(18).i(1).s});
+    v.push_back({"open", [](Orbrequest* r) { r->what = ORBOPEN; r->hello = newOrbOpenString(); fill_hello(r->hello); },
+                 Wire().i(20).b(hello_bytes()).s});
+    v.push_back({"kill", [](Orbrequest* r) { r->what = ORBKILL; r->thread = 12; }, Wire().i(21).i(12).s});
+    v.push_back({"rup",
+                 [](Orbrequest* r) { r->what = ORBRUP; r->athread = 3; r->hello = newOrbOpenString(); fill_hello(r->hello); },
+                 Wire().i(24).i(3).b(hello_bytes()).s});
+    v.push_back({"stashselect", [](Orbrequest* r) { r->what = ORBSTASHSELECT; r->stashflag = 2; },
+                 Wire().i(28).i(2).s});
+    v.push_back({"getstash", [](Orbrequest* r) { r->what = ORBGETSTASH; strcpy(r->srcname, "AK_ABC/xfer"); },
+                 Wire().i(29).text("AK_ABC/xfer", 64).s});
+    v.push_back({"signedopen",
+                 [](Orbrequest* r) {
+                     r->what = ORBSIGNEDOPEN;
+                     r->hello = newOrbOpenString();
+                     fill_hello(r->hello);
+                     memcpy(r->challenge, "0123456789ab", 12);
+                     strcpy(r->signer, "operator");
+                     memset(r->signature, 's', 512);
+                 },
+                 Wire().i(34).b(hello_bytes()).b("0123456789ab").text("operator", 64).b(std::string(512, 's')).s});
+    for (int code : {4, 5, 6, 8, 11, 13, 14, 15, 17, 19, 23, 26, 33, 35, 99, -5}) {
+        v.push_back({"bodiless", [code](Orbrequest* r) { r->what = code; r->pktcode = 1234; r->time = 5; },
+                     Wire().i(code).s});
+    }
+    return v;
+}
+
+TEST(OrbrequestWire, EveryCodeHasItsExactBytesAndDecodesBack) {
+    for (auto& c : request_cases()) {
+        SCOPED_TRACE(c.name);
+        Orbrequest* r = newOrbrequest();
+        c.fill(r);
+        EXPECT_EQ(encode(r), c.bytes);
+
+        // Decoding reads exactly the message: the marker behind it is next.
+        InStream in(c.bytes + "orbm");
+        Orbrequest* d = newOrbrequest();
+        ASSERT_EQ(gbnsOrbrequest(in.b, d), 0);
+        EXPECT_EQ(in.rest(), "orbm");
+        EXPECT_EQ(d->what, r->what);
+        EXPECT_EQ(encode(d), c.bytes);
+        freeOrbrequest(d);
+        freeOrbrequest(r);
+    }
+}
+
+TEST(OrbrequestWire, DecodedFieldsMatch) {
+    Orbrequest* r = newOrbrequest();
+    r->what = ORBPUT;
+    r->pkg = newPktpkg();
+    fill_pkg(r->pkg, 300);
+    InStream in(encode(r));
+    Orbrequest* d = newOrbrequest();
+    ASSERT_EQ(gbnsOrbrequest(in.b, d), 0);
+    ASSERT_NE(d->pkg, nullptr);
+    EXPECT_EQ(d->sZpkg, 1);
+    EXPECT_EQ(d->pkg->pktid, 77);
+    EXPECT_EQ(d->pkg->time, T0);
+    EXPECT_STREQ(d->pkg->srcname, "AK_ABC/xfer");
+    EXPECT_EQ(d->pkg->packetsize, 300);
+    EXPECT_EQ(d->pkg->sZpacket, 300);
+    EXPECT_EQ(std::string(d->pkg->packet, 300), packet_bytes(300));
+
+    Orbrequest* o = newOrbrequest();
+    o->what = ORBOPEN;
+    o->hello = newOrbOpenString();
+    fill_hello(o->hello);
+    InStream in2(encode(o));
+    ASSERT_EQ(gbnsOrbrequest(in2.b, d), 0);
+    ASSERT_NE(d->hello, nullptr);
+    EXPECT_EQ(d->sZhello, 1);
+    EXPECT_EQ(d->hello->handshake, 0x6f72626d);
+    EXPECT_STREQ(d->hello->who, "alice");
+    EXPECT_STREQ(d->hello->what, "ferrant2 -v x");
+    EXPECT_EQ(d->hello->pid, 4242);
+    EXPECT_EQ(d->hello->perm, 'w');
+    freeOrbrequest(o);
+    freeOrbrequest(r);
+    freeOrbrequest(d);
+}
+
+TEST(OrbrequestWire, PutPromotionAtSixtyFourKilobytes) {
+    for (int what : {ORBPUT, ORBPUTX}) {
+        Orbrequest* r = newOrbrequest();
+        r->pkg = newPktpkg();
+        r->what = what;
+        fill_pkg(r->pkg, 65535);
+        std::string s = encode(r);
+        EXPECT_EQ(r->what, what);
+        EXPECT_EQ(s.substr(0, 10), Wire().i(what).i(77).h(0xFFFF).s);
+        EXPECT_EQ(s.size(), 4u + 4 + 2 + 2 + 8 + 11 + 65535);
+
+        fill_pkg(r->pkg, 65536);
+        s = encode(r);
+        int longer = what == ORBPUT ? ORBPUTL : ORBPUTXL;
+        EXPECT_EQ(r->what, longer);
+        EXPECT_EQ(s.substr(0, 12), Wire().i(longer).i(77).i(65536).s);
+        EXPECT_EQ(s.size(), 4u + 4 + 4 + 2 + 8 + 11 + 65536);
+
+        InStream in(s, 8192);
+        Orbrequest* d = newOrbrequest();
+        ASSERT_EQ(gbnsOrbrequest(in.b, d), 0);
+        EXPECT_EQ(d->what, longer);
+        EXPECT_EQ(d->pkg->packetsize, 65536);
+        EXPECT_EQ(std::string(d->pkg->packet, 65536), packet_bytes(65536));
+        freeOrbrequest(d);
+        freeOrbrequest(r);
+    }
+}
+
+struct MaxData {
+    int saved = Orb_max_data_bytes;
+    explicit MaxData(int n) { Orb_max_data_bytes = n; }
+    ~MaxData() { Orb_max_data_bytes = saved; }
+};
+
+TEST(OrbrequestWire, PacketOneByteOverTheLimit) {
+    MaxData limit(70000);
+    Orbrequest* r = newOrbrequest();
+    r->pkg = newPktpkg();
+    r->what = ORBPUT;
+    fill_pkg(r->pkg, 70000);
+    EXPECT_EQ(encode(r).size(), 4u + 4 + 4 + 2 + 8 + 11 + 70000);
+
+    fill_pkg(r->pkg, 70001);
+    r->what = ORBPUT;
+    OutStream o;
+    EXPECT_NE(pbnsOrbrequest(o.b, r), 0);
+    EXPECT_EQ(r->what, ORBPUTL);
+
+    // Decoding refuses the size before reading any packet byte.
+    std::string body = packet_bytes(70001);
+    InStream in(Wire().i(ORBPUTL).i(5).i(70001).h(2).d(T0).b("ab").s + body, 8192);
+    Orbrequest* d = newOrbrequest();
+    EXPECT_EQ(gbnsOrbrequest(in.b, d), -1);
+    EXPECT_EQ(in.rest(), body);
+    EXPECT_LT(d->pkg->sZpacket, 70001);
+
+    // The short form cannot exceed 65535, but a small limit holds it too.
+    MaxData tiny(10);
+    InStream in2(Wire().i(ORBPUT).i(5).h(11).h(0).d(T0).b("hello world").s);
+    EXPECT_EQ(gbnsOrbrequest(in2.b, d), -1);
+    EXPECT_EQ(in2.rest(), "hello world");
+    freeOrbrequest(d);
+    freeOrbrequest(r);
+}
+
+TEST(OrbrequestWire, PatternLengths) {
+    Orbrequest* d = newOrbrequest();
+    std::string pat(16383, 'a');
+    pat.push_back('\0');
+    InStream ok(Wire().i(ORBSELECT).i(16384).b(pat).s);
+    ASSERT_EQ(gbnsOrbrequest(ok.b, d), 0);
+    EXPECT_EQ(d->nselect, 16384);
+    EXPECT_EQ(strlen(d->select), 16383u);
+
+    InStream big(Wire().i(ORBSELECT).i(16385).b(pat + "b").s);
+    EXPECT_EQ(gbnsOrbrequest(big.b, d), -1);
+    EXPECT_EQ(big.rest().size(), 16385u) << "pattern bytes must stay unread";
+
+    InStream neg(Wire().i(ORBREJECT).i((uint32_t)-1).s);
+    EXPECT_EQ(gbnsOrbrequest(neg.b, d), -1);
+
+    // A pattern sent without its NUL is still a terminated text.
+    InStream nonul(Wire().i(ORBREJECT).i(3).b("abc").s);
+    ASSERT_EQ(gbnsOrbrequest(nonul.b, d), 0);
+    EXPECT_STREQ(d->reject, "abc");
+    freeOrbrequest(d);
+}
+
+void fill_stat(Orbstat* s) {
+    s->maxdata = 4000000;
+    s->maxpkts = 1000;
+    s->maxsrc = 50;
+    s->nclients = 2;
+    s->nsources = 3;
+    s->started = T0 - 10;
+    s->when = T0;
+    s->pid = 99;
+    memcpy(s->address, "\x7f\x00\x00\x01", 4);
+    s->port = 6510;
+    s->opens = 4;
+    s->closes = 5;
+    s->rejected = 6;
+    s->errors = 7;
+    strcpy(s->host, "ringhost");
+    strcpy(s->who, "bob");
+    strcpy(s->version, "ferrant2 0.1");
+    s->orb_start = T0 - 100;
+    s->messages = 8;
+    s->connections = 9;
+}
+
+std::string stat_bytes() {
+    return Wire().i(4000000).i(1000).i(50).i(2).i(3).d(T0 - 10).d(T0).i(99).b(std::string("\x7f\x00\x00\x01", 4))
+        .i(6510).i(4).i(5).i(6).i(7).text("ringhost", 128).text("bob", 24).text("ferrant2 0.1", 128)
+        .d(T0 - 100).i(8).i(9).s;
+}
+
+void fill_client(Orbclient* c, const char* select, const char* reject) {
+    c->started = T0 - 5;
+    c->lastpkt = T0;
+    c->pktid = 11;
+    c->packets = 12;
+    c->bytes = 13;
+    c->read = 14;
+    c->written = 15;
+    c->nreads = 16;
+    c->nwrites = 17;
+    c->nrequests = 18;
+    c->mymessages = 19;
+    c->lastrequest = ORBREAP;
+    c->priority = 20;
+    c->errors = 21;
+    strcpy(c->select, select);
+    c->nselect = (int)strlen(select) + 1;
+    strcpy(c->reject, reject);
+    c->nreject = (int)strlen(reject) + 1;
+    c->fd = 22;
+    c->thread = 23;
+    memcpy(c->address, "\x0a\x00\x00\x02", 4);
+    c->port = 40000;
+    strcpy(c->who, "carol");
+    strcpy(c->host, "client.example");
+    strcpy(c->what, "ferrant2 -S state");
+    c->pid = 24;
+    c->perm = 'r';
+}
+
+std::string client_bytes(const char* select, const char* reject) {
+    std::string sel(select, strlen(select) + 1), rej(reject, strlen(reject) + 1);
+    return Wire().d(T0 - 5).d(T0).i(11).i(12).i(13).i(14).i(15).i(16).i(17).i(18).i(19).i(ORBREAP).i(20).i(21)
+        .i((uint32_t)sel.size()).b(sel).i((uint32_t)rej.size()).b(rej).i(22).i(23)
+        .b(std::string("\x0a\x00\x00\x02", 4)).i(40000).text("carol", 24).text("client.example", 128)
+        .text("ferrant2 -S state", 128).i(24).b("r").s;
+}
+
+void fill_src(Orbsrc* s, const char* name, int n) {
+    strcpy(s->srcname, name);
+    s->active = 1;
+    s->soldest = n;
+    s->slatest = n + 10;
+    s->npkts = 11;
+    s->nbytes = 5000;
+    s->soldest_time = T0 - n;
+    s->slatest_time = T0;
+}
+
+std::string src_bytes(const char* name, int n) {
+    return Wire().text(name, 64).i(1).i(n).i(n + 10).i(11).i(5000).d(T0 - n).d(T0).s;
+}
+
+TEST(RecordWire, FixedSizes) {
+    OutStream o;
+    OrbOpenString* h = newOrbOpenString();
+    pbnsOrbOpenString(o.b, h);
+    EXPECT_EQ(bnscnt(o.b), 161);
+    bnsclr(o.b);
+    Orbsrc* s = newOrbsrc();
+    pbnsOrbsrc(o.b, s);
+    EXPECT_EQ(bnscnt(o.b), 100);
+    bnsclr(o.b);
+    Orbstat* st = newOrbstat();
+    pbnsOrbstat(o.b, st);
+    EXPECT_EQ(bnscnt(o.b), 360);
+    bnsclr(o.b);
+    Orbclient* c = newOrbclient();
+    pbnsOrbclient(o.b, c);
+    EXPECT_EQ(bnscnt(o.b), 373);
+    bnsclr(o.b);
+    fill_client(c, "AK_.*", "");
+    pbnsOrbclient(o.b, c);
+    EXPECT_EQ(bnscnt(o.b), 373 + 6 + 1);
+    EXPECT_EQ(pending(o.b), client_bytes("AK_.*", ""));
+    bnsclr(o.b);
+    fill_stat(st);
+    pbnsOrbstat(o.b, st);
+    EXPECT_EQ(pending(o.b), stat_bytes());
+    freeOrbOpenString(h);
+    freeOrbsrc(s);
+    freeOrbstat(st);
+    freeOrbclient(c);
+}
+
+TEST(RecordWire, InitialValues) {
+    Orbstat* s = newOrbstat();
+    EXPECT_EQ(s->when, -1.0);
+    EXPECT_EQ(s->pid, -1);
+    EXPECT_EQ(s->maxpkts, -1);
+    EXPECT_EQ(s->address[3], 0xFF);
+    EXPECT_EQ(s->opens, 0);
+    Orbclient* c = newOrbclient();
+    EXPECT_EQ(c->perm, 'n');
+    EXPECT_EQ(c->fd, -1);
+    EXPECT_EQ(c->started, -1.0);
+    Orbrequest* q = newOrbrequest();
+    EXPECT_EQ(q->what, -1);
+    Orbresponse* r = newOrbresponse();
+    EXPECT_EQ(r->orbstat.pid, -1);
+    EXPECT_EQ(r->what, 0);
+    Pktpkg* p = newPktpkg();
+    EXPECT_EQ(p->pktid, -1);
+    EXPECT_EQ(p->packet, nullptr);
+    Orbfile* f = newOrbfile();
+    EXPECT_EQ(f->lastpktid, -1);
+    EXPECT_EQ(f->prevlast, -1);
+    EXPECT_EQ(f->in, nullptr);
+    EXPECT_EQ(f->signer[0], 0);
+
+    // Re-initialising keeps owned buffers.
+    q->pkg = p;
+    q->sZpkg = 1;
+    q->what = ORBPUT;
+    initOrbrequest(q);
+    EXPECT_EQ(q->pkg, p);
+    EXPECT_EQ(q->what, -1);
+    freeOrbrequest(q);
+    freeOrbresponse(r);
+    freeOrbstat(s);
+    freeOrbclient(c);
+    freeOrbfile(f);
+}
+
+struct ResponseCase {
+    const char* name;
+    std::function<void(Orbresponse*)> fill;
+    std::string bytes;
+};
+
+std::vector<ResponseCase> response_cases() {
+    std::vector<ResponseCase> v;
+    for (int code : {ORBGET, ORBREAP}) {
+        v.push_back({"short pkg", [code](Orbresponse* r) { r->what = code; r->pkg = newPktpkg(); fill_pkg(r->pkg, 40); },
+                     Wire().i(code).i(0).i(77).h(40).h(11).d(T0).b("AK_ABC/xfer").b(packet_bytes(40)).s});
+    }
+    for (int code : {ORBGETL, ORBREAPL, ORBGETSTASH}) {
+        v.push_back({"long pkg", [code](Orbresponse* r) { r->what = code; r->pkg = newPktpkg(); fill_pkg(r->pkg, 40); },
+                     Wire().i(code).i(0).i(77).i(40).h(11).d(T0).b("AK_ABC/xfer").b(packet_bytes(40)).s});
+    }
+    v.push_back({"stat", [](Orbresponse* r) { r->what = ORBSTAT; fill_stat(&r->orbstat); },
+                 Wire().i(4).i(0).b(stat_bytes()).s});
+    v.push_back({"clients",
+                 [](Orbresponse* r) {
+                     r->what = ORBCLIENTS;
+                     r->client_when = T0;
+                     r->nclient = r->sZclient = 2;
+                     r->client = static_cast<Orbclient*>(calloc(2, sizeof(Orbclient)));
+                     fill_client(&r->client[0], ".*", "AK_X.*");
+                     fill_client(&r->client[1], "", "");
+                 },
+                 Wire().i(5).i(0).d(T0).i(2).b(client_bytes(".*", "AK_X.*")).b(client_bytes("", "")).s});
+    v.push_back({"sources",
+                 [](Orbresponse* r) {
+                     r->what = ORBSOURCES;
+                     r->source_when = T0;
+                     r->nsource = r->sZsource = 3;
+                     r->source = static_cast<Orbsrc*>(calloc(3, sizeof(Orbsrc)));
+                     fill_src(&r->source[0], "AK_A/xfer", 1);
+                     fill_src(&r->source[1], "AK_B/xfer", 2);
+                     fill_src(&r->source[2], "/pf/ch", 3);
+                 },
+                 Wire().i(6).i(0).d(T0).i(3).b(src_bytes("AK_A/xfer", 1)).b(src_bytes("AK_B/xfer", 2))
+                     .b(src_bytes("/pf/ch", 3)).s});
+    for (int code : {ORBSEEK, ORBTELL, ORBAFTER, ORBPUTX, ORBPUTXL})
+        v.push_back({"pktid", [code](Orbresponse* r) { r->what = code; r->pktid = 123456; },
+                     Wire().i(code).i(0).i(123456).s});
+    for (int code : {ORBSELECT, ORBREJECT})
+        v.push_back({"nselections", [code](Orbresponse* r) { r->what = code; r->nselections = 4; },
+                     Wire().i(code).i(0).i(4).s});
+    v.push_back({"ping", [](Orbresponse* r) { r->what = ORBPING; r->version = 7; },
+                 std::string("\0\0\0\x0e\0\0\0\0\0\0\0\x07", 12)});
+    for (int code : {ORBOPEN, ORBSIGNEDOPEN})
+        v.push_back({"open",
+                     [code](Orbresponse* r) { r->what = code; r->orb_start = T0 - 100; r->server_start = T0 - 1; r->latest_pktid = 41; },
+                     Wire().i(code).i(0).d(T0 - 100).d(T0 - 1).i(41).s});
+    v.push_back({"id", [](Orbresponse* r) { r->what = ORBID; r->thread = 17; }, Wire().i(23).i(0).i(17).s});
+    v.push_back({"rup",
+                 [](Orbresponse* r) {
+                     r->what = ORBRUP;
+                     r->active = 1;
+                     r->orb_start = T0 - 100;
+                     r->server_start = T0 - 1;
+                     r->latest_pktid = 41;
+                 },
+                 Wire().i(24).i(0).i(1).d(T0 - 100).d(T0 - 1).i(41).s});
+    v.push_back({"stashselect", [](Orbresponse* r) { r->what = ORBSTASHSELECT; r->stashflag = 1; },
+                 Wire().i(28).i(0).i(1).s});
+    v.push_back({"challenge", [](Orbresponse* r) { r->what = ORBCHALLENGE; memcpy(r->challenge, "abcdefghijkl", 12); },
+                 Wire().i(33).i(0).b("abcdefghijkl").s});
+    for (int code : {1, 11, 13, 15, 16, 17, 18, 19, 21, 25, 35, 100})
+        v.push_back({"bodiless", [code](Orbresponse* r) { r->what = code; r->pktid = 5; r->version = 3; },
+                     Wire().i(code).i(0).s});
+    v.push_back({"error", [](Orbresponse* r) { r->what = ORBSEEK; r->result = -1; strcpy(r->errmsg, "no such packet"); r->nerr = 15; },
+                 Wire().i(7).i((uint32_t)-1).i(15).b(std::string("no such packet", 15)).s});
+    v.push_back({"error on a package code",
+                 [](Orbresponse* r) { r->what = ORBGET; r->result = 3; r->nerr = 0; },
+                 Wire().i(2).i(3).i(0).s});
+    return v;
+}
+
+TEST(OrbresponseWire, EveryCodeHasItsExactBytesAndDecodesBack) {
+    for (auto& c : response_cases()) {
+        SCOPED_TRACE(c.name);
+        Orbresponse* r = newOrbresponse();
+        c.fill(r);
+        EXPECT_EQ(encode(r), c.bytes);
+        InStream in(c.bytes + "orbm");
+        Orbresponse* d = newOrbresponse();
+        ASSERT_EQ(gbnsOrbresponse(in.b, d), 0);
+        EXPECT_EQ(in.rest(), "orbm");
+        EXPECT_EQ(d->what, r->what);
+        EXPECT_EQ(d->result, r->result);
+        EXPECT_EQ(encode(d), c.bytes);
+        freeOrbresponse(d);
+        freeOrbresponse(r);
+    }
+}
+
+const ResponseCase& response_case(const char* name) {
+    static const std::vector<ResponseCase> cases = response_cases();
+    for (auto& c : cases)
+        if (strcmp(c.name, name) == 0) return c;
+    throw std::runtime_error(name);
+}
+
+TEST(OrbresponseWire, DecodedArraysAndTexts) {
+    Orbresponse* r = newOrbresponse();
+    response_case("sources").fill(r);
+    ASSERT_EQ(r->what, ORBSOURCES);
+    InStream in(encode(r));
+    Orbresponse* d = newOrbresponse();
+    ASSERT_EQ(gbnsOrbresponse(in.b, d), 0);
+    ASSERT_EQ(d->nsource, 3);
+    EXPECT_GE(d->sZsource, 3);
+    EXPECT_STREQ(d->source[2].srcname, "/pf/ch");
+    EXPECT_EQ(d->source[1].soldest, 2);
+    EXPECT_EQ(d->source[1].soldest_time, T0 - 2);
+    Orbsrc* kept = d->source;
+
+    // No sources: the array stays as it was.
+    InStream none(Wire().i(ORBSOURCES).i(0).d(T0).i(0).s);
+    ASSERT_EQ(gbnsOrbresponse(none.b, d), 0);
+    EXPECT_EQ(d->nsource, 0);
+    EXPECT_EQ(d->source, kept);
+    EXPECT_STREQ(d->source[2].srcname, "/pf/ch");
+
+    // A negative count reads no entries.
+    InStream neg(Wire().i(ORBCLIENTS).i(0).d(T0).i((uint32_t)-4).b("orbm").s);
+    ASSERT_EQ(gbnsOrbresponse(neg.b, d), 0);
+    EXPECT_EQ(neg.rest(), "orbm");
+
+    Orbresponse* cl = newOrbresponse();
+    response_case("clients").fill(cl);
+    ASSERT_EQ(cl->what, ORBCLIENTS);
+    InStream in2(encode(cl));
+    ASSERT_EQ(gbnsOrbresponse(in2.b, d), 0);
+    ASSERT_EQ(d->nclient, 2);
+    EXPECT_STREQ(d->client[0].reject, "AK_X.*");
+    EXPECT_EQ(d->client[0].nreject, 7);
+    EXPECT_STREQ(d->client[0].host, "client.example");
+    EXPECT_EQ(d->client[0].perm, 'r');
+    EXPECT_EQ(d->client[1].address[0], 10);
+    freeOrbresponse(cl);
+    freeOrbresponse(r);
+    freeOrbresponse(d);
+}
+
+TEST(OrbresponseWire, ErrorTextLengths) {
+    Orbresponse* d = newOrbresponse();
+    std::string text(600, 'e');
+    InStream big(Wire().i(ORBGET).i(-1).i(600).b(text).s);
+    ASSERT_EQ(gbnsOrbresponse(big.b, d), 0);
+    EXPECT_EQ(d->nerr, 600);
+    EXPECT_EQ(std::string(d->errmsg, 512), std::string(512, 'e'));
+    EXPECT_EQ(big.rest().size(), 88u);
+
+    memset(d->errmsg, 'x', 512);
+    InStream small(Wire().i(ORBGET).i(-1).i(20).b(std::string(20, 'f')).s);
+    ASSERT_EQ(gbnsOrbresponse(small.b, d), 0);
+    EXPECT_EQ(std::string(d->errmsg), std::string(20, 'f'));
+    EXPECT_EQ(d->errmsg[21], 'x');
+
+    // The record holds 512 bytes of text: a longer length cannot be sent.
+    OutStream o;
+    d->nerr = 513;
+    EXPECT_NE(pbnsOrbresponse(o.b, d), 0);
+    bnsclr(o.b);
+    d->nerr = 512;
+    EXPECT_EQ(pbnsOrbresponse(o.b, d), 0);
+    EXPECT_EQ(bnscnt(o.b), 8 + 4 + 512);
+
+    InStream neg(Wire().i(ORBGET).i(-1).i((uint32_t)-9).b("orbm").s);
+    ASSERT_EQ(gbnsOrbresponse(neg.b, d), 0);
+    EXPECT_STREQ(d->errmsg, "");
+    EXPECT_EQ(neg.rest(), "orbm");
+    freeOrbresponse(d);
+}
+
+TEST(OrbresponseWire, BodilessResponseFromExactlyEightBytes) {
+    // Over a live socket: any read beyond the eight bytes would wait out the
+    // time-out and fail the decode.
+    SocketPair sp;
+    Bns* in = bnsnew(sp.fd[0], 64);
+    bnstimeout(in, 200);
+    sp.send(Wire().i(ORBCLOSE).i(0).s);
+    Orbresponse* d = newOrbresponse();
+    ASSERT_EQ(gbnsOrbresponse(in, d), 0);
+    EXPECT_EQ(d->what, ORBCLOSE);
+    EXPECT_EQ(bnscnt(in), 0);
+    EXPECT_EQ(in->eof, 0);
+    freeOrbresponse(d);
+    bnsfree(in);
+}
+
+TEST(OrbresponseWire, GetPromotionAndLimits) {
+    Orbresponse* r = newOrbresponse();
+    r->what = ORBREAP;
+    r->pkg = newPktpkg();
+    fill_pkg(r->pkg, 65536);
+    std::string s = encode(r);
+    EXPECT_EQ(r->what, ORBREAPL);
+    EXPECT_EQ(s.substr(0, 16), Wire().i(ORBREAPL).i(0).i(77).i(65536).s);
+    r->what = ORBGET;
+    encode(r);
+    EXPECT_EQ(r->what, ORBGETL);
+    r->what = ORBGETSTASH;  // always long, never renamed
+    encode(r);
+    EXPECT_EQ(r->what, ORBGETSTASH);
+
+    MaxData limit(65536);
+    r->what = ORBGETL;
+    fill_pkg(r->pkg, 65537);
+    OutStream o;
+    EXPECT_NE(pbnsOrbresponse(o.b, r), 0);
+
+    // An oversized source name leaves its surplus unread.
+    Orbresponse* d = newOrbresponse();
+    std::string name(70, 'n');
+    InStream in(Wire().i(ORBREAP).i(0).i(1).h(0).h(70).d(T0).b(name).s);
+    ASSERT_EQ(gbnsOrbresponse(in.b, d), 0);
+    EXPECT_EQ(std::string(d->pkg->srcname), std::string(64, 'n'));
+    EXPECT_EQ(in.rest(), "nnnnnn");
+    freeOrbresponse(d);
+    freeOrbresponse(r);
+}
+
+TEST(OrbresponseWire, HostileCountsCostNoMoreThanTheBytesSent) {
+    Orbresponse* d = newOrbresponse();
+    InStream in(Wire().i(ORBCLIENTS).i(0).d(T0).i(0x7fffffff).b(std::string(373, '\0')).s);
+    EXPECT_EQ(gbnsOrbresponse(in.b, d), -1);
+    EXPECT_LE(d->sZclient, 16);
+
+    InStream src(Wire().i(ORBSOURCES).i(0).d(T0).i(2000000000).s);
+    EXPECT_EQ(gbnsOrbresponse(src.b, d), -1);
+    EXPECT_LE(d->sZsource, 16);
+
+    // A client's pattern longer than its field: 96 bytes read, the rest left.
+    InStream cl(Wire().d(0).d(0).i(0).i(0).i(0).i(0).i(0).i(0).i(0).i(0).i(0).i(0).i(0).i(0).i(100)
+                    .b(std::string(100, 'p')).s);
+    Orbclient c;
+    initOrbclient(&c);
+    EXPECT_EQ(gbnsOrbclient(cl.b, &c), -1);  // what follows is garbage and runs out
+    EXPECT_EQ(std::string(c.select), std::string(96, 'p'));
+    freeOrbresponse(d);
+}
+
+TEST(OrbresponseWire, TruncatedMessagesFailAtEveryCut) {
+    for (auto& c : response_cases()) {
+        for (size_t cut = 0; cut < c.bytes.size(); cut += std::max<size_t>(1, c.bytes.size() / 37)) {
+            SCOPED_TRACE(std::string(c.name) + " cut at " + std::to_string(cut));
+            InStream in(c.bytes.substr(0, cut));
+            Orbresponse* d = newOrbresponse();
+            EXPECT_EQ(gbnsOrbresponse(in.b, d), -1);
+            EXPECT_EQ(in.b->eof, 1);
+            freeOrbresponse(d);
+        }
+    }
+    for (auto& c : request_cases()) {
+        for (size_t cut = 0; cut < c.bytes.size(); cut += std::max<size_t>(1, c.bytes.size() / 37)) {
+            SCOPED_TRACE(std::string(c.name) + " cut at " + std::to_string(cut));
+            InStream in(c.bytes.substr(0, cut));
+            Orbrequest* d = newOrbrequest();
+            EXPECT_EQ(gbnsOrbrequest(in.b, d), -1);
+            freeOrbrequest(d);
+        }
+    }
+}
+
+TEST(OrbNames, CodesAndPositions) {
+    EXPECT_STREQ(orbreq2name(ORBPUT), "ORBPUT");
+    EXPECT_STREQ(orbreq2name(34), "ORBSIGNEDOPEN");
+    EXPECT_EQ(orbreq2name(22), nullptr);
+    EXPECT_STREQ(orbreq2name(-14), "ORBNEWEST");
+    EXPECT_EQ(orbname2req("ORBOLDEST"), -13);
+    EXPECT_EQ(orbname2req("ORBREAPL"), 27);
+    EXPECT_EQ(orbname2req("nonsense"), 0);
+    EXPECT_EQ(ORB_MAX_DATA_BYTES, 1000000);
+    EXPECT_EQ(Orb_max_data_bytes, 4000000);
+}
+
+TEST(OrbDump, OneLinePerField) {
+    char* buf = nullptr;
+    size_t len = 0;
+    FILE* f = open_memstream(&buf, &len);
+    Orbrequest* q = newOrbrequest();
+    dumpOrbrequest(f, q);
+    Orbstat* s = newOrbstat();
+    dumpOrbstat(f, s);
+    OrbOpenString* o = newOrbOpenString();
+    o->perm = 'r';
+    dumpOrbOpenString(f, o);
+    Pktpkg* p = newPktpkg();
+    p->srcnamesize = 9;
+    dumpPktpkg(f, p);
+    Orbsrc* src = newOrbsrc();
+    dumpOrbsrc(f, src);
+    Orbclient* c = newOrbclient();
+    dumpOrbclient(f, c);
+    fclose(f);
+    std::string out(buf, len);
+    free(buf);
+    EXPECT_NE(out.find("\tOrbrequest->what = -1 # = -1 request code\n"), std::string::npos);
+    EXPECT_NE(out.find("\tOrbstat->pid = -1 # pid for orbserver\n"), std::string::npos);
+    EXPECT_NE(out.find("\tOrbOpenString->perm = r # permission (r or w)\n"), std::string::npos);
+    EXPECT_NE(out.find("\tPktpkg->srcnamesize = 9 # length of source name\n"), std::string::npos);
+    EXPECT_NE(out.find("\tOrbsrc->soldest = -1 # pktid of oldest packet on orb\n"), std::string::npos);
+    EXPECT_NE(out.find("\tOrbclient->started =           -1 # time client was connected\n"), std::string::npos);
+    freeOrbrequest(q);
+    freeOrbstat(s);
+    freeOrbOpenString(o);
+    freePktpkg(p);
+    freeOrbsrc(src);
+    freeOrbclient(c);
+}
+
+TEST(OrbPktpkgDeathTest, CodeWithoutPackageIsFatal) {
+    Pktpkg* p = newPktpkg();
+    OutStream o;
+    EXPECT_EXIT(pbnsPktpkg(o.b, ORBSTAT, p), testing::ExitedWithCode(1), "bad what code 4 in pbnsPktpkg");
+    InStream in(Wire().i(1).h(0).h(0).d(0).s);
+    EXPECT_EXIT(gbnsPktpkg(in.b, 40, p), testing::ExitedWithCode(1), "bad what code 40 in gbnsPktpkg");
+    freePktpkg(p);
+}
+
+}  // namespace

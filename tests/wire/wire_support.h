@@ -1,0 +1,114 @@
+// Helpers for the stream and protocol tests: expected bytes built by hand, and
+// streams that decode from a fixed byte string.
+#pragma once
+
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "stock/bns.h"
+
+// Big-endian bytes, written out independently of the stream code.
+struct Wire {
+    std::string s;
+    Wire& i(uint32_t v) {
+        for (int k = 3; k >= 0; k--) s.push_back((char)(v >> (8 * k)));
+        return *this;
+    }
+    Wire& h(uint16_t v) {
+        s.push_back((char)(v >> 8));
+        s.push_back((char)v);
+        return *this;
+    }
+    Wire& d(double v) {
+        uint64_t u;
+        memcpy(&u, &v, 8);
+        for (int k = 7; k >= 0; k--) s.push_back((char)(u >> (8 * k)));
+        return *this;
+    }
+    Wire& b(const std::string& t) {
+        s += t;
+        return *this;
+    }
+    Wire& text(const char* t, size_t n) {  // a fixed field: t then NULs to n bytes
+        std::string f(t);
+        f.resize(n, '\0');
+        s += f;
+        return *this;
+    }
+};
+
+// Bytes appended to the stream's buffer and not yet flushed.
+inline std::string pending(const Bns* b) { return std::string(b->data + b->fp, b->lp - b->fp); }
+
+// An output stream that is never flushed (its descriptor is unused).
+struct OutStream {
+    Bns* b = bnsnew(-1, 256);
+    ~OutStream() { bnsfree(b); }
+};
+
+// An input stream over a memory file holding exactly `bytes`: reads past the
+// end see end of file, never a wait.
+struct InStream {
+    int fd = -1;
+    Bns* b = nullptr;
+    explicit InStream(const std::string& bytes, int size = 256) {
+        fd = memfd_create("wire", MFD_CLOEXEC);
+        size_t off = 0;
+        while (off < bytes.size()) {
+            ssize_t w = write(fd, bytes.data() + off, bytes.size() - off);
+            if (w <= 0) break;
+            off += w;
+        }
+        lseek(fd, 0, SEEK_SET);
+        b = bnsnew(fd, size);
+        bnstimeout(b, 1000);
+    }
+    ~InStream() {
+        bnsfree(b);
+        close(fd);
+    }
+    // What is left unread, to the end of the file.
+    std::string rest() {
+        std::string r = pending(b);
+        b->fp = b->lp;
+        char buf[4096];
+        ssize_t n;
+        while ((n = read(fd, buf, sizeof buf)) > 0) r.append(buf, n);
+        return r;
+    }
+};
+
+// A connected pair of stream sockets, closed on destruction.
+struct SocketPair {
+    int fd[2] = {-1, -1};
+    SocketPair() { socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fd); }
+    ~SocketPair() {
+        closeend(0);
+        closeend(1);
+    }
+    void closeend(int i) {
+        if (fd[i] >= 0) close(fd[i]);
+        fd[i] = -1;
+    }
+    void send(const std::string& s) const {
+        size_t off = 0;
+        while (off < s.size()) {
+            ssize_t w = write(fd[1], s.data() + off, s.size() - off);
+            if (w <= 0) break;
+            off += w;
+        }
+    }
+    // Everything that can be read from fd[1] right now.
+    std::string drain() const {
+        std::string r;
+        char buf[65536];
+        ssize_t n;
+        while ((n = recv(fd[1], buf, sizeof buf, MSG_DONTWAIT)) > 0) r.append(buf, n);
+        return r;
+    }
+};
