@@ -641,6 +641,26 @@ TEST_F(RingTest, WriterKilledBeforePublishingDoesNotWedgeTheRing) {
     }
 }
 
+TEST_F(RingTest, TimeOrderSurvivesAWriterKilledMidPut) {
+    auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 64});
+    for (int i = 1; i <= 10; i++) put(*r, "s", 10.0 * i, payload(0, i, 8));
+    pid_t pid = fork();
+    if (pid == 0) {
+        Ring::test_hook_before_publish = die_now;
+        put(*r, "s", 0, payload(0, 99, 8));   // never published: its time must not count
+        _exit(1);
+    }
+    child_status(pid);
+    put(*r, "s", 50, payload(0, 11, 8));     // out of order after 100
+    for (double t : {5.0, 45.0, 55.0, 60.0, 95.0, 100.0}) {
+        std::optional<uint64_t> want;
+        Entry e;
+        for (uint64_t s = r->tail(); s < r->head() && !want; s++)
+            if (r->entry(s, &e) && e.time > t) want = s;
+        EXPECT_EQ(r->after_time(t), want) << t;
+    }
+}
+
 TEST_F(RingTest, CopyOfALockedRingOpensAndRecovers) {
     // A file whose lock word names a process that never released it (a copy
     // taken mid-put, or a machine that went down) is usable once nobody else

@@ -266,6 +266,8 @@ public:
 
 private:
     void attach(int fd) {
+        // A server killed under a test must fail its writes, not kill it.
+        signal(SIGPIPE, SIG_IGN);
         fd_ = fd;
         in_ = bnsnew(fd, 8192);
         out_ = bnsnew(fd, 8192);

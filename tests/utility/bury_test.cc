@@ -163,6 +163,8 @@ TEST(Bury, EveryKindOfVariableReadsBackExactly) {
         int unused = -1;
         CHILD_CHECK(resurrect("count", &unused, INT_RELIC) == 1);  // replaced by the next line
         CHILD_CHECK(resurrect("count", &count, INT_RELIC) == 1);
+        static int pktid = 77;  // names as the ring client makes them
+        CHILD_CHECK(resurrect("host:6510{last_pktid}", &pktid, INT_RELIC) == 1);
         count = -42;
         r = ratio;
         name = const_cast<char*>("some file name.dat");
@@ -188,6 +190,8 @@ TEST(Bury, EveryKindOfVariableReadsBackExactly) {
         CHILD_CHECK(resurrect("name", &name, STRING_RELIC) == 0 && name && !strcmp(name, "some file name.dat"));
         CHILD_CHECK(resurrect("when", &tm, TIME_RELIC) == 0 && std::fabs(tm - when) < 1e-6);
         CHILD_CHECK(resurrect("absent", &untouched, DOUBLE_RELIC) == 1 && untouched == 3);
+        int pktid = 0;
+        CHILD_CHECK(resurrect("host:6510{last_pktid}", &pktid, INT_RELIC) == 0 && pktid == 77);
         return 0;
     });
     EXPECT_EQ(c.code(), 0) << c.err();

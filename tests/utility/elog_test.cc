@@ -3,7 +3,6 @@
 // and checks the exact bytes written and the way the child ended.
 #include "stock/elog.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -353,17 +352,6 @@ TEST(ElogDelivery, UnopenableFileIsReportedAndKeepsTheMessage) {
     EXPECT_EQ(r.err, "Can't open error file '" + file + "'\n");
 }
 
-TEST(ElogDelivery, OrbFallbackWhenTheRoutineIsMissing) {
-    if (dlsym(RTLD_DEFAULT, "orbelog")) GTEST_SKIP() << "orbelog is present; its delivery is tested with the client library";
-    auto r = child::run([] {
-        elog_notify(0, "first");
-        elog_notify(0, "second");
-    }, env({{"ELOG_DELIVER", "orb:somewhere@n"}}));
-    EXPECT_TRUE(r.exited(0));
-    EXPECT_EQ(r.err, "Can't find orbelog in library liborb.so, error messages will be written to stderr.\n" + P +
-                         ": " + P + ": first\n" + P + ": " + P + ": second\n");
-}
-
 TEST(ElogList, MarkFlushStringTruncate) {
     auto r = child::run([] {
         elog_log(0, "a");
@@ -420,6 +408,22 @@ TEST(ElogList, CallbackSeesEachMessageAndMayClear) {
     }, env());
     EXPECT_TRUE(r.exited(0)) << r.err;
     EXPECT_EQ(r.err, P + ": n\n");
+}
+
+namespace {
+int crash(int, const char*, Tbl*) {
+    raise(SIGSEGV);
+    return 0;
+}
+}  // namespace
+
+TEST(ElogList, FaultInsideTheLogIsReportedWithoutWaitingForIt) {
+    auto r = child::run([] {
+        elog_callback(crash);
+        elog_notify(0, "x");
+    }, env());
+    EXPECT_TRUE(r.signaled(SIGABRT)) << r.status << r.err;
+    EXPECT_EQ(r.err, "Signal SEGV : Segmentation fault\n");
 }
 
 TEST(ElogList, QueryAndSet) {

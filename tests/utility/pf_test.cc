@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace {
 
@@ -358,6 +360,37 @@ TEST_F(PfTest, CacheOfNamedTrees) {
     EXPECT_EQ(existsPf("pftest-cache"), nullptr);
     EXPECT_EQ(updatePf("pftest-no-such-file-anywhere"), -1);
     EXPECT_EQ(getPf("pftest-no-such-file-anywhere"), nullptr);
+}
+
+TEST_F(PfTest, ThreadsParseExpandAndShareTheCache) {
+    std::vector<std::thread> threads;
+    std::vector<int> bad(4, 0);
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([t, &bad] {
+            for (int i = 0; i < 150; i++) {
+                std::string id = std::to_string(t) + "-" + std::to_string(i);
+                std::string text = "base " + id + "\nref &base/x\nl &Tbl{\n  &{base}\n}\n";
+                Pf* pf = nullptr;
+                if (pfcompile(text.c_str(), &pf) != 0) bad[t]++;
+                if (std::string(pfget_string(pf, "ref")) != id + "/x") bad[t]++;
+                if (std::string(pfget_string(pf, "l[0]")) != id) bad[t]++;
+                char* out = pf2string(pf);
+                Pf* again = nullptr;
+                if (pfcompile(out, &again) != 0 || std::string(pfget_string(again, "ref")) != id + "/x") bad[t]++;
+                free(out);
+                pffree(again);
+                std::string name = "pftest-thread-" + std::to_string(t);
+                putPf(name.c_str(), pf);
+                if (existsPf(name.c_str()) != pf) bad[t]++;
+                putPf("pftest-shared", pfdup(pf));
+                existsPf("pftest-shared");
+            }
+            freePf(("pftest-thread-" + std::to_string(t)).c_str());
+        });
+    }
+    for (auto& th : threads) th.join();
+    for (int t = 0; t < 4; t++) EXPECT_EQ(bad[t], 0) << "thread " << t;
+    EXPECT_EQ(freePf("pftest-shared"), 0);
 }
 
 TEST_F(PfTest, TypeNames) {

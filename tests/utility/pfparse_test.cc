@@ -241,8 +241,8 @@ TEST(PfScan, BinaryJunkNeverCrashes) {
 // deferred form whose text ends in an escaped blank.
 TEST(PfScan, NulBytesAndEscapedTrailingBlanksReadBack) {
     const std::string inputs[] = {
-        std::string("\0t &Literef(x, \0\0BU r&t\n", 24),
-        std::string("f &ref(x\t\0z, \0 a\\\nb\n", 25),
+        std::string("\0t &Literef(x, \0\0BU r&t\n", sizeof "\0t &Literef(x, \0\0BU r&t\n" - 1),
+        std::string("f &ref(x\t\0z, \0 a\\\nb\n", sizeof "f &ref(x\t\0z, \0 a\\\nb\n" - 1),
         "g &exec(echo \\t\t)\n",
         "h &env(X)\\ \n",
     };

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/stat.h>
 
 #include <cmath>
@@ -198,6 +199,30 @@ TEST(BnsGet, EndOfFileOnAPipe) {
     EXPECT_EQ(b->eof, 1);
     bnsfree(b);
     close(p[0]);
+}
+
+TEST(BnsWait, ReadyTimeoutAndError) {
+    SocketPair sp;
+    Bns* b = bnsnew(sp.fd[0], 64);
+    bnstimeout(b, 0);
+    EXPECT_EQ(bnswait(b), 0);
+    sp.send("x");
+    EXPECT_EQ(bnswait(b), 1);
+    EXPECT_NE(b->revents & POLLRDNORM, 0);
+    bnsfree(b);
+
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    close(p[0]);
+    close(p[1]);
+    b = bnsnew(p[0], 64);  // a closed descriptor
+    EXPECT_EQ(bnswait(b), -1);
+    EXPECT_EQ(b->err, 1);
+    char c;
+    EXPECT_EQ(bnsget(b, &c, BNS_BYTES, 1), -1);
+    EXPECT_EQ(b->eof, 0);
+    EXPECT_EQ(b->err, 2);
+    bnsfree(b);
 }
 
 TEST(BnsGet, ReadsAskForAllTheFreeSpace) {

@@ -191,7 +191,6 @@ struct Frontend::Impl {
     std::atomic<bool> armed{false};
     std::atomic<uint64_t> armed_head{0};
     std::atomic<bool> quit{false};
-    uint64_t pushed_head = 0;
 
     std::string user = my_username(), hostname = my_hostname();
 
@@ -1308,11 +1307,14 @@ struct Frontend::Impl {
             uint64_t h = ring->head();
             bool want_wake = false;
             for (auto& [id, c] : clients) {
-                if (c->dead || c->stream == Stream::none) continue;
-                if (push(*c)) want_wake = true;
-                if (!c->dead) flush_out(*c);
+                // Push, write, and push again while the socket takes it all.
+                while (!c->dead && c->stream != Stream::none) {
+                    bool caught_up = push(*c);
+                    if (!flush_out(*c)) break;
+                    if (caught_up && c->stream != Stream::none) want_wake = true;
+                    if (caught_up || c->pending() >= kOutHigh) break;
+                }
             }
-            pushed_head = h;
             reap_dead();
             if (stdio_mode && nlocal == 0) break;
             if (stopping) break;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -61,6 +62,9 @@ struct Header {
     // Waiting: the futex word is bumped on every put and wake_all.
     alignas(64) std::atomic<uint32_t> wakeword;
     std::atomic<uint32_t> waiters;
+    // The client table has its own lock so that client bookkeeping never
+    // holds up a put.
+    alignas(64) pthread_mutex_t client_lock;
 };
 static_assert(sizeof(Header) <= kHeaderBytes);
 
@@ -111,7 +115,8 @@ static_assert(sizeof(Geo) == 136 && offsetof(Geo, data_bytes) == 64 && offsetof(
 static_assert(offsetof(Header, lock) == 192 && offsetof(Header, head) == 256 && offsetof(Header, tail) == 264 &&
               offsetof(Header, disorder) == 272 && offsetof(Header, data_head) == 280 &&
               offsetof(Header, dirty) == 332 && offsetof(Header, next_session) == 336 &&
-              offsetof(Header, wakeword) == 384 && offsetof(Header, waiters) == 388);
+              offsetof(Header, wakeword) == 384 && offsetof(Header, waiters) == 388 &&
+              offsetof(Header, client_lock) == 448);
 static_assert(sizeof(IndexEntry) == 104 && offsetof(IndexEntry, srcname) == 40);
 static_assert(sizeof(SourceRec) == 120 && offsetof(SourceRec, used) == 112);
 static_assert(sizeof(ClientSlot) == 584 && offsetof(ClientSlot, pid_start) == 32 && offsetof(ClientSlot, who) == 48 &&
@@ -316,10 +321,16 @@ struct Ring::Impl {
             s.npkts = s.nbytes = 0;
         }
         uint32_t nsources = 0;
-        uint64_t bytes = 0;
+        uint64_t bytes = 0, disorder = 0;
+        double last = -HUGE_VAL;
         for (uint64_t seq = tail; seq < head; seq++) {
             IndexEntry& e = slot(seq);
-            if (e.seq1.load() != seq + 1) continue;
+            if (e.seq1.load() != seq + 1) {
+                disorder = seq + 1;   // a hole: no promise of order across it
+                continue;
+            }
+            if (!(e.time >= last)) disorder = seq + 1;
+            last = e.time;
             e.next_same1 = 0;
             bytes += e.size;
             if (e.src < 0 || uint32_t(e.src) >= g.maxsrc || !src[e.src].used ||
@@ -342,6 +353,8 @@ struct Ring::Impl {
         }
         h->nsources = nsources;
         h->bytes_used = bytes;
+        h->disorder.store(disorder);
+        h->last_time = head > tail ? last : 0;
         h->recoveries++;
         src_cache.clear();
         last_src = -1;
@@ -353,22 +366,34 @@ namespace {
 // The ring lock, held for the scope. A dead holder is recovered from here.
 class Locked {
 public:
-    explicit Locked(Ring::Impl& im) : im_(im) {
-        int r = pthread_mutex_lock(&im.h->lock);
+    explicit Locked(Ring::Impl& im) : m_(&im.h->lock) {
+        int r = pthread_mutex_lock(m_);
         if (r == EOWNERDEAD) {
             im.recover();
             im.h->dirty = 0;
-            pthread_mutex_consistent(&im.h->lock);
+            pthread_mutex_consistent(m_);
             r = 0;
         }
         ok_ = r == 0;
     }
-    ~Locked() { if (ok_) pthread_mutex_unlock(&im_.h->lock); }
+    ~Locked() { if (ok_) pthread_mutex_unlock(m_); }
     bool ok() const { return ok_; }
 
-private:
-    Ring::Impl& im_;
+protected:
+    explicit Locked(pthread_mutex_t* m) : m_(m) {}
+    pthread_mutex_t* m_;
     bool ok_ = false;
+};
+
+// The client-table lock. Every change to an entry is a single store of its
+// state word, so a dead holder leaves nothing to repair.
+class ClientsLocked : public Locked {
+public:
+    explicit ClientsLocked(Ring::Impl& im) : Locked(&im.h->client_lock) {
+        int r = pthread_mutex_lock(m_);
+        if (r == EOWNERDEAD) r = pthread_mutex_consistent(m_);
+        ok_ = r == 0;
+    }
 };
 
 // Reads and checks the header of an open ring file; throws Error.
@@ -435,6 +460,7 @@ std::unique_ptr<Ring::Impl> open_impl(const std::string& path) {
         // Nobody else has the file open, so nobody can hold the lock or wait:
         // whatever the lock word says is left over from a crash.
         init_mutex(&h->lock);
+        init_mutex(&h->client_lock);
         h->waiters.store(0);
         if (h->dirty) {
             im->recover();
@@ -497,6 +523,7 @@ std::pair<std::string, std::unique_ptr<Ring::Impl>> build_temp(const std::string
     im->attach(fd.release(), m, g);
     Header* h = im->h;
     init_mutex(&h->lock);
+    init_mutex(&h->client_lock);
     h->next_session = 1;
     h->g = g;   // last: the file is a ring only once its header is whole
     return {tmp, std::move(im)};
@@ -594,6 +621,7 @@ int64_t Ring::put(std::string_view name, double time, const void* bytes, size_t 
         // Evict what the new packet's index slot or bytes would overwrite.
         uint64_t tail = h->tail.load(std::memory_order_relaxed);
         if (tail > seq) tail = seq;
+        if (seq - tail > g.nslots) tail = seq - g.nslots;   // damaged bounds: don't walk them
         while (tail < seq) {
             IndexEntry& e = im.slot(tail);
             bool intact = e.seq1.load(std::memory_order_relaxed) == tail + 1;
@@ -657,13 +685,13 @@ int64_t Ring::put(std::string_view name, double time, const void* bytes, size_t 
             s.latest = seq;
             s.latest_time = time;
         }
-        if (test_hook_before_publish) test_hook_before_publish();
 
-        if (seq > tail && time < h->last_time) h->disorder.store(seq + 1, std::memory_order_relaxed);
+        if (seq > tail && !(time >= h->last_time)) h->disorder.store(seq + 1, std::memory_order_relaxed);
         h->last_time = time;
         h->data_head = end;
         h->bytes_used += size;
         h->puts++;
+        if (test_hook_before_publish) test_hook_before_publish();
         e.seq1.store(seq + 1, std::memory_order_release);
         h->head.store(seq + 1, std::memory_order_release);
         h->dirty = 0;
@@ -704,7 +732,7 @@ std::optional<uint64_t> Ring::find(int32_t id) const {
 
 std::optional<uint64_t> Ring::after_time(double t) const {
     Entry e;
-    uint64_t lo = tail(), hi = head();
+    uint64_t hi = head(), lo = std::max(tail(), hi - std::min<uint64_t>(hi, impl_->g.nslots));
     if (impl_->h->disorder.load(std::memory_order_relaxed) <= lo) {
         // Times rise through the ring: halve to the first later one. A packet
         // evicted meanwhile moves the bottom up; a damaged one ends the search
@@ -721,7 +749,7 @@ std::optional<uint64_t> Ring::after_time(double t) const {
             if (e.time > t) hi = mid; else lo = mid + 1;
         }
     }
-    for (uint64_t s = lo; s < head(); s++) {
+    for (uint64_t s = lo; s < head() && s - lo <= impl_->g.nslots; s++) {
         s = std::max(s, tail());
         if (entry(s, &e) && e.time > t) return s;
     }
@@ -945,57 +973,101 @@ bool Ring::stash_get(std::string_view name, Entry* e, std::vector<char>& buf) co
 
 // ---------------------------------------------------------------- clients
 
+namespace {
+
+struct Owner {
+    uint32_t slot;
+    int32_t pid;
+    uint64_t start;
+};
+
+// Live entries' owners, read under the client lock; their liveness is then
+// checked without it (that takes system calls).
+std::vector<Owner> owners(Ring::Impl& im) {
+    std::vector<Owner> v;
+    ClientsLocked lk(im);
+    if (!lk.ok()) return v;
+    for (uint32_t i = 0; i < im.g.maxclients; i++) {
+        ClientSlot& s = im.cl[i];
+        if (s.state.load() == 1) v.push_back({i, s.pid, s.pid_start});
+    }
+    return v;
+}
+
+// Frees the entries of owners found dead, unless taken anew meanwhile.
+void reclaim(Ring::Impl& im, const std::vector<Owner>& dead) {
+    if (dead.empty()) return;
+    ClientsLocked lk(im);
+    if (!lk.ok()) return;
+    for (const Owner& o : dead) {
+        ClientSlot& s = im.cl[o.slot];
+        if (s.state.load() == 1 && s.pid == o.pid && s.pid_start == o.start) s.state.store(0);
+    }
+}
+
+std::vector<Owner> dead_owners(Ring::Impl& im) {
+    std::vector<Owner> dead;
+    for (const Owner& o : owners(im))
+        if (!alive(o.pid, o.start)) dead.push_back(o);
+    return dead;
+}
+
+}  // namespace
+
 int32_t Ring::client_add(const Client& c) {
     Impl& im = *impl_;
-    Locked lk(im);
-    if (!lk.ok()) return -1;
-    int32_t pick = -1;
-    for (uint32_t i = 0; i < im.g.maxclients && pick < 0; i++) {
-        ClientSlot& s = im.cl[i];
-        if (s.state.load() == 0 || !alive(s.pid, s.pid_start)) pick = int32_t(i);
+    const int32_t pid = int32_t(getpid());
+    const uint64_t start = proc_start(pid);
+    for (int attempt = 0; attempt < 2; attempt++) {
+        if (attempt) reclaim(im, dead_owners(im));
+        ClientsLocked lk(im);
+        if (!lk.ok()) return -1;
+        int32_t pick = -1;
+        for (uint32_t i = 0; i < im.g.maxclients && pick < 0; i++)
+            if (im.cl[i].state.load() == 0) pick = int32_t(i);
+        if (pick < 0) continue;
+        ClientSlot& s = im.cl[pick];
+        s.pid = pid;
+        s.pid_start = start;
+        int32_t id = im.h->next_session;
+        im.h->next_session = id >= INT32_MAX - 1 || id < 1 ? 1 : id + 1;
+        s.thread = id < 1 ? 1 : id;
+        s.fd = c.fd;
+        s.port = c.port;
+        std::memcpy(s.address, c.address, 4);
+        s.perm = c.perm;
+        s.started = wall_now();
+        copy_text(s.who, c.who);
+        copy_text(s.what, c.what);
+        copy_text(s.host, c.host);
+        copy_text(s.select, c.select);
+        copy_text(s.reject, c.reject);
+        s.nselect = s.select[0] ? int32_t(std::strlen(s.select) + 1) : 0;
+        s.nreject = s.reject[0] ? int32_t(std::strlen(s.reject) + 1) : 0;
+        ClientCounters& k = s.c;
+        k.pktid.store(c.pktid);
+        k.read.store(c.read);
+        k.bytes.store(c.bytes);
+        k.packets.store(c.packets);
+        k.written.store(c.written);
+        k.nreads.store(c.nreads);
+        k.nwrites.store(c.nwrites);
+        k.nrequests.store(c.nrequests);
+        k.errors.store(c.errors);
+        k.priority.store(c.priority);
+        k.lastrequest.store(c.lastrequest);
+        k.mymessages.store(c.mymessages);
+        k.lastpkt.store(c.lastpkt);
+        s.state.store(1, std::memory_order_release);
+        return pick;
     }
-    if (pick < 0) return -1;
-    ClientSlot& s = im.cl[pick];
-    s.state.store(0);
-    s.pid = int32_t(getpid());
-    s.pid_start = proc_start(s.pid);
-    int32_t id = im.h->next_session;
-    im.h->next_session = id >= INT32_MAX - 1 || id < 1 ? 1 : id + 1;
-    s.thread = id;
-    s.fd = c.fd;
-    s.port = c.port;
-    std::memcpy(s.address, c.address, 4);
-    s.perm = c.perm;
-    s.started = wall_now();
-    copy_text(s.who, c.who);
-    copy_text(s.what, c.what);
-    copy_text(s.host, c.host);
-    copy_text(s.select, c.select);
-    copy_text(s.reject, c.reject);
-    s.nselect = s.select[0] ? int32_t(std::strlen(s.select) + 1) : 0;
-    s.nreject = s.reject[0] ? int32_t(std::strlen(s.reject) + 1) : 0;
-    ClientCounters& k = s.c;
-    k.pktid.store(c.pktid);
-    k.read.store(c.read);
-    k.bytes.store(c.bytes);
-    k.packets.store(c.packets);
-    k.written.store(c.written);
-    k.nreads.store(c.nreads);
-    k.nwrites.store(c.nwrites);
-    k.nrequests.store(c.nrequests);
-    k.errors.store(c.errors);
-    k.priority.store(c.priority);
-    k.lastrequest.store(c.lastrequest);
-    k.mymessages.store(c.mymessages);
-    k.lastpkt.store(c.lastpkt);
-    s.state.store(1, std::memory_order_release);
-    return pick;
+    return -1;
 }
 
 void Ring::client_remove(int32_t slot) {
     Impl& im = *impl_;
     if (slot < 0 || uint32_t(slot) >= im.g.maxclients) return;
-    Locked lk(im);
+    ClientsLocked lk(im);
     ClientSlot& s = im.cl[slot];
     if (lk.ok() && s.pid == int32_t(getpid())) s.state.store(0);
 }
@@ -1005,38 +1077,39 @@ ClientCounters* Ring::counters(int32_t slot) {
     return &impl_->cl[slot].c;
 }
 
-void Ring::client_set_select(int32_t slot, std::string_view pattern) {
-    Impl& im = *impl_;
+namespace {
+
+template <size_t N>
+void set_pattern(Ring::Impl& im, int32_t slot, char (ClientSlot::*text)[N], int32_t ClientSlot::*len,
+                 std::string_view pattern) {
     if (slot < 0 || uint32_t(slot) >= im.g.maxclients) return;
-    Locked lk(im);
+    std::string p(pattern.substr(0, N - 1));
+    ClientsLocked lk(im);
+    if (!lk.ok()) return;
     ClientSlot& s = im.cl[slot];
-    std::string p(pattern.substr(0, sizeof s.select - 1));
-    copy_text(s.select, p.c_str());
-    s.nselect = p.empty() ? 0 : int32_t(std::strlen(s.select) + 1);
+    copy_text(s.*text, p.c_str());
+    s.*len = (s.*text)[0] ? int32_t(std::strlen(s.*text) + 1) : 0;
+}
+
+}  // namespace
+
+void Ring::client_set_select(int32_t slot, std::string_view pattern) {
+    set_pattern(*impl_, slot, &ClientSlot::select, &ClientSlot::nselect, pattern);
 }
 
 void Ring::client_set_reject(int32_t slot, std::string_view pattern) {
-    Impl& im = *impl_;
-    if (slot < 0 || uint32_t(slot) >= im.g.maxclients) return;
-    Locked lk(im);
-    ClientSlot& s = im.cl[slot];
-    std::string p(pattern.substr(0, sizeof s.reject - 1));
-    copy_text(s.reject, p.c_str());
-    s.nreject = p.empty() ? 0 : int32_t(std::strlen(s.reject) + 1);
+    set_pattern(*impl_, slot, &ClientSlot::reject, &ClientSlot::nreject, pattern);
 }
 
 std::vector<Client> Ring::clients() {
     Impl& im = *impl_;
+    reclaim(im, dead_owners(im));
     std::vector<Client> out;
-    Locked lk(im);
+    ClientsLocked lk(im);
     if (!lk.ok()) return out;
     for (uint32_t i = 0; i < im.g.maxclients; i++) {
         ClientSlot& s = im.cl[i];
         if (s.state.load() != 1) continue;
-        if (!alive(s.pid, s.pid_start)) {
-            s.state.store(0);
-            continue;
-        }
         Client c;
         c.slot = int32_t(i);
         c.pid = s.pid;
@@ -1075,12 +1148,19 @@ std::vector<Client> Ring::clients() {
 bool Ring::session_active(int32_t thread) {
     Impl& im = *impl_;
     if (thread < 1) return false;
-    Locked lk(im);
-    if (!lk.ok()) return false;
-    for (uint32_t i = 0; i < im.g.maxclients; i++) {
-        ClientSlot& s = im.cl[i];
-        if (s.state.load() == 1 && s.thread == thread) return alive(s.pid, s.pid_start);
+    Owner o{};
+    bool found = false;
+    {
+        ClientsLocked lk(im);
+        if (!lk.ok()) return false;
+        for (uint32_t i = 0; i < im.g.maxclients && !found; i++) {
+            ClientSlot& s = im.cl[i];
+            if (s.state.load() == 1 && s.thread == thread) o = {i, s.pid, s.pid_start}, found = true;
+        }
     }
+    if (!found) return false;
+    if (alive(o.pid, o.start)) return true;
+    reclaim(im, {o});
     return false;
 }
 
@@ -1096,6 +1176,7 @@ Status Ring::status() const {
     st.maxclients = g.maxclients;
     st.nstash = g.nstash;
     st.stash_bytes = g.stash_bytes;
+    for (uint32_t i = 0; i < g.maxclients; i++) st.nclients += im.cl[i].state.load() == 1;
     Locked lk(im);
     st.head = head();
     st.tail = tail();
@@ -1104,7 +1185,6 @@ Status Ring::status() const {
     st.nsources = im.h->nsources;
     st.puts = im.h->puts;
     st.recoveries = im.h->recoveries;
-    for (uint32_t i = 0; i < g.maxclients; i++) st.nclients += im.cl[i].state.load() == 1;
     return st;
 }
 

@@ -173,9 +173,10 @@ int bnswait(Bns* bns) {
     } while (r < 0 && errno == EINTR);
     bns->revents = p.revents;
     if (r == 0) return 0;
-    // A hang-up alone is end of file to come (pipes report no POLLIN then): let the read tell it.
-    if (r == 1 && (p.revents & (POLLRDNORM | POLLIN | POLLHUP)) && !(p.revents & (POLLERR | POLLNVAL)))
-        return 1;
+    // Readable input comes first even beside an error; a hang-up alone is end
+    // of file to come (a pipe reports no POLLIN then): let the read tell it.
+    if (r == 1 && (p.revents & (POLLRDNORM | POLLIN))) return 1;
+    if (r == 1 && (p.revents & POLLHUP) && !(p.revents & (POLLERR | POLLNVAL))) return 1;
     if (r == 1 && (p.revents & POLLERR)) {
         int e = 0;
         socklen_t len = sizeof e;

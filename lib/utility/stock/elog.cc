@@ -22,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "deviants/my.h"
 #include "stock/arr.h"
 #include "stock/pf.h"
 #include "stock/tbl.h"
@@ -129,17 +130,6 @@ void write_all(int fd, const char* p, size_t n) {
 void raw_stderr(const std::string& s) {
     fflush(stderr);
     write_all(2, s.data(), s.size());
-}
-
-std::string self_exe() {
-    char buf[4096];
-    ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
-    if (n <= 0) return "";
-    std::string s(buf, size_t(n));
-    static const std::string deleted = " (deleted)";
-    if (s.size() > deleted.size() && s.compare(s.size() - deleted.size(), deleted.size(), deleted) == 0)
-        s.resize(s.size() - deleted.size());
-    return s;
 }
 
 std::string base_name(const std::string& path) {
@@ -442,6 +432,12 @@ std::string expand(const std::string& tag) {
     return elog_expand(tag.c_str(), buf, sizeof buf);
 }
 
+[[noreturn]] void abort_now() {
+    // The fault handler may be installed for SIGABRT itself.
+    signal(SIGABRT, SIG_DFL);
+    abort();
+}
+
 // ---- signals --------------------------------------------------------------------
 
 struct Signame {
@@ -464,8 +460,18 @@ const char* signal_name(int number) {
     return name;
 }
 
+// Set while this thread is inside the log, whose locks it may hold.
+thread_local bool In_elog = false;
+
 void fault_handler(int sig) {
     const char* name = signal_name(sig);
+    if (In_elog) {
+        // Logging again could wait for a lock this thread holds: report plainly.
+        const char* d = sigdescr_np(sig);
+        raw_stderr(sformat("Signal %s : %s\n", name ? name : std::to_string(sig).c_str(),
+                           d ? d : "no description for signal"));
+        abort_now();
+    }
     if (!name) {
         elog_fault(0, "Signal %d : %s", sig, "no description for unrecognized signal");
     }
@@ -503,12 +509,6 @@ void run_debugger(int severity) {
     }
 }
 
-[[noreturn]] void abort_now() {
-    // The fault handler may be installed for SIGABRT itself.
-    signal(SIGABRT, SIG_DFL);
-    abort();
-}
-
 }  // namespace
 
 // ---- interface ------------------------------------------------------------------
@@ -522,7 +522,7 @@ void elog_init(int argc, char** argv) {
             st.argv.clear();
             for (int i = 0; i < argc && argv[i]; i++) st.argv.emplace_back(argv[i]);
         }
-        std::string name = base_name(self_exe());
+        std::string name = base_name(std::string(myexecname()));
         if (name.empty() && !st.argv.empty()) name = base_name(st.argv[0]);
         if (!name.empty() || st.program.empty()) st.program = name;
     }
@@ -541,6 +541,13 @@ void elog_init(int argc, char** argv) {
 void elog(int severity, int flag, const char* format, va_list args) {
     int err = errno;
     ensure_init();
+    struct Inside {
+        bool outer = !In_elog;
+        Inside() { In_elog = true; }
+        ~Inside() {
+            if (outer) In_elog = false;
+        }
+    } inside;
     if (severity < 0 || severity >= Nsev) severity = ELOG_COMPLAIN;
     State& st = S();
 
@@ -811,17 +818,14 @@ char* elog_expand(const char* tag, char* buf, int size) {
         case 'a':
             for (size_t i = 1; i < argv.size(); i++) out += argv[i] + " ";
             break;
-        case 'h': {
-            char host[256] = "";
-            gethostname(host, sizeof host - 1);
-            out += host;
+        case 'h':
+            out += my_hostname();
             break;
-        }
         case 'p':
             out += std::to_string(long(getpid()));
             break;
         case 'r': {
-            std::string r = self_exe();
+            std::string r = std::string(myexecname());
             if (r.empty()) {
                 std::string a = !argv.empty() ? argv[0] : program;
                 if (a.empty())

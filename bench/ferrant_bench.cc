@@ -1,0 +1,263 @@
+// ferrant2 throughput against md5sum of the same bytes, and the peak memory
+// of each process. Prints rows of the benchmark table.
+//   FERRANT_BENCH_MB     total data size in MiB (default 1024)
+//   FERRANT_BENCH_FILES  number of files in the many-files run (default 10000)
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::string Build = FERRANT_BUILD_DIR;
+std::string Tmp;
+
+double seconds_since(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
+
+std::string slurp(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    std::stringstream s;
+    s << f.rdbuf();
+    return s.str();
+}
+
+size_t count(const std::string& hay, const std::string& needle) {
+    size_t n = 0;
+    for (size_t at = hay.find(needle); at != std::string::npos; at = hay.find(needle, at + 1)) n++;
+    return n;
+}
+
+void make_old(const std::string& path) {
+    struct timeval tv[2];
+    gettimeofday(&tv[0], nullptr);
+    tv[0].tv_sec -= 3600;
+    tv[1] = tv[0];
+    utimes(path.c_str(), tv);
+}
+
+void write_data(const std::string& path, size_t n, uint64_t seed) {
+    std::vector<uint64_t> block(1 << 17);
+    FILE* f = fopen(path.c_str(), "w");
+    uint64_t x = seed * 0x9e3779b97f4a7c15ull + 1;
+    for (size_t done = 0; done < n;) {
+        for (auto& w : block) {
+            x ^= x << 13, x ^= x >> 7, x ^= x << 17;
+            w = x;
+        }
+        size_t k = std::min(n - done, block.size() * 8);
+        fwrite(block.data(), 1, k, f);
+        done += k;
+    }
+    fclose(f);
+    make_old(path);
+}
+
+struct Proc {
+    pid_t pid = -1;
+    std::string err;
+    struct rusage ru {};
+    int status = -1;
+};
+
+Proc start(const std::vector<std::string>& argv, const std::string& cwd, const std::string& errfile) {
+    Proc p;
+    p.err = errfile;
+    p.pid = fork();
+    if (p.pid == 0) {
+        setpgid(0, 0);
+        int fd = open(errfile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        dup2(fd, 2);
+        int null = open("/dev/null", O_RDWR);
+        dup2(null, 0), dup2(null, 1);
+        if (chdir(cwd.c_str()) != 0) _exit(127);
+        std::vector<char*> a;
+        for (auto& s : argv) a.push_back(const_cast<char*>(s.c_str()));
+        a.push_back(nullptr);
+        execvp(a[0], a.data());
+        _exit(127);
+    }
+    setpgid(p.pid, p.pid);
+    return p;
+}
+
+void finish(Proc& p) {
+    if (p.pid > 0 && wait4(p.pid, &p.status, 0, &p.ru) == p.pid) p.pid = 0;
+}
+
+void stop(Proc& p) {
+    if (p.pid > 0) {
+        kill(-p.pid, SIGTERM);
+        finish(p);
+    }
+}
+
+// Peak resident size of a live process in MiB, from /proc.
+double vmhwm(pid_t pid) {
+    std::ifstream f("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(f, line)) {
+        if (line.rfind("VmHWM:", 0) == 0) return std::atof(line.c_str() + 6) / 1024.0;
+    }
+    return 0;
+}
+
+double run_md5sum(const std::string& cmd) {
+    auto t = Clock::now();
+    if (system((cmd + " > /dev/null").c_str()) != 0) return 0;
+    return seconds_since(t);
+}
+
+bool wait_for(const std::string& file, const std::string& text, size_t n, double limit) {
+    auto t = Clock::now();
+    while (seconds_since(t) < limit) {
+        if (count(slurp(file), text) >= n) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+}
+
+int free_port() {
+    int s = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    socklen_t len = sizeof a;
+    getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
+    close(s);
+    return ntohs(a.sin_port);
+}
+
+void write_pf(const std::string& path, const std::string& dir, const std::string& start) {
+    std::ofstream f(path);
+    f << "directory " << dir << "\nstarting_position " << start
+      << "\nmatch\nreject\npreserve_directories yes\nbytes_per_packet 60000\nfile_match\nfile_reject\n"
+         "test_freq 0.1\nlag_trigger 0.5\nlag_reset 0.2\nwait_seconds 1\nwait_match\nwait_reject\n"
+         "use_orbputx no\n";
+}
+
+void row(const std::string& figure, double mbs, double ref, double bar, const std::string& note = "") {
+    double ratio = ref > 0 ? mbs / ref : 0;
+    printf("| %s%s | %.0f MB/s | md5sum %.0f MB/s | %.2f | >= %.1f%s |\n", figure.c_str(), note.c_str(), mbs, ref,
+           ratio, bar, ratio >= bar ? "" : " (missed)");
+    fflush(stdout);
+}
+
+}  // namespace
+
+int main() {
+    long mb = getenv("FERRANT_BENCH_MB") ? atol(getenv("FERRANT_BENCH_MB")) : 1024;
+    long nfiles = getenv("FERRANT_BENCH_FILES") ? atol(getenv("FERRANT_BENCH_FILES")) : 10000;
+    char tmpl[] = "/tmp/ferrant-bench.XXXXXX";
+    Tmp = mkdtemp(tmpl);
+    setenv("QUORVANE", Build.c_str(), 1);
+    setenv("ELOG_MAXMSG", "0", 1);
+    std::string ferrant = Build + "/bin/ferrant2";
+    std::string size_note = mb == 1024 ? "" : " (" + std::to_string(mb) + " MiB)";
+    double bytes = double(mb) * 1048576.0;
+    long ringmb = mb + mb / 4 + 64;
+
+    std::string big = Tmp + "/big.bin";
+    write_data(big, size_t(bytes), 1);
+    run_md5sum("md5sum " + big);  // warm the page cache
+    double ref = bytes / 1e6 / run_md5sum("md5sum " + big);
+
+    // Sender alone, into a file-backed ring large enough for the whole file.
+    std::string ring = Tmp + "/ring@s" + std::to_string(ringmb) + "M";
+    write_pf(Tmp + "/b.pf", Tmp + "/in", "oldest");
+    auto t = Clock::now();
+    Proc s = start({ferrant, "-p", Tmp + "/b.pf", big, ring}, Tmp, Tmp + "/sender.log");
+    finish(s);
+    double st = seconds_since(t);
+    bool sent = WIFEXITED(s.status) && WEXITSTATUS(s.status) == 0;
+    if (sent) row("ferrant2 sender file -> file-backed ring, one file", bytes / 1e6 / st, ref, 0.8, size_note);
+    else printf("| ferrant2 sender file -> ring | failed, see %s/sender.log | | | |\n", Tmp.c_str());
+    double sender_mb = s.ru.ru_maxrss / 1024.0;
+
+    // Receiver alone, from the ring the sender filled.
+    t = Clock::now();
+    Proc r = start({ferrant, "-p", Tmp + "/b.pf", ring}, Tmp, Tmp + "/receiver.log");
+    bool got = sent && wait_for(r.err, "ferrant2: received ", 1, 600);
+    double rt = seconds_since(t);
+    double receiver_mb = vmhwm(r.pid);
+    stop(r);
+    if (got) row("ferrant2 receiver file-backed ring -> file", bytes / 1e6 / rt, ref, 0.8, size_note);
+    else printf("| ferrant2 receiver ring -> file | failed, see %s/receiver.log | | | |\n", Tmp.c_str());
+    unlink((Tmp + "/in" + big).c_str());
+    unlink((Tmp + "/ring").c_str());
+
+    // End to end through orbserver on loopback: one file, then many.
+    int port = free_port();
+    std::string name = "127.0.0.1:" + std::to_string(port);
+    Proc server = start({Build + "/bin/orbserver", "-P", name, "-s", std::to_string(ringmb) + "M",
+                         Tmp + "/sring"},
+                        Tmp, Tmp + "/server.log");
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    write_pf(Tmp + "/e.pf", Tmp + "/e2e", "newest");
+    double e2e_sender_mb = 0, e2e_receiver_mb = 0;
+    auto e2e = [&](const std::string& what, const std::string& arg, size_t n, const std::string& label) {
+        Proc rr = start({ferrant, "-p", Tmp + "/e.pf", name}, Tmp, Tmp + "/e2e-" + label + ".log");
+        if (!wait_for(rr.err, "Starting at pktid", 1, 30)) {
+            stop(rr);
+            printf("| %s | failed, see %s | | | |\n", what.c_str(), rr.err.c_str());
+            return;
+        }
+        auto t0 = Clock::now();
+        Proc ss = start({ferrant, "-p", Tmp + "/e.pf", arg, name}, Tmp, Tmp + "/e2e-" + label + "-sender.log");
+        bool ok = wait_for(rr.err, "ferrant2: received ", n, 900);
+        double et = seconds_since(t0);
+        e2e_receiver_mb = std::max(e2e_receiver_mb, vmhwm(rr.pid));
+        finish(ss);
+        e2e_sender_mb = std::max(e2e_sender_mb, ss.ru.ru_maxrss / 1024.0);
+        stop(rr);
+        if (ok) row(what, bytes / 1e6 / et, ref, 0.5, size_note);
+        else printf("| %s | failed, see %s | | | |\n", what.c_str(), rr.err.c_str());
+    };
+    e2e("ferrant2 end to end through orbserver, one file", big, 1, "one");
+    double server_mb = server.pid > 0 ? vmhwm(server.pid) : 0;
+    unlink(big.c_str());
+
+    std::string many = Tmp + "/many";
+    mkdir(many.c_str(), 0755);
+    size_t each = size_t(bytes) / size_t(nfiles);
+    for (long i = 0; i < nfiles; i++) {
+        std::string d = many + "/d" + std::to_string(i / 100);
+        if (i % 100 == 0) mkdir(d.c_str(), 0755);
+        write_data(d + "/f" + std::to_string(i), each, uint64_t(i) + 7);
+    }
+    run_md5sum("find " + many + " -type f -print0 | xargs -0 md5sum");
+    double ref_many = double(each) * nfiles / 1e6 / run_md5sum("find " + many + " -type f -print0 | xargs -0 md5sum");
+    ref = ref_many;
+    bytes = double(each) * nfiles;
+    e2e("ferrant2 end to end through orbserver, " + std::to_string(nfiles) + " files", many, size_t(nfiles),
+        "many");
+    server_mb = std::max(server_mb, server.pid > 0 ? vmhwm(server.pid) : 0);
+    stop(server);
+
+    printf("| ferrant2 peak resident memory, %ld MiB file | sender %.0f MiB, receiver %.0f MiB, orbserver %.0f MiB "
+           "(end to end: sender %.0f, receiver %.0f) | - | - | independent of file size |\n",
+           mb, sender_mb, receiver_mb, server_mb, e2e_sender_mb, e2e_receiver_mb);
+
+    nftw(Tmp.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return remove(p), 0; }, 32,
+         FTW_DEPTH | FTW_PHYS);
+    return 0;
+}

@@ -1,0 +1,228 @@
+// Test harness for running the real ferrant2 programs: temp directories,
+// child processes with captured output, files with chosen ages and modes,
+// and parameter files with every key written out.
+#pragma once
+
+#include <fcntl.h>
+#include <ftw.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace ferrant_test {
+
+inline std::string build_dir() { return FERRANT_BUILD_DIR; }
+inline std::string ferrant2() { return build_dir() + "/bin/ferrant2"; }
+
+inline std::string slurp(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    std::stringstream s;
+    s << f.rdbuf();
+    return s.str();
+}
+
+inline void spit(const std::string& path, const std::string& data, mode_t mode = 0644) {
+    {
+        std::ofstream f(path, std::ios::binary | std::ios::trunc);
+        f << data;
+    }
+    chmod(path.c_str(), mode);
+}
+
+// Files older than the sender's quiet time are taken at once.
+inline void age(const std::string& path, int seconds = 3600) {
+    struct timeval tv[2];
+    gettimeofday(&tv[0], nullptr);
+    tv[0].tv_sec -= seconds;
+    tv[1] = tv[0];
+    utimes(path.c_str(), tv);
+}
+
+inline mode_t mode_of(const std::string& path) {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) return 0;
+    return st.st_mode & 07777;
+}
+
+inline bool exists(const std::string& path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+// Deterministic content that differs from file to file and byte to byte.
+inline std::string pattern(size_t n, unsigned seed) {
+    std::string s(n, '\0');
+    uint32_t x = seed * 2654435761u + 1;
+    for (size_t i = 0; i < n; i++) {
+        x ^= x << 13, x ^= x >> 17, x ^= x << 5;
+        s[i] = char(x);
+    }
+    return s;
+}
+
+inline size_t count(const std::string& hay, const std::string& needle) {
+    size_t n = 0;
+    for (size_t at = hay.find(needle); at != std::string::npos; at = hay.find(needle, at + 1)) n++;
+    return n;
+}
+
+// Polls pred until it holds or the bound passes; the bound only stops a
+// broken run from hanging, it is not a measurement.
+inline bool eventually(const std::function<bool()>& pred, double seconds = 25) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (std::chrono::steady_clock::now() < end) {
+        if (pred()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return pred();
+}
+
+class TempDir {
+public:
+    TempDir() {
+        char tmpl[] = "/tmp/ferrant-test.XXXXXX";
+        char* d = mkdtemp(tmpl);
+        if (d == nullptr) abort();
+        path_ = d;
+    }
+    ~TempDir() {
+        // Directories a test made unwritable must still go.
+        nftw(path_.c_str(), [](const char* p, const struct stat* st, int type, struct FTW*) {
+            if (type == FTW_DP || S_ISDIR(st->st_mode)) chmod(p, 0700);
+            remove(p);
+            return 0;
+        }, 16, FTW_DEPTH | FTW_PHYS);
+    }
+    const std::string& path() const { return path_; }
+    std::string operator/(const std::string& rel) const { return path_ + "/" + rel; }
+
+private:
+    std::string path_;
+};
+
+inline void mkdirs(const std::string& path) {
+    std::string cur;
+    std::stringstream ss(path);
+    std::string part;
+    if (!path.empty() && path[0] == '/') cur = "/";
+    while (std::getline(ss, part, '/')) {
+        if (part.empty()) continue;
+        cur += part + "/";
+        mkdir(cur.c_str(), 0755);
+    }
+}
+
+// A parameter file with every key; overrides replace the defaults below.
+inline std::string write_pf(const std::string& path, const std::map<std::string, std::string>& overrides = {}) {
+    std::map<std::string, std::string> keys = {
+        {"directory", ""},          {"starting_position", "oldest"},
+        {"match", ""},              {"reject", ""},
+        {"preserve_directories", "yes"}, {"bytes_per_packet", "1000"},
+        {"file_match", ""},         {"file_reject", ""},
+        {"test_freq", "0.1"},       {"lag_trigger", "0.5"},
+        {"lag_reset", "0.2"},       {"wait_seconds", "1"},
+        {"wait_match", ""},         {"wait_reject", ""},
+        {"use_orbputx", "no"},
+    };
+    for (auto& [k, v] : overrides) keys[k] = v;
+    std::string text;
+    for (auto& [k, v] : keys) text += k + (v.empty() ? "" : " " + v) + "\n";
+    spit(path, text);
+    return path;
+}
+
+// One child process, in its own process group, with stdout and stderr in
+// files; killed (the whole group) when it goes out of scope.
+class Child {
+public:
+    Child(const std::vector<std::string>& argv, const std::string& logdir, const std::string& cwd = "",
+          const std::string& input = "", const std::map<std::string, std::string>& env = {}) {
+        static int serial = 0;
+        std::string tag = std::to_string(getpid()) + "." + std::to_string(serial++);
+        err_ = logdir + "/stderr." + tag;
+        out_ = logdir + "/stdout." + tag;
+        std::string in = logdir + "/stdin." + tag;
+        spit(in, input);
+        pid_ = fork();
+        if (pid_ == 0) {
+            setpgid(0, 0);
+            int fd0 = open(in.c_str(), O_RDONLY);
+            int fd1 = open(out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            int fd2 = open(err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            dup2(fd0, 0), dup2(fd1, 1), dup2(fd2, 2);
+            if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(127);
+            setenv("QUORVANE", FERRANT_BUILD_DIR, 1);
+            setenv("ELOG_MAXMSG", "0", 1);
+            for (auto& [k, v] : env) setenv(k.c_str(), v.c_str(), 1);
+            std::vector<char*> args;
+            for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+            args.push_back(nullptr);
+            execv(args[0], args.data());
+            _exit(127);
+        }
+        setpgid(pid_, pid_);
+        group_ = pid_;
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+    ~Child() { stop(SIGKILL); }
+
+    // Exit status (or 128 + signal); -1 when it is still running at the bound.
+    int wait(double seconds = 25) {
+        if (pid_ <= 0) return status_;
+        bool done = eventually([&] {
+            int st;
+            pid_t r = waitpid(pid_, &st, WNOHANG);
+            if (r == pid_) {
+                status_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+                pid_ = 0;
+                return true;
+            }
+            return false;
+        }, seconds);
+        if (done) reap_group();
+        return done ? status_ : -1;
+    }
+    void stop(int sig = SIGTERM) {
+        if (pid_ > 0) {
+            kill(-pid_, sig);
+            kill(pid_, sig);
+            if (wait(10) < 0) {
+                kill(-pid_, SIGKILL);
+                wait(10);
+            }
+        }
+        reap_group();
+    }
+    bool running() const { return pid_ > 0; }
+    pid_t pid() const { return pid_; }
+    std::string err() const { return slurp(err_); }
+    std::string out() const { return slurp(out_); }
+
+private:
+    // Helpers the program started (forbserver) leave with it.
+    void reap_group() {
+        if (group_ > 0) kill(-group_, SIGKILL);
+    }
+    pid_t pid_ = -1;
+    pid_t group_ = -1;
+    int status_ = -1;
+    std::string err_, out_;
+};
+
+}  // namespace ferrant_test

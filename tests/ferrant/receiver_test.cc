@@ -1,0 +1,227 @@
+// The receiver against forged packet runs: every failure is reported, the
+// interim file is removed or kept as it should be, and the next file still
+// arrives.
+#include "harness.h"
+#include "ring.h"
+#include "stock/rvm.h"
+
+using namespace ferrant_test;
+
+namespace {
+
+std::string md5hex(const std::string& data) {
+    Rvm r;
+    inirvm(&r);
+    addrvm(&r, data.data(), data.size());
+    endrvm(&r);
+    char text[33];
+    ascrvm(&r, text);
+    return text;
+}
+
+// Running keys of data split into chunks of n bytes.
+std::vector<std::string> keys(const std::string& data, size_t n) {
+    std::vector<std::string> out;
+    Rvm r;
+    inirvm(&r);
+    for (size_t off = 0; off < data.size(); off += n) {
+        addrvm(&r, data.data() + off, std::min(n, data.size() - off));
+        Rvm copy = r;
+        endrvm(&copy);
+        out.emplace_back(reinterpret_cast<char*>(copy.digest), 16);
+    }
+    return out;
+}
+
+class Forger {
+public:
+    explicit Forger(const std::string& ring) { orb_ = orbopen(ring.c_str(), "w"); }
+    ~Forger() {
+        if (orb_ >= 0) orbclose(orb_);
+        free(buf_);
+    }
+    bool ok() const { return orb_ >= 0; }
+
+    // One xfer packet; the key must hold 16 bytes. Returns the pktid.
+    int put(const std::string& tag, int seq, const std::string& key, const std::string* data,
+            bool with_nul = false) {
+        Packet* pkt = newPkt();
+        strcpy(pkt->parts.src_net, "forge");
+        snprintf(pkt->parts.src_subcode, PKT_NAMESIZE, "%s", tag.c_str());
+        pkt->pkttype = suffix2pkttype("xfer");
+        pkt->nchannels = S_IFREG | 0640;
+        pkt->string_size = seq;
+        pkt->string = const_cast<char*>(key.data());
+        pkt->dfile = data ? const_cast<char*>(data->data()) : nullptr;
+        pkt->dfile_size = data ? int(data->size()) + (with_nul ? 1 : 0) : 0;
+        char srcname[PKT_SRCNAMESIZE];
+        double t;
+        int nbytes = 0;
+        int r = stuffPkt(pkt, srcname, &t, &buf_, &nbytes, &bufsize_);
+        pkt->string = pkt->dfile = nullptr;
+        freePkt(pkt);
+        EXPECT_EQ(r, 0);
+        return orbputx(orb_, srcname, 1000.0 + seq, buf_, nbytes);
+    }
+    int raw(const std::string& srcname, const std::string& body) {
+        return orbputx(orb_, srcname.c_str(), 1000.0, body.data(), int(body.size()));
+    }
+
+    // A run whose initial, data and final packets are each given.
+    int initial(const std::string& tag, const std::string& name, const std::string& hex) {
+        return put(tag, 0, hex, &name, true);
+    }
+    int final(const std::string& tag, int seq, const std::string& hex) { return put(tag, seq, hex, nullptr); }
+
+private:
+    int orb_ = -1;
+    char* buf_ = nullptr;
+    int bufsize_ = 0;
+};
+
+std::string chunk(const std::string& data, int k, size_t n) { return data.substr((k - 1) * n, n); }
+
+TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
+    TempDir tmp;
+    std::string ring = tmp / "ring";
+    std::string in = tmp / "in";
+    mkdirs(in);
+    spit(in + "/blocker", "a plain file where a directory is wanted\n");
+    mkdirs(in + "/taken-");  // the interim name is taken by a directory
+    std::string pf = write_pf(tmp / "r.pf", {{"directory", in}});
+    Forger f(ring);  // makes the ring before the receiver opens it
+    ASSERT_TRUE(f.ok());
+    Child r({ferrant2(), "-p", pf, ring}, tmp.path(), tmp.path());
+    const size_t B = 100;
+    std::string data = pattern(350, 42);  // chunks 1..4, the last one short
+    auto k = keys(data, B);
+    std::string hex = md5hex(data);
+    auto d = [&](int i) { return chunk(data, i, B); };
+    std::string c1 = d(1), c2 = d(2), c3 = d(3), c4 = d(4);
+
+    // A lost packet: the run never ends and its interim file stays.
+    f.initial("1/lost.txt", "lost.txt", hex);
+    f.put("1/lost.txt", 1, k[0], &c1);
+    int lost3 = f.put("1/lost.txt", 3, k[2], &c3);
+    f.put("1/lost.txt", 4, k[3], &c4);
+    f.final("1/lost.txt", 5, hex);
+
+    // A repeated packet drops the run and removes its interim file.
+    f.initial("2/repeat.txt", "repeat.txt", hex);
+    f.put("2/repeat.txt", 1, k[0], &c1);
+    int repeat = f.put("2/repeat.txt", 1, k[0], &c1);
+    f.put("2/repeat.txt", 2, k[1], &c2);
+    f.final("2/repeat.txt", 3, hex);
+
+    // A sender that failed marks its final packet -1.
+    f.initial("3/failed.txt", "failed.txt", hex);
+    f.put("3/failed.txt", 1, k[0], &c1);
+    int failed = f.final("3/failed.txt", -1, hex);
+
+    // A data packet whose running key disagrees.
+    f.initial("4/badkey.txt", "badkey.txt", hex);
+    f.put("4/badkey.txt", 1, k[1], &c1);
+    f.final("4/badkey.txt", 2, hex);
+
+    // Every data packet right, but the final digest is not the initial one.
+    std::string one = data.substr(0, B);
+    f.initial("5/changed.txt", "changed.txt", md5hex(one));
+    f.put("5/changed.txt", 1, k[0], &c1);
+    f.final("5/changed.txt", 2, md5hex("something else"));
+
+    // Names the receiver refuses: control bytes, non-ASCII bytes, nothing.
+    f.initial("6/ctl", "bad\001name", hex);
+    f.put("6/ctl", 1, k[0], &c1);
+    f.final("6/ctl", 2, hex);
+    f.initial("7/hi", "caf\xc3\xa9", hex);
+    f.final("7/hi", 1, hex);
+    f.initial("8/empty", "", hex);
+    f.final("8/empty", 1, hex);
+
+    // Directories and files that cannot be made.
+    f.initial("9/blocked", "blocker/sub/x", hex);
+    f.final("9/blocked", 1, hex);
+    f.initial("10/taken", "taken", hex);
+    f.final("10/taken", 1, hex);
+
+    // A body that does not unpack, a packet of no known run, a second initial packet.
+    int junk = f.raw("forge/xfer/11/junk", "junk");
+    int orphan = f.put("12/orphan", 1, k[0], &c1);
+    f.initial("13/dup.txt", "dup.txt", md5hex(one));
+    int dup = f.initial("13/dup.txt", "dup.txt", md5hex(one));
+    f.put("13/dup.txt", 1, k[0], &c1);
+    f.final("13/dup.txt", 2, md5hex(one));
+
+    // Other packet types are passed over.
+    f.raw("forge/ch/ferrant_start", "");
+    f.raw("forge/waveform/x", "whatever");
+
+    // And after all that, a good file.
+    f.initial("14/good.txt", "good.txt", hex);
+    for (int i = 1; i <= 4; i++) {
+        std::string c = d(i);
+        f.put("14/good.txt", i, k[i - 1], &c);
+    }
+    f.final("14/good.txt", 5, hex);
+
+    ASSERT_TRUE(eventually([&] { return r.err().find("received good.txt") != std::string::npos; })) << r.err();
+    std::string log = r.err();
+    auto has = [&](const std::string& s) { return log.find(s) != std::string::npos; };
+    std::string src = "forge/xfer/";
+
+    EXPECT_TRUE(has("received old sequence #3 in pktid #" + std::to_string(lost3) + " " + src +
+                    "1/lost.txt, expected sequence #1")) << log;
+    EXPECT_TRUE(has("received old sequence #5 in pktid")) << log;
+    EXPECT_TRUE(exists(in + "/lost.txt-"));  // left open, as the run never ends
+    EXPECT_FALSE(exists(in + "/lost.txt"));
+
+    EXPECT_TRUE(has("out of sequence at pktid #" + std::to_string(repeat) + " for " + src +
+                    "2/repeat.txt:  #0 -> #1")) << log;
+    EXPECT_FALSE(exists(in + "/repeat.txt-"));
+    EXPECT_FALSE(exists(in + "/repeat.txt"));
+
+    EXPECT_TRUE(has("out of sequence at pktid #" + std::to_string(failed) + " for " + src +
+                    "3/failed.txt:  #0 -> #-1")) << log;
+    EXPECT_FALSE(exists(in + "/failed.txt-"));
+
+    EXPECT_TRUE(has("digest mismatch at sequence #1 for file badkey.txt")) << log;
+    EXPECT_TRUE(has("locally computed:\n")) << log;
+    EXPECT_TRUE(has("packet key:\n")) << log;
+    EXPECT_FALSE(exists(in + "/badkey.txt-"));
+
+    EXPECT_TRUE(has("digest mismatch at last packet for file changed.txt-\n      file changed during transmission"))
+        << log;
+    EXPECT_FALSE(exists(in + "/changed.txt-"));
+    EXPECT_FALSE(exists(in + "/changed.txt"));
+
+    EXPECT_TRUE(has("received packet with invalid filename 'bad\001name'")) << log;
+    EXPECT_TRUE(has("received packet with invalid filename 'caf\xc3\xa9'")) << log;
+    EXPECT_TRUE(has("received packet with invalid filename ''")) << log;
+    EXPECT_TRUE(has("Can't open bad\001name to write")) << log;
+
+    EXPECT_TRUE(has("Can't create directory 'blocker/sub'")) << log;
+    EXPECT_TRUE(has("Can't open taken- to write")) << log;
+
+    EXPECT_TRUE(has("failed to unstuff xfer packet #" + std::to_string(junk) + " " + src + "11/junk")) << log;
+    EXPECT_TRUE(has("pktid #" + std::to_string(orphan) + " is sequence #1 of " + src +
+                    "12/orphan, but no previous packets seen")) << log;
+    EXPECT_TRUE(has("received duplicate sequence 0 pktid #" + std::to_string(dup) + " packet '" + src +
+                    "13/dup.txt'")) << log;
+    EXPECT_EQ(slurp(in + "/dup.txt"), one);
+
+    EXPECT_EQ(slurp(in + "/good.txt"), data);
+    EXPECT_EQ(mode_of(in + "/good.txt"), 0640u);
+    EXPECT_TRUE(has("received good.txt (350 bytes, 5 packets)")) << log;
+    EXPECT_TRUE(r.running());
+}
+
+TEST(FerrantReceiver, ReceiveDirectoryThatCannotBeMadeIsFatal) {
+    TempDir tmp;
+    spit(tmp / "plain", "x");
+    std::string pf = write_pf(tmp / "r.pf", {{"directory", tmp / "plain/in"}});
+    Child r({ferrant2(), "-p", pf, tmp / "ring"}, tmp.path(), tmp.path());
+    EXPECT_EQ(r.wait(), 1);
+    EXPECT_NE(r.err().find("Can't create directory '" + tmp / "plain/in" + "'"), std::string::npos) << r.err();
+}
+
+}  // namespace

@@ -1,0 +1,302 @@
+// Clients that misbehave: garbage, truncated and over-long requests, stalls,
+// connection storms, and addresses that may not write. Each is refused or
+// dropped with a log line, and the other clients go on being served.
+#include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <dirent.h>
+
+#include <string>
+#include <vector>
+
+#include "support/orbserver.h"
+#include "wire_client.h"
+
+using testsupport::OrbServer;
+using testsupport::Pkt;
+using testsupport::WireClient;
+
+namespace {
+
+std::string be32(int32_t v) {
+    uint32_t n = htonl(uint32_t(v));
+    return std::string(reinterpret_cast<const char*>(&n), 4);
+}
+
+// True once the server has closed c's connection (reads end of file).
+bool closed_by_server(WireClient& c, int seconds = 20) {
+    c.set_timeout(seconds * 1000);
+    for (;;) {
+        char buf[4096];
+        ssize_t n = recv(c.fd(), buf, sizeof buf, 0);
+        if (n == 0) return true;
+        if (n < 0) return errno == ECONNRESET;
+    }
+}
+
+int open_fds(pid_t pid) {
+    int n = 0;
+    std::string dir = "/proc/" + std::to_string(pid) + "/fd";
+    if (DIR* d = opendir(dir.c_str())) {
+        while (readdir(d)) n++;
+        closedir(d);
+    }
+    return n;
+}
+
+class Hostile : public ::testing::Test {
+protected:
+    void SetUp() override {
+        OrbServer::Options o;
+        o.pf = pf_text();
+        server = std::make_unique<OrbServer>(o);
+        ASSERT_TRUE(server->up()) << server->log();
+        ASSERT_TRUE(good.connect_tcp(server->name()));
+        ASSERT_EQ(good.open('w', "good"), 0);
+    }
+    virtual std::string pf_text() { return "request_timeout 1\n"; }
+    // The well-behaved client is still served, and the server still running.
+    void still_served() {
+        ASSERT_TRUE(server->running()) << server->log();
+        int id = good.putx("G/x", 1, "still here");
+        EXPECT_GE(id, 0);
+        Pkt p;
+        ASSERT_EQ(good.get(id, &p), 0);
+        EXPECT_EQ(p.data, "still here");
+    }
+    std::unique_ptr<OrbServer> server;
+    WireClient good;
+};
+
+TEST_F(Hostile, GarbageIsDroppedWithALogLine) {
+    WireClient bad;
+    ASSERT_TRUE(bad.connect_tcp(server->name()));
+    std::string junk;
+    for (int i = 0; i < 5000; i++) junk += char("xyz\001\377"[i % 5]);
+    bad.raw(junk);
+    EXPECT_TRUE(closed_by_server(bad));
+    EXPECT_NE(server->log().find("sends garbage"), std::string::npos) << server->log();
+    still_served();
+}
+
+TEST_F(Hostile, SomeGarbageBeforeARequestIsSkipped) {
+    WireClient c;
+    ASSERT_TRUE(c.connect_tcp(server->name()));
+    c.raw("junk!");
+    ASSERT_EQ(c.open('r'), 0);
+    c.raw(std::string(40, '\0'));  // more than one resynchronisation's worth
+    EXPECT_EQ(c.exchange(ORBPING), 0);
+    EXPECT_EQ(c.resp()->version, 7);
+    EXPECT_NE(server->log().find("skipped"), std::string::npos);
+    still_served();
+}
+
+TEST_F(Hostile, TruncatedRequestsAndEarlyCloses) {
+    // A put cut short, then the connection closed.
+    {
+        WireClient c;
+        ASSERT_TRUE(c.connect_tcp(server->name()));
+        ASSERT_EQ(c.open('w'), 0);
+        c.raw("orbm" + be32(ORBPUT) + be32(-1) + std::string("\x01\x00", 2));
+    }
+    // A marker alone; half a marker; nothing at all.
+    for (std::string s : {std::string("orbm"), std::string("or"), std::string()}) {
+        WireClient c;
+        ASSERT_TRUE(c.connect_tcp(server->name()));
+        c.raw(s);
+    }
+    still_served();
+    EXPECT_NE(server->log().find("connection lost mid-request"), std::string::npos) << server->log();
+    // Nothing of the cut-short put reached the ring.
+    WireClient r;
+    ASSERT_TRUE(r.connect_tcp(server->name()));
+    ASSERT_EQ(r.open('r'), 0);
+    ASSERT_EQ(r.exchange(ORBSOURCES), 0);
+    EXPECT_EQ(r.resp()->nsource, 1);  // only the good client's G/x
+}
+
+TEST_F(Hostile, LengthsBeyondEveryLimit) {
+    struct Case {
+        const char* what;
+        std::string bytes;
+    };
+    std::vector<Case> cases = {
+        {"long put", "orbm" + be32(ORBPUTL) + be32(-1) + be32(100000000)},
+        {"negative put", "orbm" + be32(ORBPUTXL) + be32(-1) + be32(-5)},
+        {"long select", "orbm" + be32(ORBSELECT) + be32(16385)},
+        {"negative reject", "orbm" + be32(ORBREJECT) + be32(-1)},
+    };
+    for (const Case& k : cases) {
+        WireClient c;
+        ASSERT_TRUE(c.connect_tcp(server->name()));
+        ASSERT_EQ(c.open('w'), 0);
+        c.raw(k.bytes);
+        EXPECT_TRUE(closed_by_server(c)) << k.what;
+    }
+    std::string log = server->log();
+    EXPECT_NE(log.find("packet size 100000000 beyond the limit"), std::string::npos) << log;
+    EXPECT_NE(log.find("pattern length 16385 beyond the limit"), std::string::npos) << log;
+    still_served();
+    // The largest pattern allowed is read whole (and is a fine pattern).
+    WireClient c;
+    ASSERT_TRUE(c.connect_tcp(server->name()));
+    ASSERT_EQ(c.open('r'), 0);
+    EXPECT_EQ(c.select(std::string(16383, 'a')), 0);
+}
+
+TEST_F(Hostile, NamesTooLongForTheRingAreRefused) {
+    std::string name(64, 'n');  // no room for the terminating NUL
+    EXPECT_LT(good.putx(name, 1, "x"), 0);
+    EXPECT_NE(server->log().find("refused"), std::string::npos);
+    // A source-name length beyond what is read leaves bytes that are skipped.
+    WireClient c;
+    ASSERT_TRUE(c.connect_tcp(server->name()));
+    ASSERT_EQ(c.open('w'), 0);
+    std::string req = "orbm" + be32(ORBPUT) + be32(-1) + std::string("\x00\x01", 2) +
+                      std::string("\x00\xc8", 2) /* 200 */ + std::string(8, '\0') + std::string(200, 's') + "p";
+    c.raw(req);
+    EXPECT_EQ(c.exchange(ORBPING), 0);
+    still_served();
+}
+
+TEST_F(Hostile, StallingMidRequestIsDropped) {
+    WireClient c;
+    ASSERT_TRUE(c.connect_tcp(server->name()));
+    ASSERT_EQ(c.open('w'), 0);
+    c.raw("orbm" + be32(ORBPUT) + be32(-1));  // and then nothing
+    still_served();                            // others are served meanwhile
+    EXPECT_TRUE(closed_by_server(c));
+    EXPECT_NE(server->log().find("stalled in the middle of a request"), std::string::npos);
+    still_served();
+}
+
+TEST_F(Hostile, ThousandConnectionsOpenedAndDropped) {
+    int before = open_fds(server->pid());
+    for (int i = 0; i < 1000; i++) {
+        WireClient c;
+        ASSERT_TRUE(c.connect_tcp(server->name())) << i;
+        if (i % 3 == 1) c.raw("orbm");
+        if (i % 3 == 2) {
+            ASSERT_EQ(c.open('r'), 0);
+        }
+    }
+    still_served();
+    // Every dropped connection's descriptor and client slot was given back.
+    int after = -1;
+    for (int i = 0; i < 1000 && (after = open_fds(server->pid())) > before; i++) usleep(2000);
+    EXPECT_LE(after, before);
+    ASSERT_EQ(good.exchange(ORBCLIENTS), 0);
+    EXPECT_EQ(good.resp()->nclient, 1);
+}
+
+class Access : public Hostile {
+protected:
+    std::string pf_text() override {
+        return "write_allow &Tbl{\n127.0.0.1/32\n}\nread_allow 127.0.0.0/8\nmax_clients 20\n";
+    }
+};
+
+TEST_F(Access, WritesFromAnAddressNotAllowedAreRefused) {
+    // 127.0.0.2 may read but not write.
+    WireClient w;
+    ASSERT_TRUE(w.connect_tcp(server->name(), "127.0.0.2"));
+    EXPECT_NE(w.open('w'), 0);
+    EXPECT_NE(std::string(w.resp()->errmsg).find("may not write"), std::string::npos) << w.resp()->errmsg;
+    EXPECT_TRUE(closed_by_server(w));
+
+    WireClient r;
+    ASSERT_TRUE(r.connect_tcp(server->name(), "127.0.0.2"));
+    ASSERT_EQ(r.open('r'), 0);
+    EXPECT_LT(r.putx("R/x", 1, "sneaky"), 0);
+    EXPECT_TRUE(r.put("R/x", 2, "sneaky too"));
+    EXPECT_EQ(r.exchange(ORBPING), 0);
+    ASSERT_EQ(r.exchange(ORBSOURCES), 0);
+    EXPECT_EQ(r.resp()->nsource, 0);  // nothing got in
+    ASSERT_EQ(r.exchange(ORBSTAT), 0);
+    EXPECT_GE(r.resp()->orbstat.rejected, 3);
+    std::string log = server->log();
+    EXPECT_NE(log.find("rejected open from 127.0.0.2"), std::string::npos) << log;
+    EXPECT_NE(log.find("refused put from 127.0.0.2"), std::string::npos) << log;
+    still_served();
+}
+
+TEST_F(Access, ReadsFromAnAddressNotAllowedAreRefused) {
+    OrbServer::Options o;
+    o.pf = "read_allow 127.0.0.1\n";
+    OrbServer server2(o);
+    ASSERT_TRUE(server2.up()) << server2.log();
+    WireClient r;
+    ASSERT_TRUE(r.connect_tcp(server2.name(), "127.0.0.3"));
+    EXPECT_NE(r.open('r'), 0);
+    EXPECT_NE(std::string(r.resp()->errmsg).find("may not read"), std::string::npos);
+}
+
+TEST_F(Access, ClientsBeyondTheLimitAreTurnedAway) {
+    std::vector<std::unique_ptr<WireClient>> many;
+    for (int i = 0; i < 19; i++) {  // with the good client: 20
+        many.push_back(std::make_unique<WireClient>());
+        ASSERT_TRUE(many.back()->connect_tcp(server->name()));
+        ASSERT_EQ(many.back()->open('r'), 0);
+    }
+    WireClient extra;
+    ASSERT_TRUE(extra.connect_tcp(server->name()));
+    EXPECT_TRUE(closed_by_server(extra));
+    EXPECT_NE(server->log().find("too many clients"), std::string::npos);
+    many.pop_back();
+    // A place came free.
+    bool served = false;
+    for (int i = 0; i < 200 && !served; i++) {
+        WireClient again;
+        ASSERT_TRUE(again.connect_tcp(server->name()));
+        served = again.open('r') == 0;
+        if (!served) usleep(5000);
+    }
+    EXPECT_TRUE(served);
+    still_served();
+}
+
+TEST(HostileSettings, BadParameterFilesAndOptionsAreReported) {
+    struct Case {
+        std::string pf;
+        std::vector<std::string> args;
+        std::string says;
+    };
+    std::vector<Case> cases = {
+        {"write_allow 300.1.1.1/8\n", {}, "bad address '300.1.1.1/8'"},
+        {"ring_size lots\n", {}, "bad value 'lots' for ring_size"},
+        {"", {"-s", "12Q"}, "bad ring size '12Q'"},
+        {"", {"-m", "1"}, "bad packet-id modulus '1'"},
+    };
+    for (const Case& k : cases) {
+        OrbServer::Options o;
+        o.pf = k.pf;
+        o.args = k.args;
+        OrbServer server(o);
+        EXPECT_FALSE(server.up());
+        EXPECT_NE(server.log().find(k.says), std::string::npos) << server.log();
+    }
+}
+
+TEST(HostileSettings, IdleClientsAreDroppedWhenAsked) {
+    OrbServer::Options o;
+    o.pf = "idle_timeout 1\n";
+    OrbServer server(o);
+    ASSERT_TRUE(server.up()) << server.log();
+    WireClient idle, streaming;
+    ASSERT_TRUE(idle.connect_tcp(server.name()));
+    ASSERT_EQ(idle.open('r'), 0);
+    ASSERT_TRUE(streaming.connect_tcp(server.name()));
+    ASSERT_EQ(streaming.open('r'), 0);
+    ASSERT_TRUE(streaming.reap(1));
+    EXPECT_TRUE(closed_by_server(idle));
+    EXPECT_NE(server.log().find("idle too long"), std::string::npos);
+    // The streaming reader is not idle: it gets the packet when it comes.
+    WireClient w;
+    ASSERT_TRUE(w.connect_tcp(server.name()));
+    ASSERT_EQ(w.open('w'), 0);
+    ASSERT_EQ(w.putx("I/x", 1, "for the reader"), 0);
+    Pkt p;
+    ASSERT_EQ(streaming.next(&p), 0);
+    EXPECT_EQ(p.data, "for the reader");
+}
+
+}  // namespace

@@ -1,0 +1,348 @@
+// One ring file served by several front ends at once (forbservers over
+// socketpairs, an orbserver over TCP), and what the ring keeps across
+// restarts, eviction and packet-id wrap.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/orbserver.h"
+#include "wire_client.h"
+
+using testsupport::OrbServer;
+using testsupport::Pkt;
+using testsupport::WireClient;
+
+namespace {
+
+std::string body(int i) {
+    std::string s = "#" + std::to_string(i) + ":";
+    s.resize(40 + i % 200, char('a' + i % 26));
+    return s;
+}
+
+// Index of the packet a body was made for, or -1.
+int index_of(const std::string& data) {
+    if (data.size() < 2 || data[0] != '#') return -1;
+    return std::atoi(data.c_str() + 1);
+}
+
+class Sharing : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir = testsupport::make_temp_dir("forb-test");
+        ASSERT_FALSE(dir.empty());
+        ring = dir + "/ring";
+        log = dir + "/forbserver.log";
+    }
+    void TearDown() override {
+        std::error_code ec;
+        std::filesystem::remove_all(dir, ec);
+    }
+    bool forb(WireClient& c, std::vector<std::string> extra = {}) {
+        extra.push_back(ring);
+        return c.spawn_forb(extra, log);
+    }
+    std::string dir, ring, log;
+};
+
+TEST_F(Sharing, ForbserverServesOneClientAndExitsWhenItLeaves) {
+    WireClient w;
+    ASSERT_TRUE(forb(w, {"-s1M"}));
+    ASSERT_EQ(w.open('w'), 0);
+    EXPECT_EQ(w.putx("F/x", 1, "one"), 0);
+    ASSERT_EQ(w.exchange(ORBSTAT), 0);
+    EXPECT_EQ(w.resp()->orbstat.maxdata, 1u << 20);
+    w.disconnect();
+    EXPECT_TRUE(WIFEXITED(w.child_status()));
+    EXPECT_EQ(WEXITSTATUS(w.child_status()), 0);
+}
+
+TEST_F(Sharing, TwoForbserversDeliverEveryPacketInOrder) {
+    constexpr int kPackets = 3000;
+    WireClient reader, writer;
+    ASSERT_TRUE(forb(reader, {"-s4M"}));
+    ASSERT_EQ(reader.open('r'), 0);
+    ASSERT_TRUE(forb(writer));
+    ASSERT_EQ(writer.open('w'), 0);
+    ASSERT_TRUE(reader.reap());
+    std::thread put([&] {
+        for (int i = 0; i < kPackets; i++) writer.put("W/x", 100 + i, body(i));
+        writer.exchange(ORBPING);
+    });
+    Pkt p;
+    int expect = 0, last_pktid = -1;
+    for (; expect < kPackets; expect++) {
+        if (reader.next(&p) != 0) break;
+        if (index_of(p.data) != expect || p.data != body(expect)) break;
+        EXPECT_EQ(p.pktid, last_pktid + 1);
+        last_pktid = p.pktid;
+    }
+    put.join();
+    EXPECT_EQ(expect, kPackets) << "stopped at packet " << expect << ": '" << p.data << "'";
+}
+
+TEST_F(Sharing, ForbserversAndAnOrbserverShareTheRing) {
+    constexpr int kPackets = 2000;
+    OrbServer::Options o;
+    o.ring = ring;
+    OrbServer server(o);
+    ASSERT_TRUE(server.up()) << server.log();
+
+    WireClient tcp_reader, forb_reader, forb_writer, tcp_writer;
+    ASSERT_TRUE(tcp_reader.connect_tcp(server.name()));
+    ASSERT_EQ(tcp_reader.open('r', "tcp_reader"), 0);
+    ASSERT_TRUE(forb(forb_reader));
+    ASSERT_EQ(forb_reader.open('r', "forb_reader"), 0);
+    ASSERT_EQ(forb_reader.select("A/.*"), 0);
+    ASSERT_TRUE(forb(forb_writer));
+    ASSERT_EQ(forb_writer.open('w', "forb_writer"), 0);
+    ASSERT_TRUE(tcp_writer.connect_tcp(server.name()));
+    ASSERT_EQ(tcp_writer.open('w', "tcp_writer"), 0);
+
+    // Each front end's clients appear in every front end's client list.
+    for (WireClient* c : {&tcp_reader, &forb_reader}) {
+        ASSERT_EQ(c->exchange(ORBCLIENTS), 0);
+        std::set<std::string> whats;
+        for (int i = 0; i < c->resp()->nclient; i++) whats.insert(c->resp()->client[i].what);
+        EXPECT_EQ(whats, (std::set<std::string>{"tcp_reader", "forb_reader", "forb_writer", "tcp_writer"}));
+    }
+
+    ASSERT_TRUE(tcp_reader.reap());
+    ASSERT_TRUE(forb_reader.reap());
+    // Two writers through two front ends: A/ packets from the forbserver, B/ from TCP.
+    std::thread a([&] {
+        for (int i = 0; i < kPackets; i++) forb_writer.put("A/x", i, body(i));
+        forb_writer.exchange(ORBPING);
+    });
+    std::thread b([&] {
+        for (int i = 0; i < kPackets; i++) tcp_writer.put("B/x", i, body(i));
+        tcp_writer.exchange(ORBPING);
+    });
+    // The TCP reader sees both sources, each in its own order; the selecting
+    // forbserver reader only A.
+    int next_a = 0, next_b = 0, last = -1;
+    Pkt p;
+    while (next_a + next_b < 2 * kPackets) {
+        ASSERT_EQ(tcp_reader.next(&p), 0) << next_a << " " << next_b;
+        int& n = p.srcname == "A/x" ? next_a : next_b;
+        ASSERT_EQ(index_of(p.data), n) << p.srcname << " pktid " << p.pktid << " after " << last;
+        n++;
+        EXPECT_EQ(p.pktid, last + 1);
+        last = p.pktid;
+    }
+    int only_a = 0;
+    while (only_a < kPackets && forb_reader.next(&p) == 0 && p.srcname == "A/x" &&
+           index_of(p.data) == only_a)
+        only_a++;
+    a.join();
+    b.join();
+    EXPECT_EQ(next_a, kPackets);
+    EXPECT_EQ(next_b, kPackets);
+    EXPECT_EQ(only_a, kPackets);
+}
+
+TEST_F(Sharing, RestartKeepsPacketsAndRingStart) {
+    OrbServer::Options o;
+    o.ring = ring;
+    OrbServer server(o);
+    ASSERT_TRUE(server.up()) << server.log();
+    double orb_start, server_start;
+    {
+        WireClient w;
+        ASSERT_TRUE(w.connect_tcp(server.name()));
+        ASSERT_EQ(w.open('w'), 0);
+        orb_start = w.resp()->orb_start;
+        server_start = w.resp()->server_start;
+        for (int i = 0; i < 50; i++) ASSERT_EQ(w.putx("P/x", 10 + i, body(i)), i);
+    }
+    std::string old_name = server.name();
+    server.stop();
+    usleep(20000);  // a new server start time, to the clock's resolution and beyond
+    ASSERT_TRUE(server.start()) << server.log();
+    EXPECT_EQ(server.name(), old_name);  // same port
+
+    // The same ring through a forbserver too.
+    for (int pass = 0; pass < 2; pass++) {
+        WireClient r;
+        bool connected = pass == 0 ? r.connect_tcp(server.name()) : forb(r);
+        ASSERT_TRUE(connected);
+        ASSERT_EQ(r.open('r'), 0);
+        EXPECT_EQ(r.resp()->orb_start, orb_start);
+        EXPECT_NE(r.resp()->server_start, server_start);
+        EXPECT_EQ(r.resp()->latest_pktid, 49);
+        ASSERT_EQ(r.seek(ORBOLDEST), 0);
+        ASSERT_TRUE(r.reap(50));
+        Pkt p;
+        for (int i = 0; i < 50; i++) {
+            ASSERT_EQ(r.next(&p), 0);
+            EXPECT_EQ(p.pktid, i);
+            EXPECT_EQ(p.data, body(i));
+            EXPECT_DOUBLE_EQ(p.time, 10 + i);
+        }
+    }
+}
+
+TEST_F(Sharing, KilledMidAppendsTheRingStaysConsistent) {
+    OrbServer::Options o;
+    o.ring = ring;
+    o.args = {"-s", "256k"};
+    OrbServer server(o);
+    ASSERT_TRUE(server.up()) << server.log();
+    double orb_start;
+    {
+        WireClient w;
+        ASSERT_TRUE(w.connect_tcp(server.name()));
+        ASSERT_EQ(w.open('w'), 0);
+        orb_start = w.resp()->orb_start;
+        // Puts stream in without answers; the server dies somewhere among them.
+        std::thread killer([&] {
+            usleep(30000);
+            server.kill();
+        });
+        for (int i = 0; i < 200000 && w.put("K/x", i, body(i)); i++) {
+        }
+        killer.join();
+    }
+    ASSERT_TRUE(server.start()) << server.log();
+    WireClient r;
+    ASSERT_TRUE(r.connect_tcp(server.name()));
+    ASSERT_EQ(r.open('r'), 0);
+    EXPECT_EQ(r.resp()->orb_start, orb_start);
+    int latest = r.resp()->latest_pktid;
+    ASSERT_GE(latest, 0);
+    ASSERT_GE(r.seek(ORBOLDEST), 0);
+    // Every packet left is whole, in order and consecutive up to the newest.
+    Pkt p;
+    ASSERT_EQ(r.get(ORBNEXT, &p), 0);
+    int prev = index_of(p.data);
+    EXPECT_EQ(p.data, body(prev));
+    int prev_id = p.pktid;
+    while (prev_id != latest) {
+        ASSERT_EQ(r.get(ORBNEXT, &p), 0);
+        EXPECT_EQ(p.pktid, prev_id + 1);
+        EXPECT_EQ(index_of(p.data), prev + 1);
+        EXPECT_EQ(p.data, body(prev + 1));
+        prev = index_of(p.data);
+        prev_id = p.pktid;
+    }
+    // And the ring takes new packets after the last one.
+    WireClient w;
+    ASSERT_TRUE(w.connect_tcp(server.name()));
+    ASSERT_EQ(w.open('w'), 0);
+    EXPECT_EQ(w.putx("K/x", 0, "after"), latest + 1);
+}
+
+TEST_F(Sharing, EvictionMovesAnEvictedReaderToTheOldest) {
+    OrbServer::Options o;
+    o.ring = ring;
+    o.args = {"-s", "64k"};
+    OrbServer server(o);
+    ASSERT_TRUE(server.up()) << server.log();
+    WireClient w, r;
+    ASSERT_TRUE(w.connect_tcp(server.name()));
+    ASSERT_EQ(w.open('w'), 0);
+    ASSERT_TRUE(r.connect_tcp(server.name()));
+    ASSERT_EQ(r.open('r'), 0);
+    std::string big(1000, 'x');
+    for (int i = 0; i < 5; i++) w.putx("E/x", i, big);
+    ASSERT_EQ(r.seek(1), 1);  // the reader stands at packet 1
+    for (int i = 5; i < 300; i++) w.putx("E/x", i, big);
+    // Packet 1 is long gone; the reader goes on from the oldest present.
+    int oldest = r.seek(ORBOLDEST);
+    ASSERT_GT(oldest, 5);
+    ASSERT_EQ(r.seek(1), WireClient::kFailed);
+    ASSERT_EQ(r.tell(), oldest);  // the failed seek left the reader at the oldest
+    WireClient late;
+    ASSERT_TRUE(late.connect_tcp(server.name()));
+    ASSERT_EQ(late.open('r'), 0);
+    ASSERT_EQ(late.seek(ORBOLDEST), oldest);
+    ASSERT_EQ(late.seek(ORBNEXT), oldest);
+    // Stand the late reader at a packet and let it be evicted under it.
+    for (int i = 300; i < 600; i++) w.putx("E/x", i, big);
+    ASSERT_TRUE(late.reap(1));
+    Pkt p;
+    ASSERT_EQ(late.next(&p), 0);
+    EXPECT_GT(p.pktid, oldest + 5);
+    EXPECT_EQ(p.pktid, r.seek(ORBOLDEST));
+    ASSERT_EQ(r.exchange(ORBSTAT), 0);
+    EXPECT_GT(r.resp()->orbstat.maxdata, 0u);
+}
+
+TEST_F(Sharing, PacketIdsWrapAtTheModulus) {
+    OrbServer::Options o;
+    o.ring = ring;
+    o.args = {"-m", "16", "-n", "8"};
+    OrbServer server(o);
+    ASSERT_TRUE(server.up()) << server.log();
+    WireClient w, r;
+    ASSERT_TRUE(w.connect_tcp(server.name()));
+    ASSERT_EQ(w.open('w'), 0);
+    ASSERT_TRUE(r.connect_tcp(server.name()));
+    ASSERT_EQ(r.open('r'), 0);
+    ASSERT_EQ(r.exchange(ORBSTAT), 0);
+    EXPECT_EQ(r.resp()->orbstat.maxpkts, 16);
+    ASSERT_TRUE(r.reap());
+    std::vector<int> ids;
+    for (int i = 0; i < 40; i++) ids.push_back(w.putx("M/x", i, body(i)));
+    Pkt p;
+    for (int i = 0; i < 40; i++) {
+        EXPECT_EQ(ids[size_t(i)], i % 16);
+        ASSERT_EQ(r.next(&p), 0);
+        EXPECT_EQ(p.pktid, i % 16);
+        EXPECT_EQ(p.data, body(i));
+    }
+    // Positions by pktid work across the wrap: 36..39 are 4..7.
+    EXPECT_EQ(r.seek(5), 5);
+    ASSERT_EQ(r.get(ORBCURRENT, &p), 0);
+    EXPECT_EQ(p.data, body(37));
+    ASSERT_EQ(r.get(ORBNEXT, &p), 0);
+    EXPECT_EQ(p.data, body(38));
+    EXPECT_EQ(r.seek(ORBOLDEST), 0);  // 32 % 16: the 8 newest are kept
+    ASSERT_EQ(r.get(ORBCURRENT, &p), 0);
+    EXPECT_EQ(p.data, body(32));
+    EXPECT_EQ(r.seek(10), WireClient::kFailed);  // 26 is gone, 42 not yet there
+}
+
+TEST_F(Sharing, ReaderOfAnotherFrontEndSeesAppendsAtOnce) {
+    // A forbserver reader waits on the ring while an orbserver appends.
+    OrbServer::Options o;
+    o.ring = ring;
+    OrbServer server(o);
+    ASSERT_TRUE(server.up()) << server.log();
+    WireClient r, w;
+    ASSERT_TRUE(forb(r));
+    ASSERT_EQ(r.open('r'), 0);
+    r.req()->pktcode = ORBNEXT_WAIT;
+    r.req()->what = ORBGET;
+    ASSERT_TRUE(r.send());
+    ASSERT_TRUE(w.connect_tcp(server.name()));
+    ASSERT_EQ(w.open('w'), 0);
+    ASSERT_EQ(w.putx("X/y", 7, "crossed"), 0);
+    ASSERT_EQ(r.recv(ORBGET), 0);
+    EXPECT_EQ(r.packet().data, "crossed");
+}
+
+TEST_F(Sharing, BadRingFilesAreReportedNotServed) {
+    {
+        std::ofstream(ring) << std::string(100000, 'j');
+    }
+    OrbServer::Options o;
+    o.ring = ring;
+    OrbServer server(o);
+    EXPECT_FALSE(server.up());
+    EXPECT_NE(server.log().find(ring), std::string::npos) << server.log();
+    // A forbserver on it dies with its message rather than answering.
+    WireClient r;
+    ASSERT_TRUE(forb(r));
+    EXPECT_NE(r.open('r'), 0);
+    r.disconnect();
+    EXPECT_TRUE(WIFEXITED(r.child_status()));
+    EXPECT_EQ(WEXITSTATUS(r.child_status()), 1);
+    EXPECT_NE(testsupport::slurp(log).find(ring), std::string::npos);
+}
+
+}  // namespace
