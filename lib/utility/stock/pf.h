@@ -149,6 +149,12 @@ int pfout(FILE* fp, Pf* pf);                   // 0, or -1 on a write error
 int pfwrite(const char* filename, Pf* pf);     // 0, non-zero on failure
 char* pf2string(Pf* pf);                       // malloc'd text; caller free()s
 int escape(int c, int c2, int c3);             // byte of the escape "\c" (c c2 c3 for octal)
+// Deferred forms are evaluated on first access and the result kept: &ref( and
+// &glob( (a list) may give non-strings; &env( of an unset variable, &undef(
+// and &ask without Pfprompt give a missing value; &exec('s command gets an
+// empty standard input. Any other &name( form goes to pfuser when the program
+// defines (and exports) extern "C" char* pfuser(const char* expression),
+// which returns a malloc'd string or null.
 
 // ---- files along the search path ----------------------------------------
 // Search path: PFPATH (":"-separated), else <root>/data/pf:. (root: QUORVANE).
