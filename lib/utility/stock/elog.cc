@@ -724,7 +724,7 @@ int elog_deliver(const char* destinations, int mark) {
         if (k == Stream || k == File || k == Orb) any = true;
         dests.push_back({k, w});
     }
-    if (!any) return failures;
+    if (!any && !failures) return 0;
 
     std::vector<Elog_msg*> msgs;
     {
@@ -769,15 +769,13 @@ int elog_deliver(const char* destinations, int mark) {
         }
     }
 
-    if (delivered) {
-        for (Elog_msg* m : msgs) free_msg(m);
-    } else {
-        // Nothing could take them: put them back where they were.
-        std::lock_guard<std::mutex> g(st.list);
-        std::vector<Elog_msg*> later = take_locked(mark);
-        for (Elog_msg* m : msgs) pushtbl(st.msgs, m);
-        for (Elog_msg* m : later) pushtbl(st.msgs, m);
+    // Nowhere took them: rather than lose them, or keep them until the
+    // message limit ends the program, they go to the standard error.
+    if (!delivered) {
+        fflush(stderr);
+        for (const Elog_msg* m : msgs) write_msg(2, m);
     }
+    for (Elog_msg* m : msgs) free_msg(m);
     return failures;
 }
 

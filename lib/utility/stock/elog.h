@@ -114,8 +114,12 @@ void elog_clear(void);                    // drop everything undelivered
 char* elog_string(int mark);
 
 // Delivers messages [mark, end) to each word of destinations and, unless
-// every word was "log" (or unusable), drops them from the list. Returns the
-// number of destinations that failed. Its complaints go straight to stderr.
+// every word was "log" (or an ignored word beginning with "o"), drops them
+// from the list. When no destination could take them (unknown words, a file
+// that can't be opened, a ring that refuses) they are written to the standard
+// error instead, so nothing is lost and nothing piles up against the limit.
+// Returns the number of destinations that failed. Its complaints go straight
+// to stderr.
 int elog_deliver(const char* destinations, int mark);
 
 // Expands the %-codes of tag into buf (size bytes, NUL-terminated); returns buf.
