@@ -691,6 +691,45 @@ TEST_F(RingTest, CopyOfALockedRingOpensAndRecovers) {
     }
 }
 
+namespace {
+int hold_out = -1, hold_in = -1;
+void hold_the_lock() {   // tells the parent, then waits for its go
+    char c = 'x';
+    if (::write(hold_out, &c, 1) != 1 || ::read(hold_in, &c, 1) != 1) _exit(2);
+}
+}  // namespace
+
+TEST_F(RingTest, OpeningWhileAnotherProcessHoldsTheLockLeavesItAlone) {
+    auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 64});
+    put(*r, "first", 1, payload(0, 0, 8));
+    int up[2], down[2];
+    ASSERT_EQ(pipe(up), 0);
+    ASSERT_EQ(pipe(down), 0);
+    pid_t pid = fork();
+    if (pid == 0) {
+        hold_out = up[1];
+        hold_in = down[0];
+        Ring::test_hook_before_publish = hold_the_lock;
+        _exit(put(*r, "child", 2, payload(0, 1, 8)) == 1 ? 0 : 1);
+    }
+    char c;
+    ASSERT_EQ(::read(up[0], &c, 1), 1);   // the child is inside its put now
+    auto again = Ring::open(file);         // must not take the lock over
+    int64_t got = -2;
+    std::thread t([&] { got = put(*again, "thread", 3, payload(0, 2, 8)); });
+    usleep(100000);                        // room for a broken lock to let the thread through
+    ASSERT_EQ(::write(down[1], "g", 1), 1);
+    EXPECT_EQ(child_status(pid), 0);
+    t.join();
+    EXPECT_EQ(got, 2);
+    Entry e;
+    ASSERT_TRUE(r->entry(1, &e));
+    EXPECT_STREQ(e.srcname, "child");
+    ASSERT_TRUE(r->entry(2, &e));
+    EXPECT_STREQ(e.srcname, "thread");
+    for (int fd : {up[0], up[1], down[0], down[1]}) ::close(fd);
+}
+
 TEST_F(RingTest, SimultaneousCreatorsShareOneRing) {
     std::vector<pid_t> kids;
     for (int k = 0; k < 4; k++) {

@@ -8,11 +8,12 @@
 // evicted when data space or index slots run out.
 //
 // Threads and processes: every method may be called from any thread of any
-// process that has the file open. Appends and table changes are serialised by
-// a robust process-shared mutex in the file; reads take no lock and check after
-// copying that the packet was not evicted meanwhile. A process that dies while
-// holding the lock does not wedge the ring: the next locker recovers and a
-// half-written packet is discarded.
+// process that has the file open. Appends and source/stash changes are
+// serialised by a robust process-shared mutex in the file, client-table changes
+// by a second one; reads take no lock and check after copying that the packet
+// was not evicted meanwhile. A process that dies while holding a lock does not
+// wedge the ring: the next locker recovers and a half-written packet is
+// discarded.
 //
 // Failure: opening or creating throws ring::Error with a message that names the
 // file and the fault; a file that fails its checks is never repaired or
