@@ -635,6 +635,48 @@ TEST(OrbresponseWire, GetPromotionAndLimits) {
     freeOrbresponse(r);
 }
 
+TEST(RecordWire, EncodersRefuseWhatCannotBeReadBack) {
+    Pktpkg* p = newPktpkg();
+    fill_pkg(p, 70000);
+    OutStream o;
+    EXPECT_NE(pbnsPktpkg(o.b, ORBPUT, p), 0);  // no room in a short size
+    bnsclr(o.b);
+    EXPECT_EQ(pbnsPktpkg(o.b, ORBPUTL, p), 0);
+    bnsclr(o.b);
+    fill_pkg(p, 10);
+    p->srcnamesize = 65;
+    EXPECT_NE(pbnsPktpkg(o.b, ORBPUT, p), 0);
+    bnsclr(o.b);
+    p->srcnamesize = 64;
+    EXPECT_EQ(pbnsPktpkg(o.b, ORBPUT, p), 0);
+    bnsclr(o.b);
+    p->packetsize = -1;
+    EXPECT_NE(pbnsPktpkg(o.b, ORBPUTL, p), 0);
+    freePktpkg(p);
+
+    Orbrequest* q = newOrbrequest();
+    q->what = ORBSELECT;
+    q->nselect = 5;  // no text to send
+    EXPECT_NE(pbnsOrbrequest(o.b, q), 0);
+    q->what = ORBPUT;  // no package
+    EXPECT_NE(pbnsOrbrequest(o.b, q), 0);
+    freeOrbrequest(q);
+
+    // A client's long pattern goes out cut to what the reader takes.
+    Orbclient c;
+    initOrbclient(&c);
+    memset(c.select, 'p', 96);
+    c.nselect = 200;
+    bnsclr(o.b);
+    ASSERT_EQ(pbnsOrbclient(o.b, &c), 0);
+    EXPECT_EQ(bnscnt(o.b), 373 + 96);
+    InStream in(pending(o.b) + "orbm");
+    Orbclient d;
+    ASSERT_EQ(gbnsOrbclient(in.b, &d), 0);
+    EXPECT_EQ(d.nselect, 96);
+    EXPECT_EQ(in.rest(), "orbm");
+}
+
 TEST(OrbresponseWire, HostileCountsCostNoMoreThanTheBytesSent) {
     Orbresponse* d = newOrbresponse();
     InStream in(Wire().i(ORBCLIENTS).i(0).d(T0).i(0x7fffffff).b(std::string(373, '\0')).s);

@@ -9,6 +9,12 @@
 // Orb_max_data_bytes, patterns above 16384 bytes fail; names are cut at 64 bytes,
 // select/reject of a client at 96, error texts at 512.
 //
+// Encoders refuse what the peer could not read back in step: a short-form size
+// above 65535, a long-form size above Orb_max_data_bytes, a source name above 64
+// bytes, a request pattern above 16384, an error text above 512.  A client's
+// select/reject go out cut to 96 bytes.  Arrays (client, source) are decoded
+// into storage that grows only as entries actually arrive.
+//
 // Owned buffers (pkg->packet, select, reject, client, source) only grow and are
 // kept between exchanges.  Fixed text fields carry one spare byte that is always
 // NUL, so a received text can be printed whatever the peer sent.
