@@ -23,7 +23,7 @@
 // Verbose tracing of the client library (set by it; in the same library).
 extern int OrbVerbose;
 
-int Bns_timeout = 60000;
+std::atomic<int> Bns_timeout{60000};
 
 static const int Widths[] = {1, 2, 4, 8, 4, 8};
 

@@ -17,6 +17,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdio>
 #include <deque>
@@ -69,7 +70,8 @@ struct Bns {
 };
 
 // Time-out given to new streams: BNS_TIMEOUT from the environment when set, else 60000.
-extern int Bns_timeout;
+// Re-read at each bnsnew; atomic because connections may be opened from several threads.
+extern std::atomic<int> Bns_timeout;
 
 Bns* bnsnew(int fd, int size);  // size < 1 means BNS_DEFAULT_SIZE; out of memory is fatal
 int bnsput(Bns* bns, const void* address, int type, int count);  // 0, or -1 for a bad type
