@@ -2,13 +2,10 @@
 // of each process. Prints rows of the benchmark table.
 //   FERRANT_BENCH_MB     total data size in MiB (default 1024)
 //   FERRANT_BENCH_FILES  number of files in the many-files run (default 10000)
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <ftw.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -135,18 +132,6 @@ bool wait_for(const std::string& file, const std::string& text, size_t n, double
     return false;
 }
 
-int free_port() {
-    int s = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    socklen_t len = sizeof a;
-    getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
-    close(s);
-    return ntohs(a.sin_port);
-}
-
 void write_pf(const std::string& path, const std::string& dir, const std::string& start) {
     std::ofstream f(path);
     f << "directory " << dir << "\nstarting_position " << start
@@ -206,12 +191,16 @@ int main() {
     unlink((Tmp + "/ring").c_str());
 
     // End to end through orbserver on loopback: one file, then many.
-    int port = free_port();
-    std::string name = "127.0.0.1:" + std::to_string(port);
-    Proc server = start({Build + "/bin/orbserver", "-P", name, "-s", std::to_string(ringmb) + "M",
-                         Tmp + "/sring"},
+    // The server writes the address it bound to the port file once it is ready.
+    Proc server = start({Build + "/bin/orbserver", "-P", "127.0.0.1:0", "-o", Tmp + "/port", "-s",
+                         std::to_string(ringmb) + "M", Tmp + "/sring"},
                         Tmp, Tmp + "/server.log");
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    std::string name;
+    for (int i = 0; i < 2000 && (name.empty() || name.back() != '\n'); i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        name = slurp(Tmp + "/port");
+    }
+    if (!name.empty()) name.pop_back();
     write_pf(Tmp + "/e.pf", Tmp + "/e2e", "newest");
     double e2e_sender_mb = 0, e2e_receiver_mb = 0;
     auto e2e = [&](const std::string& what, const std::string& arg, size_t n, const std::string& label) {

@@ -116,7 +116,9 @@ TEST_F(FerrantTransfer, PacketRunsAreFramedByMarkersAndNumberedInOrder) {
         seqs.push_back(pkt->string_size);
         names.insert(run[i].srcname);
         EXPECT_STREQ(pkt->parts.src_net, "testnet");
-        if (i <= 4) EXPECT_EQ(pkt->nchannels & 07777, 0640);
+        if (i <= 4) {
+            EXPECT_EQ(pkt->nchannels & 07777, 0640);
+        }
         EXPECT_EQ(pkt->nchannels & S_IFMT, S_IFREG);
     }
     freePkt(pkt);
@@ -133,7 +135,9 @@ TEST_F(FerrantTransfer, PacketRunsAreFramedByMarkersAndNumberedInOrder) {
         EXPECT_TRUE(std::string("a_very_long_base_name_that_will_not_fit.txt").rfind(base, 0) == 0 ||
                     base == "exact.bin" || base == "empty")
             << tag;
-        if (base.rfind("a_very", 0) == 0) EXPECT_EQ(tag.size(), 31u);
+        if (base.rfind("a_very", 0) == 0) {
+            EXPECT_EQ(tag.size(), 31u);
+        }
     }
     std::set<int> distinct(ids.begin(), ids.end());
     EXPECT_EQ(distinct.size(), 3u);
@@ -261,6 +265,27 @@ TEST_F(FerrantTransfer, WatchModeSendsAndDeletesWhatItSent) {
         << wlog;
     EXPECT_EQ(count(wlog, "'./held.part' not sent"), 1u) << wlog;
     EXPECT_EQ(wlog.find("ferrant_finish"), std::string::npos);
+}
+
+TEST_F(FerrantTransfer, AChunkTooLargeFailsTheFileWithFinalSequenceMinusOne) {
+    make("huge.bin", pattern(1500000, 7));
+    make("small.txt", "still sent\n");
+    std::string pf = write_pf(tmp / "t.pf", {{"directory", in}, {"bytes_per_packet", "2000000"}});
+    auto s = send({"huge.bin", "small.txt"}, pf);
+    // A file whose sending failed still counts as handled.
+    EXPECT_EQ(s->wait(), 0) << s->err();
+    std::string slog = s->err();
+    EXPECT_NE(slog.find("bytes2send = 1500000 > 1000000 (should never happen)"), std::string::npos) << slog;
+    EXPECT_NE(slog.find("failed to transmit 'huge.bin'"), std::string::npos) << slog;
+    EXPECT_NE(slog.find("finished 'small.txt'"), std::string::npos) << slog;
+
+    auto r = receive(pf);
+    ASSERT_TRUE(received(*r, 1)) << r->err();
+    std::string log = r->err();
+    EXPECT_NE(log.find("/huge.bin:  #-1 -> #-1"), std::string::npos) << log;
+    EXPECT_FALSE(exists(in + "/huge.bin-"));
+    EXPECT_FALSE(exists(in + "/huge.bin"));
+    same(src + "/small.txt", in + "/small.txt");
 }
 
 TEST_F(FerrantTransfer, WatchDirectoryThatCannotBeEnteredIsFatal) {

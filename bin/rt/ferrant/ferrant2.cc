@@ -17,6 +17,9 @@ LagParams* Lag = nullptr;
 int Verbose = 0;
 char* Net_sta = nullptr;
 
+// The settings point into this tree, which lives as long as the process.
+Pf* Params_pf = nullptr;
+
 namespace {
 
 // A string setting that an empty value leaves unset.
@@ -35,8 +38,7 @@ void usage() {
 }
 
 void setup_parameters(const char* pfname) {
-    Pf* pf = nullptr;
-    // The tree is kept for the life of the process: the settings point into it.
+    Pf*& pf = Params_pf;
     if (pfread(pfname, &pf) == -1 || pf == nullptr) {
         elog_die(0, "Can't read parameter file %s", pfname);
     }
@@ -66,8 +68,7 @@ int main(int argc, char** argv) {
         case 'N': Net_sta = optarg; break;
         case 'p': pfname = optarg; break;
         case 'S':
-            abspath(optarg, statefile);
-            Params.statefile = statefile;
+            Params.statefile = abspath(optarg, statefile) ? statefile : optarg;
             break;
         case 'v': Verbose++; break;
         case 'V': usage();

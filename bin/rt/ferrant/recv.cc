@@ -270,7 +270,7 @@ void recv_files(int, char** argv) {
         }
     }
     if (!positioned) {
-        int pktid = orbposition(orb, Params.starting_position);
+        int pktid = orbposition(orb, Params.starting_position ? Params.starting_position : "");
         elog_notify(0, "Starting at pktid=%d", pktid);
     }
     if (Params.match) orbselect(orb, Params.match);
