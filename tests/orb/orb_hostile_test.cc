@@ -102,9 +102,9 @@ std::string closed_port_name() {
 
 }  // namespace
 
-using OrbNames = Fixture;
+using OrbNaming = Fixture;
 
-TEST_F(OrbNames, BadNamesFailWithTheirMessages) {
+TEST_F(OrbNaming, BadNamesFailWithTheirMessages) {
     struct Case {
         std::string name, message;
     } cases[] = {
@@ -120,7 +120,7 @@ TEST_F(OrbNames, BadNamesFailWithTheirMessages) {
     }
 }
 
-TEST_F(OrbNames, UnknownDescriptorsAreRefused) {
+TEST_F(OrbNaming, UnknownDescriptorsAreRefused) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(orb2orbfile(12345), nullptr);
     EXPECT_EQ(orbclose(12345), -1);

@@ -53,6 +53,11 @@ protected:
         ASSERT_TRUE(good.connect_tcp(server->name()));
         ASSERT_EQ(good.open('w', "good"), 0);
     }
+    void TearDown() override {
+        good.disconnect();
+        server->stop();
+        EXPECT_EQ(server->sanitizer_report(), "");
+    }
     virtual std::string pf_text() { return "request_timeout 1\n"; }
     // The well-behaved client is still served, and the server still running.
     void still_served() {

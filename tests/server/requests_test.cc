@@ -30,6 +30,11 @@ protected:
         ASSERT_TRUE(writer.connect_tcp(server.name()));
         ASSERT_EQ(writer.open('w', "writer"), 0);
     }
+    void TearDown() override {
+        writer.disconnect();
+        server.stop();
+        EXPECT_EQ(server.sanitizer_report(), "");
+    }
     // Puts n packets of source src with times base+i; returns their pktids.
     std::vector<int> put_n(int n, const std::string& src = "AA_X/pf", double base = 1000) {
         std::vector<int> ids;
@@ -401,6 +406,39 @@ TEST_F(Requests, StashIsKeptOutsideTheSequence) {
     EXPECT_EQ(r.resp()->stashflag, 2);
     r.req()->stashflag = 3;
     EXPECT_NE(r.exchange(ORBSTASHSELECT), 0);
+}
+
+TEST_F(Requests, LongPacketsUseTheLongForms) {
+    std::string big(100000, 'L');
+    big[0] = 'A';
+    big[99999] = 'Z';
+    EXPECT_EQ(writer.putx("L/x", 1, big), 0);
+    EXPECT_EQ(writer.req()->what, ORBPUTXL);
+    ASSERT_TRUE(writer.put("L/x", 2, big + "!"));
+    EXPECT_EQ(writer.req()->what, ORBPUTL);
+    std::string edge(65535, 'e');
+    EXPECT_EQ(writer.putx("L/x", 3, edge), 2);
+    EXPECT_EQ(writer.req()->what, ORBPUTX);
+
+    WireClient r;
+    ASSERT_TRUE(r.connect_tcp(server.name()));
+    ASSERT_EQ(r.open('r'), 0);
+    Pkt p;
+    ASSERT_EQ(r.get(0, &p), 0);
+    EXPECT_EQ(r.resp()->what, ORBGETL);
+    EXPECT_EQ(p.data, big);
+    ASSERT_TRUE(r.reap(3));
+    ASSERT_EQ(r.next(&p), 0);
+    EXPECT_EQ(r.resp()->what, ORBREAPL);
+    EXPECT_EQ(p.data, big + "!");
+    ASSERT_EQ(r.next(&p), 0);
+    EXPECT_EQ(r.resp()->what, ORBREAP);
+    EXPECT_EQ(p.data, edge);
+    // A reap that asks for fewer bytes gets packets cut to that size.
+    ASSERT_EQ(r.seek(ORBOLDEST), 0);
+    ASSERT_TRUE(r.reap(1, 10));
+    ASSERT_EQ(r.next(&p), 0);
+    EXPECT_EQ(p.data, big.substr(0, 10));
 }
 
 TEST_F(Requests, UnknownAndUnsupportedCodesGetErrors) {

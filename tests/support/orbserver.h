@@ -10,6 +10,7 @@
 // extra command-line arguments (e.g. {"-s", "1M"}), the address to bind and
 // the ring path. The ring defaults to <dir>/ring with 8 MiB of data.
 // The server's standard error goes to <dir>/orbserver.log (log()).
+// sanitizer_report() gives what a sanitizer said in that log, if anything.
 // The destructor stops the server (SIGKILL if SIGTERM is not enough) and
 // removes the directory. Copying is not allowed; one object, one server.
 #pragma once
@@ -146,6 +147,15 @@ public:
     const std::string& ring() const { return ring_; }
     std::string pf_path() const { return dir_ + "/orbserver.pf"; }
     std::string log() const { return slurp(dir_ + "/orbserver.log"); }
+    // Lines of the log that a sanitizer wrote ("" when there are none).
+    std::string sanitizer_report() const {
+        std::string all = log(), found;
+        std::istringstream in(all);
+        for (std::string line; std::getline(in, line);)
+            if (line.find("Sanitizer") != std::string::npos || line.find("runtime error:") != std::string::npos)
+                found += line + "\n";
+        return found;
+    }
 
     // Starts a program with stdin from /dev/null and stderr (and stdout) to
     // logfile; -1 when it cannot be started.

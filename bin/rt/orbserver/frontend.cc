@@ -35,7 +35,7 @@ constexpr int kEndOfStream = -32;        // pktid of the package that ends a cou
 constexpr int kOutHigh = 256 * 1024;     // stop pushing packets above this much pending output
 constexpr int kOutStopReading = 4 << 20; // stop reading requests above this much
 constexpr int kGarbageLimit = 1024;      // bytes skipped in a row before a client is dropped
-constexpr int kInBuffer = 65536;
+constexpr int kInBuffer = 16384;      // initial stream buffers; they grow as needed
 
 double monotonic() {
     timespec ts;

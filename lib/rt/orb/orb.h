@@ -131,7 +131,7 @@ int orbput_nolag(int orb, const char* srcname, double time, const char* packet, 
 // -2 the status could not be had; -3 a bad pattern. *laggards is created when null.
 double orblag(int orb, const char* match, const char* reject, Laggards** laggards);
 double lagvalue(int pktid, int oldest, int newest, int maxpkt);
-int orbrange(int orb);  // packets in the ring
+int orbrange(int orb);  // packets in the ring (0 when empty); leaves a reader where it stood
 
 // ---- reconnection and resurrection ----
 // 0 the connection is sound, 1 reconnected (send again), -1 failed (try again).

@@ -228,11 +228,14 @@ int orbrup(const char* name, int thread, double* orb_start, double* server_start
     };
     of->req->athread = thread;
     int result = -1;
-    if (exchange(of, ORBRUP) == 0) {
+    // Opened like any session first: a server may refuse other requests before that.
+    if (exchange(of, ORBOPEN) == 0 && exchange(of, ORBRUP) == 0) {
         result = of->reply->active;
         *orb_start = of->reply->orb_start;
         *server_start = of->reply->server_start;
         *latest = of->reply->latest_pktid;
+        of->req->what = ORBCLOSE;
+        orbclient(of, of->req, nullptr);
     }
     close(fd);
     freeOrbfile(of);

@@ -67,7 +67,9 @@ int orbrange(int orb) {
     Orbstat* st = nullptr;
     int maxpkts = orbstat(orb, &st) == 0 && st ? st->maxpkts : 1;
     if (here >= 0) orbseek(orb, here);  // leave the reader where it stood
-    return (newest > oldest ? newest - oldest : maxpkts - oldest + newest) + 1;
+    if (newest < 0 || oldest < 0) return 0;
+    // One packet (newest == oldest) is a ring of one, not a wrapped full ring.
+    return (newest >= oldest ? newest - oldest : maxpkts - oldest + newest) + 1;
 }
 
 LagParams* pfget_orblag_params(Pf* pf) {

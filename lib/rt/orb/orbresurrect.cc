@@ -7,6 +7,7 @@
 #include <string>
 
 #include "orb/orbpriv.h"
+#include "stock/bury.h"
 #include "stock/elog.h"
 #include "stock/epoch.h"
 
@@ -31,10 +32,18 @@ void orb_note_orb_start(Orbfile* of) {
 int orbresurrect(int orb, int* pktid, double* pkttime) {
     Orbfile* of = orb2orbfile(orb);
     if (!of) return -1;
-    (void)pktid;
-    (void)pkttime;
-    (void)slot_for;
-    return -1;
+    std::string base = of->name;
+    double* slot = slot_for(of->name);
+    *slot = of->orb_start;
+    int a = resurrect((base + "{orb_start}").c_str(), slot, TIME_RELIC);
+    int b = resurrect((base + "{last_pktid}").c_str(), pktid, INT_RELIC);
+    int c = resurrect((base + "{last_pkttime}").c_str(), pkttime, TIME_RELIC);
+    if (a < 0 || b < 0 || c < 0) return -1;
+    double saved = *slot;
+    // From here on the slot follows the live ring, so that the next bury saves it.
+    *slot = of->orb_start;
+    orb_extra(of)->saved_orb_start = slot;
+    return orbreposition(orb, saved, *pktid, *pkttime);
 }
 
 int orbreposition(int orb, double orb_start, int pktid, double pkttime) {

@@ -1,0 +1,441 @@
+// The client library against a real orbserver (and forbserver) on loopback: naming,
+// positioning, select and reject, streaming and bounded reads, writes.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "orb/orb.h"
+#include "orb/orb_support.h"
+#include "stock/epoch.h"
+#include "support/orbserver.h"
+
+using orbtest::Got;
+using orbtest::put_run;
+using orbtest::Reader;
+using testsupport::OrbServer;
+
+namespace {
+
+struct OrbServerTest : ::testing::Test {
+    void SetUp() override {
+        setenv("BNS_TIMEOUT", "2000", 1);
+        ASSERT_TRUE(server.up()) << server.log();
+    }
+    void TearDown() override { unsetenv("BNS_TIMEOUT"); }
+    OrbServer server;
+};
+
+std::string read_file(const std::string& path) { return testsupport::slurp(path); }
+
+}  // namespace
+
+// ---- naming ----
+
+TEST_F(OrbServerTest, HostAndPortNamesConnect) {
+    for (std::string name : {server.name(), "localhost:" + std::to_string(server.port())}) {
+        int orb = orbopen(name.c_str(), "r");
+        ASSERT_GE(orb, 0) << name;
+        Orbfile* of = orb2orbfile(orb);
+        ASSERT_NE(of, nullptr);
+        EXPECT_EQ(of->perm, 'r');
+        EXPECT_STREQ(of->name, name.c_str());
+        EXPECT_GT(of->orb_start, 0);
+        EXPECT_GE(of->server_start, of->orb_start);
+        EXPECT_EQ(of->reopen, 0);
+        int version = -1;
+        EXPECT_EQ(orbping(orb, &version), 0);
+        EXPECT_GT(version, 0);
+        EXPECT_EQ(orbclose(orb), 0);
+        EXPECT_EQ(orb2orbfile(orb), nullptr);
+    }
+}
+
+TEST_F(OrbServerTest, NamedPortsComeFromOrbserverNames) {
+    std::string dir = server.dir() + "/pf";
+    std::filesystem::create_directories(dir);
+    std::ofstream(dir + "/orbserver_names.pf") << "testring " << server.port() << "\n"
+                                               << "signed " << server.port() << " somebody\n";
+    setenv("PFPATH", dir.c_str(), 1);
+    int orb = orbopen(("localhost:testring"), "r");
+    ASSERT_GE(orb, 0);
+    EXPECT_EQ(orbclose(orb), 0);
+
+    // A port that names a signer asks for a signed open, which this system cannot make.
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(orbopen("localhost:signed", "r"), -1);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("failed to create signature for orb open request"), std::string::npos) << err;
+    unsetenv("PFPATH");
+}
+
+TEST_F(OrbServerTest, FilePathsStartAForbserver) {
+    std::string ring = server.dir() + "/local";
+    // An absolute path with an option for forbserver; the ring is created by it.
+    int w = orbopen((ring + "@s1M").c_str(), "w&");
+    ASSERT_GE(w, 0);
+    EXPECT_EQ(orb2orbfile(w)->reopen, 0);  // a file-backed server is never reconnected
+    ASSERT_GE(orbputx(w, "AA_X/test", 10, "abc", 3), 0);
+    EXPECT_EQ(orbclose(w), 0);
+
+    // The same ring through a relative path, read back.
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+    ASSERT_EQ(chdir(server.dir().c_str()), 0);
+    int r = orbopen("./local", "r");
+    ASSERT_EQ(chdir(cwd), 0);
+    ASSERT_GE(r, 0);
+    ASSERT_GE(orbseek(r, ORBOLDEST), 0);
+    Reader rd(r);
+    Got g = rd.reap();
+    EXPECT_EQ(g.rc, 0);
+    EXPECT_EQ(g.src, "AA_X/test");
+    EXPECT_EQ(g.body, "abc");
+    EXPECT_EQ(orbclose(r), 0);
+}
+
+TEST_F(OrbServerTest, ForbserverUnderADebugger) {
+    // A stand-in debugger that runs the program with the joined arguments.
+    std::string dbg = server.dir() + "/dbg.sh";
+    std::ofstream(dbg) << "#!/bin/sh\nprog=\"$1\"\nshift 2\nexec \"$prog\" $1\n";
+    chmod(dbg.c_str(), 0755);
+    setenv("FORB_DEBUGGER", dbg.c_str(), 1);
+    std::string ring = server.dir() + "/dbgring";
+    testing::internal::CaptureStderr();
+    int orb = orbopen((ring + "@s1M").c_str(), "w");
+    std::string err = testing::internal::GetCapturedStderr();
+    unsetenv("FORB_DEBUGGER");
+    ASSERT_GE(orb, 0) << err;
+    EXPECT_NE(err.find(">> spawning \"" + dbg + " "), std::string::npos) << err;
+    EXPECT_NE(err.find("forbserver -a '-s1M " + ring + "'\""), std::string::npos) << err;
+    EXPECT_GE(orbputx(orb, "AA/x", 1, "z", 1), 0);
+    EXPECT_EQ(orbclose(orb), 0);
+}
+
+TEST_F(OrbServerTest, MissingFileServerFailsCleanly) {
+    // forbserver refuses a ring in a directory that does not exist; the open fails.
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(orbopen((server.dir() + "/no/such/dir/ring").c_str(), "r"), -1);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("open negotiation fails"), std::string::npos) << err;
+}
+
+TEST_F(OrbServerTest, WaitingOpenRetriesUntilTheServerComes) {
+    setenv("BNS_TIMEOUT", "100", 1);
+    std::string name = server.name();
+    server.stop();
+    std::atomic<int> orb{-2};
+    testing::internal::CaptureStderr();
+    std::thread opener([&] { orb = orbopen((name + "@").c_str(), "r"); });
+    // Let it fail at least nine times before the server returns.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    bool restarted = server.start();
+    opener.join();
+    std::string err = testing::internal::GetCapturedStderr();
+    ASSERT_TRUE(restarted) << server.log();
+    ASSERT_GE(orb.load(), 0);
+    for (int n : {1, 2, 4, 8})
+        EXPECT_NE(err.find("can't open orbserver '" + name + "': attempt #" + std::to_string(n) + "\n"),
+                  std::string::npos)
+            << err;
+    for (int n : {3, 5, 6, 7})
+        EXPECT_EQ(err.find("attempt #" + std::to_string(n) + "\n"), std::string::npos) << err;
+    EXPECT_EQ(err.find("Can't connect"), std::string::npos) << err;  // the retries stay quiet
+    EXPECT_STREQ(orb2orbfile(orb)->name, name.c_str());              // without the "@"
+    orbclose(orb);
+}
+
+// ---- positioning ----
+
+TEST_F(OrbServerTest, PositioningByWordTimeAndGarbage) {
+    int w = orbopen(server.name().c_str(), "w");
+    ASSERT_GE(w, 0);
+    std::vector<int> ids = put_run(w, "AA_B/pos", 1000, 5);
+    ASSERT_GE(ids[0], 0);
+    int r = orbopen(server.name().c_str(), "r");
+    ASSERT_GE(r, 0);
+    Reader rd(r);
+
+    EXPECT_GE(orbposition(r, "OlDeSt"), 0);
+    Got g = rd.reap();
+    EXPECT_EQ(g.pktid, ids[0]);
+    EXPECT_EQ(g.body, "p0");
+
+    EXPECT_EQ(orbposition(r, "newest"), ids[4]);
+    put_run(w, "AA_B/pos", 1005, 1, "new");
+    g = rd.reap();
+    EXPECT_EQ(g.body, "new0");
+
+    // A time stands at the first packet later than it; reading goes on after that one.
+    char* when = epoch2str(1001.5, "%Y-%m-%d %H:%M:%S.%u");
+    EXPECT_EQ(orbposition(r, when), ids[2]);
+    free(when);
+    EXPECT_EQ(orb2orbfile(r)->lastpkttime, 1001.5);
+    g = rd.reap();
+    EXPECT_EQ(g.pktid, ids[3]);
+
+    // Garbage leaves the position where it was. (Seek first: a request sent while a
+    // stream runs drops what the server pushed meanwhile, and moves the position.)
+    EXPECT_EQ(orbseek(r, ids[1]), ids[1]);
+    EXPECT_EQ(orb2orbfile(r)->lastpktid, ids[1]);
+    EXPECT_EQ(orbposition(r, "the day after tomorrow"), ids[1]);
+    EXPECT_EQ(orbtell(r), ids[1]);
+    g = rd.reap();
+    EXPECT_EQ(g.rc, 0);
+    EXPECT_EQ(g.pktid, ids[2]);
+
+    EXPECT_EQ(orbseek(r, ids[4]), ids[4]);
+    Got cur = rd.get(ORBCURRENT);
+    EXPECT_EQ(cur.pktid, ids[4]);
+    EXPECT_EQ(cur.time, 1004);
+    double t = -1;
+    EXPECT_EQ(get_pkttime(orb2orbfile(r), &t), 0);
+    EXPECT_EQ(t, 1004);
+    EXPECT_EQ(rd.get(ids[0]).body, "p0");
+    EXPECT_LT(orbseek(r, 987654321), 0);  // not in the ring
+    orbclose(r);
+    orbclose(w);
+}
+
+// ---- select and reject ----
+
+TEST_F(OrbServerTest, SelectRejectAndPatternFiles) {
+    int w = orbopen(server.name().c_str(), "w");
+    ASSERT_GE(w, 0);
+    for (int i = 0; i < 3; i++)
+        for (const char* src : {"AA_ONE/x", "BB_TWO/x", "CC_THREE/y"}) {
+            std::string body = std::string(src) + std::to_string(i);
+            ASSERT_GE(orbputx(w, src, 100 + i, body.data(), static_cast<int>(body.size())), 0);
+        }
+    int r = orbopen(server.name().c_str(), "r");
+    ASSERT_GE(r, 0);
+    Reader rd(r);
+
+    EXPECT_EQ(orbselect(r, "AA_.*|BB_.*"), 2);
+    orbseek(r, ORBOLDEST);
+    std::vector<std::string> seen;
+    for (int i = 0; i < 6; i++) seen.push_back(rd.reap().src);
+    for (auto& s : seen) EXPECT_NE(s, "CC_THREE/y");
+
+    EXPECT_GE(orbreject(r, "BB_.*"), 1);
+    orbseek(r, ORBOLDEST);
+    for (int i = 0; i < 3; i++) EXPECT_EQ(rd.reap().src, "AA_ONE/x");
+
+    // A pattern file: its lines, trimmed, joined as alternatives.
+    std::string file = server.dir() + "/patterns";
+    std::ofstream(file) << "  CC_THREE/y  \n\nBB_TWO/x\n";
+    EXPECT_EQ(orbselect(r, ("@" + file).c_str()), 1);  // BB_TWO is still rejected
+    EXPECT_EQ(orbreject(r, "XX"), 2);
+    orbseek(r, ORBOLDEST);
+    for (int i = 0; i < 6; i++) EXPECT_NE(rd.reap().src, "AA_ONE/x");
+
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(orbselect(r, ("@" + server.dir() + "/nothing-here").c_str()), -1);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("Can't open '" + server.dir() + "/nothing-here'"), std::string::npos) << err;
+    EXPECT_EQ(orbselect(r, "(unclosed"), -1);  // the server refuses a bad pattern
+    orbclose(r);
+    orbclose(w);
+}
+
+// ---- streaming and bounded reads ----
+
+TEST_F(OrbServerTest, ReapnEndsItsStreamAndTheNextCallStartsAnother) {
+    int w = orbopen(server.name().c_str(), "w");
+    ASSERT_GE(w, 0);
+    std::vector<int> ids = put_run(w, "AA/n", 50, 8);
+    int r = orbopen(server.name().c_str(), "r");
+    ASSERT_GE(r, 0);
+    orbseek(r, ORBOLDEST);
+    Reader rd(r);
+    for (int i = 0; i < 3; i++) {
+        Got g = rd.reapn(3);
+        ASSERT_EQ(g.rc, 0);
+        EXPECT_EQ(g.pktid, ids[i]);
+    }
+    Got end = rd.reapn(3);
+    EXPECT_EQ(end.rc, 0);
+    EXPECT_EQ(end.pktid, -32);
+    EXPECT_EQ(orb2orbfile(r)->reaped, 0);
+    EXPECT_EQ(orb2orbfile(r)->lastpktid, ids[2]);  // the end marker moves nothing
+    Got next = rd.reapn(3);
+    EXPECT_EQ(next.rc, 0);
+    EXPECT_EQ(next.pktid, ids[3]);
+    EXPECT_EQ(orb2orbfile(r)->reaped, 1);
+
+    // Any other request ends a stream (what the server pushed meanwhile is dropped);
+    // reading on restarts it from the server's position.
+    int here = orbtell(r);
+    EXPECT_GE(here, ids[3]);
+    EXPECT_EQ(orb2orbfile(r)->reaped, 0);
+    EXPECT_EQ(rd.reap().pktid, here + 1);
+    EXPECT_EQ(orb2orbfile(r)->reaped, 1);
+
+    // Headers only.
+    int pktid;
+    char src[ORB_SRCNAME_SIZE + 1];
+    double t;
+    orbseek(r, ORBOLDEST);
+    EXPECT_EQ(orbreaphdr(r, &pktid, src, &t), 0);
+    EXPECT_EQ(pktid, ids[0]);
+    EXPECT_STREQ(src, "AA/n");
+    EXPECT_EQ(t, 50);
+    orbclose(r);
+    orbclose(w);
+}
+
+TEST_F(OrbServerTest, BoundedReadsGiveUpQuietly) {
+    int r = orbopen(server.name().c_str(), "r&");
+    ASSERT_GE(r, 0);
+    Reader rd(r);
+    testing::internal::CaptureStderr();
+    Got g = rd.reap_nd();
+    Got h = rd.reap_timeout(0.2);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(g.rc, -2);
+    EXPECT_EQ(h.rc, -2);
+    EXPECT_EQ(err, "");
+    EXPECT_GT(orb2orbfile(r)->first_nd_failure, 0);
+    EXPECT_EQ(orb2orbfile(r)->reopen, 1);  // restored after the read
+
+    int w = orbopen(server.name().c_str(), "w");
+    ASSERT_GE(w, 0);
+    put_run(w, "AA/nd", 7, 2);
+    g = rd.reap_timeout(10);
+    EXPECT_EQ(g.rc, 0);
+    EXPECT_EQ(g.body, "p0");
+    EXPECT_EQ(orb2orbfile(r)->first_nd_failure, 0);
+    Got k;
+    for (int i = 0; i < 1000 && (k = rd.reap_nd()).rc == -2; i++) usleep(2000);
+    EXPECT_EQ(k.rc, 0);
+    EXPECT_EQ(k.body, "p1");
+    orbclose(w);
+    orbclose(r);
+}
+
+// ---- writes, status, stash ----
+
+TEST_F(OrbServerTest, PutsLongPacketsStatusAndSources) {
+    int w = orbopen(server.name().c_str(), "w");
+    ASSERT_GE(w, 0);
+    int r = orbopen(server.name().c_str(), "r");
+    ASSERT_GE(r, 0);
+    std::string big(70000, '\0');
+    for (size_t i = 0; i < big.size(); i++) big[i] = static_cast<char>(i * 7);
+    ASSERT_EQ(orbput(w, "AA_BIG/xfer", 5, big.data(), static_cast<int>(big.size())), 0);
+    EXPECT_EQ(orbput(w, "AA_SMALL/xfer", 6, "", 0), 0);
+    // A source name past 63 characters is cut.
+    std::string longname(80, 'L');
+    EXPECT_GE(orbputx(w, longname.c_str(), 7, "q", 1), 0);
+    Reader rd(r);
+    orbseek(r, ORBOLDEST);
+    Got g = rd.reap();
+    EXPECT_EQ(g.src, "AA_BIG/xfer");
+    EXPECT_EQ(g.body, big);
+    g = rd.reap();
+    EXPECT_EQ(g.src, "AA_SMALL/xfer");
+    EXPECT_EQ(g.body, "");
+    g = rd.reap();
+    EXPECT_EQ(g.src, std::string(63, 'L'));
+
+    Orbstat* st = nullptr;
+    ASSERT_EQ(orbstat(r, &st), 0);
+    ASSERT_NE(st, nullptr);
+    EXPECT_EQ(st->nsources, 3);
+    EXPECT_GE(st->nclients, 2);
+    EXPECT_EQ(orbrange(r), 3);
+    double when;
+    Orbsrc* src = nullptr;
+    int n = 0;
+    ASSERT_EQ(orbsources(r, &when, &src, &n), 0);
+    EXPECT_EQ(n, 3);
+    Orbclient* cl = nullptr;
+    ASSERT_EQ(orbclients(r, &when, &cl, &n), 0);
+    EXPECT_GE(n, 2);
+    int id = -1;
+    EXPECT_EQ(orbid(r, &id), 0);
+    double os, ss;
+    int latest;
+    EXPECT_EQ(orbrup(server.name().c_str(), id, &os, &ss, &latest), 1);
+    EXPECT_EQ(os, orb2orbfile(r)->orb_start);
+    EXPECT_EQ(ss, orb2orbfile(r)->server_start);
+    orbclose(r);
+    orbclose(w);
+}
+
+TEST_F(OrbServerTest, StashKeepsTheLastPacketOfASource) {
+    int w = orbopen(server.name().c_str(), "w");
+    ASSERT_GE(w, 0);
+    ASSERT_EQ(orbput(w, "AA/stash", 1, "first", 5), 0);
+    int r = orbopen(server.name().c_str(), "r");
+    ASSERT_GE(r, 0);
+    EXPECT_EQ(orbstashselect(r, 1), 1);
+    EXPECT_EQ(orbstashselect(r, 3), 1);  // nothing sent; the last flag stands
+    char src[ORB_SRCNAME_SIZE + 1] = "AA/none";
+    int pktid, nbytes = 0, size = 0;
+    double t;
+    char* buf = nullptr;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(orbgetstash(r, src, &pktid, &t, &buf, &nbytes, &size), -1);  // nothing stashed
+    testing::internal::GetCapturedStderr();
+    EXPECT_STREQ(src, "");
+    free(buf);
+    orbclose(r);
+    orbclose(w);
+}
+
+// ---- orbstat, orbelog, exchange logs ----
+
+TEST_F(OrbServerTest, OrbstatShowsStatusSourcesAndClients) {
+    int w = orbopen(server.name().c_str(), "w");
+    ASSERT_GE(w, 0);
+    put_run(w, "AA_STAT/xfer", 1e9, 3);
+    std::string out = server.dir() + "/orbstat.out";
+    std::string cmd = std::string(FERRANT_BUILD_DIR) + "/bin/orbstat -s -c " + server.name() + " >" + out + " 2>&1";
+    EXPECT_EQ(system(cmd.c_str()), 0);
+    std::string text = read_file(out);
+    EXPECT_NE(text.find("holding     3 packets from 1 sources"), std::string::npos) << text;
+    EXPECT_NE(text.find("AA_STAT/xfer"), std::string::npos) << text;
+    EXPECT_NE(text.find("orb_server_test"), std::string::npos) << text;  // this process's writer
+    cmd = std::string(FERRANT_BUILD_DIR) + "/bin/orbstat -x >" + out + " 2>&1";
+    EXPECT_NE(system(cmd.c_str()), 0);
+    EXPECT_NE(read_file(out).find("Usage: orbstat [-s] [-c] orb"), std::string::npos);
+    orbclose(w);
+}
+
+TEST_F(OrbServerTest, OrbelogPutsLogTextIntoARing) {
+    int r = orbopen(server.name().c_str(), "r");
+    ASSERT_GE(r, 0);
+    EXPECT_EQ(orbelog(server.name().c_str(), "prog", "something happened"), 0);
+    EXPECT_EQ(orbelog(server.name().c_str(), "prog", "and again"), 0);  // the connection is kept
+    Reader rd(r);
+    Got g = rd.reap();
+    EXPECT_EQ(g.src, "prog/log");
+    EXPECT_EQ(g.body, "something happened");
+    EXPECT_EQ(rd.reap().body, "and again");
+    orbclose(r);
+}
+
+TEST_F(OrbServerTest, ExchangeLogsUnderOrbDump) {
+    std::string dir = server.dir() + "/dumps";
+    setenv("ORB_DUMP", dir.c_str(), 1);
+    int orb = orbopen(server.name().c_str(), "w");
+    unsetenv("ORB_DUMP");
+    ASSERT_GE(orb, 0);
+    std::string path = orb2orbfile(orb)->PacketDump;
+    EXPECT_EQ(path.rfind(dir + "/", 0), 0u) << path;
+    EXPECT_EQ(path.find(':', dir.size()), std::string::npos) << path;  // the port's ":" became "#"
+    EXPECT_GE(orbputx(orb, "AA/dump", 1, "hello", 5), 0);
+    orbclose(orb);
+    std::string text = read_file(path);
+    EXPECT_NE(text.find("#orb x output-" + server.name() + " "), std::string::npos) << text;
+    EXPECT_NE(text.find("#orb x input-" + server.name() + " "), std::string::npos) << text;
+    EXPECT_NE(text.find("AA/dump"), std::string::npos) << text;
+}
