@@ -108,7 +108,8 @@ double writer(const std::string& name, int n, int size, double gap = 0, const ch
         if (orbput(orb, src, t, buf.data(), size) != 0) return -1;
         if (gap > 0) std::this_thread::sleep_for(std::chrono::duration<double>(gap));
     }
-    orbput(orb, "BENCH/end", 0, buf.data(), 1);
+    // The end packet tells the readers of a measured run to stop.
+    if (std::strcmp(src, "BENCH/data") == 0) orbput(orb, "BENCH/end", 0, buf.data(), 1);
     orbputx(orb, "BENCH/sync", 0, buf.data(), 1);
     double t = mono() - t0;
     orbclose(orb);

@@ -152,6 +152,46 @@ TEST_F(OrbServerTest, WaitingOpenRetriesUntilTheServerComes) {
     orbclose(orb);
 }
 
+TEST_F(OrbServerTest, LocalAddressAndPacketLimitFromTheEnvironment) {
+    setenv("ORB_IP_ADDRESS", "127.0.0.1", 1);
+    setenv("ORB_MAX_DATA_BYTES", "100", 1);
+    int w = orbopen(server.name().c_str(), "w");
+    unsetenv("ORB_MAX_DATA_BYTES");
+    ASSERT_GE(w, 0);
+    EXPECT_EQ(Orb_max_data_bytes, 100);
+    std::string body(101, 'b');
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(orbput(w, "AA/lim", 1, body.data(), 101), -1);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("maximum packet size is 100"), std::string::npos) << err;
+    EXPECT_EQ(orbput(w, "AA/lim", 1, body.data(), 100), 0);
+    Orb_max_data_bytes = 4000000;
+    orbclose(w);
+
+    setenv("ORB_IP_ADDRESS", "not-an-address", 1);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(orbopen(server.name().c_str(), "r"), -1);
+    err = testing::internal::GetCapturedStderr();
+    unsetenv("ORB_IP_ADDRESS");
+    EXPECT_NE(err.find("Failed to bind ip address 'not-an-address'"), std::string::npos) << err;
+}
+
+TEST_F(OrbServerTest, DumpPrintsTheConnection) {
+    int r = orbopen(server.name().c_str(), "r");
+    ASSERT_GE(r, 0);
+    char* text = nullptr;
+    size_t len = 0;
+    FILE* f = open_memstream(&text, &len);
+    orbdump(f, r, 1);
+    fclose(f);
+    std::string s(text, len);
+    free(text);
+    EXPECT_NE(s.find("\tOrbfile->name = " + server.name()), std::string::npos) << s;
+    EXPECT_NE(s.find("\tOrbfile->perm = r"), std::string::npos) << s;
+    EXPECT_NE(s.find("\tOrbrequest->what = "), std::string::npos) << s;
+    orbclose(r);
+}
+
 // ---- positioning ----
 
 TEST_F(OrbServerTest, PositioningByWordTimeAndGarbage) {

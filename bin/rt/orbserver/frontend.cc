@@ -1163,9 +1163,38 @@ struct Frontend::Impl {
         return 0;
     }
 
+    // One read of what the descriptor holds, straight into the input buffer, so
+    // that decoding starts on bytes at hand. false once the client has gone.
+    bool fill(Client& c) {
+        Bns* in = c.in;
+        if (in->fp == in->lp) {
+            in->fp = in->lp = 0;
+        } else if (in->fp > in->sz / 2) {
+            std::memmove(in->data, in->data + in->fp, size_t(in->lp - in->fp));
+            in->lp -= in->fp;
+            in->fp = 0;
+        }
+        if (in->sz - in->lp < 4096) bnsresize(in, in->sz);
+        for (;;) {
+            ssize_t n = read(c.in_fd, in->data + in->lp, size_t(in->sz - in->lp));
+            if (n > 0) {
+                in->lp += int(n);
+                in->nbytes += n;
+                return true;
+            }
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return true;
+            if (n == 0) in->eof = 1;
+            else in->err++, in->syserrno = errno;
+            return false;
+        }
+    }
+
     void read_requests(Client& c) {
         Bns* in = c.in;
         while (!c.dead && !c.closing && !stopping && c.pending() < kOutStopReading) {
+            // Nothing buffered: wait for the descriptor rather than ask it again.
+            if (in->lp == in->fp) return;
             if (!c.synced) {
                 if (in->lp - in->fp >= 4 && std::memcmp(in->data + in->fp, "orbm", 4) == 0) {
                     in->fp += 4;
@@ -1231,6 +1260,17 @@ struct Frontend::Impl {
     }
 
     void on_input(Client& c) {
+        if (!fill(c)) {
+            // Whatever complete requests arrived before the end are still served.
+            read_requests(c);
+            if (c.dead) return;
+            if (c.synced || c.in->lp > c.in->fp) drop(c, "connection lost mid-request");
+            else if (c.pending() > 0 && !c.closing) {
+                c.closing = true;  // the answers already made still go out
+                flush_out(c);
+            } else drop(c, nullptr);
+            return;
+        }
         read_requests(c);
         if (!c.dead) flush_out(c);
     }

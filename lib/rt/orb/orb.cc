@@ -37,6 +37,7 @@ namespace {
 
 std::mutex Orb_mutex;                 // the table and the extras
 std::vector<Orbfile*>* Orbtable;      // indexed by descriptor; made on the first open
+int Open_count;                       // handles in the table
 std::unordered_map<const Orbfile*, OrbExtra> Extras;
 
 constexpr int DEFAULT_PORT = 6510;
@@ -384,6 +385,7 @@ int orbopen(const char* name, const char* mode) {
         if (!Orbtable) Orbtable = new std::vector<Orbfile*>;
         if (static_cast<size_t>(of->fd) >= Orbtable->size()) Orbtable->resize(of->fd + 1, nullptr);
         (*Orbtable)[of->fd] = of;
+        Open_count++;
     }
     of->lastpktid = of->reply->latest_pktid;
     of->lastpkttime = of->opentime;
@@ -406,14 +408,7 @@ int orbopen(const char* name, const char* mode) {
 
 Orbfile* orb2orbfile(int orb) {
     std::lock_guard<std::mutex> lock(Orb_mutex);
-    bool any = false;
-    if (Orbtable)
-        for (Orbfile* of : *Orbtable)
-            if (of) {
-                any = true;
-                break;
-            }
-    if (!any) {
+    if (Open_count == 0) {
         elog_complain(0, "called with no open orb buffers\n");
         return nullptr;
     }
@@ -441,6 +436,7 @@ int orbclose(int orb) {
     {
         std::lock_guard<std::mutex> lock(Orb_mutex);
         (*Orbtable)[orb] = nullptr;
+        Open_count--;
     }
     if (of->req->pkg) of->req->pkg->packet = nullptr;  // the caller's bytes, never ours to free
     if (of->req->pkg) of->req->pkg->sZpacket = 0;

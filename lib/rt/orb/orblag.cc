@@ -120,8 +120,9 @@ double orblag(int orb, const char* match, const char* reject, Laggards** laggard
             e->lag = lag;
             e->thread = c.thread;
             e->pktid = c.pktid;
-            snprintf(e->who, sizeof e->who, "%s@%s", c.who, c.host);
-            snprintf(e->what, sizeof e->what, "%s", c.what);
+            std::string who = std::string(c.who) + "@" + c.host;
+            who.copy(e->who, sizeof e->who - 1);  // calloc left the terminating NULs
+            std::string(c.what).copy(e->what, sizeof e->what - 1);
             pushtbl((*laggards)->list, e);
         }
         if (lag > result) result = lag;
