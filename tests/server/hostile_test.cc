@@ -148,6 +148,21 @@ TEST_F(Hostile, LengthsBeyondEveryLimit) {
     EXPECT_EQ(c.select(std::string(16383, 'a')), 0);
 }
 
+TEST_F(Hostile, PatternsTooCostlyToRunAreRefused) {
+    WireClient c;
+    ASSERT_TRUE(c.connect_tcp(server->name()));
+    ASSERT_EQ(c.open('r'), 0);
+    ASSERT_TRUE(good.put("A/b", 1, "x"));
+    for (const char* bad : {"(a)\\1", "(.*)*\\1x", "((a|b){1,100}){1,100}", "(x{0,70}){70}"}) {
+        EXPECT_EQ(c.select(bad), WireClient::kFailed) << bad;
+        EXPECT_EQ(c.reject(bad), WireClient::kFailed) << bad;
+    }
+    // Escaped braces, small counts and unbounded ones are fine.
+    EXPECT_EQ(c.select("A/b{1,3}"), 1);
+    EXPECT_EQ(c.select("A/(b|c){1,}|A/b\\{1"), 1);
+    still_served();
+}
+
 TEST_F(Hostile, NamesTooLongForTheRingAreRefused) {
     std::string name(64, 'n');  // no room for the terminating NUL
     EXPECT_LT(good.putx(name, 1, "x"), 0);

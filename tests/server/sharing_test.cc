@@ -49,6 +49,32 @@ protected:
     std::string dir, ring, log;
 };
 
+TEST_F(Sharing, RequestsSentBeforeTheClientStopsSendingAreAllAnswered) {
+    WireClient w;
+    ASSERT_TRUE(forb(w, {"-s16M"}));
+    ASSERT_EQ(w.open('w'), 0);
+    std::string big(900000, 'b');
+    int id = w.putx("F/big", 1, big);
+    ASSERT_GE(id, 0);
+    // Every answer is read only after the last request and the end of input
+    // have been sent, so the answers back up far past what the server keeps
+    // pending before it reads on.
+    const int n = 12;
+    for (int i = 0; i < n; i++) {
+        w.req()->what = ORBGET;
+        w.req()->pktcode = id;
+        ASSERT_TRUE(w.send());
+    }
+    ASSERT_EQ(shutdown(w.fd(), SHUT_WR), 0);
+    for (int i = 0; i < n; i++) {
+        ASSERT_EQ(w.recv(ORBGET), 0) << "answer " << i;
+        EXPECT_EQ(w.resp()->pkg->packetsize, int(big.size()));
+    }
+    w.disconnect();
+    std::string text = testsupport::slurp(log);
+    EXPECT_EQ(text.find("connection lost"), std::string::npos) << text;
+}
+
 TEST_F(Sharing, ForbserverServesOneClientAndExitsWhenItLeaves) {
     WireClient w;
     ASSERT_TRUE(forb(w, {"-s1M"}));

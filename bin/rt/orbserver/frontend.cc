@@ -76,6 +76,7 @@ public:
 
     // "" on success, else the compiler's message; the old pattern stays on failure.
     std::string set(const std::string& text) {
+        if (std::string why = too_costly(text); !why.empty()) return why;
         regex_t re;
         std::string anchored = "^(" + text + ")$";
         int r = regcomp(&re, anchored.c_str(), REG_EXTENDED | REG_NOSUB);
@@ -100,6 +101,32 @@ public:
     const std::string& text() const { return text_; }
 
 private:
+    // A client's pattern is compiled and run by the server, so patterns whose
+    // cost can explode are refused: back-references (exponential matching)
+    // and counted repetitions whose bounds multiply past a few thousand (each
+    // one copies what it repeats when compiled). Names are matched once per
+    // source and pattern, so an accepted pattern costs little afterwards.
+    static std::string too_costly(const std::string& text) {
+        double copies = 1;
+        for (size_t i = 0; i < text.size(); i++) {
+            if (text[i] == '\\' && i + 1 < text.size()) {
+                if (text[i + 1] >= '1' && text[i + 1] <= '9') return "back-references are not allowed";
+                i++;
+            } else if (text[i] == '{') {
+                size_t close = text.find('}', i);
+                if (close == std::string::npos) break;
+                std::string body = text.substr(i + 1, close - i - 1);
+                size_t comma = body.find(',');
+                std::string hi = comma == std::string::npos ? body : body.substr(comma + 1);
+                if (hi.empty()) hi = body.substr(0, comma);
+                if (hi.empty() || hi.find_first_not_of("0123456789") != std::string::npos) continue;
+                copies *= std::max(1.0, std::stod(hi.substr(0, 6)));
+                if (copies > 4096) return "counted repetitions too large";
+            }
+        }
+        return "";
+    }
+
     regex_t re_{};
     bool set_ = false;
     std::string text_;
@@ -229,10 +256,13 @@ struct Frontend::Impl {
     void wait_loop() {
         while (!quit) {
             armed.wait(false);
+            // The count is taken before quit is looked at: the destructor's
+            // wake_all() after setting quit then either shows in the count or
+            // comes after a look that sees quit, so it is never slept through.
+            uint32_t since = ring->wake_count();
             if (quit) break;
             uint64_t h = armed_head.load();
-            // A bounded sleep so that a missed wake-up at shutdown costs at most this.
-            ring->wait(h, 2000);
+            ring->wait_since(h, since, 2000);
             if (quit) break;
             if (ring->head() > h) {
                 armed = false;
@@ -1264,6 +1294,12 @@ struct Frontend::Impl {
             // Whatever complete requests arrived before the end are still served.
             read_requests(c);
             if (c.dead) return;
+            if (!c.closing && c.pending() >= kOutStopReading && c.in->lp > c.in->fp) {
+                // Backed up, not cut short: the rest is read once the answers
+                // have gone, as the end of input stays readable.
+                flush_out(c);
+                return;
+            }
             if (c.synced || c.in->lp > c.in->fp) drop(c, "connection lost mid-request");
             else if (c.pending() > 0 && !c.closing) {
                 c.closing = true;  // the answers already made still go out
