@@ -135,7 +135,7 @@ bool wait_for(const std::string& file, const std::string& text, size_t n, double
 void write_pf(const std::string& path, const std::string& dir, const std::string& start) {
     std::ofstream f(path);
     f << "directory " << dir << "\nstarting_position " << start
-      << "\nmatch\nreject\npreserve_directories yes\nbytes_per_packet 60000\nfile_match\nfile_reject\n"
+      << "\nmatch\nreject\npreserve_directories yes\nbytes_per_packet 1000000\nfile_match\nfile_reject\n"
          "test_freq 0.1\nlag_trigger 0.5\nlag_reset 0.2\nwait_seconds 1\nwait_match\nwait_reject\n"
          "use_orbputx no\n";
 }
@@ -176,7 +176,7 @@ int main() {
     bool sent = WIFEXITED(s.status) && WEXITSTATUS(s.status) == 0;
     if (sent) row("ferrant2 sender file -> file-backed ring, one file", bytes / 1e6 / st, ref, 0.8, size_note);
     else printf("| ferrant2 sender file -> ring | failed, see %s/sender.log | | | |\n", Tmp.c_str());
-    double sender_mb = s.ru.ru_maxrss / 1024.0;
+    double sender_mb = s.ru.ru_maxrss / 1024.0;  // includes the forbserver it started
 
     // Receiver alone, from the ring the sender filled.
     t = Clock::now();
@@ -242,8 +242,9 @@ int main() {
     server_mb = std::max(server_mb, server.pid > 0 ? vmhwm(server.pid) : 0);
     stop(server);
 
-    printf("| ferrant2 peak resident memory, %ld MiB file | sender %.0f MiB, receiver %.0f MiB, orbserver %.0f MiB "
-           "(end to end: sender %.0f, receiver %.0f) | - | - | independent of file size |\n",
+    printf("| ferrant2 peak resident memory, %ld MiB file | sender with its forbserver %.0f MiB, receiver %.0f MiB, orbserver %.0f MiB "
+           "(end to end through orbserver: sender %.0f, receiver %.0f); the forbserver and orbserver figures "
+           "count the ring pages they touched | - | - | independent of file size |\n",
            mb, sender_mb, receiver_mb, server_mb, e2e_sender_mb, e2e_receiver_mb);
 
     nftw(Tmp.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return remove(p), 0; }, 32,

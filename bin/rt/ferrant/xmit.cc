@@ -36,7 +36,7 @@ using Key = std::array<unsigned char, 16>;
 
 // Pages already digested or sent are dropped from the mapping (they stay in
 // the page cache), so the sender's resident size does not grow with the file.
-constexpr long Window = 64L << 20;
+constexpr long Window = 16L << 20;
 
 void release(const char* base, long done, long& released) {
     long upto = done / Window * Window;  // whole windows: base is page aligned
