@@ -1,6 +1,7 @@
 // Arbitrary bytes through the parameter-file scanner; whatever is read must
-// write out and read back to an equal tree. Nothing is evaluated: deferred
-// forms could run commands.
+// write out and read back to an equal tree, and every string must expand in
+// bounded time. Nothing is evaluated: deferred forms could run commands, so
+// trees that hold any are not expanded (a reference to one would run it).
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -40,6 +41,31 @@ bool same(Pf* a, Pf* b) {
     return strcmp(sa ? sa : "", sb ? sb : "") == 0;
 }
 
+bool has_function(Pf* pf) {
+    if (!pf) return false;
+    if (pf->type == PF_FUNCTION) return true;
+    if (pf->type == PF_FILE || pf->type == PF_ARR)
+        return applyarr(
+                   pf->value.arr, [](const char*, void* v, void*) { return has_function(static_cast<Pf*>(v)) ? 1 : 0; },
+                   nullptr) != 0;
+    if (pf->type == PF_TBL)
+        for (long i = 0; i < pfmaxtbl(pf); i++)
+            if (has_function(static_cast<Pf*>(gettbl(pf->value.tbl, i)))) return true;
+    return false;
+}
+
+void expand_all(Pf* pf) {
+    if (!pf) return;
+    if (pf->type == PF_STRING) {
+        pfexpand(pf);
+    } else if (pf->type == PF_FILE || pf->type == PF_ARR) {
+        applyarr(
+            pf->value.arr, [](const char*, void* v, void*) { expand_all(static_cast<Pf*>(v)); return 0; }, nullptr);
+    } else if (pf->type == PF_TBL) {
+        for (long i = 0; i < pfmaxtbl(pf); i++) expand_all(static_cast<Pf*>(gettbl(pf->value.tbl, i)));
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -62,6 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!same(pf, again)) abort();
     char* text2 = pf2string(again);
     if (strcmp(text, text2) != 0) abort();
+    if (!has_function(pf)) expand_all(pf);
     free(text);
     free(text2);
     pffree(pf);

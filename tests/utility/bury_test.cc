@@ -19,18 +19,9 @@
 #include "stock/bury.h"
 #include "stock/epoch.h"
 #include "stock/pf.h"
+#include "support/tempdir.h"
 
 namespace {
-
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char t[] = "/tmp/burytestXXXXXX";
-        path = mkdtemp(t);
-    }
-    ~TempDir() { system(("rm -rf '" + path + "'").c_str()); }
-    std::string operator/(const std::string& n) const { return path + "/" + n; }
-};
 
 std::string slurp(const std::string& p) {
     std::ifstream f(p);

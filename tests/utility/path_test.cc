@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -14,18 +15,9 @@
 #include "stock/path.h"
 #include "stock/quorvane.h"
 #include "stock/tbl.h"
+#include "support/tempdir.h"
 
 namespace {
-
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char t[] = "/tmp/pathtestXXXXXX";
-        path = mkdtemp(t);
-    }
-    ~TempDir() { system(("rm -rf '" + path + "'").c_str()); }
-    std::string operator/(const std::string& n) const { return path + "/" + n; }
-};
 
 void write_file(const std::string& p, const std::string& text) {
     FILE* f = fopen(p.c_str(), "w");
@@ -228,6 +220,21 @@ TEST(Mapfile, MapsWholeFilesAndReleasesByName) {
     EXPECT_EQ(data, (void*)-1);
     EXPECT_EQ(mapfile(t.path.c_str(), 0, &data), -1);  // a directory
     EXPECT_EQ(unmapfile((t / "never").c_str(), nullptr), -1);
+}
+
+TEST(Mapfile, AFifoFailsAtOnceInsteadOfWaitingForAWriter) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    TempDir t;
+    std::string fifo = t / "fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_EXIT(
+        {
+            alarm(25);  // killed if the open waits for a writer
+            void* data = nullptr;
+            long n = mapfile(fifo.c_str(), 0, &data);
+            exit(n == -1 && data == (void*)-1 && errno == ENODEV ? 0 : 3);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 TEST(InstallationRoot, FindsDataFilesUnderTheRoot) {

@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <unistd.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -268,6 +269,35 @@ TEST_F(PfTest, SettersBuildWhatGettersRead) {
     pffree(gone);
     EXPECT_EQ(pfdel(pf, "s"), nullptr);
     pffree(pf);
+}
+
+TEST_F(PfTest, ListIndexesBeyondAnIntAreRefused) {
+    // pfadd_tbl takes an int; an index past that range once left the walk
+    // holding no node and pfset crashed on it.
+    Tree t("list &Tbl{\n    a\n}\n");
+    EXPECT_EQ(pfset(t.pf, "list[3000000000]", "v"), -1);
+    EXPECT_EQ(pfset(t.pf, "fresh[3000000000]", "v"), -1);
+    Pf* node = nullptr;
+    EXPECT_EQ(pfresolve(t.pf, "list[99999999999999]", 1, &node), -32);
+    ASSERT_EQ(pfresolve(t.pf, "list", 0, &node), PF_TBL);
+    EXPECT_EQ(pfmaxtbl(node), 1);
+    EXPECT_STREQ(pfget_string(t.pf, "list[0]"), "a");
+}
+
+TEST_F(PfTest, ReferencesThatMultiplyStayBounded) {
+    // Each level names itself four times: without a bound on the work the
+    // 20 levels would take 4^20 lookups. The child is killed if it hangs.
+    EXPECT_EXIT(
+        {
+            alarm(25);
+            Tree t("a &a&a&a&a\nb &{a}&{a}\n");
+            std::string a = pfget_string(t.pf, "a");
+            std::string b = pfget_string(t.pf, "b");
+            bool ok = a.find("** error ** pf massive recursion") != std::string::npos &&
+                      b.find("** error ** pf massive recursion") != std::string::npos && a.size() < (256u << 20);
+            exit(ok ? 0 : 3);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(PfTest, PfputInsertsNodesAndAdoptsContainers) {

@@ -14,22 +14,9 @@
 #include <string>
 
 #include "stock/pf.h"
+#include "support/tempdir.h"
 
 namespace {
-
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char tmpl[] = "/tmp/pfparse_test.XXXXXX";
-        path = mkdtemp(tmpl);
-    }
-    ~TempDir() { std::filesystem::remove_all(path); }
-    std::string file(const std::string& name, const std::string& text) const {
-        std::string p = path + "/" + name;
-        std::ofstream(p) << text;
-        return p;
-    }
-};
 
 // Parses text, returning the result code; stderr goes to *err when given.
 int parse(const std::string& text, Pf** pf, std::string* err = nullptr) {

@@ -13,22 +13,9 @@
 #include <vector>
 
 #include "stock/pf.h"
+#include "support/tempdir.h"
 
 namespace {
-
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char tmpl[] = "/tmp/pfpath_test.XXXXXX";
-        path = mkdtemp(tmpl);
-    }
-    ~TempDir() { std::filesystem::remove_all(path); }
-    std::string sub(const std::string& name) const {
-        std::string p = path + "/" + name;
-        std::filesystem::create_directories(p);
-        return p;
-    }
-};
 
 std::string write(const std::string& path, const std::string& text) {
     std::ofstream(path) << text;

@@ -5,6 +5,8 @@
 #include <random>
 #include <string>
 
+#include <unistd.h>
+
 #include "stock/epoch.h"
 
 namespace {
@@ -135,4 +137,16 @@ TEST(WaitForTime, PastTimesReturnAtOnceAndFutureOnesAreReached) {
     double target = std_now() + 0.05;
     EXPECT_EQ(wait_for_time(target, 0.01), 0);
     EXPECT_GE(std_now(), target + 0.01);
+}
+
+TEST(WaitForTime, TimesNoClockReachesAreRefusedNotSpunOn) {
+    // Such a target once overflowed the sleep's seconds, every sleep failed
+    // at once and the wait spun for ever; the child is killed if it hangs.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            alarm(25);
+            exit(wait_for_time(1e300, 0) == -1 && wait_for_time(0, 1e20) == -1 ? 0 : 3);
+        },
+        ::testing::ExitedWithCode(0), "");
 }

@@ -12,6 +12,13 @@ void die_nomem(int line, const char* source, size_t nbytes, const char* what) {
              (unsigned)nbytes, what ? what : "");
 }
 
+char* allot_strdup_at(const char* s, int line, const char* source, const char* what) {
+    size_t n = strlen(s) + 1;
+    char* p = static_cast<char*>(malloc(n));
+    if (!p) die_nomem(line, source, n, what);
+    return static_cast<char*>(memcpy(p, s, n));
+}
+
 const char* nomem_source(const char* file) {
     thread_local std::string name;
     if (!file) return "";

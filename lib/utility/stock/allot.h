@@ -11,6 +11,10 @@
 // The base name of a source path without its suffix: "lib/x/bns.cc" -> "bns".
 const char* nomem_source(const char* file);
 
+// A malloc'd copy of s (free() it); dies naming what on failure.
+char* allot_strdup_at(const char* s, int line, const char* source, const char* what);
+#define allot_strdup(s, what) allot_strdup_at((s), __LINE__, nomem_source(__FILE__), (what))
+
 // ptr = n new elements of type (malloc); dies naming ptr on failure.
 #define allot(type, ptr, n)                                                                \
     do {                                                                                   \

@@ -38,12 +38,6 @@ std::atomic<int> AlarmFor{ALARM_NONE};
 
 const char* TimeFormat = "%E (%j) %Y-%m-%d  %H:%M:%S.%u %z %A";
 
-char* copy(const char* s, const char* what) {
-    char* p = strdup(s);
-    if (!p) die_nomem(__LINE__, "bury", strlen(s) + 1, what);
-    return p;
-}
-
 bool on_nfs(int fd) {
     struct statfs fs;
     return fstatfs(fd, &fs) == 0 && fs.f_type == NFS_SUPER_MAGIC;
@@ -155,8 +149,8 @@ int exhume(const char* filename, int* signal_stop, int sec, Mortician mortician)
     if (!filename || !*filename) return -1;
     auto* grave = static_cast<Grave*>(calloc(1, sizeof(Grave)));
     if (!grave) die_nomem(__LINE__, "bury", sizeof(Grave), "grave");
-    grave->filename = copy(filename, "grave");
-    grave->alternate = copy((std::string(filename) + "+").c_str(), "grave");
+    grave->filename = allot_strdup(filename, "grave");
+    grave->alternate = allot_strdup((std::string(filename) + "+").c_str(), "grave");
     grave->file = -1;
     grave->relic_arr = newarr();
     grave->signal_stop = signal_stop;
@@ -226,7 +220,7 @@ int resurrect(const char* name, Relic relic, Relic_type type) {
     if (!r) die_nomem(__LINE__, "bury", sizeof(Relic_record), "relic_record");
     r->relic = relic;
     r->type = type;
-    r->name = copy(name, "relic_record");
+    r->name = allot_strdup(name, "relic_record");
     std::lock_guard<std::recursive_mutex> g(Lock);
     if (void* displaced = setarr(TheGrave->relic_arr, name, r)) free_relic(displaced);
     return result;

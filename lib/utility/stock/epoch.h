@@ -43,5 +43,6 @@ double str2epoch(const char* s);
 int is_epoch_string(const char* s, double* epoch);
 
 // Sleeps until the clock reaches epoch + delay (at once if it has); 0, or -1
-// when that is not a finite time.
+// at once when that is not a finite time or lies beyond 1e15 (no clock gets
+// there), or when the system cannot sleep.
 int wait_for_time(double epoch, double delay);

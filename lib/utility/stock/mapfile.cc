@@ -31,11 +31,12 @@ long mapfile(const char* filename, int /*flags*/, void** data) {
         errno = EINVAL;
         return -1;
     }
-    int fd = open(filename, O_RDONLY | O_CLOEXEC);
+    // Non-blocking: opening a FIFO with no writer would otherwise wait for ever.
+    int fd = open(filename, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return -1;
     struct stat st;
-    if (fstat(fd, &st) < 0) {
-        int e = errno;
+    if (fstat(fd, &st) < 0 || !S_ISREG(st.st_mode)) {
+        int e = S_ISREG(st.st_mode) ? errno : ENODEV;
         close(fd);
         errno = e;
         return -1;

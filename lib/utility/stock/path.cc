@@ -101,9 +101,7 @@ char* concatpaths(const char* dir, const char* name) {
         if (out.back() != '/') out += '/';
         out += name;
     }
-    char* s = strdup(out.c_str());
-    if (!s) die_nomem(__LINE__, "path", out.size() + 1, "path");
-    return s;
+    return allot_strdup(out.c_str(), "path");
 }
 
 int makedir(const char* dir) {
@@ -166,9 +164,7 @@ Tbl* dirfiles(const char* dir, int flags) {
     if (!dir || !names_in(dir, flags, names)) return nullptr;
     Tbl* t = newtbl((long)names.size());
     for (auto& n : names) {
-        char* s = strdup(n.c_str());
-        if (!s) die_nomem(__LINE__, "path", n.size() + 1, "dirfiles");
-        pushtbl(t, s);
+        pushtbl(t, allot_strdup(n.c_str(), "dirfiles"));
     }
     return t;
 }

@@ -35,6 +35,16 @@ std::mutex Expand_lock;
 int Expand_depth = 0;
 constexpr int Max_expand_depth = 20;
 
+// The depth limit alone does not bound the work: a value that names itself
+// twice expands 2^20 times, four times 4^20. One expansion (with everything
+// it pulls in) may therefore make only so many lookups and copy only so many
+// bytes; past either, references read as the recursion error.
+constexpr long Max_expand_lookups = 10000;
+constexpr size_t Max_expand_bytes = 64u << 20;
+thread_local int Expand_nesting = 0;  // this thread's pfexpand calls in progress
+thread_local long Expand_lookups = 0;
+thread_local size_t Expand_bytes = 0;
+
 std::mutex Pflist_lock;
 Arr* Pflist;
 
@@ -205,13 +215,7 @@ PfReadingScope::~PfReadingScope() { Reading--; }
 
 int pf_reading(void) { return Reading.load(); }
 
-char* pf_strdup(const char* s) {
-    size_t n = strlen(s) + 1;
-    char* d = static_cast<char*>(malloc(n));
-    if (!d) nomem(__LINE__, n, "result");
-    memcpy(d, s, n);
-    return d;
-}
+char* pf_strdup(const char* s) { return allot_strdup(s, "result"); }
 
 const char* pftype_name(int type) {
     if (type < 0 || type >= Npftype_names) return Pftype_names[Npftype_names - 1];
@@ -340,6 +344,8 @@ int pf_walk(Pf* pf, const char* key, int create, Pf** out, bool evaluate_last) {
                     pfadd_arr(from, s.name.c_str());
                     next = static_cast<Pf*>(getarr(from->value.arr, s.name.c_str()));
                 }
+            } else if (s.is_index && s.index > INT_MAX) {
+                return -32;  // no list is that long, and pfadd_tbl takes an int
             } else if (s.is_index && from->type == PF_TBL) {
                 next = static_cast<Pf*>(gettbl(from->value.tbl, s.index));
                 if (!next) {
@@ -358,6 +364,7 @@ int pf_walk(Pf* pf, const char* key, int create, Pf** out, bool evaluate_last) {
             } else {
                 return -32;
             }
+            if (!next) return -32;
             cur = next;
         }
     }
@@ -409,6 +416,13 @@ char* pfexpand(Pf* pf) {
         return nullptr;
     if (!text || !strchr(text, '&')) return text;
 
+    struct Nesting {
+        Nesting() {
+            if (Expand_nesting++ == 0) Expand_lookups = 0, Expand_bytes = 0;
+        }
+        ~Nesting() { Expand_nesting--; }
+    } nesting;
+
     std::string out;
     out.reserve(std::max<size_t>(2 * strlen(text), 1024));
     const char* p = text;
@@ -438,8 +452,8 @@ char* pfexpand(Pf* pf) {
         }
         if (name.size() > 1023) name.resize(1023);
 
-        bool too_deep;
-        {
+        bool too_deep = ++Expand_lookups > Max_expand_lookups || Expand_bytes > Max_expand_bytes;
+        if (!too_deep) {
             std::lock_guard<std::mutex> lock(Expand_lock);
             too_deep = Expand_depth >= Max_expand_depth;
             if (!too_deep) Expand_depth++;
@@ -453,7 +467,11 @@ char* pfexpand(Pf* pf) {
             if (!is_named(a)) continue;
             void* v = nullptr;
             if (pfget(a, name.c_str(), &v) == PF_STRING) {
-                if (v) out += static_cast<char*>(v);
+                if (v) {
+                    size_t n = strlen(static_cast<char*>(v));
+                    Expand_bytes += n;
+                    out.append(static_cast<char*>(v), n);
+                }
                 found = true;
             }
         }

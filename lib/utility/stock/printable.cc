@@ -34,9 +34,7 @@ char* strprintable(const void* data, long n, long max) {
         if (max >= 0 && (long)(out.size() + strlen(esc)) > max) break;
         out += esc;
     }
-    char* s = strdup(out.c_str());
-    if (!s) die_nomem(__LINE__, "printable", out.size() + 1, "printable");
-    return s;
+    return allot_strdup(out.c_str(), "printable");
 }
 
 void hexdump(FILE* fp, const void* data, long n) {

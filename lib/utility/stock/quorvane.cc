@@ -17,11 +17,7 @@ const char* installation_root() {
     return q && *q ? q : FERRANT_PREFIX;
 }
 
-static char* copy(const std::string& s) {
-    char* p = strdup(s.c_str());
-    if (!p) die_nomem(__LINE__, "quorvane", s.size() + 1, "path");
-    return p;
-}
+static char* copy(const std::string& s) { return allot_strdup(s.c_str(), "path"); }
 
 char* datapath(const char* directory, const char* subdirectory, const char* name, const char* suffix) {
     if (!name || !*name) return nullptr;

@@ -1,6 +1,7 @@
 #include <time.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -13,11 +14,7 @@
 
 namespace epoch_detail {
 
-char* copy(const std::string& s) {
-    char* p = strdup(s.c_str());
-    if (!p) die_nomem(__LINE__, "epoch", s.size() + 1, "string");
-    return p;
-}
+char* copy(const std::string& s) { return allot_strdup(s.c_str(), "string"); }
 
 // Days since 1970-01-01 of a proleptic Gregorian date (any year, either side of 1970).
 long days_from_civil(long y, int m, int d) {
@@ -85,7 +82,9 @@ char* strtdelta(double seconds) {
 
 int wait_for_time(double epoch, double delay) {
     double target = epoch + delay;
-    if (!std::isfinite(target)) return -1;
+    // Past the clock's range there is nothing to wait for (and the seconds
+    // would not fit the sleep's time_t).
+    if (!std::isfinite(target) || target > 1e15) return -1;
     for (;;) {
         double now = std_now();
         if (now >= target) return 0;
@@ -93,6 +92,7 @@ int wait_for_time(double epoch, double delay) {
         ts.tv_sec = (time_t)std::floor(target);
         ts.tv_nsec = (long)((target - std::floor(target)) * 1e9);
         if (ts.tv_nsec > 999999999) ts.tv_nsec = 999999999;
-        clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &ts, nullptr);
+        int rc = clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &ts, nullptr);
+        if (rc != 0 && rc != EINTR) return -1;  // never spin on a sleep that fails at once
     }
 }

@@ -1,0 +1,38 @@
+// A private temporary directory for one test, removed with everything in it.
+#pragma once
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <system_error>
+
+struct TempDir {
+    std::string path;
+    explicit TempDir(const std::string& prefix = "ferrant_test") {
+        std::string tmpl = "/tmp/" + prefix + ".XXXXXX";
+        if (mkdtemp(tmpl.data())) path = tmpl;
+    }
+    ~TempDir() {
+        std::error_code ec;
+        if (!path.empty()) std::filesystem::remove_all(path, ec);
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    std::string operator/(const std::string& name) const { return path + "/" + name; }
+    // Writes text to the file name in the directory; returns its path.
+    std::string file(const std::string& name, const std::string& text) const {
+        std::string p = *this / name;
+        std::ofstream(p) << text;
+        return p;
+    }
+    // Makes the subdirectory name (and its parents); returns its path.
+    std::string sub(const std::string& name) const {
+        std::string p = *this / name;
+        std::error_code ec;
+        std::filesystem::create_directories(p, ec);
+        return p;
+    }
+};
