@@ -11,6 +11,7 @@
 #include <string>
 
 #include "orb/orbpriv.h"
+#include "stock/allot.h"
 #include "stock/bns.h"
 #include "stock/elog.h"
 #include "stock/epoch.h"
@@ -213,7 +214,7 @@ int orbrup(const char* name, int thread, double* orb_start, double* server_start
     // A short-lived handle, outside the table: it must not disturb the caller's connection.
     Orbfile* of = newOrbfile();
     of->fd = fd;
-    of->name = strdup(name);
+    of->name = allot_strdup(name, "name");
     of->req = newOrbrequest();
     of->req->hello = newOrbOpenString();
     of->req->sZhello = 1;
