@@ -837,7 +837,7 @@ bool Ring::wait_since(uint64_t seen, uint32_t since, int timeout_ms) const {
     }
     for (;;) {
         if (head() > seen) return true;
-        if (h->wakeword.load(std::memory_order_seq_cst) != since) return false;
+        if (h->wakeword.load(std::memory_order_seq_cst) != since) return head() > seen;
         timespec rel{}, *tp = nullptr;
         if (timeout_ms >= 0) {
             timespec now;
