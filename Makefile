@@ -12,18 +12,22 @@ JOBS         ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 CMAKE_FLAGS  ?=
 
-.PHONY: all build deps demo test test-asan fuzz bench install clean
+.PHONY: all build configure deps demo test test-asan fuzz bench install clean
 
 all: build
 
 deps:
 	@sh scripts/deps.sh
 
-build: deps
+configure: deps
 	cmake -S . -B build -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(CMAKE_FLAGS) >/dev/null
+
+build: configure
 	cmake --build build -j $(JOBS)
 
-demo: build
+# The demo needs only the programs, not the test suite.
+demo: configure
+	cmake --build build -j $(JOBS) --target ferrant2 forbserver orbserver orbstat
 	sh scripts/demo.sh build
 
 test: build

@@ -13,7 +13,7 @@ namespace {
 
 bool same(Pf* a, Pf* b) {
     if (!a || !b) return a == b;
-    bool an = a->type == PF_FILE || a->type == PF_ARR, bn = b->type == PF_FILE || b->type == PF_ARR;
+    bool an = a->type == PF_ROOT || a->type == PF_ARR, bn = b->type == PF_ROOT || b->type == PF_ARR;
     if (an || bn) {
         if (!an || !bn) return false;
         Tbl* ka = pfkeys(a);
@@ -44,7 +44,7 @@ bool same(Pf* a, Pf* b) {
 bool has_function(Pf* pf) {
     if (!pf) return false;
     if (pf->type == PF_FUNCTION) return true;
-    if (pf->type == PF_FILE || pf->type == PF_ARR)
+    if (pf->type == PF_ROOT || pf->type == PF_ARR)
         return applyarr(
                    pf->value.arr, [](const char*, void* v, void*) { return has_function(static_cast<Pf*>(v)) ? 1 : 0; },
                    nullptr) != 0;
@@ -58,7 +58,7 @@ void expand_all(Pf* pf) {
     if (!pf) return;
     if (pf->type == PF_STRING) {
         pfexpand(pf);
-    } else if (pf->type == PF_FILE || pf->type == PF_ARR) {
+    } else if (pf->type == PF_ROOT || pf->type == PF_ARR) {
         applyarr(
             pf->value.arr, [](const char*, void* v, void*) { expand_all(static_cast<Pf*>(v)); return 0; }, nullptr);
     } else if (pf->type == PF_TBL) {

@@ -3,6 +3,9 @@
 #include "stock/pf.h"
 
 #include <gtest/gtest.h>
+// After pf.h on purpose: the socket header's own PF_ names must not change
+// what the node types mean.
+#include <sys/socket.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -66,7 +69,7 @@ TEST_F(PfTest, KeyPathsReachNestedNodes) {
     EXPECT_STREQ(pfget_string(t.pf, "{spaced key}"), "sv");
 
     Pf* node = nullptr;
-    EXPECT_EQ(pfresolve(t.pf, "", 0, &node), PF_FILE);
+    EXPECT_EQ(pfresolve(t.pf, "", 0, &node), PF_ROOT);
     EXPECT_EQ(node, t.pf);
     EXPECT_EQ(pfresolve(t.pf, "missing", 0, &node), -31);
     EXPECT_EQ(pfresolve(t.pf, "arr{nope}", 0, &node), -31);
@@ -228,7 +231,7 @@ TEST_F(PfTest, ArraysAndListsComeOutAsContainers) {
 }
 
 TEST_F(PfTest, SettersBuildWhatGettersRead) {
-    Pf* pf = pfnew(PF_FILE);
+    Pf* pf = pfnew(PF_ROOT);
     pfput_string(pf, "s", "text");
     pfput_int(pf, "i", -12);
     pfput_double(pf, "d", 0.1);
@@ -301,9 +304,9 @@ TEST_F(PfTest, ReferencesThatMultiplyStayBounded) {
 }
 
 TEST_F(PfTest, PfputInsertsNodesAndAdoptsContainers) {
-    Pf* root = pfnew(PF_FILE);
+    Pf* root = pfnew(PF_ROOT);
     Pf* sub = parse("k v\n");
-    ASSERT_EQ(sub->type, PF_FILE);
+    ASSERT_EQ(sub->type, PF_ROOT);
     pfput(root, "sub", sub, PF_PF);
     EXPECT_EQ(sub->type, PF_ARR);  // a file root under another node is an array
     EXPECT_EQ(sub->parent, root);
@@ -340,7 +343,7 @@ TEST_F(PfTest, PfputInsertsNodesAndAdoptsContainers) {
     pffree(root);
 
     Pf* str = pfnew(PF_STRING);
-    Pf* file = pfnew(PF_FILE);
+    Pf* file = pfnew(PF_ROOT);
     EXPECT_EXIT(pfput(str, "k", const_cast<char*>("v"), PF_STRING), testing::ExitedWithCode(1), "Bad pf pointer in pfput");
     EXPECT_EXIT(pfput(file, "k", nullptr, 42), testing::ExitedWithCode(1), "Bad type in pfput : 42");
     pffree(str);
@@ -424,7 +427,12 @@ TEST_F(PfTest, ThreadsParseExpandAndShareTheCache) {
 }
 
 TEST_F(PfTest, TypeNames) {
-    EXPECT_STREQ(pftype_name(PF_FILE), "scalar");
+    Pf* root = parse("key value\n");
+    ASSERT_NE(root, nullptr);
+    EXPECT_EQ(root->type, PF_ROOT);
+    EXPECT_NE(PF_ROOT, PF_STRING);
+    pffree(root);
+    EXPECT_STREQ(pftype_name(PF_ROOT), "scalar");
     EXPECT_STREQ(pftype_name(PF_STRING), "scalar");
     EXPECT_STREQ(pftype_name(PF_TBL), "table");
     EXPECT_STREQ(pftype_name(PF_ARR), "array");

@@ -40,7 +40,7 @@ std::string text_of(Pf* pf) {
         if (a == b) return ::testing::AssertionSuccess();
         return ::testing::AssertionFailure() << where << ": one side missing";
     }
-    bool a_named = a->type == PF_FILE || a->type == PF_ARR, b_named = b->type == PF_FILE || b->type == PF_ARR;
+    bool a_named = a->type == PF_ROOT || a->type == PF_ARR, b_named = b->type == PF_ROOT || b->type == PF_ARR;
     if (a->type != b->type && !(a_named && b_named))
         return ::testing::AssertionFailure() << where << ": type " << a->type << " vs " << b->type;
     if (a_named) {
@@ -107,7 +107,7 @@ TEST(PfScan, ValuesKeysAndComments) {
     EXPECT_STREQ(pfget_string(pf, "{single \" key}"), "s");
     EXPECT_STREQ(pfget_string(pf, "crlf"), "v");
     EXPECT_STREQ(pfget_string(pf, "keep"), " ");  // an escaped blank is not trimmed
-    EXPECT_EQ(pf->type, PF_FILE);
+    EXPECT_EQ(pf->type, PF_ROOT);
     EXPECT_STREQ(pf->filename, "*internal buffer*");
     pffree(pf);
 }
@@ -268,7 +268,7 @@ TEST(PfScan, ParsesIntoAGivenTreeAndRejectsOtherNodes) {
 // ---- writing ------------------------------------------------------------------
 
 TEST(PfWrite, ChoosesTheFormEachValueNeeds) {
-    Pf* pf = pfnew(PF_FILE);
+    Pf* pf = pfnew(PF_ROOT);
     pfput_string(pf, "plain", "just text");
     pfput_string(pf, "lead", " starts with a blank");
     pfput_string(pf, "brace", "a } b");
@@ -293,7 +293,7 @@ TEST(PfWrite, ChoosesTheFormEachValueNeeds) {
 }
 
 TEST(PfWrite, TerminatorWordWhenNoBracketBalances) {
-    Pf* pf = pfnew(PF_FILE);
+    Pf* pf = pfnew(PF_ROOT);
     const char* nasty = "{ ( [ < ` \"EndOfLiteral \"EndOfLiteral0\n";
     pfput_string(pf, "v", nasty);
     std::string text = text_of(pf);
@@ -383,7 +383,7 @@ Pf* random_tree(std::mt19937& rng, int type, int depth) {
 TEST(PfWrite, AnyTreeReadsBackEqual) {
     std::mt19937 rng(20240601);
     for (int round = 0; round < 400; round++) {
-        Pf* pf = random_tree(rng, PF_FILE, 0);
+        Pf* pf = random_tree(rng, PF_ROOT, 0);
         std::string text = text_of(pf);
         Pf* back = nullptr;
         std::string err;

@@ -62,7 +62,7 @@ TEST_F(PfPath, LaterDirectoriesWin) {
     EXPECT_EQ(files_of("app.pf"), files_of("app"));
     Pf* pf = nullptr;
     ASSERT_EQ(pfread("app", &pf), 0);
-    EXPECT_EQ(pf->type, PF_FILE);
+    EXPECT_EQ(pf->type, PF_ROOT);
     EXPECT_STREQ(pfget_string(pf, "k"), "from b");
     EXPECT_STREQ(pfget_string(pf, "only_a"), "1");
     EXPECT_STREQ(pfget_string(pf, "arr{x}"), "2");
@@ -118,7 +118,7 @@ TEST_F(PfPath, DefaultPathIsInstallationThenCurrentDirectory) {
     pf = nullptr;
     ASSERT_EQ(pfload(nullptr, "pf", "tool", &pf), 0);
     EXPECT_STREQ(pfget_string(pf, "k"), "installed");
-    EXPECT_EQ(pf->type, PF_FILE);
+    EXPECT_EQ(pf->type, PF_ROOT);
     pffree(pf);
     pf = nullptr;
     testing::internal::CaptureStderr();

@@ -8,8 +8,6 @@
 #include <cstdlib>
 #include <memory>
 
-// <sys/socket.h> has a PF_FILE of its own, unused here.
-#undef PF_FILE
 #include "stock/pf.h"
 
 bool parse_cidr(const std::string& text, Cidr& out) {

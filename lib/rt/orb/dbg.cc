@@ -5,6 +5,7 @@
 #include <string>
 
 #include "orb/orbpriv.h"
+#include "stock/allot.h"
 #include "stock/bns.h"
 #include "stock/elog.h"
 #include "stock/epoch.h"
@@ -30,7 +31,7 @@ void orb_open_dump(Orbfile* of) {
     }
     of->dump = f;
     free(of->PacketDump);
-    of->PacketDump = strdup(path.c_str());
+    of->PacketDump = allot_strdup(path.c_str(), "PacketDump");
     of->sZPacketDump = static_cast<int>(path.size()) + 1;
     of->sZdump = 1;
 }

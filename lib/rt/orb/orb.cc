@@ -26,6 +26,7 @@
 
 #include "deviants/my.h"
 #include "orb/orbpriv.h"
+#include "stock/allot.h"
 #include "stock/bns.h"
 #include "stock/elog.h"
 #include "stock/epoch.h"
@@ -239,7 +240,7 @@ Orbfile* setup_open(const char* name, const char* mode, bool quiet) {
     memcpy(of->signer, signer, sizeof of->signer);
     of->fd = fd;
     of->perm = mode[0];
-    of->name = strdup(name);
+    of->name = allot_strdup(name, "name");
     of->sZname = static_cast<int>(strlen(name)) + 1;
     of->opentime = std_now();
     of->req = newOrbrequest();
@@ -399,8 +400,8 @@ int orbopen(const char* name, const char* mode) {
             if (orbid(of->fd, &id) == 0) x->thread = id;
         }
     }
-    free(bnsid(of->in, strdup(n.c_str())));
-    free(bnsid(of->out, strdup(n.c_str())));
+    free(bnsid(of->in, allot_strdup(n.c_str(), "bnsid")));
+    free(bnsid(of->out, allot_strdup(n.c_str(), "bnsid")));
     if (const char* m = getenv("ORB_MAX_DATA_BYTES"); m && *m) Orb_max_data_bytes = atoi(m);
     if (getenv("ORB_DUMP")) orb_open_dump(of);
     return of->fd;

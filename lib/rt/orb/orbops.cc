@@ -11,6 +11,7 @@
 #include <string>
 
 #include "orb/orbpriv.h"
+#include "stock/allot.h"
 #include "stock/bns.h"
 #include "stock/elog.h"
 #include "stock/epoch.h"
@@ -51,12 +52,11 @@ bool expand_pattern(const char* pattern, std::string& out) {
 }
 
 // Stores pattern in one of the request's owned, only-growing pattern buffers.
-void store_pattern(const std::string& p, char** buf, int* sz, int* n) {
+void store_pattern(const std::string& p, char** buf, int* sz, int* n, const char* what) {
     int need = static_cast<int>(p.size()) + 1;
     if (*sz < need) {
         char* nb = static_cast<char*>(realloc(*buf, need));
-        if (!nb) elog_die(1, "Out of memory at line %d in '%s'\n\tCan't malloc %u bytes for s->select\n",
-                          __LINE__, "orb", static_cast<unsigned>(need));
+        if (!nb) die_nomem(__LINE__, "orb", static_cast<size_t>(need), what);
         *buf = nb;
         *sz = need;
     }
@@ -71,9 +71,9 @@ int select_or_reject(int orb, const char* pattern, bool select) {
     if (!expand_pattern(pattern, p)) return -1;
     Orbrequest* r = of->req;
     if (select)
-        store_pattern(p, &r->select, &r->sZselect, &r->nselect);
+        store_pattern(p, &r->select, &r->sZselect, &r->nselect, "s->select");
     else
-        store_pattern(p, &r->reject, &r->sZreject, &r->nreject);
+        store_pattern(p, &r->reject, &r->sZreject, &r->nreject, "s->reject");
     if (exchange(of, select ? ORBSELECT : ORBREJECT) != 0) return -1;
     return of->reply->nselections;
 }
@@ -213,7 +213,7 @@ int orbrup(const char* name, int thread, double* orb_start, double* server_start
     // A short-lived handle, outside the table: it must not disturb the caller's connection.
     Orbfile* of = newOrbfile();
     of->fd = fd;
-    of->name = strdup(name);
+    of->name = allot_strdup(name, "name");
     of->req = newOrbrequest();
     of->req->hello = newOrbOpenString();
     of->req->sZhello = 1;

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "orb/orbpriv.h"
+#include "stock/allot.h"
 #include "stock/elog.h"
 #include "stock/pf.h"
 #include "stock/tbl.h"
@@ -80,8 +81,8 @@ LagParams* pfget_orblag_params(Pf* pf) {
     p->wait_seconds = pfget_int(pf, "wait_seconds");
     const char* m = pfget_string(pf, "wait_match");
     const char* r = pfget_string(pf, "wait_reject");
-    p->wait_match = m && *m ? strdup(m) : nullptr;
-    p->wait_reject = r && *r ? strdup(r) : nullptr;
+    p->wait_match = m && *m ? allot_strdup(m, "wait_match") : nullptr;
+    p->wait_reject = r && *r ? allot_strdup(r, "wait_reject") : nullptr;
     p->axe = pfget_boolean(pf, "use_orbputx") ? 1 : 0;
     p->verbose = 0;
     return p;

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "orb/orbpriv.h"
+#include "stock/allot.h"
 #include "stock/bns.h"
 #include "stock/elog.h"
 #include "stock/epoch.h"
@@ -154,7 +155,7 @@ int orbreopen(Orbfile* of) {
     Bns* oldout = of->out;
     of->out = bnsnew(of->fd, ORB_BUF_SIZE);
     of->out->write_routine = send_nosignal;
-    free(bnsid(of->out, strdup(of->name)));
+    free(bnsid(of->out, allot_strdup(of->name, "bnsid")));
     Orbrequest saved = *of->req;  // owned buffers are not reallocated below, so a shallow copy restores it
     int reaped = of->reaped;
     of->reaped = 0;

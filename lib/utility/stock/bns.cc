@@ -342,7 +342,7 @@ int bnssnoop(Bns* bns, const char* filename) {
     int fd = open(filename, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0664);
     if (fd < 0) return -1;
     bns->snoopfd = fd;
-    bns->snoop = strdup(filename);
+    bns->snoop = allot_strdup(filename, "snoop");
     return 0;
 }
 

@@ -232,7 +232,7 @@ int bury() {
     std::lock_guard<std::recursive_mutex> g(Lock);
     grave->alarm_set = 0;
 
-    Pf* tree = pfnew(PF_FILE);
+    Pf* tree = pfnew(PF_ROOT);
     if (grave->mortician) grave->mortician(tree);
     Tbl* names = keysarr(grave->relic_arr);
     for (long i = 0; i < maxtbl(names); i++) {

@@ -340,7 +340,7 @@ void pf_table(Pf* pf, const char* key, std::string* table, const char* const* de
     int type = pfget(pf, key, &value);
     if (type == PF_STRING) {
         apply_setting(static_cast<char*>(value), table, defaults);
-    } else if (type == PF_ARR || type == PF_FILE) {
+    } else if (type == PF_ARR || type == PF_ROOT) {
         Arr* arr = pfget_arr(pf, key);
         Tbl* keys = keysarr(arr);
         for (long i = 0; i < maxtbl(keys); i++) {

@@ -50,7 +50,7 @@ Arr* Pflist;
 
 [[noreturn]] void nomem(int line, size_t n, const char* what) { die_nomem(line, nomem_source(__FILE__), n, what); }
 
-bool is_named(const Pf* pf) { return pf && (pf->type == PF_FILE || pf->type == PF_ARR); }
+bool is_named(const Pf* pf) { return pf && (pf->type == PF_ROOT || pf->type == PF_ARR); }
 
 long key_index(const char* key) { return static_cast<long>(reinterpret_cast<intptr_t>(key)); }
 
@@ -109,7 +109,7 @@ void clear_value(Pf* pf) {
         case -1:
             free(pf->value.s);
             break;
-        case PF_FILE:
+        case PF_ROOT:
         case PF_ARR:
             freearr(pf->value.arr, free_child);
             break;
@@ -230,7 +230,7 @@ Pf* pfnew(int type) {
     pf->type = type;
     pf->filename = pf_current_filename();
     switch (type) {
-        case PF_FILE:
+        case PF_ROOT:
         case PF_ARR:
             pf->value.arr = newarr();
             break;
@@ -261,7 +261,7 @@ Pf* pfdup(Pf* pf) {
     if (!pf) return nullptr;
     Pf* copy = nullptr;
     switch (pf->type) {
-        case PF_FILE:
+        case PF_ROOT:
         case PF_ARR: {
             copy = pfnew(pf->type);
             applyarr(
@@ -400,7 +400,7 @@ int pfeval(Pf* pf, const char* key, char** string) {
     Pf* node = nullptr;
     *string = nullptr;
     if (pfresolve(pf, key, 0, &node) < 0 || !node) return -1;
-    if (node->type != PF_STRING && node->type != PF_FILE) return -1;
+    if (node->type != PF_STRING && node->type != PF_ROOT) return -1;
     *string = pfexpand(node);
     return 0;
 }
@@ -610,7 +610,7 @@ void pfput(Pf* pf, const char* key, void* value, int type) {
         case PF_STRING:
             child = new_string(pf, static_cast<const char*>(value));
             break;
-        case PF_FILE:
+        case PF_ROOT:
         case PF_ARR:
             child = pfnew(PF_ARR);
             if (value) {
@@ -633,7 +633,7 @@ void pfput(Pf* pf, const char* key, void* value, int type) {
             break;
         case PF_PF:
             child = static_cast<Pf*>(value);
-            if (child && child->type == PF_FILE) child->type = PF_ARR;
+            if (child && child->type == PF_ROOT) child->type = PF_ARR;
             break;
         default:
             elog_die(0, "Bad type in pfput : %d\n", type);
@@ -741,7 +741,7 @@ int _pfdie(Pf* pf, const char* key, int expected, int actual, void*) {
     const char* filename = pf && pf->filename ? pf->filename : "";
     if (!pf) return 0;
     switch (pf->type) {
-        case PF_FILE:
+        case PF_ROOT:
         case PF_STRING:
         case PF_ARR:
         case PF_FUNCTION:

@@ -25,7 +25,7 @@
 #include "stock/tbl.h"
 
 // Node types. As an expected type, PF_ANY accepts any node.
-#define PF_FILE 0       // root of one parsed file: named children (Arr)
+#define PF_ROOT 0       // root of one parsed file: named children (Arr); not PF_FILE, which <sys/socket.h> owns
 #define PF_STRING 1     // a string
 #define PF_TBL 2        // ordered children (Tbl)
 #define PF_ARR 3        // named children (Arr), an &Arr{ } block
@@ -101,7 +101,7 @@ Tbl* pfget_tbl(Pf* pf, const char* key);       // new Tbl: strings, or Pf* for n
 
 // ---- setters ------------------------------------------------------------
 // Stores a new child directly under pf (no path walk) made from value by type:
-// PF_STRING copies a char*, PF_FILE/PF_ARR adopt an Arr* of Pf*, PF_TBL adopts
+// PF_STRING copies a char*, PF_ROOT/PF_ARR adopt an Arr* of Pf*, PF_TBL adopts
 // a Tbl* of Pf*, PF_FUNCTION copies the expression text, PF_PF inserts a Pf*
 // (a file root becomes an array). The displaced child is freed.
 void pfput(Pf* pf, const char* key, void* value, int type);

@@ -272,7 +272,7 @@ struct Scanner {
 // Parses text into *pf under the parser lock; complaints are logged after the
 // lock is released so that the log may itself read parameter files.
 int parse(std::string_view text, Pf** pf) {
-    if (*pf && (*pf)->type != PF_FILE && (*pf)->type != PF_ARR) {
+    if (*pf && (*pf)->type != PF_ROOT && (*pf)->type != PF_ARR) {
         elog_complain(0, "can't parse a parameter file into a %s node", pftype_name((*pf)->type));
         return -1;
     }
@@ -287,7 +287,7 @@ int parse(std::string_view text, Pf** pf) {
         sc.end = text.data() + text.size();
         sc.stack.push_back(root);
         sc.run();
-        root->type = PF_FILE;
+        root->type = PF_ROOT;
         *pf = root;
         Pf_busy--;
     }
@@ -395,7 +395,7 @@ void write_value(std::string& out, Pf* pf, int depth, bool in_list) {
         return;
     }
     switch (pf->type) {
-        case PF_FILE:
+        case PF_ROOT:
         case PF_ARR:
             out += "&Arr{\n";
             write_entries(out, pf, depth + 1);
@@ -433,7 +433,7 @@ void write_value(std::string& out, Pf* pf, int depth, bool in_list) {
 std::string to_text(Pf* pf) {
     std::string out;
     if (!pf) return out;
-    if (pf->type == PF_FILE || pf->type == PF_ARR)
+    if (pf->type == PF_ROOT || pf->type == PF_ARR)
         write_entries(out, pf, 0);
     else
         write_value(out, pf, 0, false);
@@ -478,11 +478,11 @@ Pf* eval_ref(Pf* fn, const std::string& arg) {
     if (Eval_depth == 1 || !slot) pf_update_keyed(name.c_str(), &slot, &slot);
     Pf* node = nullptr;
     if (pfresolve(slot, key.c_str(), 0, &node) < 0 || !node ||
-        !(node->type == PF_FILE || node->type == PF_STRING || node->type == PF_TBL || node->type == PF_ARR ||
+        !(node->type == PF_ROOT || node->type == PF_STRING || node->type == PF_TBL || node->type == PF_ARR ||
           node->type == PF_FUNCTION))
         return string_node(fn, cut("** reference not resolved: '" + arg + "' **"));
     Pf* copy = pfdup(node);
-    if (copy->type == PF_FILE) copy->type = PF_ARR;
+    if (copy->type == PF_ROOT) copy->type = PF_ARR;
     return copy;
 }
 
@@ -554,7 +554,7 @@ bool read_file(const std::string& path, std::string& out) {
 std::string key_of(Pf* fn) {
     Pf* parent = fn->parent;
     std::pair<Pf*, std::string> found(fn, "value");
-    if (parent && (parent->type == PF_FILE || parent->type == PF_ARR))
+    if (parent && (parent->type == PF_ROOT || parent->type == PF_ARR))
         applyarr(
             parent->value.arr,
             [](const char* k, void* v, void* ctx) {

@@ -115,7 +115,7 @@ int pfread(const char* name, Pf** pf) {
         sum += rc;
     }
     freepffiles(files);
-    tree->type = PF_FILE;
+    tree->type = PF_ROOT;
     *pf = tree;
     if (opened == 0 || cntarr(tree->value.arr) == 0) return -1;
     return sum;
@@ -125,7 +125,7 @@ int pfload(const char* dir, const char* subdir, const char* name, Pf** pf) {
     PfReadingScope reading;
     Pf* tree = pfnew(PF_ARR);
     tree->filename = pf_intern(name ? name : "");
-    tree->type = PF_FILE;
+    tree->type = PF_ROOT;
     *pf = tree;
     char* path = pf_datapath(dir, subdir, name, "pf");
     if (!path) {
