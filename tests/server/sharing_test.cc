@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "ring/ring.h"
 #include "support/orbserver.h"
 #include "wire_client.h"
 
@@ -73,6 +74,30 @@ TEST_F(Sharing, RequestsSentBeforeTheClientStopsSendingAreAllAnswered) {
     w.disconnect();
     std::string text = testsupport::slurp(log);
     EXPECT_EQ(text.find("connection lost"), std::string::npos) << text;
+}
+
+TEST_F(Sharing, APacketTooLargeToSendIsPassedOverNotRetried) {
+    // Only the ring itself takes a packet above what the protocol carries
+    // (another writer of the file, or damage); a stream must not stick on it.
+    {
+        ring::Geometry g;
+        g.data_bytes = 16 << 20;
+        auto r = ring::Ring::open_or_create(ring, g);
+        std::string huge(5000000, 'h');
+        ASSERT_GE(r->put("F/huge", 1, huge.data(), huge.size()), 0);
+        ASSERT_GE(r->put("F/small", 2, "after", 5), 0);
+    }
+    WireClient w;
+    ASSERT_TRUE(forb(w));
+    ASSERT_EQ(w.open('r'), 0);
+    ASSERT_NE(w.seek(ORBOLDEST), WireClient::kFailed);
+    ASSERT_TRUE(w.reap());
+    Pkt p;
+    ASSERT_EQ(w.next(&p), 0);
+    EXPECT_EQ(p.srcname, "F/small");
+    EXPECT_EQ(p.data, "after");
+    w.disconnect();
+    EXPECT_NE(testsupport::slurp(log).find("can't encode packet"), std::string::npos);
 }
 
 TEST_F(Sharing, ForbserverServesOneClientAndExitsWhenItLeaves) {

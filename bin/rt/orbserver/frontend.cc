@@ -621,6 +621,13 @@ struct Frontend::Impl {
 
     // ---------------------------------------------------------------- streaming
 
+    // After a packet could not be encoded: one evicted meanwhile is followed
+    // by whatever is oldest now; one that is still there can never be sent
+    // (it was logged), so the stream passes over it rather than retry forever.
+    void pass_over(Client& c, uint64_t seq) {
+        if (ring->still_valid(seq)) stand(c, int64_t(seq));
+    }
+
     // Pushes what the client's stream can take now. Returns true when the client
     // is streaming and has caught up (so wants a wake-up on the next packet).
     bool push(Client& c) {
@@ -632,7 +639,10 @@ struct Frontend::Impl {
             auto s = next_selected(c, from, &e, &c.scan_from);
             if (!s) return true;
             if (c.stream == Stream::get_wait) {
-                if (!encode_packet(c, c.get_code, *s, -1, &e)) continue;
+                if (!encode_packet(c, c.get_code, *s, -1, &e)) {
+                    pass_over(c, *s);
+                    continue;
+                }
                 stand(c, int64_t(*s));
                 c.stream = Stream::none;
                 return false;
@@ -643,7 +653,7 @@ struct Frontend::Impl {
                 return false;
             }
             if (!encode_packet(c, ORBREAP, *s, c.reap_maxbytes, &e)) {
-                // Evicted while encoding: read on from whatever is oldest now.
+                pass_over(c, *s);
                 continue;
             }
             stand(c, int64_t(*s));
