@@ -61,6 +61,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     Ring_settings->request_timeout = 2;
     std::string why;
     if (!open_ring(Ring_path, *Ring_settings, &why)) std::abort();
+    static std::string Dir = tmpl;
+    std::atexit([] {
+        unlink(Ring_path.c_str());
+        rmdir(Dir.c_str());
+    });
     return 0;
 }
 
