@@ -135,11 +135,10 @@ int orb_reap_packet(Orbfile* of, int* pktid, char* srcname, double* time, char**
     return 0;
 }
 
-int orb_get(Orbfile* of, int which, int* pktid, char* srcname, double* time, char** packet, int* nbytes,
-            int* bufsize) {
-    Pktpkg* pkg = reply_pkg(of);
-    of->req->what = ORBGET;
-    of->req->pktcode = which;
+// Sends the prepared request and hands the packet of the answer back through
+// the caller's buffer; 0, or -1 with the outputs cleared.
+static int packet_exchange(Orbfile* of, Pktpkg* pkg, int* pktid, char* srcname, double* time, char** packet,
+                           int* nbytes, int* bufsize) {
     int r;
     {
         LentBuffer lend(pkg, packet, bufsize);
@@ -150,6 +149,15 @@ int orb_get(Orbfile* of, int which, int* pktid, char* srcname, double* time, cha
         return -1;
     }
     hand_back(pkg, pktid, srcname, time, nbytes);
+    return 0;
+}
+
+int orb_get(Orbfile* of, int which, int* pktid, char* srcname, double* time, char** packet, int* nbytes,
+            int* bufsize) {
+    Pktpkg* pkg = reply_pkg(of);
+    of->req->what = ORBGET;
+    of->req->pktcode = which;
+    if (packet_exchange(of, pkg, pktid, srcname, time, packet, nbytes, bufsize) != 0) return -1;
     if (pkg->pktid >= 0) {
         of->lastpktid = pkg->pktid;
         of->lastpkttime = pkg->time;
@@ -177,17 +185,7 @@ int orbgetstash(int orb, char* srcname, int* pktid, double* time, char** packet,
     memset(of->req->srcname, 0, sizeof of->req->srcname);
     strncpy(of->req->srcname, srcname, ORB_SRCNAME_SIZE - 1);
     of->req->what = ORBGETSTASH;
-    int r;
-    {
-        LentBuffer lend(pkg, packet, bufsize);
-        r = orbclient(of, of->req, of->reply);
-    }
-    if (r != 0) {
-        clear_out(pktid, srcname, time, nbytes);
-        return -1;
-    }
-    hand_back(pkg, pktid, srcname, time, nbytes);
-    return 0;
+    return packet_exchange(of, pkg, pktid, srcname, time, packet, nbytes, bufsize);
 }
 
 static int reap_with(int orb, double maxtime, int maxbytes, int maxpkts, int* pktid, char* srcname, double* time,
