@@ -1,6 +1,8 @@
 // ferrant2: moves whole files between hosts through a ring-buffer server.
 // The entry unit (ferrant2.cc) owns the process-wide settings; the sender
-// (xmit.cc) and the receiver (recv.cc) read them. Single-threaded.
+// (xmit.cc) and the receiver (recv.cc) read them. One thread, plus a worker
+// thread (worker.h) that digests on the second core while the main thread
+// copies and writes.
 #pragma once
 
 #include <sys/stat.h>
@@ -54,6 +56,7 @@ struct Track {
     char* filename;
     int seq;
     size_t totbytes;
+    size_t behind;  // bytes handed to the page-cache drop-behind so far
     Rvm rvm;
     unsigned char digest[16];
     FILE* file;

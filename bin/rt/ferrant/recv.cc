@@ -1,6 +1,7 @@
 // Receive mode: rebuilds each run of xfer packets into a file under an
 // interim name, checking every running key, and renames it into place when
 // the final packet agrees with the initial digest.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +9,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
 
 #include "ferrant2.h"
 #include "orb/orb.h"
@@ -19,6 +24,7 @@
 #include "stock/epoch.h"
 #include "stock/path.h"
 #include "stock/printable.h"
+#include "worker.h"
 
 // Zero like any unset global: with a fresh state file resurrection then
 // fails and starting_position applies.
@@ -47,7 +53,10 @@ bool valid_name(const char* name) {
 
 // A failed run gives up its interim file; the stream is closed here so that
 // hostile or broken runs cannot use up descriptors.
+void settle_write();
+
 void discard(Track* t) {
+    settle_write();
     if (t->file) {
         fclose(t->file);
         t->file = nullptr;
@@ -64,6 +73,110 @@ void finished(int pktid, double pkttime) {
 }
 
 const unsigned char Nokey[16] = {};
+
+// What the receiver writes is pushed to the disk as it goes and dropped from
+// the page cache a little later: new data then lands in recycled pages
+// instead of claiming fresh memory for every byte, and a big transfer does
+// not crowd everything else out of the cache. Roughly the last Behind bytes
+// written stay cached. Ranges are queued with their own descriptor, so a
+// file may be closed and renamed before its range is dropped.
+constexpr size_t Chunk = 8 << 20;
+constexpr size_t Behind = 32 << 20;
+constexpr size_t Max_queued = 64;
+
+struct Range {
+    int fd;
+    off_t off;
+    size_t len;
+};
+std::deque<Range> Queued;
+size_t Queued_bytes = 0;
+
+void queue_behind(int fd, size_t off, size_t len) {
+    if (len == 0) return;
+    sync_file_range(fd, static_cast<off_t>(off), static_cast<off_t>(len), SYNC_FILE_RANGE_WRITE);
+    int own = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    if (own < 0) return;  // then those pages just stay cached
+    Queued.push_back({own, static_cast<off_t>(off), len});
+    Queued_bytes += len;
+    while (Queued_bytes > Behind || Queued.size() > Max_queued) {
+        Range r = Queued.front();
+        Queued.pop_front();
+        Queued_bytes -= r.len;
+        sync_file_range(r.fd, r.off, static_cast<off_t>(r.len),
+                        SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER);
+        posix_fadvise(r.fd, r.off, static_cast<off_t>(r.len), POSIX_FADV_DONTNEED);
+        close(r.fd);
+    }
+}
+
+// Queues what the track has written since it last did; a file still being
+// written only whole chunks at a time.
+void write_behind(Track* t, bool ending) {
+    if (!ending && t->totbytes - t->behind < Chunk) return;
+    if (fflush(t->file) != 0) return;
+    queue_behind(fileno(t->file), t->behind, t->totbytes - t->behind);
+    t->behind = t->totbytes;
+}
+
+// Below this a hand-over to the writer costs more than it saves.
+constexpr int Parallel_write = 256 << 10;
+
+// The one write in flight: the writer thread appends a data packet to its
+// interim file while the main thread digests the next packet. Its outcome
+// is settled before anything else touches that file or track.
+struct Write {
+    Track* track = nullptr;
+    int seq = 0;
+    bool ok = true;
+    int error = 0;
+};
+Write Pending;
+
+bool append(Track* t, const char* data, size_t n) {
+    if (fwrite(data, 1, n, t->file) != n) return false;
+    t->totbytes += n;
+    write_behind(t, false);
+    return true;
+}
+
+Worker& writer() {
+    static Worker* w = new Worker;  // never joined: it outlives every exit path
+    return *w;
+}
+
+void settle_write() {
+    if (Pending.track == nullptr) return;
+    writer().wait();
+    Track* t = Pending.track;
+    Pending.track = nullptr;
+    if (!Pending.ok && !t->drop) {
+        errno = Pending.error;
+        elog_complain(1, "failed writing sequence #%d of %s", Pending.seq, t->filename);
+        t->drop = 1;
+        discard(t);
+    }
+}
+
+// Appends a data packet to the track's interim file, in the background when
+// it is large; data must stay valid until the write is settled.
+void write_data(Track* t, int seq, const char* data, int ndata) {
+    settle_write();
+    if (t->drop) return;
+    auto n = static_cast<size_t>(ndata);
+    Pending.track = t;
+    Pending.seq = seq;
+    if (ndata < Parallel_write) {
+        Pending.ok = append(t, data, n);
+        Pending.error = errno;
+        settle_write();
+        return;
+    }
+    writer().start([t, data, n] {
+        Pending.ok = append(t, data, n);
+        Pending.error = errno;
+    });
+}
 
 }  // namespace
 
@@ -103,6 +216,9 @@ int save_packet(int pktid, double pkttime, char* srcname, int seq, int mode, cha
     if (Filetracks == nullptr) Filetracks = newarr();
     const unsigned char* key = digest ? reinterpret_cast<unsigned char*>(digest) : Nokey;
     auto* t = static_cast<Track*>(getarr(Filetracks, srcname));
+    // Only the next data packet of the file being written may overlap that write.
+    bool continues = t != nullptr && t == Pending.track && !t->drop && seq == t->seq + 1 && ndata > 0;
+    if (!continues) settle_write();
 
     if (seq == 0) {
         if (t != nullptr) {
@@ -171,7 +287,9 @@ int save_packet(int pktid, double pkttime, char* srcname, int seq, int mode, cha
 
     t->seq = seq;
     if (ndata != 0) {
-        if (ndata > 0) addrvm(&t->rvm, data, static_cast<size_t>(ndata));
+        if (ndata > 0) addrvm(&t->rvm, data, static_cast<size_t>(ndata));  // alongside the previous write
+        settle_write();
+        if (t->drop) return 0;  // that write failed and gave the file up
         Rvm local = t->rvm;
         endrvm(&local);
         if (memcmp(local.digest, key, 16) != 0) {
@@ -182,12 +300,12 @@ int save_packet(int pktid, double pkttime, char* srcname, int seq, int mode, cha
             hexdump(stderr, key, 16);
             t->drop = 1;
             discard(t);
-        } else if (ndata < 0 || fwrite(data, 1, static_cast<size_t>(ndata), t->file) != static_cast<size_t>(ndata)) {
+        } else if (ndata < 0) {
             elog_complain(1, "failed writing sequence #%d of %s", seq, t->filename);
             t->drop = 1;
             discard(t);
         } else {
-            t->totbytes += static_cast<size_t>(ndata);
+            write_data(t, seq, data, ndata);
         }
         return 0;
     }
@@ -197,6 +315,7 @@ int save_packet(int pktid, double pkttime, char* srcname, int seq, int mode, cha
                       t->filename);
         discard(t);
     } else {
+        write_behind(t, true);
         int closed = fclose(t->file);
         t->file = nullptr;
         if (closed != 0) {
@@ -218,33 +337,112 @@ int save_packet(int pktid, double pkttime, char* srcname, int seq, int mode, cha
     return 0;
 }
 
-int process_packet(int pktid, char* srcname, double time, char* packet, int nbytes) {
-    int r = unstuffPkt(srcname, time, packet, nbytes, &Pkt);
+namespace {
+
+// Acts on one packet that unstuffPkt has already unpacked (r is its result).
+void handle(int pktid, char* srcname, double time, char* packet, int nbytes, int r, Packet* pkt) {
     if (r == PKT_XFER_TYPE) {
         if (Verbose > 1) showPkt(pktid, srcname, time, packet, nbytes, stderr, 5);
-        save_packet(pktid, time, srcname, Pkt->string_size, Pkt->nchannels, Pkt->string, Pkt->dfile_size,
-                    Pkt->dfile);
+        save_packet(pktid, time, srcname, pkt->string_size, pkt->nchannels, pkt->string, pkt->dfile_size,
+                    pkt->dfile);
     } else if (r == -1) {
-        if (strcmp(Pkt->parts.src_suffix, "xfer") == 0) {
+        if (strcmp(pkt->parts.src_suffix, "xfer") == 0) {
+            settle_write();
             elog_complain(0, "failed to unstuff xfer packet #%d %s", pktid, srcname);
             showPkt(pktid, srcname, time, packet, nbytes, stderr, 5);
             finished(pktid, time);
         }
     }
+}
+
+}  // namespace
+
+int process_packet(int pktid, char* srcname, double time, char* packet, int nbytes) {
+    int r = unstuffPkt(srcname, time, packet, nbytes, &Pkt);
+    handle(pktid, srcname, time, packet, nbytes, r, Pkt);
+    settle_write();  // the next unstuffPkt reuses the data it writes from
     return 0;
 }
 
-void copy_from_orb(int orb) {
-    char* packet = nullptr;
-    int bufsize = 0;
-    int pktid, nbytes;
-    char srcname[PKT_SRCNAMESIZE];
-    double time;
-    for (;;) {
-        if (orbreap(orb, &pktid, srcname, &time, &packet, &nbytes, &bufsize) != 0) {
-            elog_die(0, "orbreap fails");
+namespace {
+
+// Packets read from the ring ahead of the one being processed, so that the
+// copies out of the connection overlap with digesting and writing. A
+// reaping thread fills a few slots in order; the main thread empties them.
+class Readahead {
+public:
+    explicit Readahead(int orb) : orb_(orb), thread_([this] { reap(); }) { thread_.detach(); }
+
+    struct Slot {
+        int pktid = 0, nbytes = 0, bufsize = 0;
+        char srcname[PKT_SRCNAMESIZE] = {};
+        double time = 0;
+        char* packet = nullptr;
+        bool failed = false;
+        int kind = 0;  // unstuffPkt's result
+        Packet* pkt = nullptr;
+    };
+
+    // The next packet in order, unpacked. It stays valid until the call
+    // after the following one: the background write of a packet's data
+    // overlaps the digest of the next.
+    Slot& next() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (held_ == Held) {
+            held_--;
+            tail_++;
+            if (reaper_waits_) room_.notify_one();
         }
-        process_packet(pktid, srcname, time, packet, nbytes);
+        while (head_ - tail_ <= held_) {
+            next_waits_ = true;
+            filled_.wait(lock);
+            next_waits_ = false;
+        }
+        return slots_[(tail_ + held_++) % Depth];
+    }
+
+private:
+    static constexpr unsigned Depth = 8, Held = 2;
+
+    void reap() {
+        for (;;) {
+            Slot* s;
+            {
+                std::unique_lock<std::mutex> lock(mutex_);
+                while (head_ - tail_ == Depth) {
+                    reaper_waits_ = true;
+                    room_.wait(lock);
+                    reaper_waits_ = false;
+                }
+                s = &slots_[head_ % Depth];
+            }
+            s->failed = orbreap(orb_, &s->pktid, s->srcname, &s->time, &s->packet, &s->nbytes, &s->bufsize) != 0;
+            if (!s->failed) s->kind = unstuffPkt(s->srcname, s->time, s->packet, s->nbytes, &s->pkt);
+            std::lock_guard<std::mutex> lock(mutex_);
+            head_++;
+            if (next_waits_) filled_.notify_one();
+            if (s->failed) return;
+        }
+    }
+
+    int orb_;
+    Slot slots_[Depth];
+    unsigned head_ = 0, tail_ = 0;  // filled up to head_, emptied up to tail_
+    unsigned held_ = 0;             // handed out and not yet emptied, from tail_
+    bool next_waits_ = false, reaper_waits_ = false;  // wake only a side that sleeps
+    std::mutex mutex_;
+    std::condition_variable filled_, room_;
+    std::thread thread_;
+};
+
+}  // namespace
+
+void copy_from_orb(int orb) {
+    static Readahead* ahead = new Readahead(orb);  // lives as long as the process
+    for (;;) {
+        Readahead::Slot& s = ahead->next();
+        if (s.failed) elog_die(0, "orbreap fails");
+        handle(s.pktid, s.srcname, s.time, s.packet, s.nbytes, s.kind, s.pkt);
     }
 }
 

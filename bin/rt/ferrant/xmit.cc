@@ -26,6 +26,7 @@
 #include "stock/path.h"
 #include "stock/strmatches.h"
 #include "stock/tbl.h"
+#include "worker.h"
 
 namespace {
 
@@ -46,11 +47,24 @@ void release(const char* base, long done, long& released) {
     }
 }
 
+// Maps the window holding [off, off + n) in one call rather than taking a
+// fault every few pages; mapped is how far that has been done.
+void prefault(const char* base, long size, long off, long n, long& mapped) {
+#ifdef MADV_POPULATE_READ
+    while (off + n > mapped && mapped < size) {
+        madvise(const_cast<char*>(base) + mapped, static_cast<size_t>(std::min(Window, size - mapped)),
+                MADV_POPULATE_READ);
+        mapped += Window;
+    }
+#endif
+}
+
 // A file cut short while it is mapped raises SIGBUS at the first page past
 // its new end; the reads of the mapping are guarded so that this fails the
 // file rather than the sender.
-sigjmp_buf Shrunk;
-volatile sig_atomic_t Guarded = 0;
+// Per thread: data packets are packed on a worker thread.
+thread_local sigjmp_buf Shrunk;
+thread_local volatile sig_atomic_t Guarded = 0;
 
 void on_sigbus(int sig) {
     if (Guarded) siglongjmp(Shrunk, 1);
@@ -65,22 +79,41 @@ void guard_mappings() {
     sigaction(SIGBUS, &sa, nullptr);
 }
 
-// One packing buffer for every packet of the run.
+// One packing buffer for the marker-free initial and final packets of the run.
 char* Packet_buf = nullptr;
 int Packet_bufsize = 0;
 
 constexpr int Cut_short = -100;
 
+// A data packet packed ahead: while one is written to the ring, the worker
+// packs the next. Buffers are kept from file to file.
+struct Staged {
+    int number = 0;  // sequence number
+    int chunk = 0;   // data bytes
+    long end = 0;    // file offset just past its data
+    Key key{};
+    char srcname[PKT_SRCNAMESIZE] = {};
+    double time = 0;
+    char* buf = nullptr;
+    int bufsize = 0, nbytes = 0;
+    int packed = 0;  // stuffPkt's result, or Cut_short
+};
+
 // stuffPkt reading from the mapping; Cut_short when the file shrank under it.
-int stuff_guarded(Packet* pkt, char* srcname, double* time, int* nbytes) {
+int stuff_guarded(Packet* pkt, Staged& st) {
     if (sigsetjmp(Shrunk, 0) != 0) {
         Guarded = 0;
         return Cut_short;
     }
     Guarded = 1;
-    int r = stuffPkt(pkt, srcname, time, &Packet_buf, nbytes, &Packet_bufsize);
+    int r = stuffPkt(pkt, st.srcname, &st.time, &st.buf, &st.nbytes, &st.bufsize);
     Guarded = 0;
     return r;
+}
+
+Worker& packer() {
+    static Worker* w = new Worker;  // never joined: it outlives every exit path
+    return *w;
 }
 
 Hook* File_match_hook = nullptr;
@@ -147,63 +180,86 @@ int send_initial_packet(const char* filename, char* digest, Packet* pkt, int orb
 
 // The running keys come from the pass that made the whole-file digest; only
 // when bytes_per_packet consumes nothing are they missing, and then the key is
-// that of no bytes at all.
+// that of no bytes at all. Each data packet is packed while the one before it
+// is being written.
 int send_file(const char* filename, const char* data, long size, const std::vector<Key>& keys, Packet* pkt,
               int orb) {
-    char srcname[PKT_SRCNAMESIZE];
-    double time;
-    int nbytes;
     Rvm running;
     inirvm(&running);
-    Key key;
     long left = size;
     const char* p = data;
     int seq = 1;
-    long released = 0;
+    long released = 0, mapped = 0;
+    static Staged staged[2];
+    enum { Ok, Too_many, Too_big };
 
-    if (Verbose) elog_notify(0, "starting '%s'", filename);
-    while (left > 0) {
-        pkt->string_size = seq;
-        seq++;
-        if (seq > MaxSequence) {
-            elog_complain(0, "exceeded maximum sequence #%d (should never happen)", seq);
-            return -1;
-        }
-        int chunk = left < Params.bytes_per_packet ? static_cast<int>(left) : Params.bytes_per_packet;
-        if (chunk > MaxChunk) {
-            elog_complain(0, "bytes2send = %d > %d (should never happen)", chunk, MaxChunk);
-            return -1;
-        }
-        size_t k = static_cast<size_t>(pkt->string_size) - 1;
+    // Describes the next data packet and starts packing it into st; on a
+    // failed check nothing is started.
+    auto plan = [&](Staged& st) {
+        st.number = seq++;
+        if (seq > MaxSequence) return Too_many;
+        st.chunk = left < Params.bytes_per_packet ? static_cast<int>(left) : Params.bytes_per_packet;
+        if (st.chunk > MaxChunk) return Too_big;
+        size_t k = static_cast<size_t>(st.number) - 1;
         if (k < keys.size()) {
-            key = keys[k];
+            st.key = keys[k];
         } else {
-            if (chunk > 0) addrvm(&running, p, chunk);
+            if (st.chunk > 0) addrvm(&running, p, static_cast<size_t>(st.chunk));
             Rvm copy = running;
             endrvm(&copy);
-            memcpy(key.data(), copy.digest, key.size());
+            memcpy(st.key.data(), copy.digest, st.key.size());
         }
-        pkt->string = reinterpret_cast<char*>(key.data());
-        pkt->dfile = const_cast<char*>(p);
-        pkt->dfile_size = chunk;
-        int packed = stuff_guarded(pkt, srcname, &time, &nbytes);
-        if (packed == Cut_short) {
+        const char* at = p;
+        p += st.chunk;
+        left -= st.chunk;
+        st.end = p - data;
+        packer().start([&st, &released, &mapped, pkt, at, data, size] {
+            // Every earlier packet is in the ring's stream: its pages can go.
+            release(data, at - data, released);
+            prefault(data, size, at - data, st.chunk, mapped);
+            pkt->string_size = st.number;
+            pkt->string = reinterpret_cast<char*>(st.key.data());
+            pkt->dfile = const_cast<char*>(at);
+            pkt->dfile_size = st.chunk;
+            st.packed = stuff_guarded(pkt, st);
+        });
+        return Ok;
+    };
+    auto refuse = [](int why, const Staged& st) {
+        if (why == Too_many) elog_complain(0, "exceeded maximum sequence #%d (should never happen)", st.number + 1);
+        else elog_complain(0, "bytes2send = %d > %d (should never happen)", st.chunk, MaxChunk);
+        return -1;
+    };
+
+    if (Verbose) elog_notify(0, "starting '%s'", filename);
+    int cur = 0;
+    if (left > 0) {
+        if (int why = plan(staged[cur])) return refuse(why, staged[cur]);
+    }
+    for (bool more = size > 0; more;) {
+        packer().wait();
+        Staged& st = staged[cur];
+        more = left > 0;
+        int next = more ? plan(staged[cur ^ 1]) : Ok;
+        if (st.packed == Cut_short) {
+            packer().wait();
             elog_complain(0, "'%s' shrank while it was being sent", filename);
             return -1;
         }
-        if (packed < 0) {
-            elog_complain(0, "stuffPkt fails for xfer data packet #%d", pkt->string_size);
+        if (st.packed < 0) {
+            packer().wait();
+            elog_complain(0, "stuffPkt fails for xfer data packet #%d", st.number);
             return -1;
         }
-        if (orbput_nolag(orb, srcname, std_now(), Packet_buf, nbytes, Lag) < 0) {
-            elog_complain(0, "Couldn't send data packet #%d", pkt->string_size);
+        if (orbput_nolag(orb, st.srcname, std_now(), st.buf, st.nbytes, Lag) < 0) {
+            packer().wait();
+            elog_complain(0, "Couldn't send data packet #%d", st.number);
             return -1;
         }
-        if (Verbose) elog_notify(0, "sent pkt #%d of '%s'", seq, filename);
-        p += chunk;
-        left -= chunk;
-        if (chunk > 0) release(data, p - data, released);
-        if (Verbose > 1) fprintf(stderr, "#%5d %10ld bytes left\n", pkt->string_size, left);
+        if (Verbose) elog_notify(0, "sent pkt #%d of '%s'", st.number + 1, filename);
+        if (Verbose > 1) fprintf(stderr, "#%5d %10ld bytes left\n", st.number, size - st.end);
+        if (next != Ok) return refuse(next, staged[cur ^ 1]);
+        cur ^= 1;
     }
     if (Verbose) elog_notify(0, "finishing '%s'", filename);
     return seq;
@@ -228,6 +284,10 @@ int send_final_packet(int seq, char* digest, Packet* pkt, int orb) {
     return 0;
 }
 
+// How far the digest pass has dropped its pages; the worker's, so that it
+// outlives a digest pass cut short by SIGBUS.
+long Digest_released = 0;
+
 // One pass over the data gives the whole-file digest and, chunk by chunk,
 // every data packet's running key. False when the file shrank under it.
 void digest_pass(const char* data, long size, Rvm* whole, std::vector<Key>& keys) {
@@ -238,11 +298,22 @@ void digest_pass(const char* data, long size, Rvm* whole, std::vector<Key>& keys
         return;
     }
     keys.reserve(static_cast<size_t>(std::min<long>((size + step - 1) / step, MaxSequence)));
-    long released = 0;
+    long mapped = 0;
+    Digest_released = 0;
     for (long off = 0; off < size; off += step) {
         long n = std::min(step, size - off);
+        if (off + n > mapped) {
+            // While this window is digested, the worker maps the next one
+            // and drops those already digested.
+            prefault(data, size, off, n, mapped);  // unless the worker got there first
+            long ahead = mapped;
+            packer().start([data, size, off, ahead] {
+                release(data, off, Digest_released);
+                long m = ahead;
+                prefault(data, size, ahead, 1, m);
+            });
+        }
         addrvm(whole, data + off, static_cast<size_t>(n));
-        release(data, off + n, released);
         if (keys.size() < MaxSequence - 1) {
             Rvm copy = *whole;
             endrvm(&copy);
@@ -256,11 +327,13 @@ void digest_pass(const char* data, long size, Rvm* whole, std::vector<Key>& keys
 bool digest_file(const char* data, long size, Rvm* whole, std::vector<Key>& keys) {
     if (sigsetjmp(Shrunk, 0) != 0) {
         Guarded = 0;
+        packer().wait();
         return false;
     }
     Guarded = 1;
     digest_pass(data, size, whole, keys);
     Guarded = 0;
+    packer().wait();
     return true;
 }
 

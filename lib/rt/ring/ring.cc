@@ -519,6 +519,14 @@ std::pair<std::string, std::unique_ptr<Ring::Impl>> build_temp(const std::string
     range_lock(fd.fd, F_RDLCK, 1, false);
     void* m = mmap(nullptr, g.file_bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd.fd, 0);
     if (m == MAP_FAILED) fail("map", errno);
+    // Bring every page into the page cache now, once per ring: claiming a
+    // fresh page in the middle of a put costs far more than a copy, and puts
+    // would stall on it until the ring has wrapped once. Best effort, and
+    // only for a ring that the page cache can comfortably hold.
+#ifdef MADV_POPULATE_READ
+    if (g.file_bytes <= uint64_t(sysconf(_SC_PHYS_PAGES)) * uint64_t(sysconf(_SC_PAGESIZE)) / 4)
+        madvise(m, g.file_bytes, MADV_POPULATE_READ);
+#endif
     auto im = std::make_unique<Ring::Impl>();
     im->attach(fd.release(), m, g);
     Header* h = im->h;
