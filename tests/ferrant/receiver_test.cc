@@ -215,6 +215,48 @@ TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
     EXPECT_TRUE(r.running());
 }
 
+// Packets large enough to be written in the background while the next one
+// is digested: a bad key and a failed write still give up just their file.
+TEST(FerrantReceiver, LargePacketFailuresGiveUpOnlyTheirFile) {
+    TempDir tmp;
+    std::string ring = tmp / "ring@s64M";
+    std::string in = tmp / "in";
+    mkdirs(in);
+    std::string pf = write_pf(tmp / "r.pf", {{"directory", in}});
+    Forger f(ring);
+    ASSERT_TRUE(f.ok());
+    // Writes past 512,000 bytes fail (1000 blocks of 512 or 1024 bytes).
+    Child r({"/bin/sh", "-c", "ulimit -f 1000; trap '' XFSZ; exec \"$0\" \"$@\"", ferrant2(), "-p", pf, ring},
+            tmp.path(), tmp.path());
+    const size_t B = 300000;
+    auto run = [&](const std::string& tag, const std::string& name, const std::string& data, int badkey) {
+        auto k = keys(data, B);
+        f.initial(tag, name, md5hex(data));
+        int n = int(k.size());
+        for (int i = 1; i <= n; i++) {
+            std::string c = chunk(data, i, B);
+            f.put(tag, i, k[i == badkey ? 0 : i - 1], &c);
+        }
+        f.final(tag, n + 1, md5hex(data));
+    };
+    std::string big = pattern(4 * B, 7), small = pattern(B + 100000, 8);
+    run("1/badkey.bin", "badkey.bin", pattern(3 * B, 9), 2);
+    run("2/toolong.bin", "toolong.bin", big, 0);
+    run("3/fits.bin", "fits.bin", small, 0);
+
+    ASSERT_TRUE(eventually([&] { return r.err().find("received fits.bin") != std::string::npos; })) << r.err();
+    std::string log = r.err();
+    EXPECT_NE(log.find("digest mismatch at sequence #2 for file badkey.bin-"), std::string::npos) << log;
+    EXPECT_NE(log.find("failed writing sequence #"), std::string::npos) << log;
+    EXPECT_NE(log.find(" of toolong.bin-"), std::string::npos) << log;
+    EXPECT_FALSE(exists(in + "/badkey.bin-"));
+    EXPECT_FALSE(exists(in + "/badkey.bin"));
+    EXPECT_FALSE(exists(in + "/toolong.bin-"));
+    EXPECT_FALSE(exists(in + "/toolong.bin"));
+    EXPECT_EQ(slurp(in + "/fits.bin"), small);
+    EXPECT_TRUE(r.running());
+}
+
 TEST(FerrantReceiver, ReceiveDirectoryThatCannotBeMadeIsFatal) {
     TempDir tmp;
     spit(tmp / "plain", "x");

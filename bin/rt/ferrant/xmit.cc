@@ -111,6 +111,9 @@ int stuff_guarded(Packet* pkt, Staged& st) {
     return r;
 }
 
+// Below this a hand-over to the worker costs more than it saves.
+constexpr int Parallel_pack = 256 << 10;
+
 Worker& packer() {
     static Worker* w = new Worker;  // never joined: it outlives every exit path
     return *w;
@@ -213,7 +216,7 @@ int send_file(const char* filename, const char* data, long size, const std::vect
         p += st.chunk;
         left -= st.chunk;
         st.end = p - data;
-        packer().start([&st, &released, &mapped, pkt, at, data, size] {
+        auto pack = [&st, &released, &mapped, pkt, at, data, size] {
             // Every earlier packet is in the ring's stream: its pages can go.
             release(data, at - data, released);
             prefault(data, size, at - data, st.chunk, mapped);
@@ -222,7 +225,9 @@ int send_file(const char* filename, const char* data, long size, const std::vect
             pkt->dfile = const_cast<char*>(at);
             pkt->dfile_size = st.chunk;
             st.packed = stuff_guarded(pkt, st);
-        });
+        };
+        if (st.chunk < Parallel_pack) pack();
+        else packer().start(pack);
         return Ok;
     };
     auto refuse = [](int why, const Staged& st) {
@@ -306,12 +311,14 @@ void digest_pass(const char* data, long size, Rvm* whole, std::vector<Key>& keys
             // While this window is digested, the worker maps the next one
             // and drops those already digested.
             prefault(data, size, off, n, mapped);  // unless the worker got there first
-            long ahead = mapped;
-            packer().start([data, size, off, ahead] {
-                release(data, off, Digest_released);
-                long m = ahead;
-                prefault(data, size, ahead, 1, m);
-            });
+            if (mapped < size) {
+                long ahead = mapped;
+                packer().start([data, size, off, ahead] {
+                    release(data, off, Digest_released);
+                    long m = ahead;
+                    prefault(data, size, ahead, 1, m);
+                });
+            }
         }
         addrvm(whole, data + off, static_cast<size_t>(n));
         if (keys.size() < MaxSequence - 1) {
