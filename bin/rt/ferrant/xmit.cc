@@ -341,6 +341,8 @@ bool digest_file(const char* data, long size, Rvm* whole, std::vector<Key>& keys
     digest_pass(data, size, whole, keys);
     Guarded = 0;
     packer().wait();
+    // The sending pass maps the file again from its start.
+    if (size > Window) madvise(const_cast<char*>(data), static_cast<size_t>(size), MADV_DONTNEED);
     return true;
 }
 
