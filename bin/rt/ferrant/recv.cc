@@ -405,6 +405,7 @@ private:
     static constexpr unsigned Depth = 8, Held = 2;
 
     void reap() {
+        background_thread();
         for (;;) {
             Slot* s;
             {

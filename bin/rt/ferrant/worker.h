@@ -4,10 +4,21 @@
 // done. One caller thread; start() first waits for the job before.
 #pragma once
 
+#include <pthread.h>
+#include <sched.h>
+
 #include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <thread>
+
+// Marks the calling thread as a batch thread, which does not preempt a
+// running thread when it wakes: the digesting thread keeps its core rather
+// than yielding it to every helper it signals.
+inline void background_thread() {
+    sched_param none{};
+    pthread_setschedparam(pthread_self(), SCHED_BATCH, &none);
+}
 
 class Worker {
 public:
@@ -40,6 +51,7 @@ public:
 
 private:
     void loop() {
+        background_thread();
         std::unique_lock<std::mutex> lock(mutex_);
         for (;;) {
             wake_.wait(lock, [this] { return quit_ || (busy_ && job_); });
