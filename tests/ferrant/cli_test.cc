@@ -58,6 +58,17 @@ TEST(FerrantCli, DefaultParameterFileIsFoundUnderTheInstallationRoot) {
     EXPECT_EQ(c.err().find("Can't read parameter file"), std::string::npos) << c.err();
 }
 
+TEST(FerrantCli, MissingRingServerProgramIsNamed) {
+    TempDir tmp;
+    std::string pf = write_pf(tmp / "f.pf");
+    spit(tmp / "a.txt", "x");
+    Child c({ferrant2(), "-p", pf, tmp / "a.txt", tmp / "ring"}, tmp.path(), "", "",
+            {{"QUORVANE", tmp.path()}, {"PATH", tmp / "nowhere"}});
+    EXPECT_EQ(c.wait(), 1);
+    EXPECT_NE(c.err().find("Can't run 'forbserver' for '" + tmp / "ring" + "'"), std::string::npos) << c.err();
+    EXPECT_NE(c.err().find("No such file or directory"), std::string::npos) << c.err();
+}
+
 TEST(FerrantCli, RevisionLineIsLoggedFirst) {
     TempDir tmp;
     Child c({ferrant2(), "-V"}, tmp.path());

@@ -91,11 +91,17 @@ int spawn_file_server(const char* name, bool quiet, pid_t* child) {
         setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
     }
+    // The child reports a failed exec through a pipe that a successful exec
+    // closes; otherwise the caller would see only a connection that ended
+    // during the open.
+    int status[2];
+    if (pipe2(status, O_CLOEXEC) < 0) status[0] = status[1] = -1;
     pid_t pid = fork();
     if (pid < 0) {
         if (!quiet) elog_complain(1, "Couldn't open socketpair for subprocess '%s'\n", name);
         close(sv[0]);
         close(sv[1]);
+        if (status[0] >= 0) close(status[0]), close(status[1]);
         return -1;
     }
     if (pid == 0) {
@@ -103,9 +109,26 @@ int spawn_file_server(const char* name, bool quiet, pid_t* child) {
         close(sv[0]);
         if (dup2(sv[1], 0) < 0 || dup2(sv[1], 1) < 0) _exit(1);
         execvp(argv[0], argv.data());
+        int e = errno;
+        if (status[1] >= 0 && write(status[1], &e, sizeof e) < 0) _exit(1);
         _exit(1);
     }
     close(sv[1]);
+    if (status[0] >= 0) {
+        close(status[1]);
+        int e = 0;
+        ssize_t n;
+        while ((n = read(status[0], &e, sizeof e)) < 0 && errno == EINTR) {
+        }
+        close(status[0]);
+        if (n == sizeof e) {
+            waitpid(pid, nullptr, 0);
+            close(sv[0]);
+            errno = e;
+            if (!quiet) elog_complain(1, "Can't run '%s' for '%s'", program.c_str(), name);
+            return -1;
+        }
+    }
     *child = pid;
     return sv[0];
 }
