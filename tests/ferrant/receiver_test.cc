@@ -242,7 +242,18 @@ TEST(FerrantReceiver, LargePacketFailuresGiveUpOnlyTheirFile) {
     std::string big = pattern(4 * B, 7), small = pattern(B + 100000, 8);
     run("1/badkey.bin", "badkey.bin", pattern(3 * B, 9), 2);
     run("2/toolong.bin", "toolong.bin", big, 0);
-    run("3/fits.bin", "fits.bin", small, 0);
+    // Packets of other types between the data packets: the write of each
+    // data packet must be over before the buffer it reads from is reused.
+    std::string mixed = pattern(B + 100005, 10);
+    auto mk = keys(mixed, B);
+    f.initial("3/mixed.bin", "mixed.bin", md5hex(mixed));
+    for (int i = 1; i <= 2; i++) {
+        std::string c = chunk(mixed, i, B);
+        f.put("3/mixed.bin", i, mk[i - 1], &c);
+        for (int j = 0; j < 7; j++) f.raw("forge/ch/ferrant_start", pattern(B, unsigned(i * 10 + j)));
+    }
+    f.final("3/mixed.bin", 3, md5hex(mixed));
+    run("4/fits.bin", "fits.bin", small, 0);
 
     ASSERT_TRUE(eventually([&] { return r.err().find("received fits.bin") != std::string::npos; })) << r.err();
     std::string log = r.err();
@@ -253,8 +264,36 @@ TEST(FerrantReceiver, LargePacketFailuresGiveUpOnlyTheirFile) {
     EXPECT_FALSE(exists(in + "/badkey.bin"));
     EXPECT_FALSE(exists(in + "/toolong.bin-"));
     EXPECT_FALSE(exists(in + "/toolong.bin"));
-    EXPECT_EQ(slurp(in + "/fits.bin"), small);
+    EXPECT_TRUE(slurp(in + "/fits.bin") == small);
+    EXPECT_TRUE(slurp(in + "/mixed.bin") == mixed);
     EXPECT_TRUE(r.running());
+}
+
+// Bytes still in the stream's buffer at the end are lost when the last flush
+// fails; that file must not be renamed into place as if whole.
+TEST(FerrantReceiver, FailedLastFlushKeepsTheFileOut) {
+    TempDir tmp;
+    std::string ring = tmp / "ring";
+    std::string in = tmp / "in";
+    mkdirs(in);
+    std::string pf = write_pf(tmp / "r.pf", {{"directory", in}});
+    Forger f(ring);
+    ASSERT_TRUE(f.ok());
+    Child r({"/bin/sh", "-c", "trap '' XFSZ; exec prlimit --fsize=1000 \"$@\"", "sh", ferrant2(), "-p", pf, ring},
+            tmp.path(), tmp.path());
+    auto one = [&](const std::string& tag, const std::string& name, const std::string& data) {
+        f.initial(tag, name, md5hex(data));
+        f.put(tag, 1, keys(data, data.size())[0], &data);
+        f.final(tag, 2, md5hex(data));
+    };
+    std::string ok = pattern(500, 2);
+    one("1/over.bin", "over.bin", pattern(2000, 1));
+    one("2/ok.bin", "ok.bin", ok);
+    ASSERT_TRUE(eventually([&] { return r.err().find("received ok.bin") != std::string::npos; })) << r.err();
+    EXPECT_NE(r.err().find("failed to close file over.bin-"), std::string::npos) << r.err();
+    EXPECT_FALSE(exists(in + "/over.bin"));
+    EXPECT_FALSE(exists(in + "/over.bin-"));
+    EXPECT_EQ(slurp(in + "/ok.bin"), ok);
 }
 
 TEST(FerrantReceiver, ReceiveDirectoryThatCannotBeMadeIsFatal) {

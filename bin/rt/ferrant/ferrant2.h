@@ -68,6 +68,9 @@ extern double Last_file_pkttime;
 [[noreturn]] void recv_files(int argc, char** argv);
 [[noreturn]] void copy_from_orb(int orb);
 int process_packet(int pktid, char* srcname, double time, char* packet, int nbytes);
+// May return with the write of data still in flight (it overlaps the digest
+// of the next packet); process_packet, the entry for a single packet, waits
+// for it.
 int save_packet(int pktid, double pkttime, char* srcname, int seq, int mode, char* digest, int ndata,
                 char* data);
 Track* newtrack();

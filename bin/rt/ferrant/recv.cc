@@ -89,7 +89,8 @@ struct Range {
     off_t off;
     size_t len;
 };
-std::deque<Range> Queued;
+// Never destroyed: an exit while the writer thread queues must not race a destructor.
+std::deque<Range>& Queued = *new std::deque<Range>;
 size_t Queued_bytes = 0;
 
 void queue_behind(int fd, size_t off, size_t len) {
@@ -111,12 +112,14 @@ void queue_behind(int fd, size_t off, size_t len) {
 }
 
 // Queues what the track has written since it last did; a file still being
-// written only whole chunks at a time.
-void write_behind(Track* t, bool ending) {
-    if (!ending && t->totbytes - t->behind < Chunk) return;
-    if (fflush(t->file) != 0) return;
+// written only whole chunks at a time. False when flushing the stream
+// failed: its buffered bytes are lost then, and with them the file.
+bool write_behind(Track* t, bool ending) {
+    if (!ending && t->totbytes - t->behind < Chunk) return true;
+    if (fflush(t->file) != 0) return false;
     queue_behind(fileno(t->file), t->behind, t->totbytes - t->behind);
     t->behind = t->totbytes;
+    return true;
 }
 
 // Below this a hand-over to the writer costs more than it saves.
@@ -136,8 +139,7 @@ Write Pending;
 bool append(Track* t, const char* data, size_t n) {
     if (fwrite(data, 1, n, t->file) != n) return false;
     t->totbytes += n;
-    write_behind(t, false);
-    return true;
+    return write_behind(t, false);
 }
 
 Worker& writer() {
@@ -315,10 +317,12 @@ int save_packet(int pktid, double pkttime, char* srcname, int seq, int mode, cha
                       t->filename);
         discard(t);
     } else {
-        write_behind(t, true);
+        bool flushed = write_behind(t, true);
+        int e = errno;
         int closed = fclose(t->file);
         t->file = nullptr;
-        if (closed != 0) {
+        if (!flushed || closed != 0) {
+            if (!flushed) errno = e;
             elog_complain(1, "failed to close file %s", t->filename);
             unlink(t->filename);
         } else {
@@ -341,13 +345,15 @@ namespace {
 
 // Acts on one packet that unstuffPkt has already unpacked (r is its result).
 void handle(int pktid, char* srcname, double time, char* packet, int nbytes, int r, Packet* pkt) {
+    // Only an xfer packet settles the write in flight itself; for any other
+    // the write must end here, as the slot it reads from is reused next.
+    if (r != PKT_XFER_TYPE) settle_write();
     if (r == PKT_XFER_TYPE) {
         if (Verbose > 1) showPkt(pktid, srcname, time, packet, nbytes, stderr, 5);
         save_packet(pktid, time, srcname, pkt->string_size, pkt->nchannels, pkt->string, pkt->dfile_size,
                     pkt->dfile);
     } else if (r == -1) {
         if (strcmp(pkt->parts.src_suffix, "xfer") == 0) {
-            settle_write();
             elog_complain(0, "failed to unstuff xfer packet #%d %s", pktid, srcname);
             showPkt(pktid, srcname, time, packet, nbytes, stderr, 5);
             finished(pktid, time);
@@ -442,7 +448,10 @@ void copy_from_orb(int orb) {
     static Readahead* ahead = new Readahead(orb);  // lives as long as the process
     for (;;) {
         Readahead::Slot& s = ahead->next();
-        if (s.failed) elog_die(0, "orbreap fails");
+        if (s.failed) {
+            settle_write();
+            elog_die(0, "orbreap fails");
+        }
         handle(s.pktid, s.srcname, s.time, s.packet, s.nbytes, s.kind, s.pkt);
     }
 }
