@@ -244,18 +244,16 @@ int send_file(const char* filename, const char* data, long size, const std::vect
     for (bool more = size > 0; more;) {
         packer().wait();
         Staged& st = staged[cur];
-        more = left > 0;
-        int next = more ? plan(staged[cur ^ 1]) : Ok;
         if (st.packed == Cut_short) {
-            packer().wait();
             elog_complain(0, "'%s' shrank while it was being sent", filename);
             return -1;
         }
         if (st.packed < 0) {
-            packer().wait();
             elog_complain(0, "stuffPkt fails for xfer data packet #%d", st.number);
             return -1;
         }
+        more = left > 0;
+        int next = more ? plan(staged[cur ^ 1]) : Ok;  // packed while this one is written
         if (orbput_nolag(orb, st.srcname, std_now(), st.buf, st.nbytes, Lag) < 0) {
             packer().wait();
             elog_complain(0, "Couldn't send data packet #%d", st.number);

@@ -591,15 +591,13 @@ int32_t take_source(Ring::Impl& im, std::string_view name) {
     if (si < 0) return -1;
     SourceRec& s = im.src[si];
     if (!s.used || !name_is(s.name, name)) {
-        // The cache must not outgrow the table: a sender of many files
-        // brings a new source name with every file.
-        if (s.used) im.src_cache.erase(std::string(s.name, strnlen(s.name, kNameBytes)));
         std::memset(&s, 0, sizeof s);
         copy_name(s.name, name);
         s.used = 1;
     }
-    // Other front ends reuse entries too, leaving names here that no longer
-    // match; those only cost a table scan, so past a bound start afresh.
+    // Entries get reused for other names (a sender of many files brings a
+    // new one with every file), so cached names go stale; a stale one only
+    // costs a table scan, and past a bound the cache starts afresh.
     if (im.src_cache.size() >= 2 * size_t(im.g.maxsrc)) im.src_cache.clear();
     im.src_cache[std::string(name)] = si;
     return si;
