@@ -76,6 +76,43 @@ TEST_F(Sharing, RequestsSentBeforeTheClientStopsSendingAreAllAnswered) {
     EXPECT_EQ(text.find("connection lost"), std::string::npos) << text;
 }
 
+// Large packets go out straight from the ring as far as the socket takes
+// them and the rest is queued; a reader that lags behind must still see every
+// byte in order, through a forbserver and through TCP.
+TEST_F(Sharing, LargePacketsReachALaggingReaderWhole) {
+    auto big = [](int i) {
+        std::string s(300000 + 70000 * i, '\0');
+        for (size_t k = 0; k < s.size(); k++) s[k] = char(k * 131 + i * 7 + k / 4099);
+        return s;
+    };
+    OrbServer::Options o;
+    o.ring = ring;
+    o.args = {"-s", "64M"};
+    OrbServer server(o);
+    ASSERT_TRUE(server.up()) << server.log();
+    WireClient tcp, forb_reader, writer;
+    ASSERT_TRUE(tcp.connect_tcp(server.name()));
+    ASSERT_EQ(tcp.open('r'), 0);
+    ASSERT_TRUE(forb(forb_reader));
+    ASSERT_EQ(forb_reader.open('r'), 0);
+    ASSERT_TRUE(forb(writer));
+    ASSERT_EQ(writer.open('w'), 0);
+    ASSERT_TRUE(tcp.reap());
+    ASSERT_TRUE(forb_reader.reap());
+    constexpr int n = 12;
+    for (int i = 0; i < n; i++) ASSERT_TRUE(writer.put("L/x", i, big(i)));
+    ASSERT_EQ(writer.exchange(ORBPING), 0);
+    for (WireClient* c : {&tcp, &forb_reader}) {
+        for (int i = 0; i < n; i++) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            Pkt p;
+            ASSERT_EQ(c->next(&p), 0) << i;
+            EXPECT_EQ(p.time, i);
+            EXPECT_TRUE(p.data == big(i)) << "packet " << i << " differs";
+        }
+    }
+}
+
 TEST_F(Sharing, APacketTooLargeToSendIsPassedOverNotRetried) {
     // Only the ring itself takes a packet above what the protocol carries
     // (another writer of the file, or damage); a stream must not stick on it.

@@ -10,6 +10,7 @@
 #include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -36,6 +37,7 @@ constexpr int kOutHigh = 256 * 1024;     // stop pushing packets above this much
 constexpr int kOutStopReading = 4 << 20; // stop reading requests above this much
 constexpr int kGarbageLimit = 1024;      // bytes skipped in a row before a client is dropped
 constexpr int kInBuffer = 16384;      // initial stream buffers; they grow as needed
+constexpr size_t kDirectSend = 64 * 1024;  // packets from this size go out straight from the ring
 
 double monotonic() {
     timespec ts;
@@ -426,10 +428,12 @@ struct Frontend::Impl {
     }
 
     // Encodes one packet as a response with code; false (nothing encoded) when
-    // the packet left the ring meanwhile or cannot be encoded.
+    // the packet left the ring meanwhile or cannot be encoded. A large packet
+    // for a client with nothing pending is written straight from the ring, and
+    // only what the socket did not take is copied to the output.
     bool encode_packet(Client& c, int code, uint64_t seq, int maxbytes, ring::Entry* e) {
         const char* data = nullptr;
-        if (!ring->view(seq, e, &data)) return false;
+        if (c.dead || !ring->view(seq, e, &data)) return false;
         size_t n = e->size;
         if (maxbytes >= 0 && size_t(maxbytes) < n) n = size_t(maxbytes);
         Orbresponse* r = start(c, code);
@@ -441,16 +445,20 @@ struct Frontend::Impl {
         p->packet = const_cast<char*>(data);
         p->packetsize = int(n);
         p->sZpacket = int(n);
-        int mark = c.out->lp;
-        int bad = put_response(c);
+        Bns* o = c.out;
+        int mark = o->lp;
+        bool direct = n >= kDirectSend && c.pending() == 0;
+        int bad = buf2bns(o, "orbm", 4);
+        bad |= direct ? pbnsOrbresponseHead(o, r) : pbnsOrbresponse(o, r);
         p->packet = nullptr;
         p->sZpacket = 0;
         if (bad || !ring->still_valid(seq)) {
-            c.out->lp = mark;
+            o->lp = mark;
             if (bad) elog_complain(0, "can't encode packet #%d (%u bytes) for %s:%d\n", e->pktid,
                                    e->size, c.host.c_str(), c.port);
             return false;
         }
+        if (direct && !send_direct(c, seq, data, n)) return false;
         if (c.counters) {
             c.counters->read += uint32_t(n);
             c.counters->bytes += uint32_t(n);
@@ -458,6 +466,33 @@ struct Frontend::Impl {
             c.counters->nreads++;
             c.counters->lastpkt = e->time;
         }
+        return true;
+    }
+
+    // Writes the encoded head in the output and then n bytes at data, as far
+    // as the socket takes them now; the rest of the body joins the output.
+    // Body bytes already sent from a packet that was overwritten meanwhile
+    // cannot be taken back, so that client is dropped.
+    bool send_direct(Client& c, uint64_t seq, const char* data, size_t n) {
+        Bns* o = c.out;
+        size_t head = size_t(o->lp - o->fp);
+        iovec iov[2] = {{o->data + o->fp, head}, {const_cast<char*>(data), n}};
+        ssize_t w;
+        do w = writev(c.out_fd, iov, 2);
+        while (w < 0 && errno == EINTR);
+        if (w < 0) w = 0;  // a broken connection shows at the next flush
+        size_t body = size_t(w) > head ? size_t(w) - head : 0;
+        if (!ring->still_valid(seq)) {
+            if (w == 0) {
+                o->lp = o->fp;
+                return false;
+            }
+            drop(c, "its packet was overwritten while being sent");
+            return false;
+        }
+        o->fp += int(size_t(w) - body);
+        o->nbytes += w;
+        if (body < n) buf2bns(o, data + body, int(n - body));
         return true;
     }
 
@@ -633,7 +668,7 @@ struct Frontend::Impl {
     bool push(Client& c) {
         if (c.dead || c.stream == Stream::none) return false;
         ring::Entry e;
-        while (c.pending() < kOutHigh) {
+        while (!c.dead && c.pending() < kOutHigh) {
             // Packets the patterns skipped are not looked at twice.
             uint64_t from = std::max(first_candidate(c), c.scan_from);
             auto s = next_selected(c, from, &e, &c.scan_from);
@@ -782,7 +817,7 @@ struct Frontend::Impl {
         }
         ring::Entry e;
         std::string why;
-        for (int tries = 0; tries < 8; tries++) {
+        for (int tries = 0; tries < 8 && !c.dead; tries++) {
             auto s = locate(c, code, &e, why);
             if (!s) break;
             if (encode_packet(c, ORBGET, *s, -1, &e)) {
@@ -791,7 +826,7 @@ struct Frontend::Impl {
             }
             why = "packet left the ring";
         }
-        send_error(c, ORBGET, why);
+        if (!c.dead) send_error(c, ORBGET, why);
     }
 
     void handle_seek(Client& c, Orbrequest* q) {
@@ -1269,13 +1304,14 @@ struct Frontend::Impl {
                 }
             }
             in->mark = in->fp;
-            int r = gbnsOrbrequest(in, c.req);
+            int r = gbnsOrbrequestLent(in, c.req);
             if (r == 0) {
                 in->mark = -1;
                 c.synced = false;
                 c.garbage = 0;
                 c.partial_since = 0;
                 handle(c, c.req);
+                if (c.req->pkg) c.req->pkg->packet = nullptr;  // lent from the input buffer
                 continue;
             }
             if (in->eof || in->err) {

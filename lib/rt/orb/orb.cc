@@ -479,6 +479,7 @@ int orbclose(int orb) {
 // Reads responses until one answers the request (stale reap pushes are dropped).
 static int read_response(Orbfile* of, Orbrequest* request, Orbresponse* response) {
     Bns* in = of->in;
+    in->direct = !of->dump;  // the exchange log shows whole messages from the buffer
     for (;;) {
         set_blocking(of, false);
         in->mark = in->fp;

@@ -239,7 +239,8 @@ void freeOrbfile(Orbfile* f) {
 
 // ---- Pktpkg ----
 
-int pbnsPktpkg(Bns* b, int code, Pktpkg* p) {
+// body false: everything but the packet bytes, which the caller sends itself.
+static int put_pkg(Bns* b, int code, Pktpkg* p, bool body) {
     int r = put_i(b, p->pktid);
     bool size_ok = p->packetsize >= 0 && (p->packetsize == 0 || p->packet);
     if (short_form(code)) {
@@ -257,11 +258,15 @@ int pbnsPktpkg(Bns* b, int code, Pktpkg* p) {
     r |= put_d(b, p->time);
     if (p->srcnamesize > ORB_SRCNAME_SIZE) r |= -1;
     else r |= put_b(b, p->srcname, p->srcnamesize);
-    if (size_ok) r |= put_b(b, p->packet, p->packetsize);
+    if (size_ok && body) r |= put_b(b, p->packet, p->packetsize);
     return r;
 }
 
-int gbnsPktpkg(Bns* b, int code, Pktpkg* p) {
+int pbnsPktpkg(Bns* b, int code, Pktpkg* p) { return put_pkg(b, code, p, true); }
+
+// lend true: the packet bytes are left in the stream's buffer and p->packet
+// points at them (p then owns no buffer).
+static int get_pkg(Bns* b, int code, Pktpkg* p, bool lend) {
     if (get_i(b, &p->pktid)) return -1;
     int size;
     if (short_form(code)) {
@@ -281,12 +286,22 @@ int gbnsPktpkg(Bns* b, int code, Pktpkg* p) {
     // bytes of a refused size stay in the stream.
     if (size < 0 || size > Orb_max_data_bytes) return -1;
     p->packetsize = size;
+    if (lend) {
+        const char* bytes = bnsview(b, size);
+        if (!bytes) return -1;
+        if (p->sZpacket > 0) free(p->packet);
+        p->packet = const_cast<char*>(bytes);
+        p->sZpacket = 0;
+        return 0;
+    }
     if (p->sZpacket < size) {
         p->packet = static_cast<char*>(grow(p->packet, size, __LINE__, "s->packet"));
         p->sZpacket = size;
     }
     return get_b(b, p->packet, size);
 }
+
+int gbnsPktpkg(Bns* b, int code, Pktpkg* p) { return get_pkg(b, code, p, false); }
 
 // ---- Orbsrc ----
 
@@ -514,11 +529,11 @@ static int get_request_pattern(Bns* b, int* n, char** text, int* sz, const char*
     return 0;
 }
 
-int gbnsOrbrequest(Bns* b, Orbrequest* q) {
+static int get_request(Bns* b, Orbrequest* q, bool lend) {
     if (get_i(b, &q->what)) return -1;
     switch (q->what) {
         case ORBPUT: case ORBPUTL: case ORBPUTX: case ORBPUTXL:
-            return gbnsPktpkg(b, q->what, request_pkg(q));
+            return get_pkg(b, q->what, request_pkg(q), lend);
         case ORBGET: case ORBSEEK:
             return get_i(b, &q->pktcode);
         case ORBREAP: case ORBREAPL:
@@ -546,9 +561,12 @@ int gbnsOrbrequest(Bns* b, Orbrequest* q) {
     }
 }
 
+int gbnsOrbrequest(Bns* b, Orbrequest* q) { return get_request(b, q, false); }
+int gbnsOrbrequestLent(Bns* b, Orbrequest* q) { return get_request(b, q, true); }
+
 // ---- Orbresponse ----
 
-int pbnsOrbresponse(Bns* b, Orbresponse* s) {
+static int put_response(Bns* b, Orbresponse* s, bool body) {
     if (s->pkg && s->pkg->packetsize > 0xFFFF) {
         if (s->what == ORBREAP) s->what = ORBREAPL;
         else if (s->what == ORBGET) s->what = ORBGETL;
@@ -564,7 +582,7 @@ int pbnsOrbresponse(Bns* b, Orbresponse* s) {
     switch (s->what) {
         case ORBGET: case ORBREAP: case ORBGETL: case ORBREAPL: case ORBGETSTASH:
             if (!s->pkg) return r | -1;
-            r |= pbnsPktpkg(b, s->what, s->pkg);
+            r |= put_pkg(b, s->what, s->pkg, body);
             break;
         case ORBSTAT: r |= pbnsOrbstat(b, &s->orbstat); break;
         case ORBCLIENTS:
@@ -602,6 +620,9 @@ int pbnsOrbresponse(Bns* b, Orbresponse* s) {
     }
     return r;
 }
+
+int pbnsOrbresponse(Bns* b, Orbresponse* s) { return put_response(b, s, true); }
+int pbnsOrbresponseHead(Bns* b, Orbresponse* s) { return put_response(b, s, false); }
 
 // Decodes count records into an array that grows as records actually arrive,
 // so a hostile count costs no more memory than the bytes sent for it.

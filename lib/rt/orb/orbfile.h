@@ -240,6 +240,9 @@ int pbnsOrbOpenString(Bns* bns, OrbOpenString* o);
 int pbnsOrbstat(Bns* bns, Orbstat* s);
 int pbnsOrbrequest(Bns* bns, Orbrequest* r);   // may promote r->what to its long form
 int pbnsOrbresponse(Bns* bns, Orbresponse* r); // may promote r->what to its long form
+// As pbnsOrbresponse but without the packet bytes of a packet response: the
+// caller sends exactly r->pkg->packetsize bytes of its own right behind.
+int pbnsOrbresponseHead(Bns* bns, Orbresponse* r);
 
 // Decoders.
 int gbnsPktpkg(Bns* bns, int code, Pktpkg* pkg);
@@ -248,6 +251,11 @@ int gbnsOrbclient(Bns* bns, Orbclient* c);
 int gbnsOrbOpenString(Bns* bns, OrbOpenString* o);
 int gbnsOrbstat(Bns* bns, Orbstat* s);
 int gbnsOrbrequest(Bns* bns, Orbrequest* r);
+// As gbnsOrbrequest, but a put's packet bytes are not copied: r->pkg->packet
+// points into the stream's buffer (valid until the stream is next read) and
+// r->pkg owns no buffer. The caller nulls r->pkg->packet before anything else
+// decodes into or frees the record.
+int gbnsOrbrequestLent(Bns* bns, Orbrequest* r);
 int gbnsOrbresponse(Bns* bns, Orbresponse* r);
 
 // Printers: one line per field, "\t<Record>-><field> = <value> # <comment>\n".

@@ -78,6 +78,29 @@ static void trace(Bns* bns, const char* dir, const char* p, ssize_t n) {
     errno = e;
 }
 
+// Drops the bytes before the first one still wanted (the oldest kept
+// message, else the first unflushed byte).
+static void compact(Bns* bns) {
+    int m = bns->mark >= 0 ? bns->mark : bns->fp;
+    if (m <= 0) return;
+    memmove(bns->data, bns->data + m, bns->lp - m);
+    if (bns->marktbl)
+        for (int& off : *bns->marktbl) off -= m;
+    if (bns->mark >= 0) bns->mark -= m;
+    bns->fp -= m;
+    bns->lp -= m;
+}
+
+// Room for n more bytes at the end. Kept messages are moved down only once
+// the space they free is at least what they fill, so that a stream keeping
+// its last large messages moves each byte about once, not at every flush.
+static void make_room(Bns* bns, int n) {
+    int m = bns->mark >= 0 ? bns->mark : bns->fp;
+    int live = bns->lp - m;
+    if (m > 0 && m >= live && n <= bns->sz - live) compact(bns);
+    if (n > bns->sz - bns->lp) bnsresize(bns, n - (bns->sz - bns->lp));
+}
+
 int bnsput(Bns* bns, const void* address, int type, int count) {
     if (type < 0 || type > 5) {
         elog_log(0, "unrecognized type %d\n", type);
@@ -85,7 +108,7 @@ int bnsput(Bns* bns, const void* address, int type, int count) {
     }
     long size = (long)count * Widths[type];
     if (count < 0 || size > INT_MAX / 2) return -1;
-    if (size > bns->sz - bns->lp) bnsresize(bns, (int)(size - (bns->sz - bns->lp)));
+    if (size > bns->sz - bns->lp) make_room(bns, (int)size);
     unsigned char* cursor = reinterpret_cast<unsigned char*>(bns->data + bns->lp);
     switch (type) {
         case BNS_BYTES: if (size) memcpy(cursor, address, size); break;
@@ -139,15 +162,6 @@ int bnsflush(Bns* bns) {
         }
     }
     bns->fp += n;
-    if (bns->mark > 0) {
-        int m = bns->mark;
-        memmove(bns->data, bns->data + m, bns->lp - m);
-        if (bns->marktbl)
-            for (int& off : *bns->marktbl) off -= m;
-        bns->fp -= m;
-        bns->lp -= m;
-        bns->mark = 0;
-    }
     return 0;
 }
 
@@ -190,6 +204,41 @@ int bnswait(Bns* bns) {
     return -1;
 }
 
+// One wait and one read of at most n bytes into dst: the count read, 0 when
+// the time-out expired, -1 on error or end of file (recorded in the stream).
+static int read_some(Bns* bns, char* dst, int n) {
+    int w = bnswait(bns);
+    if (w < 1) {
+        if (w == 0 && OrbVerbose && bns->timeout >= 1)
+            elog_debug(0, "%d msec timeout on read from fd #%d\n", bns->timeout, bns->fd);
+        return w;
+    }
+    ssize_t r;
+    do {
+        bns->nsys++;
+        r = bns->read_routine(bns->fd, dst, n, bns->flags);
+        trace(bns, "<", dst, r);
+    } while (r < 0 && errno == EINTR);
+    if (r < 0) {
+        bns->eof = 0;
+        bns->err++;
+        bns->syserrno = errno;
+        if (OrbVerbose) {
+            elog_debug(0, "bns->read_routine returned %d on fd #%d\n", (int)r, bns->fd);
+            bnsdump(stderr, bns);
+        }
+        return -1;
+    }
+    if (r == 0) {
+        bns->eof = 1;
+        if (OrbVerbose) elog_debug(0, "bns->read_routine returned eof on fd #%d\n", bns->fd);
+        return -1;
+    }
+    bns->eof = 0;
+    bns->nbytes += r;
+    return (int)r;
+}
+
 int bnsmore(Bns* bns, int need) {
     if (bns->mark == -1) {
         if (bns->fp > 0) {
@@ -209,37 +258,42 @@ int bnsmore(Bns* bns, int need) {
     int room = bns->sz - bns->lp;
     if (need > room) bnsresize(bns, 2 * (need - room));
 
-    int w = bnswait(bns);
-    if (w < 1) {
-        if (w == 0 && OrbVerbose && bns->timeout >= 1)
-            elog_debug(0, "%d msec timeout on read from fd #%d\n", bns->timeout, bns->fd);
-        return w;
-    }
-    ssize_t r;
-    do {
-        bns->nsys++;
-        r = bns->read_routine(bns->fd, bns->data + bns->lp, bns->sz - bns->lp, bns->flags);
-        trace(bns, "<", bns->data + bns->lp, r);
-    } while (r < 0 && errno == EINTR);
-    if (r < 0) {
-        bns->eof = 0;
-        bns->err++;
-        bns->syserrno = errno;
-        if (OrbVerbose) {
-            elog_debug(0, "bns->read_routine returned %d on fd #%d\n", (int)r, bns->fd);
-            bnsdump(stderr, bns);
+    int r = read_some(bns, bns->data + bns->lp, bns->sz - bns->lp);
+    if (r > 0) bns->lp += r;
+    return r > 0 ? 1 : r;
+}
+
+// Reads until n bytes are buffered; false when the input fails first.
+static bool buffered(Bns* bns, int n) {
+    while (bns->lp - bns->fp < n)
+        if (bnsmore(bns, n - (bns->lp - bns->fp)) < 1) return false;
+    return true;
+}
+
+// Large byte runs skip the buffer: what it holds is copied out and the rest
+// read straight into the destination. Should the input fail part way, the
+// bytes already read go back into the buffer, so the get consumes nothing.
+static const int Direct_read = 64 * 1024;
+
+static int get_direct(Bns* bns, char* dst, int size) {
+    int have = bns->lp - bns->fp;
+    memcpy(dst, bns->data + bns->fp, have);
+    int got = have;
+    while (got < size) {
+        int r = read_some(bns, dst + got, size - got);
+        if (r < 1) {
+            int extra = got - have;
+            if (extra > bns->sz - bns->lp) bnsresize(bns, extra - (bns->sz - bns->lp));
+            memcpy(bns->data + bns->lp, dst + have, extra);
+            bns->lp += extra;
+            return -1;
         }
-        return -1;
+        got += r;
     }
-    if (r == 0) {
-        bns->eof = 1;
-        if (OrbVerbose) elog_debug(0, "bns->read_routine returned eof on fd #%d\n", bns->fd);
-        return -1;
-    }
-    bns->eof = 0;
-    bns->lp += (int)r;
-    bns->nbytes += r;
-    return w;
+    bns->fp = bns->lp;
+    if (bns->mark == -1) bns->fp = bns->lp = 0;
+    bns->incount += size;
+    return 0;
 }
 
 int bnsget(Bns* bns, void* address, int type, int count) {
@@ -249,9 +303,9 @@ int bnsget(Bns* bns, void* address, int type, int count) {
     }
     long size = (long)count * Widths[type];
     if (count < 0 || size > INT_MAX / 2) return -1;
-    while (bns->lp - bns->fp < size)
-        if (bnsmore(bns, (int)(size - (bns->lp - bns->fp))) < 1) break;
-    if (bns->lp - bns->fp < size) return -1;
+    if (type == BNS_BYTES && bns->direct && size - (bns->lp - bns->fp) >= Direct_read)
+        return get_direct(bns, static_cast<char*>(address), (int)size);
+    if (!buffered(bns, (int)size)) return -1;
     unsigned char* cursor = reinterpret_cast<unsigned char*>(bns->data + bns->fp);
     switch (type) {
         case BNS_BYTES: if (size) memcpy(address, cursor, size); break;
@@ -264,6 +318,14 @@ int bnsget(Bns* bns, void* address, int type, int count) {
     bns->fp += (int)size;
     bns->incount += size;
     return 0;
+}
+
+const char* bnsview(Bns* bns, int n) {
+    if (n < 0 || !buffered(bns, n)) return nullptr;
+    const char* p = bns->data + bns->fp;
+    bns->fp += n;
+    bns->incount += n;
+    return p;
 }
 
 int bnsgetc(Bns* bns, char* buffer, int max, int terminator) {

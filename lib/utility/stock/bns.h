@@ -3,7 +3,10 @@
 // Puts append typed values to the buffer most significant byte first and never
 // touch the descriptor; bnsflush writes everything unflushed in one write call.
 // Gets take typed values out, reading (with a poll time-out) as much as the
-// buffer has room for whenever too few bytes are buffered.  A get that cannot
+// buffer has room for whenever too few bytes are buffered.  With `direct` set,
+// a run of 64 KiB or more bytes still to come is read straight into the
+// destination instead (a stream read in small non-blocking steps leaves it
+// off: each failed attempt would copy the bytes back).  A get that cannot
 // complete consumes nothing, so a value that arrives in pieces is never lost.
 //
 // Results: 0 success, -1 failure.  After a failed get, eof == 1 means the peer
@@ -51,6 +54,7 @@ struct Bns {
 
     int flags = 0;    // fourth argument of read_routine/write_routine
     int timeout = 0;  // poll time-out for reads, milliseconds (negative: wait for ever)
+    int direct = 0;   // 1: large byte gets may read straight into the destination
 
     long nbytes = 0;  // bytes moved through the descriptor
     long nsys = 0;    // read/write system calls
@@ -83,6 +87,10 @@ int bnsget(Bns* bns, void* address, int type, int count);  // 0, or -1 consuming
 // the count copied, or -1 when the input fails first (then everything buffered is
 // consumed and up to max bytes of it copied).
 int bnsgetc(Bns* bns, char* buffer, int max, int terminator);
+// Takes n bytes without copying them: a pointer to them inside the buffer,
+// valid until the stream is next read, or null (consuming nothing) when they
+// cannot all be read.
+const char* bnsview(Bns* bns, int n);
 int bns2buf(Bns* bns, void* buffer, int max);  // hands out up to max bytes, empties the buffer
 int bnswait(Bns* bns);                          // 1 ready, 0 time-out, -1 error
 int bnsmore(Bns* bns, int need);                // one read: >0 ok, 0 time-out, -1 error or eof
