@@ -93,11 +93,12 @@ struct Range {
 std::deque<Range>& Queued = *new std::deque<Range>;
 size_t Queued_bytes = 0;
 
-void queue_behind(int fd, size_t off, size_t len) {
-    if (len == 0) return;
-    sync_file_range(fd, static_cast<off_t>(off), static_cast<off_t>(len), SYNC_FILE_RANGE_WRITE);
-    int own = fcntl(fd, F_DUPFD_CLOEXEC, 0);
-    if (own < 0) return;  // then those pages just stay cached
+std::mutex Queued_mutex;  // main and writer threads may both queue
+
+// Takes over own, a duplicate of the file's descriptor.
+void queue_behind(int own, size_t off, size_t len) {
+    std::lock_guard<std::mutex> lock(Queued_mutex);
+    sync_file_range(own, static_cast<off_t>(off), static_cast<off_t>(len), SYNC_FILE_RANGE_WRITE);
     Queued.push_back({own, static_cast<off_t>(off), len});
     Queued_bytes += len;
     while (Queued_bytes > Behind || Queued.size() > Max_queued) {
@@ -111,14 +112,22 @@ void queue_behind(int fd, size_t off, size_t len) {
     }
 }
 
+Worker& writer();
+
 // Queues what the track has written since it last did; a file still being
-// written only whole chunks at a time. False when flushing the stream
-// failed: its buffered bytes are lost then, and with them the file.
+// written only whole chunks at a time. A file's last range is queued by the
+// writer thread: starting its writeback costs the main thread as much as a
+// small file's data. False when flushing the stream failed: its buffered
+// bytes are lost then, and with them the file.
 bool write_behind(Track* t, bool ending) {
     if (!ending && t->totbytes - t->behind < Chunk) return true;
     if (fflush(t->file) != 0) return false;
-    queue_behind(fileno(t->file), t->behind, t->totbytes - t->behind);
+    size_t off = t->behind, len = t->totbytes - t->behind;
     t->behind = t->totbytes;
+    int own = len ? fcntl(fileno(t->file), F_DUPFD_CLOEXEC, 0) : -1;
+    if (own < 0) return true;  // then those pages just stay cached
+    if (ending) writer().start([own, off, len] { queue_behind(own, off, len); });
+    else queue_behind(own, off, len);
     return true;
 }
 
