@@ -218,7 +218,13 @@ void copy_text(char (&dst)[N], const char* src) {
 }
 
 bool name_is(const char (&field)[kNameBytes], std::string_view s) {
-    return s.size() < kNameBytes && std::memcmp(field, s.data(), s.size()) == 0 && field[s.size()] == 0;
+    size_t n = s.size();
+    if (n >= kNameBytes || field[n] != 0) return false;
+    // Names from one sender share long prefixes and differ at the end (a
+    // transfer tag per file): look there first, as a new name is compared
+    // with every entry of the source table.
+    if (n > 0 && field[n - 1] != s[n - 1]) return false;
+    return std::memcmp(field, s.data(), n) == 0;
 }
 
 void init_mutex(pthread_mutex_t* m) {
