@@ -165,6 +165,29 @@ TEST(PktXfer, DataPacketKeepsBinaryKeyAndData) {
     freePkt(got);
 }
 
+// In place, the data is the packet's own bytes; a record may switch between
+// in-place and copying unpacks and is freed without touching the packet.
+TEST(PktXfer, InPlaceDataPointsIntoThePacket) {
+    Stuffed s = dataPacket();
+    Packet* got = nullptr;
+    for (int round = 0; round < 2; round++) {
+        ASSERT_EQ(unstuffPktInPlace(s.srcname, 0, s.body.data(), int(s.body.size()), &got), PKT_XFER_TYPE);
+        ASSERT_EQ(got->dfile_size, 11);
+        EXPECT_EQ(got->dfile, s.body.data() + s.body.size() - 11);
+        EXPECT_EQ(got->string_size, 7);
+        ASSERT_EQ(unstuffPkt(s.srcname, 0, s.body.data(), int(s.body.size()), &got), PKT_XFER_TYPE);
+        EXPECT_NE(got->dfile, s.body.data() + s.body.size() - 11);
+        EXPECT_EQ(memcmp(got->dfile, "some\0bytes\n", 12), 0);
+    }
+    ASSERT_EQ(unstuffPktInPlace(s.srcname, 0, s.body.data(), int(s.body.size()), &got), PKT_XFER_TYPE);
+    std::vector<char> before = s.body;
+    freePkt(got);
+    EXPECT_EQ(s.body, before);
+    got = nullptr;
+    EXPECT_EQ(unstuffPktInPlace(s.srcname, 0, s.body.data(), int(s.body.size()) - 1, &got), -1);
+    freePkt(got);
+}
+
 TEST(PktXfer, FinalPacketWithFailureSequenceAndNoData) {
     Packet* pkt = xferPkt("", "1/e");
     char digest[] = "d41d8cd98f00b204e9800998ecf8427e";

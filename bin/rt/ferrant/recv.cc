@@ -433,7 +433,13 @@ private:
                 s = &slots_[head_ % Depth];
             }
             s->failed = orbreap(orb_, &s->pktid, s->srcname, &s->time, &s->packet, &s->nbytes, &s->bufsize) != 0;
-            if (!s->failed) s->kind = unstuffPkt(s->srcname, s->time, s->packet, s->nbytes, &s->pkt);
+            if (!s->failed) {
+                // Data is used where it arrived; only the initial packet's,
+                // the file name, is wanted as a string.
+                s->kind = unstuffPktInPlace(s->srcname, s->time, s->packet, s->nbytes, &s->pkt);
+                if (s->kind == PKT_XFER_TYPE && s->pkt->string_size == 0)
+                    s->kind = unstuffPkt(s->srcname, s->time, s->packet, s->nbytes, &s->pkt);
+            }
             std::lock_guard<std::mutex> lock(mutex_);
             head_++;
             if (next_waits_) filled_.notify_one();

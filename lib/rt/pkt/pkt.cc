@@ -27,6 +27,7 @@ constexpr int FixedSize = 2 + 2 + 4 + 4 + 4 + 1 + 4;
 struct Buffers {
     size_t string_cap = 0;
     size_t dfile_cap = 0;
+    bool dfile_lent = false;  // dfile points into a caller's packet
 };
 
 [[noreturn]] void nomem(int line, size_t n, const char* what) { die_nomem(line, nomem_source(__FILE__), n, what); }
@@ -82,7 +83,7 @@ Packet* newPkt() {
 void freePkt(Packet* pkt) {
     if (pkt == nullptr) return;
     free(pkt->string);
-    free(pkt->dfile);
+    if (!(pkt->pkthook && pkt->pkthook->p && static_cast<Buffers*>(pkt->pkthook->p)->dfile_lent)) free(pkt->dfile);
     freetbl(pkt->channels, nullptr);
     free_hook(&pkt->pkthook);
     free(pkt);
@@ -185,7 +186,9 @@ int stuffPkt(Packet* pkt, char* srcname, double* time, char** packet, int* nbyte
     return 0;
 }
 
-int unstuffPkt(const char* srcname, double time, const char* packet, int nbytes, Packet** pktp) {
+namespace {
+
+int unstuff(const char* srcname, double time, const char* packet, int nbytes, Packet** pktp, bool copy) {
     if (*pktp == nullptr) *pktp = newPkt();
     Packet* pkt = *pktp;
     split_srcname(srcname, &pkt->parts);
@@ -220,11 +223,31 @@ int unstuffPkt(const char* srcname, double time, const char* packet, int nbytes,
         pkt->string = nullptr;
         buf->string_cap = 0;
     }
-    reserve(pkt->dfile, buf->dfile_cap, ndata + 1, "packet data");
-    memcpy(pkt->dfile, b + 21 + keylen, ndata);
-    pkt->dfile[ndata] = '\0';
+    const char* data = packet + 21 + keylen;
+    if (copy) {
+        if (buf->dfile_lent) pkt->dfile = nullptr;
+        buf->dfile_lent = false;
+        reserve(pkt->dfile, buf->dfile_cap, ndata + 1, "packet data");
+        memcpy(pkt->dfile, data, ndata);
+        pkt->dfile[ndata] = '\0';
+    } else {
+        if (!buf->dfile_lent) free(pkt->dfile);
+        buf->dfile_cap = 0;
+        buf->dfile_lent = true;
+        pkt->dfile = const_cast<char*>(data);
+    }
     pkt->dfile_size = static_cast<int>(ndata);
     return PKT_XFER_TYPE;
+}
+
+}  // namespace
+
+int unstuffPkt(const char* srcname, double time, const char* packet, int nbytes, Packet** pkt) {
+    return unstuff(srcname, time, packet, nbytes, pkt, true);
+}
+
+int unstuffPktInPlace(const char* srcname, double time, const char* packet, int nbytes, Packet** pkt) {
+    return unstuff(srcname, time, packet, nbytes, pkt, false);
 }
 
 void showPkt(int pktid, const char* srcname, double time, const char* packet, int nbytes, FILE* file,

@@ -95,6 +95,11 @@ int stuffPkt(Packet* pkt, char* srcname, double* time, char** packet, int* nbyte
 // a NUL (or is null when the body had no key).
 int unstuffPkt(const char* srcname, double time, const char* packet, int nbytes, Packet** pkt);
 
+// As unstuffPkt, but an xfer packet's data is not copied: `dfile` points at
+// it inside packet (no NUL behind it) and is valid as long as packet is. The
+// record does not own it: freePkt and later unpacks leave it alone.
+int unstuffPktInPlace(const char* srcname, double time, const char* packet, int nbytes, Packet** pkt);
+
 // Readable dump of a packet on file: one header line; from mode 1 the decoded
 // fields; from mode 5 also a hex dump of the data (at most 256 bytes).
 void showPkt(int pktid, const char* srcname, double time, const char* packet, int nbytes,
