@@ -134,16 +134,21 @@ bool write_behind(Track* t, bool ending) {
 // Below this a hand-over to the writer costs more than it saves.
 constexpr int Parallel_write = 256 << 10;
 
-// The one write in flight: the writer thread appends a data packet to its
-// interim file while the main thread digests the next packet. Its outcome
-// is settled before anything else touches that file or track.
+// Writes of consecutive data packets of one file queued at once: the
+// writer thread appends them to the interim file while the main thread
+// digests the packets after them. Each outcome is settled, oldest first,
+// before anything else touches that file or track.
+constexpr size_t In_flight = 4;
+
 struct Write {
-    Track* track = nullptr;
-    int seq = 0;
-    bool ok = true;
-    int error = 0;
+    Track* track;
+    int seq;
+    bool ok;
+    int error;
+    uint64_t ticket;
 };
-Write Pending;
+// Oldest first. Never destroyed: an exit may come while the writer runs.
+std::deque<Write>& Writes = *new std::deque<Write>;
 
 bool append(Track* t, const char* data, size_t n) {
     if (fwrite(data, 1, n, t->file) != n) return false;
@@ -152,40 +157,49 @@ bool append(Track* t, const char* data, size_t n) {
 }
 
 Worker& writer() {
-    static Worker* w = new Worker;  // never joined: it outlives every exit path
+    static Worker* w = new Worker(In_flight);  // never joined: it outlives every exit path
     return *w;
 }
 
-void settle_write() {
-    if (Pending.track == nullptr) return;
-    writer().wait();
-    Track* t = Pending.track;
-    Pending.track = nullptr;
-    if (!Pending.ok && !t->drop) {
-        errno = Pending.error;
-        elog_complain(1, "failed writing sequence #%d of %s", Pending.seq, t->filename);
-        t->drop = 1;
-        discard(t);
+void write_failed(Track* t, int seq, int error) {
+    if (t->drop) return;  // only the first failure of a file is told
+    errno = error;
+    elog_complain(1, "failed writing sequence #%d of %s", seq, t->filename);
+    t->drop = 1;
+    discard(t);
+}
+
+// Settles queued writes oldest first: waits until at most keep are left,
+// and takes in any further ones that are already done.
+void settle_writes(size_t keep) {
+    while (!Writes.empty()) {
+        if (Writes.size() <= keep && !writer().finished(Writes.front().ticket)) return;
+        writer().wait(Writes.front().ticket);
+        Write w = Writes.front();
+        Writes.pop_front();
+        if (!w.ok) write_failed(w.track, w.seq, w.error);
     }
 }
+
+void settle_write() { settle_writes(0); }
 
 // Appends a data packet to the track's interim file, in the background when
 // it is large; data must stay valid until the write is settled.
 void write_data(Track* t, int seq, const char* data, int ndata) {
-    settle_write();
-    if (t->drop) return;
     auto n = static_cast<size_t>(ndata);
-    Pending.track = t;
-    Pending.seq = seq;
     if (ndata < Parallel_write) {
-        Pending.ok = append(t, data, n);
-        Pending.error = errno;
         settle_write();
+        if (t->drop) return;
+        if (!append(t, data, n)) write_failed(t, seq, errno);
         return;
     }
-    writer().start([t, data, n] {
-        Pending.ok = append(t, data, n);
-        Pending.error = errno;
+    settle_writes(In_flight - 1);
+    if (t->drop) return;
+    Writes.push_back({t, seq, true, 0, 0});
+    Write* w = &Writes.back();  // stays put while later writes are queued behind it
+    w->ticket = writer().start([w, t, data, n] {
+        w->ok = append(t, data, n);
+        w->error = errno;
     });
 }
 
@@ -227,8 +241,9 @@ int save_packet(int pktid, double pkttime, char* srcname, int seq, int mode, cha
     if (Filetracks == nullptr) Filetracks = newarr();
     const unsigned char* key = digest ? reinterpret_cast<unsigned char*>(digest) : Nokey;
     auto* t = static_cast<Track*>(getarr(Filetracks, srcname));
-    // Only the next data packet of the file being written may overlap that write.
-    bool continues = t != nullptr && t == Pending.track && !t->drop && seq == t->seq + 1 && ndata > 0;
+    // Only the next data packet of the file being written may overlap its writes.
+    bool continues = t != nullptr && !Writes.empty() && Writes.back().track == t && !t->drop &&
+                     seq == t->seq + 1 && ndata > 0;
     if (!continues) settle_write();
 
     if (seq == 0) {
@@ -298,9 +313,9 @@ int save_packet(int pktid, double pkttime, char* srcname, int seq, int mode, cha
 
     t->seq = seq;
     if (ndata != 0) {
-        if (ndata > 0) addrvm(&t->rvm, data, static_cast<size_t>(ndata));  // alongside the previous write
-        settle_write();
-        if (t->drop) return 0;  // that write failed and gave the file up
+        if (ndata > 0) addrvm(&t->rvm, data, static_cast<size_t>(ndata));  // alongside the queued writes
+        settle_writes(In_flight - 1);
+        if (t->drop) return 0;  // one of them failed and gave the file up
         Rvm local = t->rvm;
         endrvm(&local);
         if (memcmp(local.digest, key, 16) != 0) {
@@ -398,9 +413,9 @@ public:
         Packet* pkt = nullptr;
     };
 
-    // The next packet in order, unpacked. It stays valid until the call
-    // after the following one: the background write of a packet's data
-    // overlaps the digest of the next.
+    // The next packet in order, unpacked. It stays valid for In_flight more
+    // calls: the background writes of a packet's data overlap the digests of
+    // the packets after it.
     Slot& next() {
         std::unique_lock<std::mutex> lock(mutex_);
         if (held_ == Held) {
@@ -417,7 +432,8 @@ public:
     }
 
 private:
-    static constexpr unsigned Depth = 8, Held = 2;
+    // The main thread holds the packet it works on and those still being written.
+    static constexpr unsigned Held = In_flight + 1, Depth = Held + 5;
 
     void reap() {
         background_thread();

@@ -1,13 +1,17 @@
-// One background thread that runs one job at a time, so that a digest can
-// proceed on the second core while the calling thread copies or writes.
-// start() hands over a job and returns at once; wait() returns when it is
-// done. One caller thread; start() first waits for the job before.
+// One background thread that runs jobs in the order they were handed over,
+// so that a digest can proceed on the second core while the calling thread
+// copies or writes. start() queues a job and returns at once, first waiting
+// while `capacity` jobs are still outstanding (with the default of one it
+// waits for the job before); each job has a ticket to wait for. One caller
+// thread.
 #pragma once
 
 #include <pthread.h>
 #include <sched.h>
 
 #include <condition_variable>
+#include <cstdint>
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -22,7 +26,7 @@ inline void background_thread() {
 
 class Worker {
 public:
-    Worker() : thread_([this] { loop(); }) {}
+    explicit Worker(uint64_t capacity = 1) : capacity_(capacity), thread_([this] { loop(); }) {}
     ~Worker() {
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -34,19 +38,32 @@ public:
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
 
-    void start(std::function<void()> job) {
-        wait();
+    uint64_t start(std::function<void()> job) {
+        uint64_t ticket;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
-            job_ = std::move(job);
-            busy_ = true;
+            std::unique_lock<std::mutex> lock(mutex_);
+            done_.wait(lock, [this] { return queued_ - finished_ < capacity_; });
+            jobs_.push_back(std::move(job));
+            ticket = ++queued_;
         }
         wake_.notify_all();
+        return ticket;
     }
 
+    bool finished(uint64_t ticket) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return finished_ >= ticket;
+    }
+
+    void wait(uint64_t ticket) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        done_.wait(lock, [this, ticket] { return finished_ >= ticket; });
+    }
+
+    // Until every job handed over so far is done.
     void wait() {
         std::unique_lock<std::mutex> lock(mutex_);
-        done_.wait(lock, [this] { return !busy_; });
+        done_.wait(lock, [this] { return finished_ == queued_; });
     }
 
 private:
@@ -54,21 +71,23 @@ private:
         background_thread();
         std::unique_lock<std::mutex> lock(mutex_);
         for (;;) {
-            wake_.wait(lock, [this] { return quit_ || (busy_ && job_); });
+            wake_.wait(lock, [this] { return quit_ || !jobs_.empty(); });
             if (quit_) return;
-            auto job = std::move(job_);
-            job_ = nullptr;
+            auto job = std::move(jobs_.front());
+            jobs_.pop_front();
             lock.unlock();
             job();
             lock.lock();
-            busy_ = false;
+            finished_++;
             done_.notify_all();
         }
     }
 
     std::mutex mutex_;
     std::condition_variable wake_, done_;
-    std::function<void()> job_;
-    bool busy_ = false, quit_ = false;
+    std::deque<std::function<void()>> jobs_;
+    uint64_t queued_ = 0, finished_ = 0;
+    const uint64_t capacity_;
+    bool quit_ = false;
     std::thread thread_;
 };
