@@ -123,10 +123,28 @@ double run_md5sum(const std::string& cmd) {
     return seconds_since(t);
 }
 
+// Polls the log for n occurrences of text, reading only what was appended
+// since the last look: the log of a many-file run grows to megabytes, and
+// rereading it would take CPU from the processes being measured.
 bool wait_for(const std::string& file, const std::string& text, size_t n, double limit) {
     auto t = Clock::now();
+    std::ifstream f;
+    std::string carry;  // a tail that may hold the start of text
+    size_t seen = 0;
+    std::vector<char> buf(1 << 16);
     while (seconds_since(t) < limit) {
-        if (count(slurp(file), text) >= n) return true;
+        std::string fresh;
+        if (!f.is_open()) f.open(file, std::ios::binary);  // the child may not have made it yet
+        f.clear();
+        while (f.read(buf.data(), std::streamsize(buf.size())) || f.gcount() > 0)
+            fresh.append(buf.data(), size_t(f.gcount()));
+        if (!fresh.empty()) {
+            std::string hay = carry + fresh;
+            seen += count(hay, text);
+            size_t keep = std::min(hay.size(), text.size() - 1);
+            carry = hay.substr(hay.size() - keep);
+        }
+        if (seen >= n) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return false;
