@@ -333,6 +333,31 @@ TEST(BnsKeep, ResendWritesExactlyTheLastMessages) {
     bnsfree(b);
 }
 
+// Callers undo a message they could not finish by restoring the end they
+// saved before putting it: a put must never move what is already buffered.
+TEST(BnsKeep, APutNeverMovesBufferedBytes) {
+    SocketPair sp;
+    Bns* b = bnsnew(sp.fd[0], 1000);
+    bnskeep(b, 2);
+    for (int i = 0; i < 3; i++) {
+        std::string m(300, char('a' + i));
+        buf2bns(b, m.data(), 300);
+        ASSERT_EQ(bnsflush(b), 0);
+    }
+    buf2bns(b, "pending", 7);
+    int end = b->lp;
+    std::string big(5000, 'B');
+    buf2bns(b, "orbmHEAD", 8);
+    buf2bns(b, big.data(), int(big.size()));
+    b->lp = end;
+    EXPECT_EQ(std::string(b->data + b->fp, size_t(b->lp - b->fp)), "pending");
+    ASSERT_EQ(bnsflush(b), 0);
+    sp.drain();
+    ASSERT_EQ(bnsresend(b), 0);
+    EXPECT_EQ(sp.drain(), std::string(300, 'c') + "pending");
+    bnsfree(b);
+}
+
 TEST(BnsKeep, NothingKeptNothingResent) {
     SocketPair sp;
     Bns* b = bnsnew(sp.fd[0], 64);

@@ -132,7 +132,7 @@ bool write_behind(Track* t, bool ending) {
 }
 
 // Below this a hand-over to the writer costs more than it saves.
-constexpr int Parallel_write = 256 << 10;
+constexpr int Parallel_write = 64 << 10;
 
 // Writes of consecutive data packets of one file queued at once: the
 // writer thread appends them to the interim file while the main thread
@@ -169,16 +169,19 @@ void write_failed(Track* t, int seq, int error) {
     discard(t);
 }
 
+// Waits for the oldest queued write and takes in its outcome.
+void settle_oldest() {
+    writer().wait(Writes.front().ticket);
+    Write w = Writes.front();
+    Writes.pop_front();
+    if (!w.ok) write_failed(w.track, w.seq, w.error);
+}
+
 // Settles queued writes oldest first: waits until at most keep are left,
 // and takes in any further ones that are already done.
 void settle_writes(size_t keep) {
-    while (!Writes.empty()) {
-        if (Writes.size() <= keep && !writer().finished(Writes.front().ticket)) return;
-        writer().wait(Writes.front().ticket);
-        Write w = Writes.front();
-        Writes.pop_front();
-        if (!w.ok) write_failed(w.track, w.seq, w.error);
-    }
+    while (!Writes.empty() && (Writes.size() > keep || writer().finished(Writes.front().ticket)))
+        settle_oldest();
 }
 
 void settle_write() { settle_writes(0); }
@@ -313,12 +316,25 @@ int save_packet(int pktid, double pkttime, char* srcname, int seq, int mode, cha
 
     t->seq = seq;
     if (ndata != 0) {
-        if (ndata > 0) addrvm(&t->rvm, data, static_cast<size_t>(ndata));  // alongside the queued writes
-        settle_writes(In_flight - 1);
-        if (t->drop) return 0;  // one of them failed and gave the file up
+        // Large data goes to the writer before it is digested, so that its
+        // write overlaps its own digest; should the key not match, the file
+        // is given up all the same, and only the mismatch is told.
+        bool ahead = ndata >= Parallel_write;
+        if (ahead) {
+            write_data(t, seq, data, ndata);
+            if (t->drop) return 0;  // an earlier write failed and gave the file up
+        }
+        if (ndata > 0) addrvm(&t->rvm, data, static_cast<size_t>(ndata));
+        if (!ahead) {
+            settle_write();
+            if (t->drop) return 0;
+        }
         Rvm local = t->rvm;
         endrvm(&local);
         if (memcmp(local.digest, key, 16) != 0) {
+            // A failed write of an earlier packet is what happened first.
+            while (Writes.size() > (ahead ? 1u : 0u)) settle_oldest();
+            if (t->drop) return 0;
             elog_complain(0, "digest mismatch at sequence #%d for file %s", seq, t->filename);
             fputs("locally computed:\n", stderr);
             hexdump(stderr, local.digest, 16);
@@ -330,7 +346,7 @@ int save_packet(int pktid, double pkttime, char* srcname, int seq, int mode, cha
             elog_complain(1, "failed writing sequence #%d of %s", seq, t->filename);
             t->drop = 1;
             discard(t);
-        } else {
+        } else if (!ahead) {
             write_data(t, seq, data, ndata);
         }
         return 0;

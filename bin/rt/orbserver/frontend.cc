@@ -367,6 +367,7 @@ struct Frontend::Impl {
     // Writes what the client's output holds without blocking. false when the
     // client has gone.
     bool flush_out(Client& c) {
+        if (c.dead) return false;
         Bns* o = c.out;
         while (o->lp > o->fp) {
             ssize_t n = write(c.out_fd, o->data + o->fp, size_t(o->lp - o->fp));
@@ -458,7 +459,7 @@ struct Frontend::Impl {
                                    e->size, c.host.c_str(), c.port);
             return false;
         }
-        if (direct && !send_direct(c, seq, data, n)) return false;
+        if (direct && !send_direct(c, seq, data, n, mark)) return false;
         if (c.counters) {
             c.counters->read += uint32_t(n);
             c.counters->bytes += uint32_t(n);
@@ -471,9 +472,11 @@ struct Frontend::Impl {
 
     // Writes the encoded head in the output and then n bytes at data, as far
     // as the socket takes them now; the rest of the body joins the output.
-    // Body bytes already sent from a packet that was overwritten meanwhile
-    // cannot be taken back, so that client is dropped.
-    bool send_direct(Client& c, uint64_t seq, const char* data, size_t n) {
+    // The ring entry must still be intact after that copy too. If it is not
+    // and nothing went out, the response is taken back (mark: where the
+    // output ended before it); bytes already sent cannot be, so that client
+    // is dropped.
+    bool send_direct(Client& c, uint64_t seq, const char* data, size_t n, int mark) {
         Bns* o = c.out;
         size_t head = size_t(o->lp - o->fp);
         iovec iov[2] = {{o->data + o->fp, head}, {const_cast<char*>(data), n}};
@@ -482,18 +485,16 @@ struct Frontend::Impl {
         while (w < 0 && errno == EINTR);
         if (w < 0) w = 0;  // a broken connection shows at the next flush
         size_t body = size_t(w) > head ? size_t(w) - head : 0;
-        if (!ring->still_valid(seq)) {
-            if (w == 0) {
-                o->lp = o->fp;
-                return false;
-            }
-            drop(c, "its packet was overwritten while being sent");
-            return false;
-        }
         o->fp += int(size_t(w) - body);
         o->nbytes += w;
         if (body < n) buf2bns(o, data + body, int(n - body));
-        return true;
+        if (ring->still_valid(seq)) return true;
+        if (w == 0) {
+            o->lp = mark;
+            return false;
+        }
+        drop(c, "its packet was overwritten while being sent");
+        return false;
     }
 
     void encode_end(Client& c) {

@@ -78,29 +78,6 @@ static void trace(Bns* bns, const char* dir, const char* p, ssize_t n) {
     errno = e;
 }
 
-// Drops the bytes before the first one still wanted (the oldest kept
-// message, else the first unflushed byte).
-static void compact(Bns* bns) {
-    int m = bns->mark >= 0 ? bns->mark : bns->fp;
-    if (m <= 0) return;
-    memmove(bns->data, bns->data + m, bns->lp - m);
-    if (bns->marktbl)
-        for (int& off : *bns->marktbl) off -= m;
-    if (bns->mark >= 0) bns->mark -= m;
-    bns->fp -= m;
-    bns->lp -= m;
-}
-
-// Room for n more bytes at the end. Kept messages are moved down only once
-// the space they free is at least what they fill, so that a stream keeping
-// its last large messages moves each byte about once, not at every flush.
-static void make_room(Bns* bns, int n) {
-    int m = bns->mark >= 0 ? bns->mark : bns->fp;
-    int live = bns->lp - m;
-    if (m > 0 && m >= live && n <= bns->sz - live) compact(bns);
-    if (n > bns->sz - bns->lp) bnsresize(bns, n - (bns->sz - bns->lp));
-}
-
 int bnsput(Bns* bns, const void* address, int type, int count) {
     if (type < 0 || type > 5) {
         elog_log(0, "unrecognized type %d\n", type);
@@ -108,7 +85,7 @@ int bnsput(Bns* bns, const void* address, int type, int count) {
     }
     long size = (long)count * Widths[type];
     if (count < 0 || size > INT_MAX / 2) return -1;
-    if (size > bns->sz - bns->lp) make_room(bns, (int)size);
+    if (size > bns->sz - bns->lp) bnsresize(bns, (int)(size - (bns->sz - bns->lp)));
     unsigned char* cursor = reinterpret_cast<unsigned char*>(bns->data + bns->lp);
     switch (type) {
         case BNS_BYTES: if (size) memcpy(cursor, address, size); break;
@@ -162,6 +139,19 @@ int bnsflush(Bns* bns) {
         }
     }
     bns->fp += n;
+    // Kept messages move down only once the space before them is at least
+    // what they fill, so that a stream keeping its last large messages moves
+    // each byte about once, not at every flush. Only here, between messages:
+    // a caller may hold an offset into the message it is putting.
+    int m = bns->mark;
+    if (m > 0 && m >= bns->lp - m) {
+        memmove(bns->data, bns->data + m, bns->lp - m);
+        if (bns->marktbl)
+            for (int& off : *bns->marktbl) off -= m;
+        bns->fp -= m;
+        bns->lp -= m;
+        bns->mark = 0;
+    }
     return 0;
 }
 
@@ -303,7 +293,10 @@ int bnsget(Bns* bns, void* address, int type, int count) {
     }
     long size = (long)count * Widths[type];
     if (count < 0 || size > INT_MAX / 2) return -1;
-    if (type == BNS_BYTES && bns->direct && size - (bns->lp - bns->fp) >= Direct_read)
+    // Once an attempt has put a large part back, the rest collects in the
+    // buffer: repeated attempts would copy it out and back each time.
+    int have = bns->lp - bns->fp;
+    if (type == BNS_BYTES && bns->direct && size - have >= Direct_read && have < Direct_read)
         return get_direct(bns, static_cast<char*>(address), (int)size);
     if (!buffered(bns, (int)size)) return -1;
     unsigned char* cursor = reinterpret_cast<unsigned char*>(bns->data + bns->fp);
