@@ -132,7 +132,7 @@ bool write_behind(Track* t, bool ending) {
 }
 
 // Below this a hand-over to the writer costs more than it saves.
-constexpr int Parallel_write = 64 << 10;
+constexpr int Parallel_write = 256 << 10;
 
 // Writes of consecutive data packets of one file queued at once: the
 // writer thread appends them to the interim file while the main thread
