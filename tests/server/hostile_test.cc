@@ -5,7 +5,10 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 
+#include <chrono>
+#include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/orbserver.h"
@@ -117,6 +120,37 @@ TEST_F(Hostile, TruncatedRequestsAndEarlyCloses) {
     ASSERT_EQ(r.open('r'), 0);
     ASSERT_EQ(r.exchange(ORBSOURCES), 0);
     EXPECT_EQ(r.resp()->nsource, 1);  // only the good client's G/x
+}
+
+// A large put whose bytes trickle in is taken from the input buffer only
+// once it is all there; the same connection then goes on being served.
+TEST_F(Hostile, APutArrivingInPiecesIsStoredWhole) {
+    WireClient w;
+    ASSERT_TRUE(w.connect_tcp(server->name()));
+    ASSERT_EQ(w.open('w'), 0);
+    std::string data(300000, '\0');
+    for (size_t i = 0; i < data.size(); i++) data[i] = char(i * 31 + i / 977);
+    std::string src = "P/pieces";
+    double when = 42.5;
+    uint64_t bits;
+    std::memcpy(&bits, &when, 8);
+    std::string time_be = be32(int32_t(bits >> 32)) + be32(int32_t(bits & 0xffffffffu));
+    std::string msg = "orbm" + be32(ORBPUTL) + be32(-1) + be32(int32_t(data.size())) +
+                      std::string{0, char(src.size())} + time_be + src + data;
+    for (size_t at = 0; at < msg.size(); at += 70001) {
+        w.raw(msg.substr(at, 70001));
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    }
+    ASSERT_EQ(w.exchange(ORBPING), 0);
+    Pkt p;
+    WireClient r;
+    ASSERT_TRUE(r.connect_tcp(server->name()));
+    ASSERT_EQ(r.open('r'), 0);
+    ASSERT_EQ(r.get(ORBNEWEST, &p), 0);
+    EXPECT_EQ(p.srcname, src);
+    EXPECT_EQ(p.time, when);
+    EXPECT_TRUE(p.data == data);
+    still_served();
 }
 
 TEST_F(Hostile, LengthsBeyondEveryLimit) {
