@@ -320,20 +320,16 @@ int save_packet(int pktid, double pkttime, char* srcname, int seq, int mode, cha
         // write overlaps its own digest; should the key not match, the file
         // is given up all the same, and only the mismatch is told.
         bool ahead = ndata >= Parallel_write;
-        if (ahead) {
-            write_data(t, seq, data, ndata);
-            if (t->drop) return 0;  // an earlier write failed and gave the file up
-        }
+        if (ahead) write_data(t, seq, data, ndata);
+        else settle_write();
+        if (t->drop) return 0;  // an earlier write failed and gave the file up
         if (ndata > 0) addrvm(&t->rvm, data, static_cast<size_t>(ndata));
-        if (!ahead) {
-            settle_write();
-            if (t->drop) return 0;
-        }
         Rvm local = t->rvm;
         endrvm(&local);
         if (memcmp(local.digest, key, 16) != 0) {
-            // A failed write of an earlier packet is what happened first.
-            while (Writes.size() > (ahead ? 1u : 0u)) settle_oldest();
+            // A failed write of an earlier packet is what happened first;
+            // the last one queued is this packet's own.
+            while (Writes.size() > 1) settle_oldest();
             if (t->drop) return 0;
             elog_complain(0, "digest mismatch at sequence #%d for file %s", seq, t->filename);
             fputs("locally computed:\n", stderr);
