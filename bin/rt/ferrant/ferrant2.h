@@ -14,6 +14,7 @@
 
 struct LagParams;
 struct Arr;
+class DirectAppender;
 
 struct Parameters {
     char* directory;          // receive directory, or null
@@ -60,6 +61,7 @@ struct Track {
     Rvm rvm;
     unsigned char digest[16];
     FILE* file;
+    DirectAppender* direct;  // while large packets go around the page cache, or null
 };
 
 extern int Last_file_pktid;

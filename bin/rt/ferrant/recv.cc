@@ -11,9 +11,11 @@
 #include <cstring>
 #include <condition_variable>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <thread>
 
+#include "direct.h"
 #include "ferrant2.h"
 #include "orb/orb.h"
 #include "pkt/pkt.h"
@@ -57,6 +59,8 @@ void settle_write();
 
 void discard(Track* t) {
     settle_write();
+    delete t->direct;
+    t->direct = nullptr;
     if (t->file) {
         fclose(t->file);
         t->file = nullptr;
@@ -74,8 +78,9 @@ void finished(int pktid, double pkttime) {
 
 const unsigned char Nokey[16] = {};
 
-// What the receiver writes is pushed to the disk as it goes and dropped from
-// the page cache a little later: new data then lands in recycled pages
+// Large packets go around the page cache (direct.h). What is written
+// through it is pushed to the disk as it goes and dropped from the cache a
+// little later: new data then lands in recycled pages
 // instead of claiming fresh memory for every byte, and a big transfer does
 // not crowd everything else out of the cache. Roughly the last Behind bytes
 // written stay cached. Ranges are queued with their own descriptor, so a
@@ -150,7 +155,29 @@ struct Write {
 // Oldest first. Never destroyed: an exit may come while the writer runs.
 std::deque<Write>& Writes = *new std::deque<Write>;
 
-bool append(Track* t, const char* data, size_t n) {
+// Ends a file's direct writes: the carried bytes go through the page cache.
+bool end_direct(Track* t) {
+    if (t->direct == nullptr) return true;
+    std::unique_ptr<DirectAppender> d(t->direct);
+    t->direct = nullptr;
+    if (!d->end()) return false;
+    size_t n = d->ncarried();
+    t->behind = t->totbytes - n;
+    return fwrite(d->carried(), 1, n, t->file) == n;
+}
+
+// Large packets of a file go around the page cache from its first byte on;
+// once anything has gone through the cache, the rest of the file does too.
+bool append(Track* t, const char* data, size_t n, bool large) {
+    if (large && t->totbytes == 0 && t->direct == nullptr)
+        t->direct = DirectAppender::start(fileno(t->file)).release();
+    if (large && t->direct != nullptr) {
+        if (!t->direct->append(data, n)) return false;
+        t->totbytes += n;
+        t->behind = t->totbytes;  // nothing of it is cached
+        return true;
+    }
+    if (!end_direct(t)) return false;
     if (fwrite(data, 1, n, t->file) != n) return false;
     t->totbytes += n;
     return write_behind(t, false);
@@ -193,7 +220,7 @@ void write_data(Track* t, int seq, const char* data, int ndata) {
     if (ndata < Parallel_write) {
         settle_write();
         if (t->drop) return;
-        if (!append(t, data, n)) write_failed(t, seq, errno);
+        if (!append(t, data, n, false)) write_failed(t, seq, errno);
         return;
     }
     settle_writes(In_flight - 1);
@@ -201,7 +228,7 @@ void write_data(Track* t, int seq, const char* data, int ndata) {
     Writes.push_back({t, seq, true, 0, 0});
     Write* w = &Writes.back();  // stays put while later writes are queued behind it
     w->ticket = writer().start([w, t, data, n] {
-        w->ok = append(t, data, n);
+        w->ok = append(t, data, n, true);
         w->error = errno;
     });
 }
@@ -217,6 +244,7 @@ Track* newtrack() {
 
 void droptrack(Arr* filetracks, const char* srcname, Track* track) {
     delarr(filetracks, srcname);
+    delete track->direct;
     free(track->filename);
     free(track);
 }
@@ -353,7 +381,7 @@ int save_packet(int pktid, double pkttime, char* srcname, int seq, int mode, cha
                       t->filename);
         discard(t);
     } else {
-        bool flushed = write_behind(t, true);
+        bool flushed = end_direct(t) && write_behind(t, true);
         int e = errno;
         int closed = fclose(t->file);
         t->file = nullptr;
