@@ -7,25 +7,16 @@
 #include <sys/stat.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
 
 #include "deviants/swap.h"
 #include "stock/h2e.h"
+#include "support/tempdir.h"
 #include "wire/wire_support.h"
 
 namespace {
-
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char t[] = "/tmp/bns_test.XXXXXX";
-        path = mkdtemp(t);
-    }
-    ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
-};
 
 std::string slurp(const std::string& path) {
     std::ifstream f(path, std::ios::binary);
@@ -34,33 +25,22 @@ std::string slurp(const std::string& path) {
     return s.str();
 }
 
-TEST(BnsCreate, SizesAndTimeout) {
-    Bns* a = bnsnew(-1, 0);
-    EXPECT_EQ(a->sz, 32767);
-    EXPECT_EQ(a->mark, -1);
-    EXPECT_EQ(a->snoopfd, -1);
-    Bns* b = bnsnew(-1, 8192);
-    EXPECT_EQ(b->sz, 8192);
-
+TEST(BnsCreate, BadSizeAndTimeoutFromTheEnvironment) {
     int saved = Bns_timeout;
     setenv("BNS_TIMEOUT", "1234", 1);
     Bns* c = bnsnew(-1, -5);
     unsetenv("BNS_TIMEOUT");
     EXPECT_EQ(c->sz, 32767);
     EXPECT_EQ(c->timeout, 1234);
-    EXPECT_EQ(bnstimeout(c, 10), 1234);
-    EXPECT_EQ(c->timeout, 10);
     Bns_timeout = saved;
-    bnsfree(a);
-    bnsfree(b);
     bnsfree(c);
     bnsfree(nullptr);
 }
 
-TEST(BnsPut, BigEndianForEveryType) {
+TEST(BnsPut, BigEndianForEveryTypeAndBack) {
     OutStream o;
-    short s = 0x0102;
-    int i = -2;
+    short s = -2;
+    int i = INT32_MIN;
     int64_t l = 0x0102030405060708LL;
     float f = 1.0f;
     double d = -2.0;
@@ -70,15 +50,30 @@ TEST(BnsPut, BigEndianForEveryType) {
     ASSERT_EQ(bnsput(o.b, &f, BNS_FLOAT, 1), 0);
     ASSERT_EQ(bnsput(o.b, &d, BNS_DOUBLE, 1), 0);
     ASSERT_EQ(buf2bns(o.b, "xyz", 3), 0);
-    EXPECT_EQ(pending(o.b), std::string("\x01\x02" "\xff\xff\xff\xfe" "\x01\x02\x03\x04\x05\x06\x07\x08"
-                                        "\x3f\x80\x00\x00" "\xc0\x00\x00\x00\x00\x00\x00\x00" "xyz",
-                                        2 + 4 + 8 + 4 + 8 + 3));
+    std::string bytes = pending(o.b);
+    EXPECT_EQ(bytes, std::string("\xff\xfe" "\x80\x00\x00\x00" "\x01\x02\x03\x04\x05\x06\x07\x08"
+                                 "\x3f\x80\x00\x00" "\xc0\x00\x00\x00\x00\x00\x00\x00" "xyz",
+                                 2 + 4 + 8 + 4 + 8 + 3));
     EXPECT_EQ(bnsout(o.b), 29);
     EXPECT_EQ(bnsout(o.b), 0);
-
     EXPECT_EQ(bnsput(o.b, &i, 6, 1), -1);
     EXPECT_EQ(bnsput(o.b, &i, -1, 1), -1);
     EXPECT_EQ(bnscnt(o.b), 29);
+
+    InStream in(bytes);
+    s = 0, i = 0, l = 0, f = 0, d = 0;
+    ASSERT_EQ(bnsget(in.b, &s, BNS_SHORT, 1), 0);
+    ASSERT_EQ(bnsget(in.b, &i, BNS_INT, 1), 0);
+    ASSERT_EQ(bnsget(in.b, &l, BNS_LONG, 1), 0);
+    ASSERT_EQ(bnsget(in.b, &f, BNS_FLOAT, 1), 0);
+    ASSERT_EQ(bnsget(in.b, &d, BNS_DOUBLE, 1), 0);
+    EXPECT_EQ(s, -2);
+    EXPECT_EQ(i, INT32_MIN);
+    EXPECT_EQ(l, 0x0102030405060708LL);
+    EXPECT_EQ(f, 1.0f);
+    EXPECT_EQ(d, -2.0);
+    EXPECT_EQ(bnsin(in.b), 26);
+    EXPECT_EQ(bnsget(in.b, &i, 9, 1), -1);
 }
 
 TEST(BnsPut, GrowthSizes) {
@@ -123,31 +118,6 @@ TEST(BnsFlush, FailureKeepsTheBytes) {
     EXPECT_EQ(b->err, 1);
     EXPECT_EQ(b->syserrno, EPIPE);
     EXPECT_EQ(pending(b), "abc");
-    bnsfree(b);
-}
-
-TEST(BnsGet, TypedValuesRoundTrip) {
-    SocketPair sp;
-    Bns* b = bnsnew(sp.fd[0], 64);
-    sp.send(Wire().h(0xfffe).i(0x80000000).d(3.25).s + std::string("\x00\x00\x00\x00\x00\x00\x00\x2a", 8) +
-            std::string("\x40\x49\x0f\xdb", 4));
-    short s;
-    int i;
-    double d;
-    int64_t l;
-    float f;
-    ASSERT_EQ(bnsget(b, &s, BNS_SHORT, 1), 0);
-    ASSERT_EQ(bnsget(b, &i, BNS_INT, 1), 0);
-    ASSERT_EQ(bnsget(b, &d, BNS_DOUBLE, 1), 0);
-    ASSERT_EQ(bnsget(b, &l, BNS_LONG, 1), 0);
-    ASSERT_EQ(bnsget(b, &f, BNS_FLOAT, 1), 0);
-    EXPECT_EQ(s, -2);
-    EXPECT_EQ(i, INT32_MIN);
-    EXPECT_EQ(d, 3.25);
-    EXPECT_EQ(l, 42);
-    EXPECT_FLOAT_EQ(f, 3.14159265f);
-    EXPECT_EQ(bnsin(b), 26);
-    EXPECT_EQ(bnsget(b, &i, 9, 1), -1);
     bnsfree(b);
 }
 
@@ -202,7 +172,9 @@ TEST(BnsGet, DirectRunSurvivesTheTimeoutAndTheMark) {
         ASSERT_EQ(bnsget(b, got.data(), BNS_BYTES, int(got.size())), 0);
         EXPECT_TRUE(got == body);
         EXPECT_EQ(bnscnt(b), 0);
-        if (marked) EXPECT_EQ(std::string(b->data + b->mark, 4), "HEAD");
+        if (marked) {
+            EXPECT_EQ(std::string(b->data + b->mark, 4), "HEAD");
+        }
         bnsfree(b);
     }
 }
@@ -237,16 +209,14 @@ TEST(BnsGet, EndOfFileToldFromTimeout) {
     char c[2];
     EXPECT_EQ(bnsget(b, c, BNS_BYTES, 2), 0);
     bnsfree(b);
-}
 
-TEST(BnsGet, EndOfFileOnAPipe) {
+    // A pipe whose writer is gone reports a hang-up without input.
     int p[2];
     ASSERT_EQ(pipe(p), 0);
-    Bns* b = bnsnew(p[0], 64);
+    b = bnsnew(p[0], 64);
     bnstimeout(b, 5000);
     close(p[1]);
-    char c;
-    EXPECT_EQ(bnsget(b, &c, BNS_BYTES, 1), -1);
+    EXPECT_EQ(bnsget(b, c, BNS_BYTES, 1), -1);
     EXPECT_EQ(b->eof, 1);
     bnsfree(b);
     close(p[0]);
@@ -276,21 +246,17 @@ TEST(BnsWait, ReadyTimeoutAndError) {
     bnsfree(b);
 }
 
-TEST(BnsGet, ReadsAskForAllTheFreeSpace) {
+TEST(BnsGet, ReadsFillTheFreeSpaceAndGrowByTwiceTheShortfall) {
     SocketPair sp;
     Bns* b = bnsnew(sp.fd[0], 8192);
     sp.send(std::string(5000, 'r'));
     char c;
     ASSERT_EQ(bnsget(b, &c, BNS_BYTES, 1), 0);
-    EXPECT_EQ(b->nsys, 1);
+    EXPECT_EQ(b->nsys, 1);  // one read takes everything there is
     EXPECT_EQ(bnscnt(b), 4999);
-    EXPECT_EQ(b->nbytes, 5000);
     bnsfree(b);
-}
 
-TEST(BnsGet, GrowsByTwiceTheShortfall) {
-    SocketPair sp;
-    Bns* b = bnsnew(sp.fd[0], 16);
+    b = bnsnew(sp.fd[0], 16);
     std::string msg(100, 'g');
     sp.send(msg);
     char buf[100];
@@ -382,20 +348,20 @@ TEST(BnsKeep, NothingKeptNothingResent) {
 
 TEST(BnsGetc, TerminatorStaysAndOverflowIsDropped) {
     SocketPair sp;
-    Bns* b = bnsnew(sp.fd[0], 64);
+    Bns* b = bnsnew(sp.fd[0], 4);  // smaller than a line: the terminator comes in a later read
     bnstimeout(b, 5000);
-    sp.send("abc\ndef");
+    sp.send("abcdefghij\ndef");
     char buf[16] = {};
-    EXPECT_EQ(bnsgetc(b, buf, 16, '\n'), 3);
-    EXPECT_EQ(std::string(buf, 3), "abc");
-    EXPECT_EQ(pending(b), "\ndef");
+    EXPECT_EQ(bnsgetc(b, buf, 16, '\n'), 10);
+    EXPECT_EQ(std::string(buf, 10), "abcdefghij");
+    EXPECT_EQ(pending(b)[0], '\n');
 
     char nl;
     bnsget(b, &nl, BNS_BYTES, 1);
     sp.send("ghijkl\nX");
     EXPECT_EQ(bnsgetc(b, buf, 2, '\n'), 2);
     EXPECT_EQ(std::string(buf, 2), "de");
-    EXPECT_EQ(pending(b), "\nX");
+    EXPECT_EQ(pending(b)[0], '\n');
 
     bnsget(b, &nl, BNS_BYTES, 1);
     sp.closeend(1);
@@ -403,18 +369,6 @@ TEST(BnsGetc, TerminatorStaysAndOverflowIsDropped) {
     EXPECT_EQ(bnsgetc(b, buf, 16, '\n'), -1);
     EXPECT_STREQ(buf, "X");
     EXPECT_EQ(bnscnt(b), 0);
-    bnsfree(b);
-}
-
-TEST(BnsGetc, TerminatorArrivingInLaterReads) {
-    SocketPair sp;
-    Bns* b = bnsnew(sp.fd[0], 4);
-    bnstimeout(b, 5000);
-    sp.send("abcdefghij\n");
-    char buf[16] = {};
-    EXPECT_EQ(bnsgetc(b, buf, 16, '\n'), 10);
-    EXPECT_EQ(std::string(buf, 10), "abcdefghij");
-    EXPECT_EQ(pending(b), "\n");
     bnsfree(b);
 }
 
@@ -435,7 +389,7 @@ TEST(Bns2buf, HandsOutAndEmpties) {
 
 TEST(BnsSnoop, TraceRecordsBothDirections) {
     TempDir dir;
-    std::string trace = dir.path + "/trace";
+    std::string trace = dir / "trace";
     SocketPair sp;
     Bns* out = bnsnew(sp.fd[0], 64);
     bnsid(out, strdup("wire-out"));
@@ -457,83 +411,44 @@ TEST(BnsSnoop, TraceRecordsBothDirections) {
     ASSERT_EQ(stat(trace.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777 & ~0664, 0u);
 
-    EXPECT_EQ(bnssnoop(in, (dir.path + "/no/such/dir").c_str()), -1);
+    EXPECT_EQ(bnssnoop(in, (dir / "no/such/dir").c_str()), -1);
     EXPECT_EQ(in->snoopfd, -1);
     bnsfree(in);
     bnsfree(out);
 }
 
-TEST(BnsDump, StateInOrder) {
-    Bns* b = bnsnew(-1, 64);
-    free(bnsid(b, strdup("dumped")));
-    bnskeep(b, 2);
-    buf2bns(b, "AB", 2);
-    char* buf = nullptr;
-    size_t len = 0;
-    FILE* f = open_memstream(&buf, &len);
-    bnsdump(f, b);
-    fclose(f);
-    std::string out(buf, len);
-    free(buf);
-    EXPECT_EQ(out.find("  id='dumped'\n  fp=0  lp=2  mark=0  sz=      64\n  eof=0  err=0  syserrno=0  flags=0\n"),
-              0u) << out;
-    EXPECT_NE(out.find("marktbl has 0 entries:\n data+mark=0\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("\ndata+fp : 2 bytes\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("41 42"), std::string::npos) << out;
-    bnsfree(b);
-}
-
-TEST(BnsSync, FindsThePatternAfterGarbage) {
+TEST(BnsSync, FindsThePatternAfterGarbageOrGivesUp) {
     SocketPair sp;
     Bns* b = bnsnew(sp.fd[0], 64);
     bnstimeout(b, 5000);
-    sp.send("xxorbmDATA");
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(gbnsSync(b, "orbm", 4, 0), 0);
-    std::string err = testing::internal::GetCapturedStderr();
+    std::string err;
+    auto sync = [&](const std::string& input, int strict) {
+        bnsclr(b);
+        sp.send(input);
+        testing::internal::CaptureStderr();
+        int r = gbnsSync(b, "orbm", 4, strict);
+        err = testing::internal::GetCapturedStderr();
+        return r;
+    };
+    EXPECT_EQ(sync("xxorbmDATA", 0), 0);
     EXPECT_NE(err.find("skipped 2 bytes looking for sync 'orbm'"), std::string::npos) << err;
     EXPECT_EQ(pending(b), "DATA");
 
-    // A repeated first byte begins the match again.
-    bnsclr(b);
-    sp.send("oorbmZ");
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(gbnsSync(b, "orbm", 4, 0), 0);
-    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(sync("oorbmZ", 0), 0);  // a repeated first byte begins the match again
     EXPECT_EQ(pending(b), "Z");
 
-    // Clean input says nothing.
-    bnsclr(b);
-    sp.send("orbm");
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(gbnsSync(b, "orbm", 4, 1), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    bnsfree(b);
-}
+    EXPECT_EQ(sync("orbm", 1), 0);
+    EXPECT_EQ(err, "") << "clean input says nothing";
 
-TEST(BnsSync, GivesUp) {
-    SocketPair sp;
-    Bns* b = bnsnew(sp.fd[0], 64);
-    bnstimeout(b, 5000);
-    sp.send("xorbm");
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(gbnsSync(b, "orbm", 4, 1), -2);
-    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(sync("xorbm", 1), -2);  // strict: the first stray byte ends it
     EXPECT_EQ(pending(b), "orbm");
 
-    bnsclr(b);
-    sp.send(std::string(40, 'z') + "orbm");
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(gbnsSync(b, "orbm", 4, 0), -2);
-    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(sync(std::string(40, 'z') + "orbm", 0), -2);
     EXPECT_NE(err.find("skipped 32 bytes"), std::string::npos) << err;
 
-    bnsclr(b);
-    sp.send("orb");
+    sp.send("orb");  // then end of file part way through the pattern
     sp.closeend(1);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(gbnsSync(b, "orbm", 4, 0), -1);
-    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(sync("", 0), -1);
     bnsfree(b);
 }
 
@@ -547,43 +462,29 @@ TEST(BnsClose, FlushesAndCloses) {
     EXPECT_EQ(sp.drain(), "bye");
 }
 
-TEST(ByteOrder, CursorAdvancesAndValuesRoundTrip) {
+// The big-endian forms are covered through the stream above.
+TEST(ByteOrder, LittleEndianWideningAndNan) {
     unsigned char buf[64];
     unsigned char* c = buf;
-    short s[2] = {1, -1};
-    EXPECT_EQ(hs2ms(s, &c, 2), 0);
-    EXPECT_EQ(c - buf, 4);
-    EXPECT_EQ(std::string((char*)buf, 4), std::string("\x00\x01\xff\xff", 4));
-    c = buf;
+    short s[2] = {1, -1}, back[2];
     EXPECT_EQ(hs2as(s, &c, 2), 0);
+    EXPECT_EQ(c - buf, 4);
     EXPECT_EQ(std::string((char*)buf, 4), std::string("\x01\x00\xff\xff", 4));
-
     c = buf;
-    int i = 0x01020304;
-    hi2ai(&i, &c, 1);
-    EXPECT_EQ(std::string((char*)buf, 4), "\x04\x03\x02\x01");
-    c = buf;
-    int back = 0;
-    ai2hi(&c, &back, 1);
-    EXPECT_EQ(back, i);
+    as2hs(&c, back, 2);
+    EXPECT_EQ(back[1], -1);
 
+    // A 16-bit field widens with or without its sign.
     c = buf;
     unsigned short u = 0xfffe;
     uhs2ms(&u, &c, 1);
-    c = buf;
     int wide;
+    c = buf;
     ums2hi(&c, &wide, 1);
     EXPECT_EQ(wide, 0xfffe);
     c = buf;
     ms2hi(&c, &wide, 1);
     EXPECT_EQ(wide, -2);
-    c = buf;
-    i = -7;
-    hi2mi(&i, &c, 1);
-    c = buf;
-    double dd;
-    mi2hd(&c, &dd, 1);
-    EXPECT_EQ(dd, -7.0);
 
     double d[3] = {1.5, NAN, -0.0};
     c = buf;
@@ -600,20 +501,15 @@ TEST(ByteOrder, CursorAdvancesAndValuesRoundTrip) {
 }
 
 TEST(ByteOrder, SwapInPlaceAndUnaligned) {
-    unsigned char buf[17] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+    unsigned char buf[5] = {0, 1, 2, 3, 4};
     swap2(buf + 1, buf + 1, 2);
-    EXPECT_EQ(buf[1], 2);
-    EXPECT_EQ(buf[2], 1);
-    EXPECT_EQ(buf[3], 4);
-    unsigned char out[16];
+    EXPECT_EQ(std::string((char*)buf, 5), std::string("\0\2\1\4\3", 5));
+    unsigned char out[4];
     swap4(buf + 1, out, 1);
-    EXPECT_EQ(out[0], 3);
-    EXPECT_EQ(out[1], 4);
-    EXPECT_EQ(out[3], 2);
+    EXPECT_EQ(std::string((char*)out, 4), "\3\4\1\2");
     unsigned char e[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     swap8(e, e, 1);
-    EXPECT_EQ(e[0], 8);
-    EXPECT_EQ(e[7], 1);
+    EXPECT_EQ(std::string((char*)e, 8), "\10\7\6\5\4\3\2\1");
 }
 
 }  // namespace
