@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/tempdir.h"
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -23,15 +25,6 @@ using ring::Geometry;
 using ring::Ring;
 
 namespace {
-
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char t[] = "/tmp/ringtest.XXXXXX";
-        path = mkdtemp(t);
-    }
-    ~TempDir() { fs::remove_all(path); }
-};
 
 // A payload that says who wrote it and is checkable byte by byte.
 std::vector<char> payload(uint32_t writer, uint32_t i, size_t size) {
@@ -64,8 +57,8 @@ int child_status(pid_t pid) {
 
 class RingTest : public ::testing::Test {
 protected:
-    TempDir dir;
-    std::string file = dir.path + "/ring";
+    TempDir dir{"ringtest"};
+    std::string file = dir / "ring";
     void SetUp() override { alarm(25); }   // a wedged ring fails the test rather than hanging it
     void TearDown() override {
         alarm(0);
@@ -109,20 +102,37 @@ void expect_sources_consistent(const Ring& r) {
     EXPECT_EQ(r.status().nsources, want.size());
 }
 
+// Every packet present reads back whole.
+void expect_intact(const Ring& r) {
+    Entry e;
+    std::vector<char> b;
+    for (uint64_t s = r.tail(); s < r.head(); s++) {
+        ASSERT_TRUE(r.read(s, &e, b)) << s;
+        uint32_t w, n;
+        EXPECT_TRUE(payload_ok(b, &w, &n)) << "packet " << s;
+    }
+}
+
+// after_time(t) is the first packet present, in ring order, later than t.
+void expect_after_time(const Ring& r, double t) {
+    std::optional<uint64_t> want;
+    Entry e;
+    for (uint64_t s = r.tail(); s < r.head() && !want; s++)
+        if (r.entry(s, &e) && e.time > t) want = s;
+    EXPECT_EQ(r.after_time(t), want) << "t=" << t;
+}
+
 }  // namespace
 
 TEST_F(RingTest, PutReadAndReopenKeepsPacketsAndOrbStart) {
     double start;
     {
         auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 16});
-        EXPECT_FALSE(r->oldest());
         EXPECT_FALSE(r->newest());
-        EXPECT_EQ(r->next_seq(0), 1u);
         EXPECT_EQ(put(*r, "AA_BB/xfer", 10.5, payload(1, 0, 100)), 0);
         EXPECT_EQ(put(*r, "AA_CC/xfer", 11.5, payload(1, 1, 0)), 1);
         EXPECT_EQ(put(*r, "", 12.5, payload(1, 2, 4000)), 2);
         start = r->status().orb_start;
-        EXPECT_GT(start, 1e9);
     }
     auto r = Ring::open(file);
     EXPECT_EQ(r->status().orb_start, start);
@@ -133,10 +143,8 @@ TEST_F(RingTest, PutReadAndReopenKeepsPacketsAndOrbStart) {
     ASSERT_TRUE(r->read(0, &e, b));
     EXPECT_STREQ(e.srcname, "AA_BB/xfer");
     EXPECT_EQ(e.time, 10.5);
-    EXPECT_EQ(e.pktid, 0);
     EXPECT_EQ(b, payload(1, 0, 100));
     ASSERT_TRUE(r->read(1, &e, b));
-    EXPECT_EQ(e.size, 0u);
     EXPECT_TRUE(b.empty());
     ASSERT_TRUE(r->read(2, &e, b, 10));   // copy cut short on request
     EXPECT_EQ(e.size, 4000u);
@@ -144,21 +152,25 @@ TEST_F(RingTest, PutReadAndReopenKeepsPacketsAndOrbStart) {
     const char* p;
     ASSERT_TRUE(r->view(2, &e, &p));
     EXPECT_EQ(std::vector<char>(p, p + e.size), payload(1, 2, 4000));
-    EXPECT_TRUE(r->still_valid(2));
     EXPECT_FALSE(r->entry(3, &e));   // not yet put
-
-    // More packets after reopen carry on the numbering.
-    EXPECT_EQ(put(*r, "AA_BB/xfer", 13, payload(1, 3, 10)), 3);
+    EXPECT_EQ(put(*r, "AA_BB/xfer", 13, payload(1, 3, 10)), 3);   // the numbering goes on
 
     // open_or_create on an existing ring opens it; create replaces it.
     EXPECT_EQ(Ring::open_or_create(file, {})->status().orb_start, start);
     auto fresh = Ring::create(file, {.data_bytes = 1 << 16});
     EXPECT_NE(fresh->status().orb_start, start);
-    EXPECT_EQ(fresh->head(), 0u);
     EXPECT_EQ(Ring::open(file)->head(), 0u);
 }
 
-TEST_F(RingTest, RefusesBadPutsAndKeepsGoing) {
+TEST_F(RingTest, RefusesBadGeometryAndBadPutsAndKeepsGoing) {
+    EXPECT_THROW(Ring::create(file, {.data_bytes = 100}), ring::Error);
+    EXPECT_THROW(Ring::create(file, {.data_bytes = 1ull << 41}), ring::Error);
+    EXPECT_THROW(Ring::create(file, {.maxpkts = -5}), ring::Error);
+    EXPECT_THROW(Ring::create(dir.path + "/no/such/dir/ring", {}), ring::Error);
+    EXPECT_FALSE(fs::exists(file));
+    // Fewer packet ids than slots: the index shrinks to fit the ids.
+    EXPECT_EQ(Ring::create(file, {.data_bytes = 8192, .nslots = 100, .maxpkts = 10})->status().nslots, 10u);
+
     auto r = Ring::create(file, {.data_bytes = 4096, .nslots = 8});
     std::string why;
     std::vector<char> b(100);
@@ -172,17 +184,6 @@ TEST_F(RingTest, RefusesBadPutsAndKeepsGoing) {
     big.resize(4096);   // a packet the size of the whole area evicts everything else
     EXPECT_EQ(r->put("x", 2, big.data(), big.size()), 1);
     EXPECT_EQ(r->oldest(), 1u);
-}
-
-TEST_F(RingTest, CreateRefusesBadGeometry) {
-    EXPECT_THROW(Ring::create(file, {.data_bytes = 100}), ring::Error);
-    EXPECT_THROW(Ring::create(file, {.data_bytes = 1ull << 41}), ring::Error);
-    EXPECT_THROW(Ring::create(file, {.maxpkts = -5}), ring::Error);
-    EXPECT_THROW(Ring::create(dir.path + "/no/such/dir/ring", {}), ring::Error);
-    EXPECT_FALSE(fs::exists(file));
-    // Fewer packet ids than slots: the index shrinks to fit the ids.
-    auto r = Ring::create(file, {.data_bytes = 8192, .nslots = 100, .maxpkts = 10});
-    EXPECT_EQ(r->status().nslots, 10u);
 }
 
 TEST_F(RingTest, EvictsOldestAndKeepsEveryPresentPacketIntact) {
@@ -216,44 +217,30 @@ TEST_F(RingTest, EvictsOldestAndKeepsEveryPresentPacketIntact) {
     EXPECT_FALSE(r->read(3, &e, b));
     EXPECT_FALSE(r->prev_seq(r->tail()));
     EXPECT_EQ(r->prev_seq(r->head() + 5), r->head() - 1);
-}
-
-TEST_F(RingTest, IndexSlotsBoundThePacketCount) {
-    auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 8});
-    for (int i = 0; i < 20; i++) put(*r, "s", i, payload(0, i, 16));
-    EXPECT_EQ(r->oldest(), 12u);
-    EXPECT_EQ(r->newest(), 19u);
-    EXPECT_EQ(r->sources().at(0).npkts, 8u);
-    EXPECT_EQ(r->sources().at(0).nbytes, 8u * 16);
-}
-
-TEST_F(RingTest, ZeroCopyViewNoticesEviction) {
-    auto r = Ring::create(file, {.data_bytes = 4096, .nslots = 64});
-    put(*r, "s", 1, payload(0, 0, 1000));
-    Entry e;
+    // A zero-copy view notices its packet evicted under it.
+    uint64_t last = r->head() - 1;
     const char* p;
-    ASSERT_TRUE(r->view(0, &e, &p));
-    for (int i = 1; i < 5; i++) put(*r, "s", 1, payload(0, i, 1000));
-    EXPECT_FALSE(r->still_valid(0));
-    EXPECT_FALSE(r->view(0, &e, &p));
-    EXPECT_TRUE(r->still_valid(4));
+    ASSERT_TRUE(r->view(last, &e, &p));
+    put(*r, "A/x", 0, payload(0, 3000, 8192));
+    EXPECT_FALSE(r->still_valid(last));
+    EXPECT_FALSE(r->view(last, &e, &p));
+    EXPECT_TRUE(r->still_valid(last + 1));
 }
 
 TEST_F(RingTest, PacketIdsWrapAtTheModulus) {
     auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 5, .maxpkts = 7});
     for (int i = 0; i < 23; i++) put(*r, "s", i, payload(0, i, 8));
-    // Present: seqs 18..22, pktids 4,5,6,0,1.
+    // Five slots bound the count: seqs 18..22 are present, with pktids 4,5,6,0,1.
+    EXPECT_EQ(r->oldest(), 18u);
+    int ids[] = {4, 5, 6, 0, 1};
     Entry e;
-    ASSERT_TRUE(r->entry(22, &e));
-    EXPECT_EQ(e.pktid, 1);
-    EXPECT_EQ(r->find(4), 18u);
-    EXPECT_EQ(r->find(6), 20u);
-    EXPECT_EQ(r->find(0), 21u);
-    EXPECT_EQ(r->find(1), 22u);
-    EXPECT_FALSE(r->find(2));   // evicted
-    EXPECT_FALSE(r->find(3));
-    EXPECT_FALSE(r->find(7));
-    EXPECT_FALSE(r->find(-1));
+    for (uint64_t k = 0; k < 5; k++) {
+        EXPECT_EQ(r->find(ids[k]), 18 + k);
+        ASSERT_TRUE(r->entry(18 + k, &e));
+        EXPECT_EQ(e.pktid, ids[k]);
+    }
+    for (int id : {2, 3, 7, -1}) EXPECT_FALSE(r->find(id)) << id;   // evicted, or no pktid
+    expect_sources_consistent(*r);
     auto s = r->sources().at(0);
     EXPECT_EQ(s.soldest, 4);
     EXPECT_EQ(s.slatest, 1);
@@ -262,19 +249,12 @@ TEST_F(RingTest, PacketIdsWrapAtTheModulus) {
 
 TEST_F(RingTest, AfterTimeFindsTheFirstLaterPacket) {
     auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 64});
-    auto check = [&](double t) {
-        std::optional<uint64_t> want;
-        Entry e;
-        for (uint64_t s = r->tail(); s < r->head() && !want; s++)
-            if (r->entry(s, &e) && e.time > t) want = s;
-        EXPECT_EQ(r->after_time(t), want) << "t=" << t;
-    };
     EXPECT_FALSE(r->after_time(0));
     for (int i = 0; i < 100; i++) put(*r, "s", 100 + i / 3, payload(0, i, 8));   // repeated times
-    for (double t = 90; t < 140; t += 0.5) check(t);
-    put(*r, "s", 50, payload(0, 100, 8));   // a packet out of time order
+    for (double t = 90; t < 140; t += 0.5) expect_after_time(*r, t);
+    put(*r, "s", 50, payload(0, 100, 8));   // out of time order: the search can no longer halve
     put(*r, "s", 200, payload(0, 101, 8));
-    for (double t = 40; t < 210; t += 0.5) check(t);
+    for (double t = 40; t < 210; t += 0.5) expect_after_time(*r, t);
 }
 
 TEST_F(RingTest, SourceTableOverflowLeavesNewSourcesUncounted) {
@@ -314,8 +294,6 @@ TEST_F(RingTest, StashKeepsTheLastPacketPerSource) {
     ASSERT_TRUE(r->stash_get("A", &e, b));
     EXPECT_EQ(std::string(b.begin(), b.end()), "two!");
     EXPECT_EQ(e.time, 2);
-    EXPECT_EQ(e.pktid, -1);
-    EXPECT_STREQ(e.srcname, "A");
     EXPECT_FALSE(r->stash_get("C", &e, b));
     // Full: the least recently stashed source gives way.
     EXPECT_TRUE(r->stash_put("C", 5, "c", 1));
@@ -365,6 +343,13 @@ TEST_F(RingTest, OpenRefusesFilesThatAreNotWholeRings) {
         ::close(fd);
         EXPECT_THROW(Ring::open(file), ring::Error) << "flipped byte " << at;
     }
+    // head and tail must fit the geometry; a tail beyond the head cannot be.
+    fs::copy_file(good, file, fs::copy_options::overwrite_existing);
+    int fd = ::open(file.c_str(), O_RDWR);
+    uint64_t v[2] = {0, 9};   // head 0, tail 9
+    ASSERT_EQ(pwrite(fd, v, sizeof v, 256), ssize_t(sizeof v));
+    ::close(fd);
+    EXPECT_THROW(Ring::open(file), ring::Error);
     fs::copy_file(good, file, fs::copy_options::overwrite_existing);
     EXPECT_EQ(Ring::open(file)->head(), 1u);
 }
@@ -399,22 +384,8 @@ TEST_F(RingTest, DamagedIndexAndTablesNeverCrash) {
         r->clients();
         r->stash_get("s0", &e, b);
         r->status();
-        for (uint64_t s = r->tail(); s < r->head(); s++) {
-            ASSERT_TRUE(r->read(s, &e, b));
-            uint32_t w, n;
-            EXPECT_TRUE(payload_ok(b, &w, &n));
-        }
+        expect_intact(*r);
     }
-}
-
-TEST_F(RingTest, BadPacketBoundsInTheHeaderAreRefused) {
-    { Ring::create(file, {.data_bytes = 8192, .nslots = 16}); }
-    // head and tail follow the geometry; tail beyond head is impossible.
-    int fd = ::open(file.c_str(), O_RDWR);
-    uint64_t v[2] = {5, 9};   // head 5, tail 9
-    ASSERT_EQ(pwrite(fd, v, sizeof v, 256), ssize_t(sizeof v));
-    ::close(fd);
-    EXPECT_THROW(Ring::open(file), ring::Error);
 }
 
 // ---------------------------------------------------------------- clients
@@ -423,9 +394,6 @@ TEST_F(RingTest, ClientTableTracksLiveClientsAndReclaimsDeadOnes) {
     auto r = Ring::create(file, {.data_bytes = 8192, .maxclients = 2});
     ring::Client c;
     c.perm = 'r';
-    std::strcpy(c.who, "someone");
-    std::strcpy(c.what, "ferrant2 -v in out");
-    std::strcpy(c.host, "127.0.0.1");
     int32_t mine = r->client_add(c);
     ASSERT_GE(mine, 0);
     r->counters(mine)->pktid.store(42);
@@ -433,13 +401,10 @@ TEST_F(RingTest, ClientTableTracksLiveClientsAndReclaimsDeadOnes) {
     r->client_set_select(mine, std::string(200, 'x'));   // shown cut short
     auto cl = r->clients();
     ASSERT_EQ(cl.size(), 1u);
-    EXPECT_EQ(cl[0].pid, getpid());
     EXPECT_EQ(cl[0].pktid, 42);
     EXPECT_EQ(cl[0].packets, 3u);
-    EXPECT_STREQ(cl[0].what, "ferrant2 -v in out");
     EXPECT_EQ(cl[0].nselect, 96);
     EXPECT_EQ(std::strlen(cl[0].select), 95u);
-    EXPECT_GT(cl[0].started, 1e9);
     int32_t session = cl[0].thread;
     EXPECT_TRUE(r->session_active(session));
     EXPECT_FALSE(r->session_active(session + 1));
@@ -470,28 +435,7 @@ TEST_F(RingTest, ClientTableTracksLiveClientsAndReclaimsDeadOnes) {
     for (auto& x : r->clients()) EXPECT_NE(x.thread, session);
 }
 
-TEST_F(RingTest, DeadClientsVanishFromTheList) {
-    auto r = Ring::create(file, {.data_bytes = 8192});
-    pid_t pid = fork();
-    if (pid == 0) {
-        auto rc = Ring::open(file);
-        ring::Client c;
-        _exit(rc->client_add(c) >= 0 ? 0 : 1);
-    }
-    ASSERT_EQ(child_status(pid), 0);
-    EXPECT_TRUE(r->clients().empty());
-    EXPECT_EQ(r->status().nclients, 0u);
-}
-
 // ---------------------------------------------------------------- waiting
-
-TEST_F(RingTest, WaitTimesOutWithNothingNew) {
-    auto r = Ring::create(file, {.data_bytes = 8192});
-    EXPECT_FALSE(r->wait(r->head(), 30));
-    put(*r, "s", 1, payload(0, 0, 8));
-    EXPECT_TRUE(r->wait(0, 0));   // already there
-    EXPECT_FALSE(r->wait(1, 0));
-}
 
 TEST_F(RingTest, WaitWakesOnAnotherProcessesPut) {
     auto r = Ring::create(file, {.data_bytes = 8192});
@@ -513,6 +457,8 @@ TEST_F(RingTest, WaitWakesOnAnotherProcessesPut) {
         close(go[0]);
         close(go[1]);
     }
+    EXPECT_TRUE(r->wait(0, 0));              // already there
+    EXPECT_FALSE(r->wait(r->head(), 30));    // nothing new: times out
 }
 
 TEST_F(RingTest, WakeAllReleasesAWaiterWithoutAPacket) {
@@ -567,9 +513,7 @@ TEST_F(RingTest, ConcurrentWritersLoseAndDuplicateNothing) {
         EXPECT_EQ(std::string(e.srcname), "W" + std::to_string(w));
         next[w]++;
     }
-    EXPECT_EQ(next[1], n);
-    EXPECT_EQ(next[2], n);
-    EXPECT_EQ(next[3], n);
+    for (uint32_t w = 1; w <= 3; w++) EXPECT_EQ(next[w], n) << "writer " << w;
     expect_sources_consistent(*r);
 }
 
@@ -634,11 +578,7 @@ TEST_F(RingTest, WriterKilledBeforePublishingDoesNotWedgeTheRing) {
     EXPECT_EQ(put(*r, "after", 100, payload(0, 100, 200)), int64_t(before.head));
     expect_sources_consistent(*r);
     EXPECT_GE(r->status().recoveries, 1u);
-    for (uint64_t s = r->tail(); s < r->head(); s++) {
-        ASSERT_TRUE(r->read(s, &e, b));
-        uint32_t w, i;
-        EXPECT_TRUE(payload_ok(b, &w, &i));
-    }
+    expect_intact(*r);
 }
 
 TEST_F(RingTest, TimeOrderSurvivesAWriterKilledMidPut) {
@@ -652,13 +592,7 @@ TEST_F(RingTest, TimeOrderSurvivesAWriterKilledMidPut) {
     }
     child_status(pid);
     put(*r, "s", 50, payload(0, 11, 8));     // out of order after 100
-    for (double t : {5.0, 45.0, 55.0, 60.0, 95.0, 100.0}) {
-        std::optional<uint64_t> want;
-        Entry e;
-        for (uint64_t s = r->tail(); s < r->head() && !want; s++)
-            if (r->entry(s, &e) && e.time > t) want = s;
-        EXPECT_EQ(r->after_time(t), want) << t;
-    }
+    for (double t : {5.0, 45.0, 55.0, 60.0, 95.0, 100.0}) expect_after_time(*r, t);
 }
 
 TEST_F(RingTest, CopyOfALockedRingOpensAndRecovers) {
@@ -682,13 +616,7 @@ TEST_F(RingTest, CopyOfALockedRingOpensAndRecovers) {
     auto r = Ring::open(copy_to);
     EXPECT_EQ(put(*r, "after", 1, payload(0, 6, 100)), 6);
     expect_sources_consistent(*r);
-    for (uint64_t s = r->tail(); s < r->head(); s++) {
-        Entry e;
-        std::vector<char> b;
-        ASSERT_TRUE(r->read(s, &e, b));
-        uint32_t w, i;
-        EXPECT_TRUE(payload_ok(b, &w, &i));
-    }
+    expect_intact(*r);
 }
 
 namespace {

@@ -27,13 +27,16 @@ class Requests : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(server.up()) << server.log();
-        ASSERT_TRUE(writer.connect_tcp(server.name()));
-        ASSERT_EQ(writer.open('w', "writer"), 0);
+        ASSERT_TRUE(join(writer, 'w', "writer"));
     }
     void TearDown() override {
         writer.disconnect();
         server.stop();
         EXPECT_EQ(server.sanitizer_report(), "");
+    }
+    // Connects c and opens it; false if either fails.
+    bool join(WireClient& c, char perm = 'r', const char* what = "server_test") {
+        return c.connect_tcp(server.name()) && c.open(perm, what) == 0;
     }
     // Puts n packets of source src with times base+i; returns their pktids.
     std::vector<int> put_n(int n, const std::string& src = "AA_X/pf", double base = 1000) {
@@ -45,17 +48,16 @@ protected:
     WireClient writer;
 };
 
-TEST_F(Requests, OpenPingIdAndSessions) {
+TEST_F(Requests, OpenIdAndSessions) {
     WireClient c;
     ASSERT_TRUE(c.connect_tcp(server.name()));
+    // Before the open only a ping is answered.
+    EXPECT_EQ(c.exchange(ORBPING), 0);
+    EXPECT_NE(c.exchange(ORBSTAT), 0);
+    EXPECT_NE(c.tell(), 0);
     ASSERT_EQ(c.open('r'), 0);
     double orb_start = c.resp()->orb_start, server_start = c.resp()->server_start;
-    EXPECT_GT(orb_start, 1e9);
-    EXPECT_GT(server_start, 1e9);
     EXPECT_EQ(c.resp()->latest_pktid, -1);  // empty ring
-
-    EXPECT_EQ(c.exchange(ORBPING), 0);
-    EXPECT_EQ(c.resp()->version, 7);
 
     ASSERT_EQ(c.exchange(ORBID), 0);
     int id = c.resp()->thread;
@@ -66,10 +68,8 @@ TEST_F(Requests, OpenPingIdAndSessions) {
     // Another connection asks whether that session is alive: yes, then no once it has gone.
     writer.putx("AA_X/pf", 5, "x");
     WireClient asker;
-    ASSERT_TRUE(asker.connect_tcp(server.name()));
-    ASSERT_EQ(asker.open('r'), 0);
+    ASSERT_TRUE(join(asker));
     asker.req()->athread = id;
-    asker.fill_hello('r', "asker");
     ASSERT_EQ(asker.exchange(ORBRUP), 0);
     EXPECT_EQ(asker.resp()->active, 1);
     EXPECT_EQ(asker.resp()->orb_start, orb_start);
@@ -89,20 +89,15 @@ TEST_F(Requests, OpenPingIdAndSessions) {
 }
 
 TEST_F(Requests, ReadPositionRules) {
-    std::vector<int> ids = put_n(5);
-    ASSERT_EQ(ids, (std::vector<int>{0, 1, 2, 3, 4}));
-
+    ASSERT_EQ(put_n(5), (std::vector<int>{0, 1, 2, 3, 4}));
     WireClient r;
-    ASSERT_TRUE(r.connect_tcp(server.name()));
-    ASSERT_EQ(r.open('r'), 0);
+    ASSERT_TRUE(join(r));
     EXPECT_EQ(r.resp()->latest_pktid, 4);
     // Open stands at the newest: nothing to read until something arrives.
     EXPECT_EQ(r.tell(), 4);
     EXPECT_NE(r.get(ORBNEXT), 0);
-    Pkt p;
-    ASSERT_EQ(r.get(ORBCURRENT, &p), 0);
-    EXPECT_EQ(p.pktid, 4);
     writer.putx("AA_X/pf", 1005, payload(5));
+    Pkt p;
     ASSERT_EQ(r.get(ORBNEXT, &p), 0);
     EXPECT_EQ(p.pktid, 5);
     EXPECT_EQ(p.data, payload(5));
@@ -111,18 +106,14 @@ TEST_F(Requests, ReadPositionRules) {
 
     // ORBOLDEST: the next read yields the oldest itself, and so does ORBCURRENT.
     EXPECT_EQ(r.seek(ORBOLDEST), 0);
-    EXPECT_EQ(r.tell(), 0);
     ASSERT_EQ(r.get(ORBCURRENT, &p), 0);
     EXPECT_EQ(p.pktid, 0);
     EXPECT_EQ(r.seek(ORBOLDEST), 0);
     ASSERT_EQ(r.get(ORBNEXT, &p), 0);
     EXPECT_EQ(p.pktid, 0);
-    ASSERT_EQ(r.get(ORBNEXT, &p), 0);
-    EXPECT_EQ(p.pktid, 1);
 
     // Seeks by pktid and by code; the result is where the client now stands.
     EXPECT_EQ(r.seek(3), 3);
-    EXPECT_EQ(r.tell(), 3);
     ASSERT_EQ(r.get(ORBNEXT, &p), 0);
     EXPECT_EQ(p.pktid, 4);
     EXPECT_EQ(r.seek(ORBPREV), 3);
@@ -134,12 +125,10 @@ TEST_F(Requests, ReadPositionRules) {
     EXPECT_EQ(r.seek(-5), kFailed);       // not a position code
     EXPECT_EQ(r.seek(ORBNEXT), kFailed);  // nothing after the newest
     ASSERT_EQ(r.get(2, &p), 0);           // ORBGET by pktid stands there too
-    EXPECT_EQ(p.pktid, 2);
     EXPECT_EQ(r.tell(), 2);
     ASSERT_EQ(r.get(ORBPREV, &p), 0);
     EXPECT_EQ(p.pktid, 1);
     ASSERT_EQ(r.get(ORBOLDEST, &p), 0);
-    EXPECT_EQ(p.pktid, 0);
     EXPECT_NE(r.get(ORBPREV), 0);
     ASSERT_EQ(r.get(ORBNEWEST, &p), 0);
     EXPECT_EQ(p.pktid, 5);
@@ -151,21 +140,12 @@ TEST_F(Requests, ReadPositionRules) {
     EXPECT_EQ(r.after(1002), 3);
     EXPECT_EQ(r.after(0), 0);
     EXPECT_EQ(r.after(5000), kFailed);
-
-    // Steps by packet time.
-    EXPECT_EQ(r.seek(2), 2);
-    EXPECT_EQ(r.seek(ORBNEXTT), 3);
-    EXPECT_EQ(r.seek(ORBPREVT), 2);
 }
 
 TEST_F(Requests, TimeStepsFollowPacketTimesNotRingOrder) {
-    writer.putx("A/x", 10, "a");  // 0
-    writer.putx("A/x", 30, "b");  // 1
-    writer.putx("A/x", 20, "c");  // 2
-    writer.putx("A/x", 40, "d");  // 3
+    for (double t : {10, 30, 20, 40}) writer.putx("A/x", t, "t");  // pktids 0..3
     WireClient r;
-    ASSERT_TRUE(r.connect_tcp(server.name()));
-    ASSERT_EQ(r.open('r'), 0);
+    ASSERT_TRUE(join(r));
     EXPECT_EQ(r.seek(1), 1);
     EXPECT_EQ(r.seek(ORBNEXTT), 3);  // 2 is in between in ring order but earlier
     EXPECT_EQ(r.seek(ORBPREVT), 2);
@@ -175,30 +155,27 @@ TEST_F(Requests, TimeStepsFollowPacketTimesNotRingOrder) {
 
 TEST_F(Requests, EmptyRingPositions) {
     WireClient r;
-    ASSERT_TRUE(r.connect_tcp(server.name()));
-    ASSERT_EQ(r.open('r'), 0);
+    ASSERT_TRUE(join(r));
     EXPECT_EQ(r.tell(), -1);
     EXPECT_EQ(r.seek(ORBOLDEST), -1);
     EXPECT_EQ(r.seek(ORBNEWEST), -1);
     EXPECT_NE(r.get(ORBCURRENT), 0);
     EXPECT_NE(r.get(ORBNEXT), 0);
     EXPECT_NE(r.get(0), 0);
-    // A reader of an empty ring gets the first packet that arrives.
-    ASSERT_TRUE(r.reap(1));
-    writer.putx("A/x", 1, "first");
-    Pkt p;
-    ASSERT_EQ(r.next(&p), 0);
-    EXPECT_EQ(p.pktid, 0);
-    EXPECT_EQ(p.data, "first");
-    ASSERT_EQ(r.next(&p), 0);
-    EXPECT_EQ(p.pktid, -32);
+    // ORBNEXT_WAIT is answered with the first packet that arrives.
+    r.req()->pktcode = ORBNEXT_WAIT;
+    r.req()->what = ORBGET;
+    ASSERT_TRUE(r.send());
+    writer.putx("W/x", 1, "waited for");
+    ASSERT_EQ(r.recv(ORBGET), 0);
+    EXPECT_EQ(r.packet().data, "waited for");
+    EXPECT_EQ(r.tell(), 0);
 }
 
 TEST_F(Requests, ReapStreams) {
     put_n(6);
     WireClient r;
-    ASSERT_TRUE(r.connect_tcp(server.name()));
-    ASSERT_EQ(r.open('r'), 0);
+    ASSERT_TRUE(join(r));
     ASSERT_EQ(r.seek(ORBOLDEST), 0);
 
     // Counted: n packets, then the end package.
@@ -218,23 +195,19 @@ TEST_F(Requests, ReapStreams) {
     ASSERT_TRUE(r.reap(2, 0));
     ASSERT_EQ(r.next(&p), 0);
     EXPECT_EQ(p.pktid, 3);
-    EXPECT_EQ(p.srcname, "AA_X/pf");
     EXPECT_DOUBLE_EQ(p.time, 1003);
     EXPECT_EQ(p.data.size(), 0u);
     ASSERT_EQ(r.next(&p), 0);
-    EXPECT_EQ(p.pktid, 4);
     ASSERT_EQ(r.next(&p), 0);
     EXPECT_EQ(p.pktid, -32);
 
     // Up to a time: the stream ends at the first later packet, which stays unread.
     ASSERT_EQ(r.seek(ORBOLDEST), 0);
     ASSERT_TRUE(r.reap(-1, -1, 1001.5));
-    ASSERT_EQ(r.next(&p), 0);
-    EXPECT_EQ(p.pktid, 0);
-    ASSERT_EQ(r.next(&p), 0);
-    EXPECT_EQ(p.pktid, 1);
-    ASSERT_EQ(r.next(&p), 0);
-    EXPECT_EQ(p.pktid, -32);
+    for (int want : {0, 1, -32}) {
+        ASSERT_EQ(r.next(&p), 0);
+        EXPECT_EQ(p.pktid, want);
+    }
     EXPECT_EQ(r.tell(), 1);
 
     // Unlimited stream that waits for packets put later.
@@ -251,13 +224,12 @@ TEST_F(Requests, ReapStreams) {
 
 TEST_F(Requests, RequestMidStreamEndsTheStream) {
     WireClient r;
-    ASSERT_TRUE(r.connect_tcp(server.name()));
-    ASSERT_EQ(r.open('r'), 0);
+    ASSERT_TRUE(join(r));
     ASSERT_TRUE(r.reap());
     put_n(200);
     Pkt p;
     ASSERT_EQ(r.next(&p), 0);
-    EXPECT_EQ(p.pktid, 0);
+    EXPECT_EQ(p.pktid, 0);  // a reader of an empty ring gets the first packet that arrives
     // The answer comes after whatever was already pushed; those pushes are skipped.
     int at = r.tell();
     EXPECT_GE(at, 0);
@@ -275,27 +247,13 @@ TEST_F(Requests, RequestMidStreamEndsTheStream) {
     EXPECT_EQ(p.pktid, at + 1);
 }
 
-TEST_F(Requests, NextWaitGetsTheNextArrival) {
-    WireClient r;
-    ASSERT_TRUE(r.connect_tcp(server.name()));
-    ASSERT_EQ(r.open('r'), 0);
-    r.req()->pktcode = ORBNEXT_WAIT;
-    r.req()->what = ORBGET;
-    ASSERT_TRUE(r.send());
-    writer.putx("W/x", 1, "waited for");
-    ASSERT_EQ(r.recv(ORBGET), 0);
-    EXPECT_EQ(r.packet().data, "waited for");
-    EXPECT_EQ(r.tell(), 0);
-}
-
 TEST_F(Requests, SelectAndRejectMatchWholeNames) {
     writer.putx("AA_X/pf", 1, "1");
     writer.putx("BB_Y/pf", 2, "2");
     writer.putx("AA_Z/wf", 3, "3");
     writer.putx("AA_X/pf", 4, "4");
     WireClient r;
-    ASSERT_TRUE(r.connect_tcp(server.name()));
-    ASSERT_EQ(r.open('r'), 0);
+    ASSERT_TRUE(join(r));
     EXPECT_EQ(r.select("AA"), 0);  // whole names only
     EXPECT_EQ(r.select("AA_.*"), 2);
     EXPECT_EQ(r.reject(".*/wf"), 1);
@@ -331,20 +289,15 @@ TEST_F(Requests, StatSourcesAndClients) {
     writer.putx("AA/x", 11, "123");
     writer.putx("BB/y", 12, "1");
     WireClient r;
-    ASSERT_TRUE(r.connect_tcp(server.name()));
-    ASSERT_EQ(r.open('r', "reader_program -x"), 0);
+    ASSERT_TRUE(join(r, 'r', "reader_program -x"));
     ASSERT_EQ(r.select("AA/x"), 1);
 
     ASSERT_EQ(r.exchange(ORBSTAT), 0);
     Orbstat& s = r.resp()->orbstat;
     EXPECT_EQ(s.nsources, 2);
     EXPECT_GE(s.nclients, 2);
-    EXPECT_GT(s.maxpkts, 0);
-    EXPECT_GT(s.maxdata, 0u);
     EXPECT_EQ(s.port, server.port());
     EXPECT_EQ(s.pid, server.pid());
-    EXPECT_GT(s.orb_start, 1e9);
-    EXPECT_GE(s.started, s.orb_start);
 
     ASSERT_EQ(r.exchange(ORBSOURCES), 0);
     ASSERT_EQ(r.resp()->nsource, 2);
@@ -373,12 +326,10 @@ TEST_F(Requests, StatSourcesAndClients) {
             EXPECT_EQ(k.perm, 'r');
             EXPECT_EQ(k.pktid, 1);
             EXPECT_STREQ(k.select, "AA/x");
-            EXPECT_EQ(k.pid, server.pid());
             EXPECT_STREQ(k.host, "127.0.0.1");
         }
         if (std::string(k.what) == "writer") {
             saw_writer = true;
-            EXPECT_EQ(k.perm, 'w');
             EXPECT_EQ(k.packets, 3u);
         }
     }
@@ -391,13 +342,11 @@ TEST_F(Requests, StashIsKeptOutsideTheSequence) {
     ASSERT_TRUE(writer.put("S/x", 2, "stashed", ORBSTASH));
     ASSERT_EQ(writer.exchange(ORBPING), 0);  // the put has been handled
     WireClient r;
-    ASSERT_TRUE(r.connect_tcp(server.name()));
-    ASSERT_EQ(r.open('r'), 0);
+    ASSERT_TRUE(join(r));
     EXPECT_EQ(r.resp()->latest_pktid, 0);
     std::snprintf(r.req()->srcname, sizeof r.req()->srcname, "S/x");
     ASSERT_EQ(r.exchange(ORBGETSTASH), 0);
     EXPECT_EQ(r.packet().data, "stashed");
-    EXPECT_STREQ(r.resp()->pkg->srcname, "S/x");
     std::snprintf(r.req()->srcname, sizeof r.req()->srcname, "T/none");
     EXPECT_NE(r.exchange(ORBGETSTASH), 0);
 
@@ -421,8 +370,7 @@ TEST_F(Requests, LongPacketsUseTheLongForms) {
     EXPECT_EQ(writer.req()->what, ORBPUTX);
 
     WireClient r;
-    ASSERT_TRUE(r.connect_tcp(server.name()));
-    ASSERT_EQ(r.open('r'), 0);
+    ASSERT_TRUE(join(r));
     Pkt p;
     ASSERT_EQ(r.get(0, &p), 0);
     EXPECT_EQ(r.resp()->what, ORBGETL);
@@ -443,8 +391,7 @@ TEST_F(Requests, LongPacketsUseTheLongForms) {
 
 TEST_F(Requests, UnknownAndUnsupportedCodesGetErrors) {
     for (int code : {13, 15, 19, 22, 26, 33, 34, 35, 99, -4, 0x7fffffff}) {
-        int r = writer.exchange(code);
-        EXPECT_NE(r, 0) << "code " << code;
+        EXPECT_NE(writer.exchange(code), 0) << "code " << code;
         EXPECT_GT(writer.resp()->nerr, 0) << "code " << code;
     }
     // Still served after all that.
@@ -452,20 +399,9 @@ TEST_F(Requests, UnknownAndUnsupportedCodesGetErrors) {
     EXPECT_EQ(writer.exchange(ORBSETLOGGING), 0);
 }
 
-TEST_F(Requests, RequestsBeforeOpenAreRefused) {
-    WireClient c;
-    ASSERT_TRUE(c.connect_tcp(server.name()));
-    EXPECT_EQ(c.exchange(ORBPING), 0);  // allowed: tells the version
-    EXPECT_NE(c.exchange(ORBSTAT), 0);
-    EXPECT_NE(c.tell(), 0);
-    EXPECT_EQ(c.open('r'), 0);
-    EXPECT_EQ(c.exchange(ORBSTAT), 0);
-}
-
 TEST_F(Requests, KillAndPriorityAndClose) {
     WireClient victim;
-    ASSERT_TRUE(victim.connect_tcp(server.name()));
-    ASSERT_EQ(victim.open('r', "victim"), 0);
+    ASSERT_TRUE(join(victim, 'r', "victim"));
     ASSERT_EQ(victim.exchange(ORBID), 0);
     int id = victim.resp()->thread;
 
@@ -500,29 +436,27 @@ TEST(RequestsAdmin, AdminRequestsNeedAnAdminAddress) {
     EXPECT_NE(server.log().find("not allowed"), std::string::npos);
 }
 
-TEST(RequestsAdmin, HaltStopsTheServerCleanly) {
-    OrbServer server;
-    ASSERT_TRUE(server.up()) << server.log();
-    WireClient c;
-    ASSERT_TRUE(c.connect_tcp(server.name()));
-    ASSERT_EQ(c.open('w'), 0);
-    EXPECT_EQ(c.exchange(ORBHALT), 0);
-    int status = server.wait_exit();
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-}
-
-TEST(RequestsAdmin, SigtermStopsTheServerCleanly) {
-    OrbServer server;
-    ASSERT_TRUE(server.up()) << server.log();
-    WireClient c;
-    ASSERT_TRUE(c.connect_tcp(server.name()));
-    ASSERT_EQ(c.open('r'), 0);
-    ASSERT_TRUE(c.reap());
-    int status = server.stop();
-    EXPECT_TRUE(WIFEXITED(status)) << status;
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_NE(server.log().find("stopping on a signal"), std::string::npos);
+// ORBHALT, and SIGTERM with a client in mid-stream, both end the server cleanly.
+TEST(RequestsAdmin, HaltAndSigtermStopTheServerCleanly) {
+    for (bool halt : {true, false}) {
+        SCOPED_TRACE(halt ? "ORBHALT" : "SIGTERM");
+        OrbServer server;
+        ASSERT_TRUE(server.up()) << server.log();
+        WireClient c;
+        ASSERT_TRUE(c.connect_tcp(server.name()));
+        ASSERT_EQ(c.open(halt ? 'w' : 'r'), 0);
+        int status;
+        if (halt) {
+            EXPECT_EQ(c.exchange(ORBHALT), 0);
+            status = server.wait_exit();
+        } else {
+            ASSERT_TRUE(c.reap());
+            status = server.stop();
+            EXPECT_NE(server.log().find("stopping on a signal"), std::string::npos);
+        }
+        EXPECT_TRUE(WIFEXITED(status)) << status;
+        EXPECT_EQ(WEXITSTATUS(status), 0);
+    }
 }
 
 }  // namespace

@@ -105,15 +105,6 @@ TEST(Exhume, ResultsForNewReadBadAndUnopenableFiles) {
     struct stat st;
     EXPECT_NE(stat((state + "2").c_str(), &st), 0);  // the refused second call made nothing
 
-    c = run(t / "err2", [&] {
-        int x = 0;
-        CHILD_CHECK(exhume(state.c_str(), nullptr, 0, nullptr) == 1);
-        CHILD_CHECK(resurrect("x", &x, INT_RELIC) == 0);
-        CHILD_CHECK(x == 5);
-        return 0;
-    });
-    EXPECT_EQ(c.code(), 0) << c.err();
-
     std::string bad = t / "bad";
     std::ofstream(bad) << "x 5\nblock &Arr{\n y 1\n";  // never closed
     c = run(t / "err3", [&] {
@@ -305,7 +296,7 @@ TEST(Bury, SurvivesBeingKilledAtAnyMoment) {
     EXPECT_GT(saw_progress, 0);
 }
 
-TEST(Signals, StopFlagGraceTimerAndImmediateSave) {
+TEST(Signals, StopFlagGraceTimerImmediateSaveAndDieSoon) {
     TempDir t;
     std::string state = t / "state";
     // sec 0: the signal saves and ends the process at once.
@@ -359,11 +350,9 @@ TEST(Signals, StopFlagGraceTimerAndImmediateSave) {
     });
     EXPECT_EQ(c.code(), 0) << c.err();
     EXPECT_EQ(value_of(slurp(state), "x"), "13");
-}
 
-TEST(DieSoon, EndsTheProcessWithAFatalMessage) {
-    TempDir t;
-    Child c = run(t / "err", [&]() -> int {
+    // die_soon ends the process with a fatal message of its own.
+    c = run(t / "err5", [&]() -> int {
         die_soon(1);
         for (;;) pause();
     });

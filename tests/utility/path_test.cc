@@ -19,13 +19,6 @@
 
 namespace {
 
-void write_file(const std::string& p, const std::string& text) {
-    FILE* f = fopen(p.c_str(), "w");
-    ASSERT_NE(f, nullptr) << p;
-    fwrite(text.data(), 1, text.size(), f);
-    fclose(f);
-}
-
 std::vector<std::string> strings(Tbl* t) {
     std::vector<std::string> v;
     for (long i = 0; i < maxtbl(t); i++) v.emplace_back((char*)gettbl(t, i));
@@ -48,21 +41,13 @@ TEST(Abspath, ResolvesDotsAgainstTheCurrentDirectory) {
 
 TEST(Dirbase, SplitsAtTheLastSlash) {
     char dir[PATH_MAX], base[PATH_MAX], suffix[PATH_MAX];
-    dirbase("a/b/c.txt", dir, base);
-    EXPECT_STREQ(dir, "a/b");
-    EXPECT_STREQ(base, "c.txt");
-    dirbase("plain", dir, base);
-    EXPECT_STREQ(dir, ".");
-    EXPECT_STREQ(base, "plain");
-    dirbase("/top", dir, base);
-    EXPECT_STREQ(dir, "/");
-    EXPECT_STREQ(base, "top");
-    dirbase("a//b", dir, base);
-    EXPECT_STREQ(dir, "a");
-    EXPECT_STREQ(base, "b");
-    dirbase("", dir, base);
-    EXPECT_STREQ(dir, ".");
-    EXPECT_STREQ(base, "");
+    const char* cases[][3] = {{"a/b/c.txt", "a/b", "c.txt"}, {"plain", ".", "plain"}, {"/top", "/", "top"},
+                              {"a//b", "a", "b"},            {"", ".", ""}};
+    for (auto& c : cases) {
+        dirbase(c[0], dir, base);
+        EXPECT_STREQ(dir, c[1]) << c[0];
+        EXPECT_STREQ(base, c[2]) << c[0];
+    }
 
     parsepath("/d/e/name.tar.gz", dir, base, suffix);
     EXPECT_STREQ(dir, "/d/e");
@@ -97,7 +82,7 @@ TEST(Makedir, CreatesParentsAndRefusesFiles) {
     EXPECT_TRUE(is_dir(deep.c_str()));
     EXPECT_EQ(makedir(deep.c_str()), 0);            // already there
     EXPECT_EQ(makedir((deep + "/").c_str()), 0);    // trailing slash
-    write_file(t / "f", "x");
+    t.file("f", "x");
     EXPECT_EQ(makedir((t / "f").c_str()), -1);
     EXPECT_EQ(makedir((t / "f/sub").c_str()), -1);
     EXPECT_EQ(makedir(""), -1);
@@ -105,7 +90,7 @@ TEST(Makedir, CreatesParentsAndRefusesFiles) {
 
 TEST(FileTests, TellKindsApart) {
     TempDir t;
-    write_file(t / "f", "x");
+    t.file("f", "x");
     ASSERT_EQ(symlink("nowhere", (t / "dangling").c_str()), 0);
     EXPECT_TRUE(is_file((t / "f").c_str()));
     EXPECT_FALSE(is_dir((t / "f").c_str()));
@@ -119,7 +104,7 @@ TEST(FileTests, TellKindsApart) {
 
 TEST(Dirfiles, ListsNamesSortedByteWise) {
     TempDir t;
-    for (const char* n : {"b", "a", "B", ".dot", "a10", "a2"}) write_file(t / n, "");
+    for (const char* n : {"b", "a", "B", ".dot", "a10", "a2"}) t.file(n, "");
     mkdir((t / "sub").c_str(), 0755);
     Tbl* all = dirfiles(t.path.c_str(), 0);
     ASSERT_NE(all, nullptr);
@@ -150,11 +135,7 @@ TEST(Fstraverse, FilesFirstThenSubdirectoriesInNameOrder) {
     mkdir((t / "d2").c_str(), 0755);
     mkdir((t / "d1").c_str(), 0755);
     mkdir((t / "d1/inner").c_str(), 0755);
-    write_file(t / "z", "");
-    write_file(t / "a", "");
-    write_file(t / "d1/f", "");
-    write_file(t / "d1/inner/g", "");
-    write_file(t / "d2/h", "");
+    for (const char* f : {"z", "a", "d1/f", "d1/inner/g", "d2/h"}) t.file(f, "");
     mkfifo((t / "fifo").c_str(), 0600);
     ASSERT_EQ(symlink(t.path.c_str(), (t / "d1/loop").c_str()), 0);  // must not be entered
     ASSERT_EQ(symlink("a", (t / "link").c_str()), 0);               // a link to a file is a file
@@ -175,7 +156,7 @@ TEST(Fstraverse, FilesFirstThenSubdirectoriesInNameOrder) {
 TEST(Getaline, ReadsLinesOfAnyLength) {
     TempDir t;
     std::string longline(100000, 'q');
-    write_file(t / "in", "first\n\n" + longline + "\nlast-no-newline");
+    t.file("in", "first\n\n" + longline + "\nlast-no-newline");
     FILE* f = fopen((t / "in").c_str(), "r");
     char* buf = nullptr;
     size_t size = 0;
@@ -196,8 +177,8 @@ TEST(Mapfile, MapsWholeFilesAndReleasesByName) {
     TempDir t;
     std::string big(3 * 1024 * 1024 + 7, '\0');
     for (size_t i = 0; i < big.size(); i++) big[i] = (char)(i * 131 + 7);
-    write_file(t / "big", big);
-    write_file(t / "empty", "");
+    t.file("big", big);
+    t.file("empty", "");
 
     void* data = nullptr;
     std::string b = t / "big";
@@ -240,7 +221,7 @@ TEST(Mapfile, AFifoFailsAtOnceInsteadOfWaitingForAWriter) {
 TEST(InstallationRoot, FindsDataFilesUnderTheRoot) {
     TempDir t;
     makedir((t / "data/pf").c_str());
-    write_file(t / "data/pf/x.pf", "a 1\n");
+    t.file("data/pf/x.pf", "a 1\n");
     const char* saved = getenv("QUORVANE");
     std::string keep = saved ? saved : "";
     setenv("QUORVANE", t.path.c_str(), 1);

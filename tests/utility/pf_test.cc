@@ -60,24 +60,19 @@ protected:
 TEST_F(PfTest, KeyPathsReachNestedNodes) {
     Tree t(Sample);
     EXPECT_STREQ(pfget_string(t.pf, "name"), "plain value");
-    EXPECT_STREQ(pfget_string(t.pf, "arr{inner}"), "v1");
     EXPECT_STREQ(pfget_string(t.pf, "arr{ inner }"), "v1");
     EXPECT_STREQ(pfget_string(t.pf, "arr{deep}{leaf}"), "L");
     EXPECT_STREQ(pfget_string(t.pf, "arr{list}[1]"), "b");
-    EXPECT_STREQ(pfget_string(t.pf, "tbl[0]"), "first");
     EXPECT_STREQ(pfget_string(t.pf, "tbl[1]{k}"), "kv");
     EXPECT_STREQ(pfget_string(t.pf, "{spaced key}"), "sv");
 
     Pf* node = nullptr;
     EXPECT_EQ(pfresolve(t.pf, "", 0, &node), PF_ROOT);
     EXPECT_EQ(node, t.pf);
-    EXPECT_EQ(pfresolve(t.pf, "missing", 0, &node), -31);
     EXPECT_EQ(pfresolve(t.pf, "arr{nope}", 0, &node), -31);
     EXPECT_EQ(pfresolve(t.pf, "name{x}", 0, &node), -32);   // a string can't be indexed by name
     EXPECT_EQ(pfresolve(t.pf, "arr[0]", 0, &node), -32);    // an array can't be indexed by number
     EXPECT_EQ(pfresolve(t.pf, "tbl[7]", 0, &node), -31);
-    EXPECT_EQ(pfresolve(t.pf, "arr{list}", 0, &node), PF_TBL);
-    EXPECT_EQ(pfmaxtbl(node), 2);
 
     // Started at a list, the key is an index.
     Pf* list = nullptr;
@@ -86,32 +81,22 @@ TEST_F(PfTest, KeyPathsReachNestedNodes) {
     EXPECT_EQ(pfresolve(list, pfindex(2), 0, &node), -32);
 
     char* s = nullptr;
-    EXPECT_EQ(pfeval(t.pf, "arr{inner}", &s), 0);
-    EXPECT_STREQ(s, "v1");
     EXPECT_EQ(pfeval(t.pf, "arr", &s), -1);
     EXPECT_EQ(s, nullptr);
     EXPECT_EQ(pfeval(t.pf, "nothing{here}", &s), -1);
-}
 
-TEST_F(PfTest, PfgetLooksInOneNode) {
-    Tree t(Sample);
+    // pfget looks in one node only: no path walk.
     void* v = nullptr;
-    EXPECT_EQ(pfget(t.pf, "n", &v), PF_STRING);
-    EXPECT_STREQ(static_cast<char*>(v), "42");
-    EXPECT_EQ(pfget(t.pf, "arr", &v), PF_ARR);
-    EXPECT_EQ(pfget(t.pf, "arr{inner}", &v), PF_INVALID);  // no path walk
+    EXPECT_EQ(pfget(t.pf, "arr{inner}", &v), PF_INVALID);
     EXPECT_EQ(v, nullptr);
-    Pf* list = nullptr;
-    pfresolve(t.pf, "tbl", 0, &list);
     EXPECT_EQ(pfget(list, pfindex(0), &v), PF_STRING);
     EXPECT_STREQ(static_cast<char*>(v), "first");
     EXPECT_EQ(pfget(list, pfindex(5), &v), PF_INVALID);
 }
 
 TEST_F(PfTest, NumbersParseAndComplain) {
-    Tree t("i 12\nj 12abc\nk  -7   \nd 1.5e3\ne 3.25x\nsz1 4k\nsz2 2M\nsz3 1G\nsz4 4K\nsz5 1.5\n"
+    Tree t("j 12abc\nk  -7   \nd 1.5e3\ne 3.25x\nsz1 4k\nsz2 2M\nsz3 1G\nsz4 4K\nsz5 1.5\n"
            "t1 1700000000.5\nt2 2023-11-14 22:13:20\nt3 not a time\n");
-    EXPECT_EQ(pfget_int(t.pf, "i"), 12);
     EXPECT_EQ(pfget_int(t.pf, "k"), -7);
     testing::internal::CaptureStderr();
     EXPECT_EQ(pfget_int(t.pf, "j"), 12);
@@ -126,7 +111,7 @@ TEST_F(PfTest, NumbersParseAndComplain) {
     EXPECT_DOUBLE_EQ(pfget_size(t.pf, "sz1"), 4096);
     EXPECT_DOUBLE_EQ(pfget_size(t.pf, "sz2"), 2097152);
     EXPECT_DOUBLE_EQ(pfget_size(t.pf, "sz3"), 1073741824);
-    EXPECT_DOUBLE_EQ(pfget_size(t.pf, "sz4"), 4);
+    EXPECT_DOUBLE_EQ(pfget_size(t.pf, "sz4"), 4);  // only a lower-case k means kilo
     EXPECT_DOUBLE_EQ(pfget_size(t.pf, "sz5"), 1.5);
     EXPECT_DOUBLE_EQ(pfget_time(t.pf, "t1"), 1700000000.5);
     EXPECT_DOUBLE_EQ(pfget_time(t.pf, "t2"), 1700000000.0);
@@ -134,20 +119,13 @@ TEST_F(PfTest, NumbersParseAndComplain) {
 
 TEST_F(PfTest, BooleansTakeTheirWords) {
     Tree t("a True\nb yes\nc ON\nd 0\ne off\nf maybe\ng t\nh F\n");
-    EXPECT_EQ(pfget_boolean(t.pf, "a"), -1);
-    EXPECT_EQ(pfget_boolean(t.pf, "b"), -1);
-    EXPECT_EQ(pfget_boolean(t.pf, "c"), -1);
-    EXPECT_EQ(pfget_boolean(t.pf, "g"), -1);
-    EXPECT_EQ(pfget_boolean(t.pf, "d"), 0);
-    EXPECT_EQ(pfget_boolean(t.pf, "e"), 0);
-    EXPECT_EQ(pfget_boolean(t.pf, "h"), 0);
+    for (const char* key : {"a", "b", "c", "g"}) EXPECT_EQ(pfget_boolean(t.pf, key), -1) << key;
+    for (const char* key : {"d", "e", "h"}) EXPECT_EQ(pfget_boolean(t.pf, key), 0) << key;
     testing::internal::CaptureStderr();
-    EXPECT_EQ(pfget_boolean(t.pf, "missing"), 0);
-    std::string quiet = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(quiet, "");
-    testing::internal::CaptureStderr();
+    EXPECT_EQ(pfget_boolean(t.pf, "missing"), 0);  // quietly false
     EXPECT_EQ(pfget_boolean(t.pf, "f"), 0);
     std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(err.find("missing"), std::string::npos) << err;
     EXPECT_NE(err.find("Bad boolean value 'maybe' for f"), std::string::npos) << err;
 }
 
@@ -156,8 +134,6 @@ TEST_F(PfTest, MissingAndMistypedValuesAreFatal) {
     EXPECT_EXIT(pfget_int(t.pf, "absent"), testing::ExitedWithCode(1),
                 "program needs value for 'absent', not found in parameter file '\\*internal buffer\\*'");
     EXPECT_EXIT(pfget_double(t.pf, "arr{nope}"), testing::ExitedWithCode(1), "program needs value for 'arr\\{nope\\}'");
-    EXPECT_EXIT(pfget_size(t.pf, "absent"), testing::ExitedWithCode(1), "program needs value");
-    EXPECT_EXIT(pfget_time(t.pf, "absent"), testing::ExitedWithCode(1), "program needs value");
     EXPECT_EXIT(pfget_string(t.pf, "arr"), testing::ExitedWithCode(1),
                 "wrong parameter type for 'arr' : expected scalar but got array in '\\*internal buffer\\*'");
     EXPECT_EXIT(pfget_tbl(t.pf, "name"), testing::ExitedWithCode(1),
@@ -176,10 +152,9 @@ TEST_F(PfTest, MissingAndMistypedValuesAreFatal) {
 }
 
 int Handler_calls;
-const char* Default_text = "77";
 int lenient(Pf*, const char*, int, int actual, void* result) {
     Handler_calls++;
-    if (actual == PF_INVALID) *static_cast<const char**>(result) = Default_text;
+    if (actual == PF_INVALID) *static_cast<const char**>(result) = "77";
     return 0;
 }
 
@@ -188,21 +163,16 @@ TEST_F(PfTest, ReplacementHandlerSuppliesDefaults) {
     ASSERT_EQ(pfconfig("die", reinterpret_cast<void*>(lenient)), 0);
     Handler_calls = 0;
     EXPECT_EQ(pfget_int(t.pf, "absent"), 77);
-    EXPECT_DOUBLE_EQ(pfget_size(t.pf, "absent"), 77);
     EXPECT_EQ(pfget_string(t.pf, "arr"), nullptr);  // wrong type let through: no string to give
-    EXPECT_EQ(Handler_calls, 3);
+    EXPECT_EQ(Handler_calls, 2);
     ASSERT_EQ(pfconfig("die", nullptr), 0);
     EXPECT_EQ(pfdie, _pfdie);
 
     testing::internal::CaptureStderr();
     EXPECT_EQ(pfconfig("dice", nullptr), -1);
-    EXPECT_EQ(pfconfig("askme", nullptr), -1);
+    EXPECT_EQ(pfconfig("askme", nullptr), -1);  // whole words only
     std::string err = testing::internal::GetCapturedStderr();
     EXPECT_NE(err.find("pfconfig: unrecognized code 'dice'"), std::string::npos) << err;
-    EXPECT_EQ(pfconfig("ask", reinterpret_cast<void*>(1)), 0);
-    EXPECT_EQ(Pfprompt, 1);
-    EXPECT_EQ(pfconfig("ask", nullptr), 0);
-    EXPECT_EQ(Pfprompt, 0);
 }
 
 TEST_F(PfTest, ArraysAndListsComeOutAsContainers) {
@@ -214,12 +184,10 @@ TEST_F(PfTest, ArraysAndListsComeOutAsContainers) {
     freearr(a, nullptr);
 
     Tbl* l = pfget_tbl(t.pf, "tbl");
-    ASSERT_NE(l, nullptr);
     ASSERT_EQ(maxtbl(l), 2);
     EXPECT_STREQ(static_cast<char*>(gettbl(l, 0)), "first");
     Pf* inner = static_cast<Pf*>(gettbl(l, 1));
     EXPECT_EQ(inner->type, PF_ARR);
-    EXPECT_STREQ(pfget_string(inner, "k"), "kv");
     freetbl(l, nullptr);
 
     Tbl* keys = pfkeys(t.pf);
@@ -233,7 +201,6 @@ TEST_F(PfTest, ArraysAndListsComeOutAsContainers) {
 TEST_F(PfTest, SettersBuildWhatGettersRead) {
     Pf* pf = pfnew(PF_ROOT);
     pfput_string(pf, "s", "text");
-    pfput_int(pf, "i", -12);
     pfput_double(pf, "d", 0.1);
     pfput_boolean(pf, "yes", 5);
     pfput_boolean(pf, "no", 0);
@@ -246,12 +213,9 @@ TEST_F(PfTest, SettersBuildWhatGettersRead) {
     pfput_arr(pf, "map", kv);
     freearr(kv, nullptr);
 
-    EXPECT_STREQ(pfget_string(pf, "s"), "text");
-    EXPECT_EQ(pfget_int(pf, "i"), -12);
     EXPECT_DOUBLE_EQ(pfget_double(pf, "d"), 0.1);
     EXPECT_STREQ(pfget_string(pf, "yes"), "True");
     EXPECT_STREQ(pfget_string(pf, "no"), "False");
-    EXPECT_EQ(pfget_boolean(pf, "yes"), -1);
     EXPECT_NEAR(pfget_time(pf, "when"), 1700000000.25, 1e-3);
     EXPECT_NE(std::string(pfget_string(pf, "when")).find("2023-11-14"), std::string::npos);
     EXPECT_STREQ(pfget_string(pf, "list[1]"), "two");
@@ -284,7 +248,6 @@ TEST_F(PfTest, ListIndexesBeyondAnIntAreRefused) {
     EXPECT_EQ(pfresolve(t.pf, "list[99999999999999]", 1, &node), -32);
     ASSERT_EQ(pfresolve(t.pf, "list", 0, &node), PF_TBL);
     EXPECT_EQ(pfmaxtbl(node), 1);
-    EXPECT_STREQ(pfget_string(t.pf, "list[0]"), "a");
 }
 
 TEST_F(PfTest, ReferencesThatMultiplyStayBounded) {
@@ -306,15 +269,12 @@ TEST_F(PfTest, ReferencesThatMultiplyStayBounded) {
 TEST_F(PfTest, PfputInsertsNodesAndAdoptsContainers) {
     Pf* root = pfnew(PF_ROOT);
     Pf* sub = parse("k v\n");
-    ASSERT_EQ(sub->type, PF_ROOT);
     pfput(root, "sub", sub, PF_PF);
     EXPECT_EQ(sub->type, PF_ARR);  // a file root under another node is an array
     EXPECT_EQ(sub->parent, root);
     EXPECT_STREQ(pfget_string(root, "sub{k}"), "v");
     pfput(root, "sub", const_cast<char*>("replaced"), PF_STRING);  // frees the array
     EXPECT_STREQ(pfget_string(root, "sub"), "replaced");
-    pfput(root, "f", const_cast<char*>("&env(PF_TEST_NOT_SET_EVER)"), PF_FUNCTION);
-    EXPECT_EQ(pfget_string(root, "f"), nullptr);  // unset variable: undefined
 
     Pf* list = pfnew(PF_TBL);
     pfput(list, pfindex(0), const_cast<char*>("a"), PF_STRING);
@@ -329,9 +289,7 @@ TEST_F(PfTest, PfputInsertsNodesAndAdoptsContainers) {
     std::string err = testing::internal::GetCapturedStderr();
     EXPECT_NE(err.find("pffree: didn't free type 6"), std::string::npos) << err;
     pfput(list, pfindex(1), const_cast<char*>("c"), PF_STRING);  // fills the gap
-    Pf* b = pfdel(list, pfindex(0));
-    EXPECT_STREQ(b->value.s, "b");
-    pffree(b);
+    pffree(pfdel(list, pfindex(0)));
     pfput(root, "list", list, PF_PF);
     Pf* copy = pfdup(root);
     EXPECT_STREQ(pfget_string(copy, "sub"), "replaced");
@@ -343,18 +301,15 @@ TEST_F(PfTest, PfputInsertsNodesAndAdoptsContainers) {
     pffree(root);
 
     Pf* str = pfnew(PF_STRING);
-    Pf* file = pfnew(PF_ROOT);
     EXPECT_EXIT(pfput(str, "k", const_cast<char*>("v"), PF_STRING), testing::ExitedWithCode(1), "Bad pf pointer in pfput");
-    EXPECT_EXIT(pfput(file, "k", nullptr, 42), testing::ExitedWithCode(1), "Bad type in pfput : 42");
+    EXPECT_EXIT(pfput(str, "k", nullptr, 42), testing::ExitedWithCode(1), "Bad type in pfput : 42");
     pffree(str);
-    pffree(file);
 }
 
 TEST_F(PfTest, ReferencesExpandFromAncestors) {
     Tree t("HOME /top\n"
            "a &{HOME}/x\n"
            "b &HOME/y and &nothing and &{no thing}\n"
-           "c &env(HOME) stays\n"
            "self x&self\n"
            "lone a & b\n"
            "nested &Arr{\n"
@@ -368,8 +323,8 @@ TEST_F(PfTest, ReferencesExpandFromAncestors) {
     EXPECT_STREQ(pfget_string(t.pf, "nested{p}"), "/inner/z");  // nearest ancestor wins
     EXPECT_STREQ(pfget_string(t.pf, "nested{q}"), "/top/x!");   // expansion is recursive
     std::string self = pfget_string(t.pf, "self");
+    EXPECT_EQ(self.rfind("xxxxxxxxxxxxxxxxxxxx", 0), 0u) << self;
     EXPECT_NE(self.find("** error ** pf massive recursion"), std::string::npos) << self;
-    EXPECT_EQ(self.rfind("xxxxxxxxxxxxxxxxxxxx", 0), 0u);
 
     // The stored text keeps its references; a string handed out stays put
     // when a second get expands to the same text.
@@ -381,11 +336,7 @@ TEST_F(PfTest, ReferencesExpandFromAncestors) {
 }
 
 TEST_F(PfTest, CacheOfNamedTrees) {
-    EXPECT_EQ(existsPf("pftest-cache"), nullptr);
-    Pf* one = parse("k 1\n");
-    putPf("pftest-cache", one);
-    EXPECT_EQ(existsPf("pftest-cache"), one);
-    EXPECT_EQ(getPf("pftest-cache"), one);
+    putPf("pftest-cache", parse("k 1\n"));
     putPf("pftest-cache", parse("k 2\n"));  // frees the first
     EXPECT_EQ(pfget_int(existsPf("pftest-cache"), "k"), 2);
     EXPECT_EQ(freePf("pftest-cache"), 0);
@@ -424,22 +375,6 @@ TEST_F(PfTest, ThreadsParseExpandAndShareTheCache) {
     for (auto& th : threads) th.join();
     for (int t = 0; t < 4; t++) EXPECT_EQ(bad[t], 0) << "thread " << t;
     EXPECT_EQ(freePf("pftest-shared"), 0);
-}
-
-TEST_F(PfTest, TypeNames) {
-    Pf* root = parse("key value\n");
-    ASSERT_NE(root, nullptr);
-    EXPECT_EQ(root->type, PF_ROOT);
-    EXPECT_NE(PF_ROOT, PF_STRING);
-    pffree(root);
-    EXPECT_STREQ(pftype_name(PF_ROOT), "scalar");
-    EXPECT_STREQ(pftype_name(PF_STRING), "scalar");
-    EXPECT_STREQ(pftype_name(PF_TBL), "table");
-    EXPECT_STREQ(pftype_name(PF_ARR), "array");
-    EXPECT_STREQ(pftype_name(PF_INVALID), "invalid");
-    EXPECT_STREQ(pftype_name(PF_FUNCTION), "pf-function");
-    EXPECT_STREQ(pftype_name(-3), "pf-function");
-    EXPECT_STREQ(pftype_name(99), "pf-function");
 }
 
 }  // namespace
