@@ -1,9 +1,17 @@
-// Direct appends: whatever the sizes of the pieces, the file holds exactly
-// their bytes, and what went out in whole blocks never entered the page cache.
+// Direct appends as the receiver makes them: whatever the sizes of the
+// pieces, the file holds exactly their bytes once the stream on the same
+// descriptor has written the rest, what went out in whole blocks never
+// entered the page cache, and a file-size limit is reported as such.
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -22,6 +30,25 @@ std::string piece(size_t n, unsigned seed) {
     return s;
 }
 
+// Whether the filesystem of dir says it takes direct writes (it says so
+// for regular files only): then the appender must start there.
+bool takes_direct_writes(const std::string& dir) {
+#ifdef STATX_DIOALIGN
+    std::string probe = dir + "/probe";
+    int fd = open(probe.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    struct statx sx{};
+    bool yes = statx(fd, "", AT_EMPTY_PATH, STATX_DIOALIGN, &sx) == 0 && (sx.stx_mask & STATX_DIOALIGN) &&
+               sx.stx_dio_offset_align > 0 && sx.stx_dio_offset_align <= 4096 && sx.stx_dio_mem_align <= 4096;
+    close(fd);
+    unlink(probe.c_str());
+    return yes;
+#else
+    (void)dir;
+    return false;
+#endif
+}
+
 // Pages of the file's first n bytes that are in the page cache.
 size_t cached_pages(int fd, size_t n) {
     size_t page = size_t(sysconf(_SC_PAGESIZE)), pages = (n + page - 1) / page;
@@ -35,36 +62,73 @@ size_t cached_pages(int fd, size_t n) {
     return cached;
 }
 
-TEST(DirectAppender, PiecesOfAnySizeLandWholeAroundThePageCache) {
-    TempDir tmp;
-    std::string path = tmp / "out";
-    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    ASSERT_GE(fd, 0);
-    auto d = DirectAppender::start(fd);
-    if (!d) {
-        close(fd);
-        GTEST_SKIP() << "no direct writes on the filesystem of " << tmp.path;
+std::string slurp(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    std::stringstream s;
+    s << f.rdbuf();
+    return s.str();
+}
+
+struct DirectAppenderTest : ::testing::Test {
+    void SetUp() override {
+        if (!takes_direct_writes(tmp.path)) GTEST_SKIP() << "no direct writes on the filesystem of " << tmp.path;
     }
+    TempDir tmp;
+};
+
+TEST_F(DirectAppenderTest, PiecesOfAnySizeLandWholeAroundThePageCache) {
+    std::string path = tmp / "out";
+    FILE* f = fopen(path.c_str(), "w+");
+    ASSERT_NE(f, nullptr);
+    auto d = DirectAppender::start(fileno(f));
+    ASSERT_TRUE(d);
     std::string all;
     unsigned seed = 0;
-    for (size_t n : {size_t(1), size_t(4095), size_t(4097), size_t(0), size_t(300000), size_t(7), size_t(1) << 20,
+    // Larger than the bounce buffer, too.
+    for (size_t n : {size_t(1), size_t(4095), size_t(4097), size_t(0), size_t(300000), size_t(7), size_t(3) << 20,
                      size_t(3)}) {
         std::string p = piece(n, ++seed);
         ASSERT_TRUE(d->append(p.data(), p.size())) << n;
         all += p;
         EXPECT_LT(d->ncarried(), 4096u);
-        EXPECT_EQ(size_t(lseek(fd, 0, SEEK_CUR)) + d->ncarried(), all.size());
+        EXPECT_EQ(size_t(lseek(fileno(f), 0, SEEK_CUR)) + d->ncarried(), all.size());
     }
-    size_t whole = all.size() - d->ncarried();
-    EXPECT_EQ(cached_pages(fd, whole), 0u);
+    EXPECT_EQ(cached_pages(fileno(f), all.size() - d->ncarried()), 0u);
 
+    // The rest of the file goes through the stream, as when a file's
+    // packets turn small.
     ASSERT_TRUE(d->end());
-    ASSERT_EQ(write(fd, d->carried(), d->ncarried()), ssize_t(d->ncarried()));
-    close(fd);
-    std::ifstream f(path, std::ios::binary);
-    std::stringstream back;
-    back << f.rdbuf();
-    EXPECT_TRUE(back.str() == all) << back.str().size() << " bytes, expected " << all.size();
+    std::string rest = piece(5000, 99);
+    ASSERT_EQ(fwrite(d->carried(), 1, d->ncarried(), f), d->ncarried());
+    ASSERT_EQ(fwrite(rest.data(), 1, rest.size(), f), rest.size());
+    all += rest;
+    ASSERT_EQ(fclose(f), 0);
+    EXPECT_TRUE(slurp(path) == all) << slurp(path).size() << " bytes, expected " << all.size();
+}
+
+// A limit that falls inside a block makes the direct write invalid; the
+// error told must still be the limit's.
+TEST_F(DirectAppenderTest, AFileSizeLimitInsideABlockIsToldAsSuch) {
+    std::string path = tmp / "limited";
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        signal(SIGXFSZ, SIG_IGN);
+        struct rlimit lim = {500000, 500000};
+        int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+        auto d = fd >= 0 && setrlimit(RLIMIT_FSIZE, &lim) == 0 ? DirectAppender::start(fd) : nullptr;
+        if (!d) _exit(2);
+        std::string p = piece(600000, 1);
+        bool ok = d->append(p.data(), p.size());
+        _exit(!ok && errno == EFBIG ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "1: not refused with EFBIG; 2: could not start";
+    struct stat st {};
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 500000);  // the bytes up to the limit landed
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,8 @@ namespace {
 
 // Larger alignments are possible in principle but not worth a special case.
 constexpr size_t Max_align = 4096;
+// Whole blocks go out at most this many at a time.
+constexpr size_t Bounce = 1 << 20;
 
 // The alignment the filesystem asks of direct writes to fd, or 0 when it
 // does not take them.
@@ -20,48 +23,29 @@ size_t alignment(int fd) {
     struct statx sx{};
     if (statx(fd, "", AT_EMPTY_PATH, STATX_DIOALIGN, &sx) != 0) return 0;
     if (!(sx.stx_mask & STATX_DIOALIGN) || sx.stx_dio_offset_align == 0) return 0;
-    size_t a = sx.stx_dio_offset_align > sx.stx_dio_mem_align ? sx.stx_dio_offset_align : sx.stx_dio_mem_align;
-    return a <= Max_align ? Max_align : 0;  // one page satisfies any smaller power of two
+    size_t a = std::max(sx.stx_dio_offset_align, sx.stx_dio_mem_align);
+    return a <= Max_align ? Max_align : 0;  // 4096 bytes satisfy any smaller power of two
 #else
     (void)fd;
     return 0;
 #endif
 }
 
-bool write_all(int fd, const char* p, size_t n) {
-    while (n > 0) {
-        ssize_t w = write(fd, p, n);
-        if (w < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        if (w == 0) {
-            errno = EIO;
-            return false;
-        }
-        // A short direct write ends on a block boundary (a file-size limit
-        // cuts it there); the retry reports why.
-        p += w;
-        n -= size_t(w);
-    }
-    return true;
+bool direct_off(int fd) {
+    int flags = fcntl(fd, F_GETFL);
+    return flags >= 0 && fcntl(fd, F_SETFL, flags & ~O_DIRECT) == 0;
 }
 
-// This thread's aligned buffer for one append, at least n bytes.
-char* bounce(size_t n) {
+// This thread's aligned buffer of Bounce bytes, or null.
+char* bounce() {
     struct Buffer {
         char* p = nullptr;
-        size_t size = 0;
         ~Buffer() { free(p); }
     };
     thread_local Buffer b;
-    if (b.size < n) {
-        size_t size = (n + Max_align - 1) / Max_align * Max_align;
+    if (b.p == nullptr) {
         void* p = nullptr;
-        if (posix_memalign(&p, Max_align, size) != 0) return nullptr;
-        free(b.p);
-        b.p = static_cast<char*>(p);
-        b.size = size;
+        if (posix_memalign(&p, Max_align, Bounce) == 0) b.p = static_cast<char*>(p);
     }
     return b.p;
 }
@@ -71,8 +55,9 @@ char* bounce(size_t n) {
 std::unique_ptr<DirectAppender> DirectAppender::start(int fd) {
     size_t align = alignment(fd);
     if (align == 0) return nullptr;
+    off_t at = lseek(fd, 0, SEEK_CUR);
     int flags = fcntl(fd, F_GETFL);
-    if (flags < 0) return nullptr;
+    if (at < 0 || size_t(at) % align != 0 || flags < 0) return nullptr;
     void* carry = nullptr;
     if (posix_memalign(&carry, align, align) != 0) return nullptr;
     if (fcntl(fd, F_SETFL, flags | O_DIRECT) != 0) {
@@ -84,27 +69,46 @@ std::unique_ptr<DirectAppender> DirectAppender::start(int fd) {
 
 DirectAppender::~DirectAppender() { free(carry_); }
 
-bool DirectAppender::append(const char* data, size_t n) {
-    size_t total = ncarry_ + n, whole = total / align_ * align_;
-    if (whole == 0) {
-        memcpy(carry_ + ncarry_, data, n);
-        ncarry_ = total;
-        return true;
+bool DirectAppender::write_blocks(const char* p, size_t n) {
+    while (n > 0) {
+        ssize_t w = write(fd_, p, n);
+        if (w > 0) {
+            p += w;  // a short write: the next one says why
+            n -= size_t(w);
+        } else if (w == 0) {
+            errno = EIO;
+            return false;
+        } else if (errno == EINVAL && direct_) {
+            // A direct write cut short where no block ends (a file-size
+            // limit) is refused whole; through the cache the bytes up to the
+            // cut land, and the next write gives the real reason.
+            if (!direct_off(fd_)) return false;
+            direct_ = false;
+        } else if (errno != EINTR) {
+            return false;
+        }
     }
-    char* b = bounce(whole);
-    if (b == nullptr) {
-        errno = ENOMEM;
-        return false;
-    }
-    size_t from_data = whole - ncarry_;
-    memcpy(b, carry_, ncarry_);
-    memcpy(b + ncarry_, data, from_data);
-    ncarry_ = n - from_data;
-    memcpy(carry_, data + from_data, ncarry_);
-    return write_all(fd_, b, whole);
+    return true;
 }
 
-bool DirectAppender::end() {
-    int flags = fcntl(fd_, F_GETFL);
-    return flags >= 0 && fcntl(fd_, F_SETFL, flags & ~O_DIRECT) == 0;
+bool DirectAppender::append(const char* data, size_t n) {
+    char* b = nullptr;
+    while (ncarry_ + n >= align_) {
+        if (b == nullptr && (b = bounce()) == nullptr) {
+            errno = ENOMEM;
+            return false;
+        }
+        size_t whole = std::min(ncarry_ + n, Bounce) / align_ * align_, take = whole - ncarry_;
+        memcpy(b, carry_, ncarry_);
+        memcpy(b + ncarry_, data, take);
+        ncarry_ = 0;
+        data += take;
+        n -= take;
+        if (!write_blocks(b, whole)) return false;
+    }
+    memcpy(carry_ + ncarry_, data, n);
+    ncarry_ += n;
+    return true;
 }
+
+bool DirectAppender::end() { return direct_off(fd_); }
