@@ -168,7 +168,10 @@ bool end_direct(Track* t) {
 
 // Large packets of a file go around the page cache from its first byte on;
 // once anything has gone through the cache, the rest of the file does too.
-bool append(Track* t, const char* data, size_t n, bool large) {
+// Only the writer thread sees large packets: a direct write waits for the
+// device.
+bool append(Track* t, const char* data, size_t n) {
+    bool large = n >= size_t(Parallel_write);
     if (large && t->totbytes == 0 && t->direct == nullptr)
         t->direct = DirectAppender::start(fileno(t->file)).release();
     if (large && t->direct != nullptr) {
@@ -220,7 +223,7 @@ void write_data(Track* t, int seq, const char* data, int ndata) {
     if (ndata < Parallel_write) {
         settle_write();
         if (t->drop) return;
-        if (!append(t, data, n, false)) write_failed(t, seq, errno);
+        if (!append(t, data, n)) write_failed(t, seq, errno);
         return;
     }
     settle_writes(In_flight - 1);
@@ -228,7 +231,7 @@ void write_data(Track* t, int seq, const char* data, int ndata) {
     Writes.push_back({t, seq, true, 0, 0});
     Write* w = &Writes.back();  // stays put while later writes are queued behind it
     w->ticket = writer().start([w, t, data, n] {
-        w->ok = append(t, data, n, true);
+        w->ok = append(t, data, n);
         w->error = errno;
     });
 }
