@@ -35,6 +35,8 @@ public:
     WireClient(const WireClient&) = delete;
     WireClient& operator=(const WireClient&) = delete;
 
+    static constexpr int kFailed = -1000;
+
     // Connects to "host:port"; false on failure.
     bool connect_tcp(const std::string& name, const char* local_addr = nullptr) {
         auto colon = name.rfind(':');
@@ -86,9 +88,9 @@ public:
         fd_ = -1;
         bnsfree(in_);
         bnsfree(out_);
-        in_ = out_ = nullptr;
         freeOrbrequest(req_);
         freeOrbresponse(resp_);
+        in_ = out_ = nullptr;
         req_ = nullptr;
         resp_ = nullptr;
         if (child_ > 0) {
@@ -104,25 +106,21 @@ public:
         child_ = -1;
     }
     int child_status() const { return child_exit_; }
-    pid_t child() const { return child_; }
 
     int fd() const { return fd_; }
     Orbrequest* req() { return req_; }
     Orbresponse* resp() { return resp_; }
-    Bns* in() { return in_; }
     void set_timeout(int ms) { bnstimeout(in_, ms); }
 
     // Sends raw bytes as they are.
-    bool raw(const void* data, size_t n) {
-        return ::send(fd_, data, n, MSG_NOSIGNAL) == ssize_t(n);
+    bool raw(const std::string& s) {
+        return ::send(fd_, s.data(), s.size(), MSG_NOSIGNAL) == ssize_t(s.size());
     }
-    bool raw(const std::string& s) { return raw(s.data(), s.size()); }
 
     // Sends req_ (what set by the caller) preceded by the marker.
     bool send() {
         buf2bns(out_, "orbm", 4);
-        if (pbnsOrbrequest(out_, req_) != 0) return false;
-        return bnsflush(out_) == 0;
+        return pbnsOrbrequest(out_, req_) == 0 && bnsflush(out_) == 0;
     }
     // Reads the next response whatever it is: 0, or -1.
     int recv_any() {
@@ -130,10 +128,10 @@ public:
         return gbnsOrbresponse(in_, resp_);
     }
     // Reads responses until one answers `what` (streamed pushes before it are
-    // skipped, as the library does). Result field, or -1 when reading fails.
+    // skipped, as the library does). Result field, or kFailed when reading fails.
     int recv(int what) {
         for (;;) {
-            if (recv_any() < 0) return -1000;
+            if (recv_any() < 0) return kFailed;
             int w = resp_->what;
             if (w == what || (what == ORBGET && w == ORBGETL) || (what == ORBREAP && w == ORBREAPL) ||
                 (what == ORBPUTX && w == ORBPUTXL))
@@ -145,18 +143,11 @@ public:
 
     int exchange(int what) {
         req_->what = what;
-        if (!send()) return -1000;
-        return recv(what);
+        return send() ? recv(what) : kFailed;
     }
 
     // ---- requests -------------------------------------------------------
     int open(char perm = 'r', const char* what = "server_test") {
-        req_->what = ORBOPEN;
-        fill_hello(perm, what);
-        if (!send()) return -1000;
-        return recv(ORBOPEN);
-    }
-    void fill_hello(char perm, const char* what) {
         if (!req_->hello) {
             req_->hello = newOrbOpenString();
             req_->sZhello = 1;
@@ -166,8 +157,73 @@ public:
         req_->hello->perm = perm;
         std::snprintf(req_->hello->what, sizeof req_->hello->what, "%s", what);
         std::snprintf(req_->hello->who, sizeof req_->hello->who, "tester");
+        return exchange(ORBOPEN);
     }
-    void fill_pkg(const std::string& src, double time, const std::string& data, int pktid = -1) {
+    // ORBPUT: no answer.
+    bool put(const std::string& src, double time, const std::string& data, int pktid = -1) {
+        return send_pkg(ORBPUT, src, time, data, pktid);
+    }
+    // ORBPUTX: the new pktid, or a negative failure.
+    int putx(const std::string& src, double time, const std::string& data) {
+        if (!send_pkg(ORBPUTX, src, time, data, -1)) return kFailed;
+        int r = recv(ORBPUTX);
+        return r == 0 ? resp_->pktid : r;
+    }
+    // ORBGET: 0 with pkt filled, else the failure.
+    int get(int code, Pkt* pkt = nullptr) {
+        req_->pktcode = code;
+        int r = exchange(ORBGET);
+        if (r == 0 && pkt) *pkt = packet();
+        return r;
+    }
+    // ORBSEEK/ORBTELL/ORBAFTER: the pktid, or kFailed.
+    int seek(int code) {
+        req_->pktcode = code;
+        return pktid_or_failed(exchange(ORBSEEK));
+    }
+    int tell() { return pktid_or_failed(exchange(ORBTELL)); }
+    int after(double t) {
+        req_->time = t;
+        return pktid_or_failed(exchange(ORBAFTER));
+    }
+    // ORBSELECT/ORBREJECT: the number of sources selected, or kFailed.
+    int select(const std::string& pattern, int what = ORBSELECT) {
+        bool sel = what == ORBSELECT;
+        char*& field = sel ? req_->select : req_->reject;
+        std::free(field);
+        field = strdup(pattern.c_str());
+        (sel ? req_->sZselect : req_->sZreject) = int(pattern.size() + 1);
+        (sel ? req_->nselect : req_->nreject) = int(pattern.size() + 1);
+        return exchange(what) == 0 ? resp_->nselections : kFailed;
+    }
+    int reject(const std::string& pattern) { return select(pattern, ORBREJECT); }
+    // Starts a stream; read it with next().
+    bool reap(int maxpkts = -1, int maxbytes = -1, double maxtime = 0) {
+        req_->reap_maxpkts = maxpkts;
+        req_->reap_maxbytes = maxbytes;
+        req_->reap_maxtime = maxtime;
+        req_->what = ORBREAP;
+        return send();
+    }
+    // Next streamed packet: 0 and pkt, -1 when reading fails, -2 for another answer.
+    int next(Pkt* pkt) {
+        if (recv_any() < 0) return -1;
+        if (resp_->what != ORBREAP && resp_->what != ORBREAPL) return -2;
+        if (pkt) *pkt = packet();
+        return resp_->result;
+    }
+    // The pktid of the next streamed packet, or of what ORBGET code yields; kFailed when none.
+    int next_id() { return next(nullptr) == 0 ? resp_->pkg->pktid : kFailed; }
+    int get_id(int code) { return get(code) == 0 ? resp_->pkg->pktid : kFailed; }
+    Pkt packet() const {
+        Pktpkg* g = resp_->pkg;
+        return {g->pktid, g->time, g->srcname, std::string(g->packet ? g->packet : "", size_t(g->packetsize))};
+    }
+
+private:
+    int pktid_or_failed(int r) const { return r == 0 ? resp_->pktid : kFailed; }
+    // The packet is sent from data itself and forgotten before the request is reused.
+    bool send_pkg(int what, const std::string& src, double time, const std::string& data, int pktid) {
         if (!req_->pkg) {
             req_->pkg = newPktpkg();
             req_->sZpkg = 1;
@@ -180,91 +236,11 @@ public:
         p->packet = const_cast<char*>(data.data());
         p->packetsize = int(data.size());
         p->sZpacket = 0;
-    }
-    // ORBPUT: no answer.
-    bool put(const std::string& src, double time, const std::string& data, int pktid = -1) {
-        fill_pkg(src, time, data, pktid);
-        req_->what = ORBPUT;
+        req_->what = what;
         bool ok = send();
-        req_->pkg->packet = nullptr;
+        p->packet = nullptr;
         return ok;
     }
-    // ORBPUTX: the new pktid, or a negative failure.
-    int putx(const std::string& src, double time, const std::string& data) {
-        fill_pkg(src, time, data);
-        req_->what = ORBPUTX;
-        bool ok = send();
-        req_->pkg->packet = nullptr;
-        if (!ok) return -1000;
-        int r = recv(ORBPUTX);
-        return r == 0 ? resp_->pktid : r;
-    }
-    // ORBGET: 0 with pkt filled, else the failure.
-    int get(int code, Pkt* pkt = nullptr) {
-        req_->pktcode = code;
-        int r = exchange(ORBGET);
-        if (r == 0 && pkt) *pkt = packet();
-        return r;
-    }
-    // ORBSEEK/ORBTELL/ORBAFTER: the pktid, or -1000 - nothing/failure result below -1000.
-    int seek(int code) {
-        req_->pktcode = code;
-        int r = exchange(ORBSEEK);
-        return r == 0 ? resp_->pktid : kFailed;
-    }
-    int tell() {
-        int r = exchange(ORBTELL);
-        return r == 0 ? resp_->pktid : kFailed;
-    }
-    int after(double t) {
-        req_->time = t;
-        int r = exchange(ORBAFTER);
-        return r == 0 ? resp_->pktid : kFailed;
-    }
-    int select(const std::string& pattern, int what = ORBSELECT) {
-        std::vector<char>& store = what == ORBSELECT ? sel_ : rej_;
-        store.assign(pattern.begin(), pattern.end());
-        store.push_back(0);
-        char** field = what == ORBSELECT ? &req_->select : &req_->reject;
-        int* n = what == ORBSELECT ? &req_->nselect : &req_->nreject;
-        int* sz = what == ORBSELECT ? &req_->sZselect : &req_->sZreject;
-        std::free(*field);
-        *field = static_cast<char*>(std::malloc(store.size()));
-        std::memcpy(*field, store.data(), store.size());
-        *sz = int(store.size());
-        *n = int(store.size());
-        int r = exchange(what);
-        return r == 0 ? resp_->nselections : kFailed;
-    }
-    int reject(const std::string& pattern) { return select(pattern, ORBREJECT); }
-    // Starts a stream; read it with next().
-    bool reap(int maxpkts = -1, int maxbytes = -1, double maxtime = 0) {
-        req_->reap_maxpkts = maxpkts;
-        req_->reap_maxbytes = maxbytes;
-        req_->reap_maxtime = maxtime;
-        req_->what = ORBREAP;
-        return send();
-    }
-    // Next streamed packet: 0 and pkt, or -1 when reading fails.
-    int next(Pkt* pkt) {
-        if (recv_any() < 0) return -1;
-        if (resp_->what != ORBREAP && resp_->what != ORBREAPL) return -2;
-        if (pkt) *pkt = packet();
-        return resp_->result;
-    }
-    Pkt packet() const {
-        Pkt p;
-        Pktpkg* g = resp_->pkg;
-        p.pktid = g->pktid;
-        p.time = g->time;
-        p.srcname = g->srcname;
-        p.data.assign(g->packet ? g->packet : "", size_t(g->packetsize));
-        return p;
-    }
-
-    static constexpr int kFailed = -1000;
-
-private:
     void attach(int fd) {
         // A server killed under a test must fail its writes, not kill it.
         signal(SIGPIPE, SIG_IGN);
@@ -283,7 +259,6 @@ private:
     Bns* out_ = nullptr;
     Orbrequest* req_ = nullptr;
     Orbresponse* resp_ = nullptr;
-    std::vector<char> sel_, rej_;
     int skipped_ = 0;
 };
 
