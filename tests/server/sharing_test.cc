@@ -36,28 +36,30 @@ int index_of(const std::string& data) {
 class Sharing : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_FALSE(dir.path.empty()); }
-    bool forb(WireClient& c, std::vector<std::string> extra = {}) {
+    // A forbserver on the ring over a socketpair, opened with perm.
+    bool forb(WireClient& c, char perm, const char* what = "server_test", std::vector<std::string> extra = {}) {
         extra.push_back(ring);
-        return c.spawn_forb(extra, log);
+        return c.spawn_forb(extra, log) && c.open(perm, what) == 0;
     }
-    // An orbserver on the same ring file; check up() before use.
-    std::unique_ptr<OrbServer> orbserver(std::vector<std::string> args = {}) {
+    // Starts an orbserver on the same ring file.
+    bool up(std::vector<std::string> args = {}) {
         OrbServer::Options o;
         o.ring = ring;
         o.args = std::move(args);
-        return std::make_unique<OrbServer>(o);
+        server = std::make_unique<OrbServer>(o);
+        return server->up();
     }
-    static bool tcp(WireClient& c, OrbServer& s, char perm, const char* what = "server_test") {
-        return c.connect_tcp(s.name()) && c.open(perm, what) == 0;
+    bool tcp(WireClient& c, char perm, const char* what = "server_test") {
+        return c.connect_tcp(server->name()) && c.open(perm, what) == 0;
     }
     TempDir dir{"forb-test"};
     std::string ring = dir / "ring", log = dir / "forbserver.log";
+    std::unique_ptr<OrbServer> server;
 };
 
 TEST_F(Sharing, RequestsSentBeforeTheClientStopsSendingAreAllAnswered) {
     WireClient w;
-    ASSERT_TRUE(forb(w, {"-s16M"}));
-    ASSERT_EQ(w.open('w'), 0);
+    ASSERT_TRUE(forb(w, 'w', "server_test", {"-s16M"}));
     ASSERT_EQ(w.exchange(ORBSTAT), 0);
     EXPECT_EQ(w.resp()->orbstat.maxdata, 16u << 20);
     std::string big(900000, 'b');
@@ -93,14 +95,11 @@ TEST_F(Sharing, LargePacketsReachALaggingReaderWhole) {
         for (size_t k = 0; k < s.size(); k++) s[k] = char(k * 131 + i * 7 + k / 4099);
         return s;
     };
-    auto server = orbserver({"-s", "64M"});
-    ASSERT_TRUE(server->up()) << server->log();
+    ASSERT_TRUE(up({"-s", "64M"})) << server->log();
     WireClient tcp_reader, forb_reader, writer;
-    ASSERT_TRUE(tcp(tcp_reader, *server, 'r'));
-    ASSERT_TRUE(forb(forb_reader));
-    ASSERT_EQ(forb_reader.open('r'), 0);
-    ASSERT_TRUE(forb(writer));
-    ASSERT_EQ(writer.open('w'), 0);
+    ASSERT_TRUE(tcp(tcp_reader, 'r'));
+    ASSERT_TRUE(forb(forb_reader, 'r'));
+    ASSERT_TRUE(forb(writer, 'w'));
     ASSERT_TRUE(tcp_reader.reap());
     ASSERT_TRUE(forb_reader.reap());
     constexpr int n = 12;
@@ -129,8 +128,7 @@ TEST_F(Sharing, APacketTooLargeToSendIsPassedOverNotRetried) {
         ASSERT_GE(r->put("F/small", 2, "after", 5), 0);
     }
     WireClient w;
-    ASSERT_TRUE(forb(w));
-    ASSERT_EQ(w.open('r'), 0);
+    ASSERT_TRUE(forb(w, 'r'));
     ASSERT_NE(w.seek(ORBOLDEST), WireClient::kFailed);
     ASSERT_TRUE(w.reap());
     Pkt p;
@@ -143,17 +141,13 @@ TEST_F(Sharing, APacketTooLargeToSendIsPassedOverNotRetried) {
 
 TEST_F(Sharing, ForbserversAndAnOrbserverShareTheRing) {
     constexpr int kPackets = 2000;
-    auto server = orbserver();
-    ASSERT_TRUE(server->up()) << server->log();
-
+    ASSERT_TRUE(up()) << server->log();
     WireClient tcp_reader, forb_reader, forb_writer, tcp_writer;
-    ASSERT_TRUE(tcp(tcp_reader, *server, 'r', "tcp_reader"));
-    ASSERT_TRUE(forb(forb_reader));
-    ASSERT_EQ(forb_reader.open('r', "forb_reader"), 0);
+    ASSERT_TRUE(tcp(tcp_reader, 'r', "tcp_reader"));
+    ASSERT_TRUE(forb(forb_reader, 'r', "forb_reader"));
     ASSERT_EQ(forb_reader.select("B/.*"), 0);
-    ASSERT_TRUE(forb(forb_writer));
-    ASSERT_EQ(forb_writer.open('w', "forb_writer"), 0);
-    ASSERT_TRUE(tcp(tcp_writer, *server, 'w', "tcp_writer"));
+    ASSERT_TRUE(forb(forb_writer, 'w', "forb_writer"));
+    ASSERT_TRUE(tcp(tcp_writer, 'w', "tcp_writer"));
 
     // Each front end's clients appear in every front end's client list.
     for (WireClient* c : {&tcp_reader, &forb_reader}) {
@@ -199,12 +193,11 @@ TEST_F(Sharing, ForbserversAndAnOrbserverShareTheRing) {
 }
 
 TEST_F(Sharing, RestartKeepsPacketsAndRingStart) {
-    auto server = orbserver();
-    ASSERT_TRUE(server->up()) << server->log();
+    ASSERT_TRUE(up()) << server->log();
     double orb_start, server_start;
     {
         WireClient w;
-        ASSERT_TRUE(tcp(w, *server, 'w'));
+        ASSERT_TRUE(tcp(w, 'w'));
         orb_start = w.resp()->orb_start;
         server_start = w.resp()->server_start;
         for (int i = 0; i < 50; i++) ASSERT_EQ(w.putx("P/x", 10 + i, body(i)), i);
@@ -218,7 +211,7 @@ TEST_F(Sharing, RestartKeepsPacketsAndRingStart) {
     // The same ring through a forbserver too.
     for (int pass = 0; pass < 2; pass++) {
         WireClient r;
-        ASSERT_TRUE(pass == 0 ? tcp(r, *server, 'r') : forb(r) && r.open('r') == 0);
+        ASSERT_TRUE(pass == 0 ? tcp(r, 'r') : forb(r, 'r'));
         EXPECT_EQ(r.resp()->orb_start, orb_start);
         EXPECT_NE(r.resp()->server_start, server_start);
         EXPECT_EQ(r.resp()->latest_pktid, 49);
@@ -235,12 +228,11 @@ TEST_F(Sharing, RestartKeepsPacketsAndRingStart) {
 }
 
 TEST_F(Sharing, KilledMidAppendsTheRingStaysConsistent) {
-    auto server = orbserver({"-s", "256k"});
-    ASSERT_TRUE(server->up()) << server->log();
+    ASSERT_TRUE(up({"-s", "256k"})) << server->log();
     double orb_start;
     {
         WireClient w;
-        ASSERT_TRUE(tcp(w, *server, 'w'));
+        ASSERT_TRUE(tcp(w, 'w'));
         orb_start = w.resp()->orb_start;
         // Puts stream in without answers; the server dies somewhere among them.
         std::thread killer([&] {
@@ -253,7 +245,7 @@ TEST_F(Sharing, KilledMidAppendsTheRingStaysConsistent) {
     }
     ASSERT_TRUE(server->start()) << server->log();
     WireClient r;
-    ASSERT_TRUE(tcp(r, *server, 'r'));
+    ASSERT_TRUE(tcp(r, 'r'));
     EXPECT_EQ(r.resp()->orb_start, orb_start);
     int latest = r.resp()->latest_pktid;
     ASSERT_GE(latest, 0);
@@ -261,29 +253,23 @@ TEST_F(Sharing, KilledMidAppendsTheRingStaysConsistent) {
     // Every packet left is whole, in order and consecutive up to the newest.
     Pkt p;
     ASSERT_EQ(r.get(ORBNEXT, &p), 0);
-    int prev = index_of(p.data);
-    EXPECT_EQ(p.data, body(prev));
-    int prev_id = p.pktid;
-    while (prev_id != latest) {
+    for (int id = p.pktid, i = index_of(p.data);; id++, i++) {
+        ASSERT_EQ(p.pktid, id);
+        ASSERT_EQ(p.data, body(i)) << "pktid " << id;
+        if (id == latest) break;
         ASSERT_EQ(r.get(ORBNEXT, &p), 0);
-        EXPECT_EQ(p.pktid, prev_id + 1);
-        EXPECT_EQ(index_of(p.data), prev + 1);
-        EXPECT_EQ(p.data, body(prev + 1));
-        prev = index_of(p.data);
-        prev_id = p.pktid;
     }
     // And the ring takes new packets after the last one.
     WireClient w;
-    ASSERT_TRUE(tcp(w, *server, 'w'));
+    ASSERT_TRUE(tcp(w, 'w'));
     EXPECT_EQ(w.putx("K/x", 0, "after"), latest + 1);
 }
 
 TEST_F(Sharing, EvictionMovesAnEvictedReaderToTheOldest) {
-    auto server = orbserver({"-s", "64k"});
-    ASSERT_TRUE(server->up()) << server->log();
+    ASSERT_TRUE(up({"-s", "64k"})) << server->log();
     WireClient w, r;
-    ASSERT_TRUE(tcp(w, *server, 'w'));
-    ASSERT_TRUE(tcp(r, *server, 'r'));
+    ASSERT_TRUE(tcp(w, 'w'));
+    ASSERT_TRUE(tcp(r, 'r'));
     std::string big(1000, 'x');
     for (int i = 0; i < 5; i++) w.putx("E/x", i, big);
     ASSERT_EQ(r.seek(1), 1);  // the reader stands at packet 1
@@ -294,7 +280,7 @@ TEST_F(Sharing, EvictionMovesAnEvictedReaderToTheOldest) {
     ASSERT_EQ(r.seek(1), WireClient::kFailed);
     ASSERT_EQ(r.tell(), oldest);  // the failed seek left the reader at the oldest
     WireClient late;
-    ASSERT_TRUE(tcp(late, *server, 'r'));
+    ASSERT_TRUE(tcp(late, 'r'));
     ASSERT_EQ(late.seek(ORBOLDEST), oldest);
     ASSERT_EQ(late.seek(ORBNEXT), oldest);
     // Stand the late reader at a packet and let it be evicted under it.
@@ -307,19 +293,16 @@ TEST_F(Sharing, EvictionMovesAnEvictedReaderToTheOldest) {
 }
 
 TEST_F(Sharing, PacketIdsWrapAtTheModulus) {
-    auto server = orbserver({"-m", "16", "-n", "8"});
-    ASSERT_TRUE(server->up()) << server->log();
+    ASSERT_TRUE(up({"-m", "16", "-n", "8"})) << server->log();
     WireClient w, r;
-    ASSERT_TRUE(tcp(w, *server, 'w'));
-    ASSERT_TRUE(tcp(r, *server, 'r'));
+    ASSERT_TRUE(tcp(w, 'w'));
+    ASSERT_TRUE(tcp(r, 'r'));
     ASSERT_EQ(r.exchange(ORBSTAT), 0);
     EXPECT_EQ(r.resp()->orbstat.maxpkts, 16);
     ASSERT_TRUE(r.reap());
-    std::vector<int> ids;
-    for (int i = 0; i < 40; i++) ids.push_back(w.putx("M/x", i, body(i)));
+    for (int i = 0; i < 40; i++) EXPECT_EQ(w.putx("M/x", i, body(i)), i % 16) << i;
     Pkt p;
     for (int i = 0; i < 40; i++) {
-        EXPECT_EQ(ids[size_t(i)], i % 16);
         ASSERT_EQ(r.next(&p), 0);
         EXPECT_EQ(p.pktid, i % 16);
         EXPECT_EQ(p.data, body(i));
@@ -340,12 +323,11 @@ TEST_F(Sharing, BadRingFilesAreReportedNotServed) {
     {
         std::ofstream(ring) << std::string(100000, 'j');
     }
-    auto server = orbserver();
-    EXPECT_FALSE(server->up());
+    EXPECT_FALSE(up());
     EXPECT_NE(server->log().find(ring), std::string::npos) << server->log();
     // A forbserver on it dies with its message rather than answering.
     WireClient r;
-    ASSERT_TRUE(forb(r));
+    ASSERT_TRUE(r.spawn_forb({ring}, log));
     EXPECT_NE(r.open('r'), 0);
     r.disconnect();
     EXPECT_TRUE(WIFEXITED(r.child_status()));
