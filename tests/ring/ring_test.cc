@@ -2,6 +2,7 @@
 // a writer killed mid-put, and damaged files.
 #include "ring/ring.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "support/tempdir.h"
@@ -23,6 +24,8 @@ namespace fs = std::filesystem;
 using ring::Entry;
 using ring::Geometry;
 using ring::Ring;
+using testing::HasSubstr;
+using testing::ThrowsMessage;
 
 namespace {
 
@@ -48,17 +51,38 @@ int64_t put(Ring& r, const std::string& name, double t, const std::vector<char>&
     return r.put(name, t, b.data(), b.size());
 }
 
-// Exit status of a forked child; children never return into the test runner.
+// Runs body in a forked child that exits with what body returns (99 if it
+// throws): children never return into the test runner.
+template <class F>
+pid_t fork_child(F body) {
+    pid_t pid = fork();
+    if (pid != 0) return pid;
+    try {
+        _exit(body());
+    } catch (...) {
+        _exit(99);
+    }
+}
+
 int child_status(pid_t pid) {
     int st = 0;
     waitpid(pid, &st, 0);
     return st;
 }
 
+// Overwrites n bytes of the file at `at`.
+void poke(const std::string& file, off_t at, const void* data, size_t n) {
+    int fd = ::open(file.c_str(), O_RDWR);
+    EXPECT_EQ(pwrite(fd, data, n, at), ssize_t(n)) << at;
+    ::close(fd);
+}
+
 class RingTest : public ::testing::Test {
 protected:
     TempDir dir{"ringtest"};
     std::string file = dir / "ring";
+    Entry e;  // what the tests read into
+    std::vector<char> b;
     void SetUp() override { alarm(25); }   // a wedged ring fails the test rather than hanging it
     void TearDown() override {
         alarm(0);
@@ -138,8 +162,6 @@ TEST_F(RingTest, PutReadAndReopenKeepsPacketsAndOrbStart) {
     EXPECT_EQ(r->status().orb_start, start);
     EXPECT_EQ(r->oldest(), 0u);
     EXPECT_EQ(r->newest(), 2u);
-    Entry e;
-    std::vector<char> b;
     ASSERT_TRUE(r->read(0, &e, b));
     EXPECT_STREQ(e.srcname, "AA_BB/xfer");
     EXPECT_EQ(e.time, 10.5);
@@ -173,7 +195,7 @@ TEST_F(RingTest, RefusesBadGeometryAndBadPutsAndKeepsGoing) {
 
     auto r = Ring::create(file, {.data_bytes = 4096, .nslots = 8});
     std::string why;
-    std::vector<char> b(100);
+    b.resize(100);
     EXPECT_EQ(r->put(std::string(64, 'x'), 1, b.data(), b.size(), &why), -1);
     EXPECT_FALSE(why.empty());
     EXPECT_EQ(r->put(std::string("a\0b", 3), 1, b.data(), b.size()), -1);
@@ -195,8 +217,6 @@ TEST_F(RingTest, EvictsOldestAndKeepsEveryPresentPacketIntact) {
         ASSERT_EQ(put(*r, names[rng() % 3], i, payload(0, i, size)), int64_t(i));
         uint64_t used = 0;
         for (uint64_t s = r->tail(); s < r->head(); s++) {
-            Entry e;
-            std::vector<char> b;
             ASSERT_TRUE(r->read(s, &e, b)) << s;
             uint32_t w, n;
             ASSERT_TRUE(payload_ok(b, &w, &n)) << "packet " << s << " damaged after put " << i;
@@ -212,8 +232,6 @@ TEST_F(RingTest, EvictsOldestAndKeepsEveryPresentPacketIntact) {
     // A reader whose packet has gone carries on from the oldest one left.
     EXPECT_GT(r->tail(), 10u);
     EXPECT_EQ(r->next_seq(3), r->tail());
-    Entry e;
-    std::vector<char> b;
     EXPECT_FALSE(r->read(3, &e, b));
     EXPECT_FALSE(r->prev_seq(r->tail()));
     EXPECT_EQ(r->prev_seq(r->head() + 5), r->head() - 1);
@@ -233,7 +251,6 @@ TEST_F(RingTest, PacketIdsWrapAtTheModulus) {
     // Five slots bound the count: seqs 18..22 are present, with pktids 4,5,6,0,1.
     EXPECT_EQ(r->oldest(), 18u);
     int ids[] = {4, 5, 6, 0, 1};
-    Entry e;
     for (uint64_t k = 0; k < 5; k++) {
         EXPECT_EQ(r->find(ids[k]), 18 + k);
         ASSERT_TRUE(r->entry(18 + k, &e));
@@ -262,7 +279,6 @@ TEST_F(RingTest, SourceTableOverflowLeavesNewSourcesUncounted) {
     put(*r, "A", 1, payload(0, 0, 10));
     put(*r, "B", 2, payload(0, 1, 10));
     put(*r, "C", 3, payload(0, 2, 10));
-    Entry e;
     ASSERT_TRUE(r->entry(2, &e));
     EXPECT_EQ(e.src, -1);
     EXPECT_EQ(r->sources().size(), 2u);
@@ -289,8 +305,6 @@ TEST_F(RingTest, StashKeepsTheLastPacketPerSource) {
         EXPECT_EQ(r->head(), 0u);   // the stash is no part of the sequence
     }
     auto r = Ring::open(file);
-    Entry e;
-    std::vector<char> b;
     ASSERT_TRUE(r->stash_get("A", &e, b));
     EXPECT_EQ(std::string(b.begin(), b.end()), "two!");
     EXPECT_EQ(e.time, 2);
@@ -320,37 +334,29 @@ TEST_F(RingTest, OpenRefusesFilesThatAreNotWholeRings) {
 
     Ring::create(file, {.data_bytes = 8192, .nslots = 16})->put("s", 1, "x", 1);
     auto whole = fs::file_size(file);
-    std::string good = dir.path + "/good";
+    std::string good = dir / "good";
     fs::copy_file(file, good);
+    auto restore = [&] { fs::copy_file(good, file, fs::copy_options::overwrite_existing); };
     for (auto size : {whole - 1, whole / 2, uintmax_t(4096), uintmax_t(200), uintmax_t(0)}) {
-        fs::copy_file(good, file, fs::copy_options::overwrite_existing);
+        restore();
         fs::resize_file(file, size);
-        try {
-            Ring::open(file);
-            ADD_FAILURE() << "opened a ring truncated to " << size;
-        } catch (const ring::Error& e) {
-            EXPECT_NE(std::string(e.what()).find(file), std::string::npos);
-        }
+        EXPECT_THAT([&] { Ring::open(file); }, ThrowsMessage<ring::Error>(HasSubstr(file))) << size;
     }
     // Every byte of the geometry matters.
+    char header[136];
+    std::ifstream(good, std::ios::binary).read(header, sizeof header);
     for (int at = 0; at < 136; at++) {
-        fs::copy_file(good, file, fs::copy_options::overwrite_existing);
-        int fd = ::open(file.c_str(), O_RDWR);
-        unsigned char c;
-        ASSERT_EQ(pread(fd, &c, 1, at), 1);
-        c ^= 0x10;
-        ASSERT_EQ(pwrite(fd, &c, 1, at), 1);
-        ::close(fd);
+        restore();
+        char c = char(header[at] ^ 0x10);
+        poke(file, at, &c, 1);
         EXPECT_THROW(Ring::open(file), ring::Error) << "flipped byte " << at;
     }
     // head and tail must fit the geometry; a tail beyond the head cannot be.
-    fs::copy_file(good, file, fs::copy_options::overwrite_existing);
-    int fd = ::open(file.c_str(), O_RDWR);
+    restore();
     uint64_t v[2] = {0, 9};   // head 0, tail 9
-    ASSERT_EQ(pwrite(fd, v, sizeof v, 256), ssize_t(sizeof v));
-    ::close(fd);
+    poke(file, 256, v, sizeof v);
     EXPECT_THROW(Ring::open(file), ring::Error);
-    fs::copy_file(good, file, fs::copy_options::overwrite_existing);
+    restore();
     EXPECT_EQ(Ring::open(file)->head(), 1u);
 }
 
@@ -364,19 +370,13 @@ TEST_F(RingTest, DamagedIndexAndTablesNeverCrash) {
             for (int i = 0; i < 10; i++) put(*r, "s" + std::to_string(i % 3), i, payload(0, i, 500));
             r->stash_put("s0", 1, "x", 1);
         }
-        {
-            int fd = ::open(file.c_str(), O_RDWR);
-            auto size = fs::file_size(file);
-            for (int k = 0; k < 400; k++) {
-                off_t at = 4096 + off_t(rng() % (size - 4096));
-                unsigned char c = (unsigned char)rng();
-                ASSERT_EQ(pwrite(fd, &c, 1, at), 1);
-            }
-            ::close(fd);
+        auto size = fs::file_size(file);
+        for (int k = 0; k < 400; k++) {
+            off_t at = 4096 + off_t(rng() % (size - 4096));
+            unsigned char c = (unsigned char)rng();
+            poke(file, at, &c, 1);
         }
         auto r = Ring::open(file);
-        Entry e;
-        std::vector<char> b;
         for (uint64_t s = 0; s < 12; s++) r->read(s, &e, b);
         for (int i = 0; i < 30; i++) put(*r, "s" + std::to_string(i % 5), i, payload(0, i, 300));
         r->after_time(5);
@@ -411,12 +411,7 @@ TEST_F(RingTest, ClientTableTracksLiveClientsAndReclaimsDeadOnes) {
     EXPECT_EQ(r->counters(99), nullptr);
 
     // A child takes the other entry and dies without giving it back.
-    pid_t pid = fork();
-    if (pid == 0) {
-        auto rc = Ring::open(file);
-        _exit(rc->client_add(c) >= 0 ? 0 : 1);
-    }
-    ASSERT_EQ(child_status(pid), 0);
+    ASSERT_EQ(child_status(fork_child([&] { return Ring::open(file)->client_add(c) >= 0 ? 0 : 1; })), 0);
     EXPECT_EQ(r->status().nclients, 2u);   // not yet noticed
     int32_t again = r->client_add(c);      // the dead one's entry is reused
     EXPECT_GE(again, 0);
@@ -443,13 +438,12 @@ TEST_F(RingTest, WaitWakesOnAnotherProcessesPut) {
         uint64_t seen = r->head();
         int go[2];
         ASSERT_EQ(pipe(go), 0);
-        pid_t pid = fork();
-        if (pid == 0) {
+        pid_t pid = fork_child([&] {
             auto rc = Ring::open(file);
             char c;
-            if (::read(go[0], &c, 1) != 1) _exit(2);
-            _exit(rc->put("s", 1, "x", 1) >= 0 ? 0 : 1);
-        }
+            if (::read(go[0], &c, 1) != 1) return 2;
+            return rc->put("s", 1, "x", 1) >= 0 ? 0 : 1;
+        });
         ASSERT_EQ(::write(go[1], "g", 1), 1);
         // Long enough that only a missed wake-up could make this fail.
         EXPECT_TRUE(r->wait(seen, 20000));
@@ -484,14 +478,12 @@ TEST_F(RingTest, ConcurrentWritersLoseAndDuplicateNothing) {
     auto r = Ring::create(file, {.data_bytes = 8 << 20, .nslots = 4 * n});
     std::vector<pid_t> kids;
     for (uint32_t w = 1; w <= 2; w++) {
-        pid_t pid = fork();
-        if (pid == 0) {
+        kids.push_back(fork_child([&] {
             auto rc = Ring::open(file);
             for (uint32_t i = 0; i < n; i++)
-                if (put(*rc, "W" + std::to_string(w), i, payload(w, i, 64 + i % 700)) < 0) _exit(1);
-            _exit(0);
-        }
-        kids.push_back(pid);
+                if (put(*rc, "W" + std::to_string(w), i, payload(w, i, 64 + i % 700)) < 0) return 1;
+            return 0;
+        }));
     }
     // Threads of this process write at the same time.
     std::thread t3([&] {
@@ -502,8 +494,6 @@ TEST_F(RingTest, ConcurrentWritersLoseAndDuplicateNothing) {
     ASSERT_EQ(r->head(), 3 * n);
     ASSERT_EQ(r->tail(), 0u);
     uint32_t next[4] = {0, 0, 0, 0};
-    Entry e;
-    std::vector<char> b;
     for (uint64_t s = 0; s < r->head(); s++) {
         ASSERT_TRUE(r->read(s, &e, b));
         uint32_t w, i;
@@ -520,22 +510,17 @@ TEST_F(RingTest, ConcurrentWritersLoseAndDuplicateNothing) {
 TEST_F(RingTest, ReaderInAnotherProcessGetsEveryPacketInOrder) {
     const uint32_t n = 5000;
     auto r = Ring::create(file, {.data_bytes = 8 << 20, .nslots = n});
-    pid_t reader = fork();
-    if (reader == 0) {
+    pid_t reader = fork_child([&] {
         auto rc = Ring::open(file);
-        Entry e;
-        std::vector<char> b;
-        uint64_t at = 0;
-        for (uint32_t i = 0; i < n;) {
-            while (at >= rc->head())
-                if (!rc->wait(at, 20000)) _exit(3);
-            if (!rc->read(at, &e, b)) _exit(4);
+        for (uint32_t i = 0; i < n; i++) {
+            while (i >= rc->head())
+                if (!rc->wait(i, 20000)) return 3;
+            if (!rc->read(i, &e, b)) return 4;
             uint32_t w, k;
-            if (!payload_ok(b, &w, &k) || k != i) _exit(5);
-            at++, i++;
+            if (!payload_ok(b, &w, &k) || k != i) return 5;
         }
-        _exit(0);
-    }
+        return 0;
+    });
     for (uint32_t i = 0; i < n; i++) put(*r, "s", i, payload(0, i, 16 + i % 1000));
     EXPECT_EQ(child_status(reader), 0);
 }
@@ -549,6 +534,16 @@ void copy_then_die() {
     fs::copy_file(copy_to + ".src", copy_to);
     _exit(0);
 }
+
+// A child puts one packet of `size` bytes, with hook run just before it is
+// published; it exits 0 if the put returned `want` (the hooks may end it first).
+pid_t put_with_hook(Ring& r, void (*hook)(), const std::string& name, double t, size_t size,
+                    int64_t want = -2) {
+    return fork_child([&] {
+        Ring::test_hook_before_publish = hook;
+        return put(r, name, t, payload(9, 9, size)) == want ? 0 : 1;
+    });
+}
 }  // namespace
 
 TEST_F(RingTest, WriterKilledBeforePublishingDoesNotWedgeTheRing) {
@@ -556,20 +551,10 @@ TEST_F(RingTest, WriterKilledBeforePublishingDoesNotWedgeTheRing) {
     for (int i = 0; i < 6; i++) put(*r, "keep" + std::to_string(i % 2), i, payload(0, i, 500));
     auto before = r->status();
     for (int round = 0; round < 3; round++) {
-        pid_t pid = fork();
-        if (pid == 0) {
-            auto rc = Ring::open(file);
-            Ring::test_hook_before_publish = die_now;
-            auto big = payload(9, 9, 3000);   // evicts as well
-            rc->put("half", 99, big.data(), big.size());
-            _exit(1);
-        }
-        int st = child_status(pid);
+        int st = child_status(put_with_hook(*r, die_now, "half", 99, 3000));   // evicts as well
         ASSERT_TRUE(WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL);
     }
     EXPECT_EQ(r->head(), before.head);   // the half packet never appeared
-    Entry e;
-    std::vector<char> b;
     for (uint64_t s = r->tail(); s < r->head(); s++) {
         ASSERT_TRUE(r->read(s, &e, b));
         EXPECT_STRNE(e.srcname, "half");
@@ -584,13 +569,7 @@ TEST_F(RingTest, WriterKilledBeforePublishingDoesNotWedgeTheRing) {
 TEST_F(RingTest, TimeOrderSurvivesAWriterKilledMidPut) {
     auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 64});
     for (int i = 1; i <= 10; i++) put(*r, "s", 10.0 * i, payload(0, i, 8));
-    pid_t pid = fork();
-    if (pid == 0) {
-        Ring::test_hook_before_publish = die_now;
-        put(*r, "s", 0, payload(0, 99, 8));   // never published: its time must not count
-        _exit(1);
-    }
-    child_status(pid);
+    child_status(put_with_hook(*r, die_now, "s", 0, 8));   // never published: its time must not count
     put(*r, "s", 50, payload(0, 11, 8));     // out of order after 100
     for (double t : {5.0, 45.0, 55.0, 60.0, 95.0, 100.0}) expect_after_time(*r, t);
 }
@@ -603,15 +582,8 @@ TEST_F(RingTest, CopyOfALockedRingOpensAndRecovers) {
     {
         auto r = Ring::create(src, {.data_bytes = 4096, .nslots = 8});
         for (int i = 0; i < 6; i++) put(*r, "s" + std::to_string(i % 3), i, payload(0, i, 600));
-        copy_to = dir.path + "/copy";
-        pid_t pid = fork();
-        if (pid == 0) {
-            Ring::test_hook_before_publish = copy_then_die;
-            auto big = payload(9, 9, 2000);
-            r->put("half", 99, big.data(), big.size());
-            _exit(1);
-        }
-        ASSERT_EQ(child_status(pid), 0);
+        copy_to = dir / "copy";
+        ASSERT_EQ(child_status(put_with_hook(*r, copy_then_die, "half", 99, 2000)), 0);
     }
     auto r = Ring::open(copy_to);
     EXPECT_EQ(put(*r, "after", 1, payload(0, 6, 100)), 6);
@@ -633,13 +605,9 @@ TEST_F(RingTest, OpeningWhileAnotherProcessHoldsTheLockLeavesItAlone) {
     int up[2], down[2];
     ASSERT_EQ(pipe(up), 0);
     ASSERT_EQ(pipe(down), 0);
-    pid_t pid = fork();
-    if (pid == 0) {
-        hold_out = up[1];
-        hold_in = down[0];
-        Ring::test_hook_before_publish = hold_the_lock;
-        _exit(put(*r, "child", 2, payload(0, 1, 8)) == 1 ? 0 : 1);
-    }
+    hold_out = up[1];   // for the child
+    hold_in = down[0];
+    pid_t pid = put_with_hook(*r, hold_the_lock, "child", 2, 8, 1);
     char c;
     ASSERT_EQ(::read(up[0], &c, 1), 1);   // the child is inside its put now
     auto again = Ring::open(file);         // must not take the lock over
@@ -650,7 +618,6 @@ TEST_F(RingTest, OpeningWhileAnotherProcessHoldsTheLockLeavesItAlone) {
     EXPECT_EQ(child_status(pid), 0);
     t.join();
     EXPECT_EQ(got, 2);
-    Entry e;
     ASSERT_TRUE(r->entry(1, &e));
     EXPECT_STREQ(e.srcname, "child");
     ASSERT_TRUE(r->entry(2, &e));
@@ -661,17 +628,11 @@ TEST_F(RingTest, OpeningWhileAnotherProcessHoldsTheLockLeavesItAlone) {
 TEST_F(RingTest, SimultaneousCreatorsShareOneRing) {
     std::vector<pid_t> kids;
     for (int k = 0; k < 4; k++) {
-        pid_t pid = fork();
-        if (pid == 0) {
-            try {
-                auto r = Ring::open_or_create(file, {.data_bytes = 1 << 16});
-                for (int i = 0; i < 50; i++) put(*r, "s", i, payload(k, i, 10));
-                _exit(0);
-            } catch (const ring::Error&) {
-                _exit(1);
-            }
-        }
-        kids.push_back(pid);
+        kids.push_back(fork_child([&] {
+            auto r = Ring::open_or_create(file, {.data_bytes = 1 << 16});
+            for (int i = 0; i < 50; i++) put(*r, "s", i, payload(k, i, 10));
+            return 0;
+        }));
     }
     for (pid_t k : kids) EXPECT_EQ(child_status(k), 0);
     EXPECT_EQ(Ring::open(file)->head(), 200u);
