@@ -432,7 +432,7 @@ TEST_F(RingTest, ClientTableTracksLiveClientsAndReclaimsDeadOnes) {
 
 // ---------------------------------------------------------------- waiting
 
-TEST_F(RingTest, WaitWakesOnAnotherProcessesPut) {
+TEST_F(RingTest, WaitWakesOnAnotherProcessesPutAndOnWakeAll) {
     auto r = Ring::create(file, {.data_bytes = 8192});
     for (int round = 0; round < 5; round++) {
         uint64_t seen = r->head();
@@ -453,10 +453,8 @@ TEST_F(RingTest, WaitWakesOnAnotherProcessesPut) {
     }
     EXPECT_TRUE(r->wait(0, 0));              // already there
     EXPECT_FALSE(r->wait(r->head(), 30));    // nothing new: times out
-}
 
-TEST_F(RingTest, WakeAllReleasesAWaiterWithoutAPacket) {
-    auto r = Ring::create(file, {.data_bytes = 8192});
+    // wake_all releases a waiter without a packet.
     uint64_t seen = r->head();
     uint32_t token = r->wake_count();
     std::atomic<bool> done{false};
@@ -473,38 +471,41 @@ TEST_F(RingTest, WakeAllReleasesAWaiterWithoutAPacket) {
 
 // ---------------------------------------------------------------- several writers and readers
 
-TEST_F(RingTest, ConcurrentWritersLoseAndDuplicateNothing) {
+// Processes create the ring at the same time (one makes it, the others open
+// it) and write it, along with a thread of this process.
+TEST_F(RingTest, SimultaneousCreatorsAndWritersLoseAndDuplicateNothing) {
     const uint32_t n = 3000;
-    auto r = Ring::create(file, {.data_bytes = 8 << 20, .nslots = 4 * n});
+    Geometry g{.data_bytes = 8 << 20, .nslots = 4 * n};
     std::vector<pid_t> kids;
-    for (uint32_t w = 1; w <= 2; w++) {
+    for (uint32_t w = 1; w <= 3; w++) {
         kids.push_back(fork_child([&] {
-            auto rc = Ring::open(file);
+            auto rc = Ring::open_or_create(file, g);
             for (uint32_t i = 0; i < n; i++)
                 if (put(*rc, "W" + std::to_string(w), i, payload(w, i, 64 + i % 700)) < 0) return 1;
             return 0;
         }));
     }
-    // Threads of this process write at the same time.
-    std::thread t3([&] {
-        for (uint32_t i = 0; i < n; i++) put(*r, "W3", i, payload(3, i, 32));
+    auto r = Ring::open_or_create(file, g);
+    std::thread t4([&] {
+        for (uint32_t i = 0; i < n; i++) put(*r, "W4", i, payload(4, i, 32));
     });
     for (pid_t k : kids) EXPECT_EQ(child_status(k), 0);
-    t3.join();
-    ASSERT_EQ(r->head(), 3 * n);
+    t4.join();
+    ASSERT_EQ(r->head(), 4 * n);
     ASSERT_EQ(r->tail(), 0u);
-    uint32_t next[4] = {0, 0, 0, 0};
+    uint32_t next[5] = {0, 0, 0, 0, 0};
     for (uint64_t s = 0; s < r->head(); s++) {
         ASSERT_TRUE(r->read(s, &e, b));
         uint32_t w, i;
         ASSERT_TRUE(payload_ok(b, &w, &i)) << s;
-        ASSERT_TRUE(w >= 1 && w <= 3);
+        ASSERT_TRUE(w >= 1 && w <= 4);
         ASSERT_EQ(i, next[w]) << "writer " << w;
         EXPECT_EQ(std::string(e.srcname), "W" + std::to_string(w));
         next[w]++;
     }
-    for (uint32_t w = 1; w <= 3; w++) EXPECT_EQ(next[w], n) << "writer " << w;
+    for (uint32_t w = 1; w <= 4; w++) EXPECT_EQ(next[w], n) << "writer " << w;
     expect_sources_consistent(*r);
+    for (auto& f : fs::directory_iterator(dir.path)) EXPECT_EQ(f.path().string(), file);   // no temporaries left
 }
 
 TEST_F(RingTest, ReaderInAnotherProcessGetsEveryPacketInOrder) {
@@ -623,18 +624,4 @@ TEST_F(RingTest, OpeningWhileAnotherProcessHoldsTheLockLeavesItAlone) {
     ASSERT_TRUE(r->entry(2, &e));
     EXPECT_STREQ(e.srcname, "thread");
     for (int fd : {up[0], up[1], down[0], down[1]}) ::close(fd);
-}
-
-TEST_F(RingTest, SimultaneousCreatorsShareOneRing) {
-    std::vector<pid_t> kids;
-    for (int k = 0; k < 4; k++) {
-        kids.push_back(fork_child([&] {
-            auto r = Ring::open_or_create(file, {.data_bytes = 1 << 16});
-            for (int i = 0; i < 50; i++) put(*r, "s", i, payload(k, i, 10));
-            return 0;
-        }));
-    }
-    for (pid_t k : kids) EXPECT_EQ(child_status(k), 0);
-    EXPECT_EQ(Ring::open(file)->head(), 200u);
-    for (auto& f : fs::directory_iterator(dir.path)) EXPECT_EQ(f.path().string(), file);   // no temporaries left
 }
