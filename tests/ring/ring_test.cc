@@ -505,7 +505,8 @@ TEST_F(RingTest, SimultaneousCreatorsAndWritersLoseAndDuplicateNothing) {
     }
     for (uint32_t w = 1; w <= 4; w++) EXPECT_EQ(next[w], n) << "writer " << w;
     expect_sources_consistent(*r);
-    for (auto& f : fs::directory_iterator(dir.path)) EXPECT_EQ(f.path().string(), file);   // no temporaries left
+    // No temporaries left.
+    for (auto& f : fs::directory_iterator(dir.path)) EXPECT_EQ(f.path().string(), file);
 }
 
 TEST_F(RingTest, ReaderInAnotherProcessGetsEveryPacketInOrder) {

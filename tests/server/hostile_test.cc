@@ -215,7 +215,9 @@ TEST_F(Hostile, ThousandConnectionsOpenedAndDropped) {
         WireClient c;
         ASSERT_TRUE(c.connect_tcp(server->name())) << i;
         if (i % 3 == 1) c.raw("orbm");
-        if (i % 3 == 2) ASSERT_EQ(c.open('r'), 0);
+        if (i % 3 == 2) {
+            ASSERT_EQ(c.open('r'), 0);
+        }
     }
     still_served();
     // Every dropped connection's descriptor and client slot was given back.

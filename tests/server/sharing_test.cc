@@ -37,7 +37,8 @@ class Sharing : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_FALSE(dir.path.empty()); }
     // A forbserver on the ring over a socketpair, opened with perm.
-    bool forb(WireClient& c, char perm, const char* what = "server_test", std::vector<std::string> extra = {}) {
+    bool forb(WireClient& c, char perm, const char* what = "server_test",
+              std::vector<std::string> extra = {}) {
         extra.push_back(ring);
         return c.spawn_forb(extra, log) && c.open(perm, what) == 0;
     }

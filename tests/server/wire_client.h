@@ -217,7 +217,8 @@ public:
     int get_id(int code) { return get(code) == 0 ? resp_->pkg->pktid : kFailed; }
     Pkt packet() const {
         Pktpkg* g = resp_->pkg;
-        return {g->pktid, g->time, g->srcname, std::string(g->packet ? g->packet : "", size_t(g->packetsize))};
+        std::string data(g->packet ? g->packet : "", size_t(g->packetsize));
+        return {g->pktid, g->time, g->srcname, data};
     }
 
 private:
