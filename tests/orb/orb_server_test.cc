@@ -51,8 +51,13 @@ struct OrbServerTest : ::testing::Test {
 
 // ---- naming ----
 
-TEST_F(OrbServerTest, HostAndPortNamesConnect) {
-    for (std::string name : {server.name(), "localhost:" + std::to_string(server.port())}) {
+TEST_F(OrbServerTest, HostPortAndNamedPortsConnect) {
+    std::string dir = server.dir() + "/pf";
+    std::filesystem::create_directories(dir);
+    std::string port = std::to_string(server.port());
+    std::ofstream(dir + "/orbserver_names.pf") << "testring " << port << "\nsigned " << port << " somebody\n";
+    setenv("PFPATH", dir.c_str(), 1);
+    for (std::string name : {server.name(), "localhost:" + port, std::string("localhost:testring")}) {
         int orb = orbopen(name.c_str(), "r");
         ASSERT_GE(orb, 0) << name;
         ASSERT_NE(orb2orbfile(orb), nullptr);
@@ -63,18 +68,6 @@ TEST_F(OrbServerTest, HostAndPortNamesConnect) {
         EXPECT_EQ(orbclose(orb), 0);
         EXPECT_EQ(orb2orbfile(orb), nullptr);
     }
-}
-
-TEST_F(OrbServerTest, NamedPortsComeFromOrbserverNames) {
-    std::string dir = server.dir() + "/pf";
-    std::filesystem::create_directories(dir);
-    std::ofstream(dir + "/orbserver_names.pf") << "testring " << server.port() << "\n"
-                                               << "signed " << server.port() << " somebody\n";
-    setenv("PFPATH", dir.c_str(), 1);
-    int orb = orbopen(("localhost:testring"), "r");
-    ASSERT_GE(orb, 0);
-    EXPECT_EQ(orbclose(orb), 0);
-
     // A port that names a signer asks for a signed open, which this system cannot make.
     std::string err = stderr_of([] { EXPECT_EQ(orbopen("localhost:signed", "r"), -1); });
     EXPECT_NE(err.find("failed to create signature for orb open request"), std::string::npos) << err;
@@ -82,10 +75,19 @@ TEST_F(OrbServerTest, NamedPortsComeFromOrbserverNames) {
 }
 
 TEST_F(OrbServerTest, FilePathsStartAForbserver) {
+    // An absolute path with an option for forbserver, which creates the ring; started
+    // under a stand-in debugger that runs the program with the joined arguments.
+    std::string dbg = server.dir() + "/dbg.sh";
+    std::ofstream(dbg) << "#!/bin/sh\nprog=\"$1\"\nshift 2\nexec \"$prog\" $1\n";
+    chmod(dbg.c_str(), 0755);
+    setenv("FORB_DEBUGGER", dbg.c_str(), 1);
     std::string ring = server.dir() + "/local";
-    // An absolute path with an option for forbserver; the ring is created by it.
-    int w = orbopen((ring + "@s1M").c_str(), "w&");
-    ASSERT_GE(w, 0);
+    int w = -1;
+    std::string err = stderr_of([&] { w = orbopen((ring + "@s1M").c_str(), "w&"); });
+    unsetenv("FORB_DEBUGGER");
+    ASSERT_GE(w, 0) << err;
+    EXPECT_NE(err.find(">> spawning \"" + dbg + " "), std::string::npos) << err;
+    EXPECT_NE(err.find("forbserver -a '-s1M " + ring + "'\""), std::string::npos) << err;
     EXPECT_EQ(orb2orbfile(w)->reopen, 0);  // a file-backed server is never reconnected
     ASSERT_GE(orbputx(w, "AA_X/test", 10, "abc", 3), 0);
     EXPECT_EQ(orbclose(w), 0);
@@ -107,25 +109,8 @@ TEST_F(OrbServerTest, FilePathsStartAForbserver) {
 
     // forbserver refuses a ring in a directory that does not exist; the open fails.
     std::string missing = server.dir() + "/no/such/dir/ring";
-    std::string err = stderr_of([&] { EXPECT_EQ(orbopen(missing.c_str(), "r"), -1); });
+    err = stderr_of([&] { EXPECT_EQ(orbopen(missing.c_str(), "r"), -1); });
     EXPECT_NE(err.find("open negotiation fails"), std::string::npos) << err;
-}
-
-TEST_F(OrbServerTest, ForbserverUnderADebugger) {
-    // A stand-in debugger that runs the program with the joined arguments.
-    std::string dbg = server.dir() + "/dbg.sh";
-    std::ofstream(dbg) << "#!/bin/sh\nprog=\"$1\"\nshift 2\nexec \"$prog\" $1\n";
-    chmod(dbg.c_str(), 0755);
-    setenv("FORB_DEBUGGER", dbg.c_str(), 1);
-    std::string ring = server.dir() + "/dbgring";
-    int orb = -1;
-    std::string err = stderr_of([&] { orb = orbopen((ring + "@s1M").c_str(), "w"); });
-    unsetenv("FORB_DEBUGGER");
-    ASSERT_GE(orb, 0) << err;
-    EXPECT_NE(err.find(">> spawning \"" + dbg + " "), std::string::npos) << err;
-    EXPECT_NE(err.find("forbserver -a '-s1M " + ring + "'\""), std::string::npos) << err;
-    EXPECT_GE(orbputx(orb, "AA/x", 1, "z", 1), 0);
-    EXPECT_EQ(orbclose(orb), 0);
 }
 
 TEST_F(OrbServerTest, WaitingOpenRetriesUntilTheServerComes) {
@@ -342,14 +327,13 @@ TEST_F(OrbServerTest, StashSelectAndAMissingStash) {
 TEST_F(OrbServerTest, OrbstatShowsStatusSourcesAndClients) {
     put_run(open("w"), "AA_STAT/xfer", 1e9, 3);
     std::string out = server.dir() + "/orbstat.out";
-    std::string cmd = std::string(FERRANT_BUILD_DIR) + "/bin/orbstat -s -c " + server.name() + " >" + out + " 2>&1";
-    EXPECT_EQ(system(cmd.c_str()), 0);
+    std::string orbstat = std::string(FERRANT_BUILD_DIR) + "/bin/orbstat";
+    EXPECT_EQ(system((orbstat + " -s -c " + server.name() + " >" + out + " 2>&1").c_str()), 0);
     std::string text = slurp(out);
     EXPECT_NE(text.find("holding     3 packets from 1 sources"), std::string::npos) << text;
     EXPECT_NE(text.find("AA_STAT/xfer"), std::string::npos) << text;
     EXPECT_NE(text.find("orb_server_test"), std::string::npos) << text;  // this process's writer
-    cmd = std::string(FERRANT_BUILD_DIR) + "/bin/orbstat -x >" + out + " 2>&1";
-    EXPECT_NE(system(cmd.c_str()), 0);
+    EXPECT_NE(system((orbstat + " -x >" + out + " 2>&1").c_str()), 0);
     EXPECT_NE(slurp(out).find("Usage: orbstat [-s] [-c] orb"), std::string::npos);
 }
 
