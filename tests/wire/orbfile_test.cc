@@ -44,6 +44,25 @@ std::string packet_bytes(int size) {
     return s;
 }
 
+// The bytes of fill_pkg's package, its size in the short (16-bit) or long (32-bit) form.
+std::string pkg_bytes(int size, bool long_form) {
+    Wire w = Wire().i(77);
+    if (long_form)
+        w.i(size);
+    else
+        w.h(size);
+    return w.h(11).d(T0).b("AK_ABC/xfer").b(packet_bytes(size)).s;
+}
+
+// A filler of a record's package of the given size.
+template <class Rec>
+std::function<void(Rec*)> with_pkg(int size) {
+    return [size](Rec* r) {
+        r->pkg = newPktpkg();
+        fill_pkg(r->pkg, size);
+    };
+}
+
 std::string encode(Orbrequest* r) {
     OutStream o;
     EXPECT_EQ(pbnsOrbrequest(o.b, r), 0);
@@ -106,10 +125,15 @@ void check_cases(const std::vector<Case<Rec>>& cases, Rec* (*make)(), void (*rel
 
 std::vector<Case<Orbrequest>> request_cases() {
     std::vector<Case<Orbrequest>> v;
-    v.push_back({"put", ORBPUT, [](Orbrequest* r) { r->pkg = newPktpkg(); fill_pkg(r->pkg, 5); },
-                 Wire().i(1).i(77).h(5).h(11).d(T0).b("AK_ABC/xfer").b(packet_bytes(5)).s});
-    v.push_back({"putx", ORBPUTX, [](Orbrequest* r) { r->pkg = newPktpkg(); fill_pkg(r->pkg, 0); },
-                 Wire().i(30).i(77).h(0).h(11).d(T0).b("AK_ABC/xfer").s});
+    v.push_back({"put", ORBPUT, with_pkg<Orbrequest>(5), Wire().i(1).b(pkg_bytes(5, false)).s});
+    v.push_back({"putx", ORBPUTX, with_pkg<Orbrequest>(0), Wire().i(30).b(pkg_bytes(0, false)).s});
+    // The short size holds 65535; one byte more promotes the code to its long form.
+    for (int size : {65535, 65536}) {
+        v.push_back({"put at 64 KiB", ORBPUT, with_pkg<Orbrequest>(size),
+                     Wire().i(size > 65535 ? ORBPUTL : ORBPUT).b(pkg_bytes(size, size > 65535)).s});
+        v.push_back({"putx at 64 KiB", ORBPUTX, with_pkg<Orbrequest>(size),
+                     Wire().i(size > 65535 ? ORBPUTXL : ORBPUTX).b(pkg_bytes(size, size > 65535)).s});
+    }
     v.push_back({"get", ORBGET, [](Orbrequest* r) { r->pktcode = ORBCURRENT; },
                  std::string("\x00\x00\x00\x02\xff\xff\xff\xf6", 8)});
     v.push_back({"seek", ORBSEEK, [](Orbrequest* r) { r->pktcode = ORBOLDEST; },
@@ -159,35 +183,6 @@ std::vector<Case<Orbrequest>> request_cases() {
 
 TEST(OrbrequestWire, EveryCodeHasItsExactBytesDecodesBackAndFailsWhenCut) {
     check_cases(request_cases(), newOrbrequest, freeOrbrequest);
-}
-
-TEST(OrbrequestWire, PutPromotionAtSixtyFourKilobytes) {
-    for (int what : {ORBPUT, ORBPUTX}) {
-        Orbrequest* r = newOrbrequest();
-        r->pkg = newPktpkg();
-        r->what = what;
-        fill_pkg(r->pkg, 65535);
-        std::string s = encode(r);
-        EXPECT_EQ(r->what, what);
-        EXPECT_EQ(s.substr(0, 10), Wire().i(what).i(77).h(0xFFFF).s);
-        EXPECT_EQ(s.size(), 4u + 4 + 2 + 2 + 8 + 11 + 65535);
-
-        fill_pkg(r->pkg, 65536);
-        s = encode(r);
-        int longer = what == ORBPUT ? ORBPUTL : ORBPUTXL;
-        EXPECT_EQ(r->what, longer);
-        EXPECT_EQ(s.substr(0, 12), Wire().i(longer).i(77).i(65536).s);
-        EXPECT_EQ(s.size(), 4u + 4 + 4 + 2 + 8 + 11 + 65536);
-
-        InStream in(s, 8192);
-        Orbrequest* d = newOrbrequest();
-        ASSERT_EQ(gbnsOrbrequest(in.b, d), 0);
-        EXPECT_EQ(d->what, longer);
-        EXPECT_EQ(d->pkg->packetsize, 65536);
-        EXPECT_EQ(std::string(d->pkg->packet, 65536), packet_bytes(65536));
-        freeOrbrequest(d);
-        freeOrbrequest(r);
-    }
 }
 
 struct MaxData {
@@ -307,14 +302,16 @@ std::string src_bytes(const char* name, int n) {
 
 std::vector<Case<Orbresponse>> response_cases() {
     std::vector<Case<Orbresponse>> v;
-    for (int code : {ORBGET, ORBREAP}) {
-        v.push_back({"short pkg", code, [](Orbresponse* r) { r->pkg = newPktpkg(); fill_pkg(r->pkg, 40); },
-                     Wire().i(code).i(0).i(77).h(40).h(11).d(T0).b("AK_ABC/xfer").b(packet_bytes(40)).s});
-    }
-    for (int code : {ORBGETL, ORBREAPL, ORBGETSTASH}) {
-        v.push_back({"long pkg", code, [](Orbresponse* r) { r->pkg = newPktpkg(); fill_pkg(r->pkg, 40); },
-                     Wire().i(code).i(0).i(77).i(40).h(11).d(T0).b("AK_ABC/xfer").b(packet_bytes(40)).s});
-    }
+    for (int code : {ORBGET, ORBREAP})
+        v.push_back({"short pkg", code, with_pkg<Orbresponse>(40),
+                     Wire().i(code).i(0).b(pkg_bytes(40, false)).s});
+    for (int code : {ORBGETL, ORBREAPL, ORBGETSTASH})
+        v.push_back({"long pkg", code, with_pkg<Orbresponse>(40),
+                     Wire().i(code).i(0).b(pkg_bytes(40, true)).s});
+    // Past 65535 bytes the short codes are promoted; ORBGETSTASH is always long, never renamed.
+    for (auto [code, sent] : {std::pair{ORBGET, ORBGETL}, {ORBREAP, ORBREAPL}, {ORBGETSTASH, ORBGETSTASH}})
+        v.push_back({"pkg past 64 KiB", code, with_pkg<Orbresponse>(65536),
+                     Wire().i(sent).i(0).b(pkg_bytes(65536, true)).s});
     v.push_back({"stat", ORBSTAT, [](Orbresponse* r) { fill_stat(&r->orbstat); },
                  Wire().i(4).i(0).b(stat_bytes()).s});
     v.push_back({"clients", ORBCLIENTS,
@@ -428,22 +425,8 @@ TEST(OrbresponseWire, BodilessResponseFromExactlyEightBytes) {
     bnsfree(in);
 }
 
-TEST(OrbresponseWire, GetPromotionAndLongSourceName) {
-    Orbresponse* r = newOrbresponse();
-    r->what = ORBREAP;
-    r->pkg = newPktpkg();
-    fill_pkg(r->pkg, 65536);
-    std::string s = encode(r);
-    EXPECT_EQ(r->what, ORBREAPL);
-    EXPECT_EQ(s.substr(0, 16), Wire().i(ORBREAPL).i(0).i(77).i(65536).s);
-    r->what = ORBGET;
-    encode(r);
-    EXPECT_EQ(r->what, ORBGETL);
-    r->what = ORBGETSTASH;  // always long, never renamed
-    encode(r);
-    EXPECT_EQ(r->what, ORBGETSTASH);
-
-    // An oversized source name leaves its surplus unread.
+// An oversized source name leaves its surplus unread.
+TEST(OrbresponseWire, LongSourceName) {
     Orbresponse* d = newOrbresponse();
     std::string name(70, 'n');
     InStream in(Wire().i(ORBREAP).i(0).i(1).h(0).h(70).d(T0).b(name).s);
@@ -451,7 +434,6 @@ TEST(OrbresponseWire, GetPromotionAndLongSourceName) {
     EXPECT_EQ(std::string(d->pkg->srcname), std::string(64, 'n'));
     EXPECT_EQ(in.rest(), "nnnnnn");
     freeOrbresponse(d);
-    freeOrbresponse(r);
 }
 
 TEST(RecordWire, EncodersRefuseWhatCannotBeReadBack) {
