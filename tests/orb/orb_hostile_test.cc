@@ -16,7 +16,11 @@
 #include <thread>
 
 #include "orb/orb.h"
+#include "orb/orb_support.h"
 #include "stock/bns.h"
+
+using orbtest::Got;
+using orbtest::stderr_of;
 
 namespace {
 
@@ -153,24 +157,23 @@ TEST_F(OrbOpen, BadNamesAndHostilePeersFailWithTheirMessages) {
     for (auto& c : cases) {
         SCOPED_TRACE(c.what);
         std::unique_ptr<Peer> peer(c.peer ? new Peer(c.peer) : nullptr);
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(orbopen((peer ? peer->name() : c.name).c_str(), c.perm), -1);
-        std::string err = testing::internal::GetCapturedStderr();
+        std::string name = peer ? peer->name() : c.name;
+        std::string err = stderr_of([&] { EXPECT_EQ(orbopen(name.c_str(), c.perm), -1); });
         EXPECT_NE(err.find(c.message), std::string::npos) << err;
     }
 }
 
 TEST_F(OrbOpen, UnknownDescriptorsAreRefused) {
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(orb2orbfile(12345), nullptr);
-    EXPECT_EQ(orbclose(12345), -1);
-    EXPECT_EQ(orbseek(12345, ORBOLDEST), -1);
-    EXPECT_EQ(orbtell(12345), -1);
     int v = 7;
-    EXPECT_EQ(orbping(12345, &v), -1);
+    std::string err = stderr_of([&] {
+        EXPECT_EQ(orb2orbfile(12345), nullptr);
+        EXPECT_EQ(orbclose(12345), -1);
+        EXPECT_EQ(orbseek(12345, ORBOLDEST), -1);
+        EXPECT_EQ(orbtell(12345), -1);
+        EXPECT_EQ(orbping(12345, &v), -1);
+        EXPECT_EQ(orbput(12345, "a/b", 0, "x", 1), -1);
+    });
     EXPECT_EQ(v, -1);
-    EXPECT_EQ(orbput(12345, "a/b", 0, "x", 1), -1);
-    std::string err = testing::internal::GetCapturedStderr();
     EXPECT_NE(err.find("called with no open orb buffers"), std::string::npos) << err;
 }
 
@@ -207,21 +210,17 @@ TEST_F(OrbHostile, HalfAPacketThenClose) {
     EXPECT_EQ(of->orb_start, 1000);
     EXPECT_EQ(of->server_start, 2000);
 
-    int pktid;
-    char src[ORB_SRCNAME_SIZE + 1];
-    double t;
-    char* pkt = nullptr;
-    int nbytes = 0, bufsize = 0;
-    EXPECT_EQ(orbreap(orb, &pktid, src, &t, &pkt, &nbytes, &bufsize), 0);
-    EXPECT_EQ(pktid, 7);
-    EXPECT_STREQ(src, "AA_BB/xfer");
-    EXPECT_EQ(nbytes, 1000);
-    EXPECT_GE(bufsize, 1000);
-    EXPECT_EQ(orbreap(orb, &pktid, src, &t, &pkt, &nbytes, &bufsize), -1);
-    EXPECT_EQ(pktid, -1);
-    EXPECT_STREQ(src, "");
+    orbtest::Reader rd(orb);
+    Got g = rd.reap();
+    EXPECT_EQ(g.rc, 0);
+    EXPECT_EQ(g.pktid, 7);
+    EXPECT_EQ(g.src, "AA_BB/xfer");
+    EXPECT_EQ(g.body, std::string(1000, '\0'));
+    g = rd.reap();
+    EXPECT_EQ(g.rc, -1);
+    EXPECT_EQ(g.pktid, -1);
+    EXPECT_EQ(g.src, "");
     EXPECT_EQ(of->lastpktid, 7);
-    free(pkt);
     orbclose(orb);
 }
 
