@@ -8,33 +8,41 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 
 #include "orb/orb.h"
+#include "orb/orb_support.h"
 #include "stock/bns.h"
 
+using orbtest::Got;
+using orbtest::stderr_of;
+
 namespace {
+
+// A TCP socket bound to an ephemeral loopback port; *name is "127.0.0.1:PORT".
+int loopback_socket(std::string* name) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    socklen_t len = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    *name = "127.0.0.1:" + std::to_string(ntohs(a.sin_port));
+    return fd;
+}
 
 // A one-connection peer on an ephemeral loopback port running a script.
 class Peer {
   public:
     explicit Peer(std::function<void(int fd)> script) : script_(std::move(script)) {
-        lfd_ = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        a.sin_port = 0;
-        EXPECT_EQ(bind(lfd_, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+        lfd_ = loopback_socket(&name_);
         EXPECT_EQ(listen(lfd_, 4), 0);
-        socklen_t len = sizeof a;
-        getsockname(lfd_, reinterpret_cast<sockaddr*>(&a), &len);
-        port_ = ntohs(a.sin_port);
         thread_ = std::thread([this] {
             pollfd p{lfd_, POLLIN, 0};
             if (poll(&p, 1, 10000) != 1) return;
@@ -49,200 +57,149 @@ class Peer {
         thread_.join();
         close(lfd_);
     }
-    std::string name() const { return "127.0.0.1:" + std::to_string(port_); }
+    const std::string& name() const { return name_; }
 
   private:
     std::function<void(int)> script_;
     int lfd_ = -1;
-    int port_ = 0;
+    std::string name_;
     std::thread thread_;
 };
 
-// Reads one request (marker and record) with our own decoder; false when none came.
-bool read_request(Bns* in, Orbrequest* req) {
-    return gbnsSync(in, "orbm", 4, 1) == 0 && gbnsOrbrequest(in, req) == 0;
-}
-
-void send_response(Bns* out, Orbresponse* r) {
-    bnsput(out, "orbm", BNS_BYTES, 4);
-    pbnsOrbresponse(out, r);
-    bnsflush(out);
-}
-
-// Answers the open properly, so that a test can be hostile later in the exchange.
-void answer_open(Bns* in, Bns* out, Orbresponse* resp) {
+// The peer's end of a connection, speaking with our own encoders and decoders.
+struct PeerSide {
+    Bns* in;
+    Bns* out;
     Orbrequest* req = newOrbrequest();
-    ASSERT_TRUE(read_request(in, req));
-    ASSERT_EQ(req->what, ORBOPEN);
-    resp->what = ORBOPEN;
-    resp->result = 0;
-    resp->orb_start = 1000;
-    resp->server_start = 2000;
-    resp->latest_pktid = 41;
-    send_response(out, resp);
-    freeOrbrequest(req);
-}
+    Orbresponse* resp = newOrbresponse();
+    explicit PeerSide(int fd) : in(bnsnew(fd, 0)), out(bnsnew(fd, 0)) {}
+    ~PeerSide() {
+        freeOrbrequest(req);
+        freeOrbresponse(resp);
+        bnsfree(in);
+        bnsfree(out);
+    }
+    // Reads one request (marker and record); false when none came.
+    bool read() { return gbnsSync(in, "orbm", 4, 1) == 0 && gbnsOrbrequest(in, req) == 0; }
+    void put_response() {
+        bnsput(out, "orbm", BNS_BYTES, 4);
+        pbnsOrbresponse(out, resp);
+    }
+    // Answers the open properly, so that a test can be hostile later in the exchange.
+    void answer_open() {
+        ASSERT_TRUE(read());
+        ASSERT_EQ(req->what, ORBOPEN);
+        resp->what = ORBOPEN;
+        resp->result = 0;
+        resp->orb_start = 1000;
+        resp->server_start = 2000;
+        resp->latest_pktid = 41;
+        put_response();
+        bnsflush(out);
+    }
+};
 
 struct Fixture : ::testing::Test {
     void SetUp() override { setenv("BNS_TIMEOUT", "300", 1); }
     void TearDown() override { unsetenv("BNS_TIMEOUT"); }
 };
 
-std::string closed_port_name() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    socklen_t len = sizeof a;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    close(fd);  // nobody listens there now
-    return "127.0.0.1:" + std::to_string(ntohs(a.sin_port));
-}
-
 }  // namespace
 
-using OrbNaming = Fixture;
+using OrbOpen = Fixture;
 
-TEST_F(OrbNaming, BadNamesFailWithTheirMessages) {
+TEST_F(OrbOpen, BadNamesAndHostilePeersFailWithTheirMessages) {
+    std::string closed_port;
+    close(loopback_socket(&closed_port));  // nobody listens there now
     struct Case {
-        std::string name, message;
+        const char* what;
+        std::string name;  // opened when there is no peer
+        std::function<void(int fd)> peer;
+        const char* perm;
+        std::string message;
     } cases[] = {
-        {"127.0.0.1:70000", "port number is 70000, but must be less than 65535"},
-        {"127.0.0.1:no_such_port_name", "Don't understand orbserver port 'no_such_port_name'"},
-        {closed_port_name(), "Can't connect to server '"},
+        {"port too large", "127.0.0.1:70000", nullptr, "r",
+         "port number is 70000, but must be less than 65535"},
+        {"port name unknown", "127.0.0.1:no_such_port_name", nullptr, "r",
+         "Don't understand orbserver port 'no_such_port_name'"},
+        {"nobody listening", closed_port, nullptr, "r", "Can't connect to server '"},
+        {"peer closing at once", "", [](int) {}, "r", "open negotiation fails: errno = "},
+        {"silent peer", "",
+         [](int fd) {
+             char b[512];
+             pollfd p{fd, POLLIN, 0};
+             while (poll(&p, 1, 2000) == 1 && read(fd, b, sizeof b) > 0) {
+             }
+         },
+         "r", "open negotiation fails: errno = 0 eof=false"},
+        {"garbage instead of a response", "",
+         [](int fd) {
+             std::string junk(200, '\x5a');
+             junk += "orbmorbm\xff\xff";
+             send(fd, junk.data(), junk.size(), MSG_NOSIGNAL);
+             usleep(500000);
+         },
+         "r", "open negotiation fails"},
+        {"refusal carries the server's reason", "",
+         [](int fd) {
+             PeerSide s(fd);
+             if (!s.read()) return;
+             s.resp->what = ORBOPEN;
+             s.resp->result = -1;
+             strcpy(s.resp->errmsg, "address 127.0.0.1 may not write");
+             s.resp->nerr = static_cast<int>(strlen(s.resp->errmsg));
+             s.put_response();
+             bnsflush(s.out);
+             usleep(200000);
+         },
+         "w", "orbserver: address 127.0.0.1 may not write"},
     };
     for (auto& c : cases) {
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(orbopen(c.name.c_str(), "r"), -1) << c.name;
-        std::string err = testing::internal::GetCapturedStderr();
-        EXPECT_NE(err.find(c.message), std::string::npos) << c.name << ": " << err;
+        SCOPED_TRACE(c.what);
+        std::unique_ptr<Peer> peer(c.peer ? new Peer(c.peer) : nullptr);
+        std::string name = peer ? peer->name() : c.name;
+        std::string err = stderr_of([&] { EXPECT_EQ(orbopen(name.c_str(), c.perm), -1); });
+        EXPECT_NE(err.find(c.message), std::string::npos) << err;
     }
 }
 
-TEST_F(OrbNaming, UnknownDescriptorsAreRefused) {
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(orb2orbfile(12345), nullptr);
-    EXPECT_EQ(orbclose(12345), -1);
-    EXPECT_EQ(orbseek(12345, ORBOLDEST), -1);
-    EXPECT_EQ(orbtell(12345), -1);
+TEST_F(OrbOpen, UnknownDescriptorsAreRefused) {
     int v = 7;
-    EXPECT_EQ(orbping(12345, &v), -1);
+    std::string err = stderr_of([&] {
+        EXPECT_EQ(orb2orbfile(12345), nullptr);
+        EXPECT_EQ(orbclose(12345), -1);
+        EXPECT_EQ(orbseek(12345, ORBOLDEST), -1);
+        EXPECT_EQ(orbtell(12345), -1);
+        EXPECT_EQ(orbping(12345, &v), -1);
+        EXPECT_EQ(orbput(12345, "a/b", 0, "x", 1), -1);
+    });
     EXPECT_EQ(v, -1);
-    EXPECT_EQ(orbput(12345, "a/b", 0, "x", 1), -1);
-    std::string err = testing::internal::GetCapturedStderr();
     EXPECT_NE(err.find("called with no open orb buffers"), std::string::npos) << err;
-}
-
-TEST(OrbLag, LagValueAcrossTheRingAndItsWrap) {
-    // Unwrapped ring holding ids 10..19.
-    EXPECT_DOUBLE_EQ(lagvalue(19, 10, 19, 100), 0.0);   // at the newest
-    EXPECT_DOUBLE_EQ(lagvalue(10, 10, 19, 100), 0.9);   // at the oldest
-    EXPECT_DOUBLE_EQ(lagvalue(5, 10, 19, 100), 1.0);    // its packet left the ring
-    EXPECT_DOUBLE_EQ(lagvalue(25, 10, 19, 100), 1.0);
-    // Wrapped ring holding 95..99 and 0..4 (maxpkt 100): ten packets.
-    EXPECT_DOUBLE_EQ(lagvalue(4, 95, 4, 100), 0.0);
-    EXPECT_DOUBLE_EQ(lagvalue(0, 95, 4, 100), 0.4);
-    EXPECT_DOUBLE_EQ(lagvalue(97, 95, 4, 100), 0.7);
-    EXPECT_DOUBLE_EQ(lagvalue(50, 95, 4, 100), 1.0);  // between newest and oldest: gone
 }
 
 using OrbHostile = Fixture;
 
-TEST_F(OrbHostile, PeerClosingAtOnceFailsTheOpen) {
-    Peer peer([](int) {});
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(orbopen(peer.name().c_str(), "r"), -1);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("open negotiation fails: errno = "), std::string::npos) << err;
-}
-
-TEST_F(OrbHostile, SilentPeerTimesOut) {
+// After a proper open the peer sends one whole packet and half of the next, then closes:
+// the first is delivered, the read of the second fails, nothing hangs.
+TEST_F(OrbHostile, HalfAPacketThenClose) {
     Peer peer([](int fd) {
-        char b[512];
-        pollfd p{fd, POLLIN, 0};
-        while (poll(&p, 1, 2000) == 1 && read(fd, b, sizeof b) > 0) {
-        }
-    });
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(orbopen(peer.name().c_str(), "r"), -1);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("open negotiation fails: errno = 0 eof=false"), std::string::npos) << err;
-}
-
-TEST_F(OrbHostile, GarbageInsteadOfAResponse) {
-    Peer peer([](int fd) {
-        std::string junk(200, '\x5a');
-        junk += "orbmorbm\xff\xff";
-        send(fd, junk.data(), junk.size(), MSG_NOSIGNAL);
-        usleep(500000);
-    });
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(orbopen(peer.name().c_str(), "r"), -1);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("open negotiation fails"), std::string::npos) << err;
-}
-
-TEST_F(OrbHostile, RefusalCarriesTheServersReason) {
-    Peer peer([](int fd) {
-        Bns* in = bnsnew(fd, 0);
-        Bns* out = bnsnew(fd, 0);
-        Orbrequest* req = newOrbrequest();
-        if (read_request(in, req)) {
-            Orbresponse* r = newOrbresponse();
-            r->what = ORBOPEN;
-            r->result = -1;
-            const char* why = "address 127.0.0.1 may not write";
-            r->nerr = static_cast<int>(strlen(why));
-            strcpy(r->errmsg, why);
-            send_response(out, r);
-            freeOrbresponse(r);
-        }
-        freeOrbrequest(req);
-        bnsfree(in);
-        bnsfree(out);
-        usleep(200000);
-    });
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(orbopen(peer.name().c_str(), "w"), -1);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("orbserver: address 127.0.0.1 may not write"), std::string::npos) << err;
-}
-
-// After a proper open the peer misbehaves; the reads and requests fail, nothing hangs.
-TEST_F(OrbHostile, MisbehaviourAfterTheOpen) {
-    Peer peer([](int fd) {
-        Bns* in = bnsnew(fd, 0);
-        Bns* out = bnsnew(fd, 0);
-        Orbresponse* r = newOrbresponse();
-        answer_open(in, out, r);
-        Orbrequest* req = newOrbrequest();
-        // ORBREAP start, then half a packet and close.
-        if (read_request(in, req)) {
-            Orbresponse* p = newOrbresponse();
-            p->what = ORBREAP;
-            p->pkg = newPktpkg();
-            p->sZpkg = 1;
-            static char body[1000];
-            p->pkg->packet = body;
-            p->pkg->packetsize = sizeof body;
-            p->pkg->pktid = 7;
-            strcpy(p->pkg->srcname, "AA_BB/xfer");
-            p->pkg->srcnamesize = 10;
-            bnsput(out, "orbm", BNS_BYTES, 4);
-            pbnsOrbresponse(out, p);
-            bnsflush(out);  // the whole packet first: it must be delivered
-            bnsput(out, "orbm", BNS_BYTES, 4);
-            pbnsOrbresponse(out, p);
-            out->lp -= 500;  // then half of the next one
-            bnsflush(out);
-            p->pkg->packet = nullptr;
-            freeOrbresponse(p);
-        }
-        freeOrbrequest(req);
-        freeOrbresponse(r);
-        bnsfree(in);
-        bnsfree(out);
+        PeerSide s(fd);
+        s.answer_open();
+        if (!s.read()) return;
+        Orbresponse* p = s.resp;
+        p->what = ORBREAP;
+        p->pkg = newPktpkg();
+        p->sZpkg = 1;
+        p->pkg->packet = static_cast<char*>(calloc(1000, 1));
+        p->pkg->sZpacket = p->pkg->packetsize = 1000;
+        p->pkg->pktid = 7;
+        strcpy(p->pkg->srcname, "AA_BB/xfer");
+        p->pkg->srcnamesize = 10;
+        s.put_response();
+        bnsflush(s.out);
+        s.put_response();
+        s.out->lp -= 500;
+        bnsflush(s.out);
         usleep(100000);
     });
     int orb = orbopen(peer.name().c_str(), "r");
@@ -253,37 +210,26 @@ TEST_F(OrbHostile, MisbehaviourAfterTheOpen) {
     EXPECT_EQ(of->orb_start, 1000);
     EXPECT_EQ(of->server_start, 2000);
 
-    int pktid;
-    char src[ORB_SRCNAME_SIZE + 1];
-    double t;
-    char* pkt = nullptr;
-    int nbytes = 0, bufsize = 0;
-    EXPECT_EQ(orbreap(orb, &pktid, src, &t, &pkt, &nbytes, &bufsize), 0);
-    EXPECT_EQ(pktid, 7);
-    EXPECT_STREQ(src, "AA_BB/xfer");
-    EXPECT_EQ(nbytes, 1000);
-    EXPECT_GE(bufsize, 1000);
-    EXPECT_EQ(orbreap(orb, &pktid, src, &t, &pkt, &nbytes, &bufsize), -1);
-    EXPECT_EQ(pktid, -1);
-    EXPECT_STREQ(src, "");
+    orbtest::Reader rd(orb);
+    Got g = rd.reap();
+    EXPECT_EQ(g.rc, 0);
+    EXPECT_EQ(g.pktid, 7);
+    EXPECT_EQ(g.src, "AA_BB/xfer");
+    EXPECT_EQ(g.body, std::string(1000, '\0'));
+    g = rd.reap();
+    EXPECT_EQ(g.rc, -1);
+    EXPECT_EQ(g.pktid, -1);
+    EXPECT_EQ(g.src, "");
     EXPECT_EQ(of->lastpktid, 7);
-    free(pkt);
     orbclose(orb);
 }
 
 TEST_F(OrbHostile, TruncatedAnswerToASeek) {
     Peer peer([](int fd) {
-        Bns* in = bnsnew(fd, 0);
-        Bns* out = bnsnew(fd, 0);
-        Orbresponse* r = newOrbresponse();
-        answer_open(in, out, r);
-        Orbrequest* req = newOrbrequest();
-        if (read_request(in, req)) send(fd, "orbm\x00\x00", 6, MSG_NOSIGNAL);
+        PeerSide s(fd);
+        s.answer_open();
+        if (s.read()) send(fd, "orbm\x00\x00", 6, MSG_NOSIGNAL);
         usleep(600000);
-        freeOrbrequest(req);
-        freeOrbresponse(r);
-        bnsfree(in);
-        bnsfree(out);
     });
     int orb = orbopen(peer.name().c_str(), "r");
     ASSERT_GE(orb, 0);
@@ -291,33 +237,4 @@ TEST_F(OrbHostile, TruncatedAnswerToASeek) {
     EXPECT_EQ(orb2orbfile(orb)->error, 1);
     EXPECT_EQ(orb2orbfile(orb)->lastpktid, 41);
     orbclose(orb);
-}
-
-TEST_F(OrbHostile, PutSizesAreChecked) {
-    Peer peer([](int fd) {
-        Bns* in = bnsnew(fd, 0);
-        Bns* out = bnsnew(fd, 0);
-        Orbresponse* r = newOrbresponse();
-        answer_open(in, out, r);
-        Orbrequest* req = newOrbrequest();
-        while (read_request(in, req)) {
-        }
-        freeOrbrequest(req);
-        freeOrbresponse(r);
-        bnsfree(in);
-        bnsfree(out);
-    });
-    int orb = orbopen(peer.name().c_str(), "w");
-    ASSERT_GE(orb, 0);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(orbput(orb, "a/b", 0, "x", -1), -1);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("minimum packet size is 0"), std::string::npos) << err;
-    std::string big(Orb_max_data_bytes + 1, 'x');
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(orbput(orb, "a/b", 0, big.data(), static_cast<int>(big.size())), -1);
-    err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("maximum packet size is " + std::to_string(Orb_max_data_bytes)), std::string::npos) << err;
-    EXPECT_EQ(orbput(orb, "a/b", 0, "", 0), 0);  // an empty packet is allowed
-    EXPECT_EQ(orbclose(orb), 0);
 }

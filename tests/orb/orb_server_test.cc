@@ -21,6 +21,7 @@
 using orbtest::Got;
 using orbtest::put_run;
 using orbtest::Reader;
+using orbtest::stderr_of;
 using testsupport::OrbServer;
 using testsupport::slurp;
 
@@ -50,8 +51,13 @@ struct OrbServerTest : ::testing::Test {
 
 // ---- naming ----
 
-TEST_F(OrbServerTest, HostAndPortNamesConnect) {
-    for (std::string name : {server.name(), "localhost:" + std::to_string(server.port())}) {
+TEST_F(OrbServerTest, HostPortAndNamedPortsConnect) {
+    std::string dir = server.dir() + "/pf";
+    std::filesystem::create_directories(dir);
+    std::string port = std::to_string(server.port());
+    std::ofstream(dir + "/orbserver_names.pf") << "testring " << port << "\nsigned " << port << " somebody\n";
+    setenv("PFPATH", dir.c_str(), 1);
+    for (std::string name : {server.name(), "localhost:" + port, std::string("localhost:testring")}) {
         int orb = orbopen(name.c_str(), "r");
         ASSERT_GE(orb, 0) << name;
         ASSERT_NE(orb2orbfile(orb), nullptr);
@@ -62,31 +68,26 @@ TEST_F(OrbServerTest, HostAndPortNamesConnect) {
         EXPECT_EQ(orbclose(orb), 0);
         EXPECT_EQ(orb2orbfile(orb), nullptr);
     }
-}
-
-TEST_F(OrbServerTest, NamedPortsComeFromOrbserverNames) {
-    std::string dir = server.dir() + "/pf";
-    std::filesystem::create_directories(dir);
-    std::ofstream(dir + "/orbserver_names.pf") << "testring " << server.port() << "\n"
-                                               << "signed " << server.port() << " somebody\n";
-    setenv("PFPATH", dir.c_str(), 1);
-    int orb = orbopen(("localhost:testring"), "r");
-    ASSERT_GE(orb, 0);
-    EXPECT_EQ(orbclose(orb), 0);
-
     // A port that names a signer asks for a signed open, which this system cannot make.
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(orbopen("localhost:signed", "r"), -1);
-    std::string err = testing::internal::GetCapturedStderr();
+    std::string err = stderr_of([] { EXPECT_EQ(orbopen("localhost:signed", "r"), -1); });
     EXPECT_NE(err.find("failed to create signature for orb open request"), std::string::npos) << err;
     unsetenv("PFPATH");
 }
 
 TEST_F(OrbServerTest, FilePathsStartAForbserver) {
+    // An absolute path with an option for forbserver, which creates the ring; started
+    // under a stand-in debugger that runs the program with the joined arguments.
+    std::string dbg = server.dir() + "/dbg.sh";
+    std::ofstream(dbg) << "#!/bin/sh\nprog=\"$1\"\nshift 2\nexec \"$prog\" $1\n";
+    chmod(dbg.c_str(), 0755);
+    setenv("FORB_DEBUGGER", dbg.c_str(), 1);
     std::string ring = server.dir() + "/local";
-    // An absolute path with an option for forbserver; the ring is created by it.
-    int w = orbopen((ring + "@s1M").c_str(), "w&");
-    ASSERT_GE(w, 0);
+    int w = -1;
+    std::string err = stderr_of([&] { w = orbopen((ring + "@s1M").c_str(), "w&"); });
+    unsetenv("FORB_DEBUGGER");
+    ASSERT_GE(w, 0) << err;
+    EXPECT_NE(err.find(">> spawning \"" + dbg + " "), std::string::npos) << err;
+    EXPECT_NE(err.find("forbserver -a '-s1M " + ring + "'\""), std::string::npos) << err;
     EXPECT_EQ(orb2orbfile(w)->reopen, 0);  // a file-backed server is never reconnected
     ASSERT_GE(orbputx(w, "AA_X/test", 10, "abc", 3), 0);
     EXPECT_EQ(orbclose(w), 0);
@@ -105,31 +106,10 @@ TEST_F(OrbServerTest, FilePathsStartAForbserver) {
     EXPECT_EQ(g.src, "AA_X/test");
     EXPECT_EQ(g.body, "abc");
     EXPECT_EQ(orbclose(r), 0);
-}
 
-TEST_F(OrbServerTest, ForbserverUnderADebugger) {
-    // A stand-in debugger that runs the program with the joined arguments.
-    std::string dbg = server.dir() + "/dbg.sh";
-    std::ofstream(dbg) << "#!/bin/sh\nprog=\"$1\"\nshift 2\nexec \"$prog\" $1\n";
-    chmod(dbg.c_str(), 0755);
-    setenv("FORB_DEBUGGER", dbg.c_str(), 1);
-    std::string ring = server.dir() + "/dbgring";
-    testing::internal::CaptureStderr();
-    int orb = orbopen((ring + "@s1M").c_str(), "w");
-    std::string err = testing::internal::GetCapturedStderr();
-    unsetenv("FORB_DEBUGGER");
-    ASSERT_GE(orb, 0) << err;
-    EXPECT_NE(err.find(">> spawning \"" + dbg + " "), std::string::npos) << err;
-    EXPECT_NE(err.find("forbserver -a '-s1M " + ring + "'\""), std::string::npos) << err;
-    EXPECT_GE(orbputx(orb, "AA/x", 1, "z", 1), 0);
-    EXPECT_EQ(orbclose(orb), 0);
-}
-
-TEST_F(OrbServerTest, MissingFileServerFailsCleanly) {
     // forbserver refuses a ring in a directory that does not exist; the open fails.
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(orbopen((server.dir() + "/no/such/dir/ring").c_str(), "r"), -1);
-    std::string err = testing::internal::GetCapturedStderr();
+    std::string missing = server.dir() + "/no/such/dir/ring";
+    err = stderr_of([&] { EXPECT_EQ(orbopen(missing.c_str(), "r"), -1); });
     EXPECT_NE(err.find("open negotiation fails"), std::string::npos) << err;
 }
 
@@ -158,24 +138,22 @@ TEST_F(OrbServerTest, WaitingOpenRetriesUntilTheServerComes) {
     orbclose(orb);
 }
 
-TEST_F(OrbServerTest, LocalAddressAndPacketLimitFromTheEnvironment) {
+TEST_F(OrbServerTest, PacketSizeLimitsAndLocalAddressFromTheEnvironment) {
     setenv("ORB_IP_ADDRESS", "127.0.0.1", 1);
     setenv("ORB_MAX_DATA_BYTES", "100", 1);
     int w = open("w");
     unsetenv("ORB_MAX_DATA_BYTES");
     EXPECT_EQ(Orb_max_data_bytes, 100);
     std::string body(101, 'b');
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(orbput(w, "AA/lim", 1, body.data(), 101), -1);
-    std::string err = testing::internal::GetCapturedStderr();
+    std::string err = stderr_of([&] { EXPECT_EQ(orbput(w, "AA/lim", 1, body.data(), 101), -1); });
     EXPECT_NE(err.find("maximum packet size is 100"), std::string::npos) << err;
     EXPECT_EQ(orbput(w, "AA/lim", 1, body.data(), 100), 0);
     Orb_max_data_bytes = 4000000;
+    err = stderr_of([&] { EXPECT_EQ(orbput(w, "AA/lim", 1, "x", -1), -1); });
+    EXPECT_NE(err.find("minimum packet size is 0"), std::string::npos) << err;
 
     setenv("ORB_IP_ADDRESS", "not-an-address", 1);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(orbopen(server.name().c_str(), "r"), -1);
-    err = testing::internal::GetCapturedStderr();
+    err = stderr_of([&] { EXPECT_EQ(orbopen(server.name().c_str(), "r"), -1); });
     unsetenv("ORB_IP_ADDRESS");
     EXPECT_NE(err.find("Failed to bind ip address 'not-an-address'"), std::string::npos) << err;
 }
@@ -222,7 +200,8 @@ TEST_F(OrbServerTest, PositioningByWordTimeAndGarbage) {
 TEST_F(OrbServerTest, SelectRejectAndPatternFiles) {
     int w = open("w");
     for (int i = 0; i < 3; i++)
-        for (const char* src : {"AA_ONE/x", "BB_TWO/x", "CC_THREE/y"}) ASSERT_GE(orbputx(w, src, 100 + i, "x", 1), 0);
+        for (const char* src : {"AA_ONE/x", "BB_TWO/x", "CC_THREE/y"})
+            ASSERT_GE(orbputx(w, src, 100 + i, "x", 1), 0);
     int r = open("r");
     Reader rd(r);
 
@@ -235,10 +214,9 @@ TEST_F(OrbServerTest, SelectRejectAndPatternFiles) {
     orbseek(r, ORBOLDEST);
     for (int i = 0; i < 6; i++) EXPECT_NE(rd.reap().src, "AA_ONE/x");
 
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(orbselect(r, ("@" + server.dir() + "/nothing-here").c_str()), -1);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("Can't open '" + server.dir() + "/nothing-here'"), std::string::npos) << err;
+    std::string none = server.dir() + "/nothing-here";
+    std::string err = stderr_of([&] { EXPECT_EQ(orbselect(r, ("@" + none).c_str()), -1); });
+    EXPECT_NE(err.find("Can't open '" + none + "'"), std::string::npos) << err;
     EXPECT_EQ(orbselect(r, "(unclosed"), -1);  // the server refuses a bad pattern
 }
 
@@ -278,18 +256,16 @@ TEST_F(OrbServerTest, ReapnEndsItsStreamAndTheNextCallStartsAnother) {
 TEST_F(OrbServerTest, BoundedReadsGiveUpQuietly) {
     int r = open("r&");
     Reader rd(r);
-    testing::internal::CaptureStderr();
-    Got g = rd.reap_nd();
-    Got h = rd.reap_timeout(0.2);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(g.rc, -2);
-    EXPECT_EQ(h.rc, -2);
+    std::string err = stderr_of([&] {
+        EXPECT_EQ(rd.reap_nd().rc, -2);
+        EXPECT_EQ(rd.reap_timeout(0.2).rc, -2);
+    });
     EXPECT_EQ(err, "");
     EXPECT_GT(orb2orbfile(r)->first_nd_failure, 0);
     EXPECT_EQ(orb2orbfile(r)->reopen, 1);  // restored after the read
 
     put_run(open("w"), "AA/nd", 7, 2);
-    g = rd.reap_timeout(10);
+    Got g = rd.reap_timeout(10);
     EXPECT_EQ(g.rc, 0);
     EXPECT_EQ(g.body, "p0");
     EXPECT_EQ(orb2orbfile(r)->first_nd_failure, 0);
@@ -301,7 +277,7 @@ TEST_F(OrbServerTest, BoundedReadsGiveUpQuietly) {
 
 // ---- writes, status, stash ----
 
-TEST_F(OrbServerTest, PutsLongPacketsStatusAndSources) {
+TEST_F(OrbServerTest, LongEmptyAndLongNamedPacketsAndRup) {
     int w = open("w");
     int r = open("r");
     std::string big(70000, '\0');
@@ -333,8 +309,7 @@ TEST_F(OrbServerTest, PutsLongPacketsStatusAndSources) {
     EXPECT_EQ(ss, orb2orbfile(r)->server_start);
 }
 
-TEST_F(OrbServerTest, StashKeepsTheLastPacketOfASource) {
-    ASSERT_EQ(orbput(open("w"), "AA/stash", 1, "first", 5), 0);
+TEST_F(OrbServerTest, StashSelectAndAMissingStash) {
     int r = open("r");
     EXPECT_EQ(orbstashselect(r, 1), 1);
     EXPECT_EQ(orbstashselect(r, 3), 1);  // nothing sent; the last flag stands
@@ -342,10 +317,8 @@ TEST_F(OrbServerTest, StashKeepsTheLastPacketOfASource) {
     int pktid, nbytes = 0, size = 0;
     double t;
     char* buf = nullptr;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(orbgetstash(r, src, &pktid, &t, &buf, &nbytes, &size), -1);  // nothing stashed
-    testing::internal::GetCapturedStderr();
-    EXPECT_STREQ(src, "");
+    stderr_of([&] { EXPECT_EQ(orbgetstash(r, src, &pktid, &t, &buf, &nbytes, &size), -1); });
+    EXPECT_STREQ(src, "");  // nothing stashed
     free(buf);
 }
 
@@ -354,14 +327,13 @@ TEST_F(OrbServerTest, StashKeepsTheLastPacketOfASource) {
 TEST_F(OrbServerTest, OrbstatShowsStatusSourcesAndClients) {
     put_run(open("w"), "AA_STAT/xfer", 1e9, 3);
     std::string out = server.dir() + "/orbstat.out";
-    std::string cmd = std::string(FERRANT_BUILD_DIR) + "/bin/orbstat -s -c " + server.name() + " >" + out + " 2>&1";
-    EXPECT_EQ(system(cmd.c_str()), 0);
+    std::string orbstat = std::string(FERRANT_BUILD_DIR) + "/bin/orbstat";
+    EXPECT_EQ(system((orbstat + " -s -c " + server.name() + " >" + out + " 2>&1").c_str()), 0);
     std::string text = slurp(out);
     EXPECT_NE(text.find("holding     3 packets from 1 sources"), std::string::npos) << text;
     EXPECT_NE(text.find("AA_STAT/xfer"), std::string::npos) << text;
     EXPECT_NE(text.find("orb_server_test"), std::string::npos) << text;  // this process's writer
-    cmd = std::string(FERRANT_BUILD_DIR) + "/bin/orbstat -x >" + out + " 2>&1";
-    EXPECT_NE(system(cmd.c_str()), 0);
+    EXPECT_NE(system((orbstat + " -x >" + out + " 2>&1").c_str()), 0);
     EXPECT_NE(slurp(out).find("Usage: orbstat [-s] [-c] orb"), std::string::npos);
 }
 

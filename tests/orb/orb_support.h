@@ -27,60 +27,39 @@ class Reader {
   public:
     explicit Reader(int orb) : orb_(orb) {}
     ~Reader() { free(buf_); }
-    Got reap() {
-        Got g;
-        char src[ORB_SRCNAME_SIZE + 1];
-        int n = 0;
-        g.rc = orbreap(orb_, &g.pktid, src, &g.time, &buf_, &n, &size_);
-        fill(g, src, n);
-        return g;
-    }
-    Got reapn(int count) {
-        Got g;
-        char src[ORB_SRCNAME_SIZE + 1];
-        int n = 0;
-        g.rc = orbreapn(orb_, count, &g.pktid, src, &g.time, &buf_, &n, &size_);
-        fill(g, src, n);
-        return g;
-    }
-    Got reap_nd() {
-        Got g;
-        char src[ORB_SRCNAME_SIZE + 1];
-        int n = 0;
-        g.rc = orbreap_nd(orb_, &g.pktid, src, &g.time, &buf_, &n, &size_);
-        fill(g, src, n);
-        return g;
-    }
-    Got reap_timeout(double seconds) {
-        Got g;
-        char src[ORB_SRCNAME_SIZE + 1];
-        int n = 0;
-        g.rc = orbreap_timeout(orb_, seconds, &g.pktid, src, &g.time, &buf_, &n, &size_);
-        fill(g, src, n);
-        return g;
-    }
-    Got get(int which) {
-        Got g;
-        char src[ORB_SRCNAME_SIZE + 1];
-        int n = 0;
-        g.rc = orbget(orb_, which, &g.pktid, src, &g.time, &buf_, &n, &size_);
-        fill(g, src, n);
-        return g;
-    }
+    Got reap() { return read([&](auto... a) { return orbreap(orb_, a...); }); }
+    Got reapn(int count) { return read([&](auto... a) { return orbreapn(orb_, count, a...); }); }
+    Got reap_nd() { return read([&](auto... a) { return orbreap_nd(orb_, a...); }); }
+    Got reap_timeout(double s) { return read([&](auto... a) { return orbreap_timeout(orb_, s, a...); }); }
 
   private:
-    void fill(Got& g, const char* src, int n) {
+    // call(&pktid, srcname, &time, &buffer, &nbytes, &buffersize), as every read takes them.
+    template <class Call>
+    Got read(Call call) {
+        Got g;
+        char src[ORB_SRCNAME_SIZE + 1];
+        int n = 0;
+        g.rc = call(&g.pktid, src, &g.time, &buf_, &n, &size_);
         g.src = src;
         if (g.rc == 0 && n > 0) g.body.assign(buf_, n);
+        return g;
     }
     int orb_;
     char* buf_ = nullptr;
     int size_ = 0;
 };
 
+// What f writes to standard error.
+template <class F>
+std::string stderr_of(F f) {
+    testing::internal::CaptureStderr();
+    f();
+    return testing::internal::GetCapturedStderr();
+}
+
 // Puts count packets from src with times t0, t0+1, ... and bodies "<prefix><i>";
 // returns their ids.
-inline std::vector<int> put_run(int orb, const char* src, double t0, int count, const std::string& prefix = "p") {
+inline std::vector<int> put_run(int orb, const char* src, double t0, int count, std::string prefix = "p") {
     std::vector<int> ids;
     for (int i = 0; i < count; i++) {
         std::string body = prefix + std::to_string(i);

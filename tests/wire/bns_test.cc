@@ -7,23 +7,28 @@
 #include <sys/stat.h>
 
 #include <cmath>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "deviants/swap.h"
 #include "stock/h2e.h"
+#include "support/orbserver.h"  // slurp
 #include "support/tempdir.h"
 #include "wire/wire_support.h"
 
+using testsupport::slurp;
+
 namespace {
 
-std::string slurp(const std::string& path) {
-    std::ifstream f(path, std::ios::binary);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
+// A stream b over one end of a socket pair; the test plays the peer at sp.fd[1].
+struct BnsSocket : testing::Test {
+    SocketPair sp;
+    Bns* b = nullptr;
+    void stream(int size, int timeout_ms = -2) {
+        b = bnsnew(sp.fd[0], size);
+        if (timeout_ms != -2) bnstimeout(b, timeout_ms);
+    }
+    void TearDown() override { bnsfree(b); }
+};
 
 TEST(BnsCreate, BadSizeAndTimeoutFromTheEnvironment) {
     int saved = Bns_timeout;
@@ -88,9 +93,8 @@ TEST(BnsPut, GrowthSizes) {
     bnsfree(b);
 }
 
-TEST(BnsFlush, OneWriteCarriesEverything) {
-    SocketPair sp;
-    Bns* b = bnsnew(sp.fd[0], 16);
+TEST_F(BnsSocket, FlushWritesEverythingInOneCallAndAFailureKeepsTheBytes) {
+    stream(16);
     std::string expect;
     for (int k = 0; k < 50; k++) {
         bnsput(b, &k, BNS_INT, 1);
@@ -105,26 +109,19 @@ TEST(BnsFlush, OneWriteCarriesEverything) {
     EXPECT_EQ(sp.drain(), expect);
     EXPECT_EQ(bnsflush(b), 0);  // nothing to write
     EXPECT_EQ(b->nsys, 1);
-    bnsfree(b);
-}
 
-TEST(BnsFlush, FailureKeepsTheBytes) {
-    SocketPair sp;
     sp.closeend(1);
     signal(SIGPIPE, SIG_IGN);
-    Bns* b = bnsnew(sp.fd[0], 64);
     buf2bns(b, "abc", 3);
     EXPECT_EQ(bnsflush(b), -1);
     EXPECT_EQ(b->err, 1);
     EXPECT_EQ(b->syserrno, EPIPE);
     EXPECT_EQ(pending(b), "abc");
-    bnsfree(b);
 }
 
-TEST(BnsGet, PartialArrivalSurvivesTheTimeout) {
-    SocketPair sp;
-    Bns* b = bnsnew(sp.fd[0], 64);
-    bnstimeout(b, 30);
+// A time-out is not the end of the input: what has arrived stays for the next call.
+TEST_F(BnsSocket, PartialArrivalSurvivesTheTimeoutAndEndOfFileIsToldApart) {
+    stream(64, 30);
     int v = 0;
     EXPECT_EQ(bnsget(b, &v, BNS_INT, 1), -1);  // nothing at all
     EXPECT_EQ(b->eof, 0);
@@ -139,7 +136,27 @@ TEST(BnsGet, PartialArrivalSurvivesTheTimeout) {
     sp.send(std::string("\x56\x78", 2));
     ASSERT_EQ(bnsget(b, &v, BNS_INT, 1), 0);
     EXPECT_EQ(v, 0x12345678);
-    bnsfree(b);
+
+    bnstimeout(b, 5000);
+    sp.send("ab");
+    sp.closeend(1);
+    EXPECT_EQ(bnsget(b, &v, BNS_INT, 1), -1);
+    EXPECT_EQ(b->eof, 1);
+    EXPECT_EQ(b->err, 0);
+    EXPECT_EQ(bnscnt(b), 2);  // still there
+    char c[2];
+    EXPECT_EQ(bnsget(b, c, BNS_BYTES, 2), 0);
+
+    // A pipe whose writer is gone reports a hang-up without input.
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    Bns* pb = bnsnew(p[0], 64);
+    bnstimeout(pb, 5000);
+    close(p[1]);
+    EXPECT_EQ(bnsget(pb, c, BNS_BYTES, 1), -1);
+    EXPECT_EQ(pb->eof, 1);
+    bnsfree(pb);
+    close(p[0]);
 }
 
 // A large run read straight into the destination still consumes nothing
@@ -179,10 +196,8 @@ TEST(BnsGet, DirectRunSurvivesTheTimeoutAndTheMark) {
     }
 }
 
-TEST(BnsView, BytesInPlaceOrNothing) {
-    SocketPair sp;
-    Bns* b = bnsnew(sp.fd[0], 16);
-    bnstimeout(b, 30);
+TEST_F(BnsSocket, ViewGivesBytesInPlaceOrNothing) {
+    stream(16, 30);
     sp.send("abcdefghij");
     EXPECT_EQ(bnsview(b, 20), nullptr);  // not all there
     EXPECT_EQ(bnscnt(b), 10);
@@ -192,40 +207,10 @@ TEST(BnsView, BytesInPlaceOrNothing) {
     EXPECT_EQ(std::string(v, 20), "abcdefghijklmnopqrst");
     EXPECT_EQ(bnscnt(b), 6);
     EXPECT_EQ(bnsview(b, -1), nullptr);
-    bnsfree(b);
 }
 
-TEST(BnsGet, EndOfFileToldFromTimeout) {
-    SocketPair sp;
-    Bns* b = bnsnew(sp.fd[0], 64);
-    bnstimeout(b, 5000);
-    sp.send("ab");
-    sp.closeend(1);
-    int v;
-    EXPECT_EQ(bnsget(b, &v, BNS_INT, 1), -1);
-    EXPECT_EQ(b->eof, 1);
-    EXPECT_EQ(b->err, 0);
-    EXPECT_EQ(bnscnt(b), 2);  // still there
-    char c[2];
-    EXPECT_EQ(bnsget(b, c, BNS_BYTES, 2), 0);
-    bnsfree(b);
-
-    // A pipe whose writer is gone reports a hang-up without input.
-    int p[2];
-    ASSERT_EQ(pipe(p), 0);
-    b = bnsnew(p[0], 64);
-    bnstimeout(b, 5000);
-    close(p[1]);
-    EXPECT_EQ(bnsget(b, c, BNS_BYTES, 1), -1);
-    EXPECT_EQ(b->eof, 1);
-    bnsfree(b);
-    close(p[0]);
-}
-
-TEST(BnsWait, ReadyTimeoutAndError) {
-    SocketPair sp;
-    Bns* b = bnsnew(sp.fd[0], 64);
-    bnstimeout(b, 0);
+TEST_F(BnsSocket, WaitTellsReadyTimeoutAndError) {
+    stream(64, 0);
     EXPECT_EQ(bnswait(b), 0);
     sp.send("x");
     EXPECT_EQ(bnswait(b), 1);
@@ -243,12 +228,10 @@ TEST(BnsWait, ReadyTimeoutAndError) {
     EXPECT_EQ(bnsget(b, &c, BNS_BYTES, 1), -1);
     EXPECT_EQ(b->eof, 0);
     EXPECT_EQ(b->err, 2);
-    bnsfree(b);
 }
 
-TEST(BnsGet, ReadsFillTheFreeSpaceAndGrowByTwiceTheShortfall) {
-    SocketPair sp;
-    Bns* b = bnsnew(sp.fd[0], 8192);
+TEST_F(BnsSocket, ReadsFillTheFreeSpaceAndGrowByTwiceTheShortfall) {
+    stream(8192);
     sp.send(std::string(5000, 'r'));
     char c;
     ASSERT_EQ(bnsget(b, &c, BNS_BYTES, 1), 0);
@@ -256,7 +239,7 @@ TEST(BnsGet, ReadsFillTheFreeSpaceAndGrowByTwiceTheShortfall) {
     EXPECT_EQ(bnscnt(b), 4999);
     bnsfree(b);
 
-    b = bnsnew(sp.fd[0], 16);
+    stream(16);
     std::string msg(100, 'g');
     sp.send(msg);
     char buf[100];
@@ -269,12 +252,19 @@ TEST(BnsGet, ReadsFillTheFreeSpaceAndGrowByTwiceTheShortfall) {
     ASSERT_EQ(bnsget(b, buf, BNS_BYTES, 100), 0);
     EXPECT_EQ(b->sz, 184);
     EXPECT_EQ(b->fp, 100);
-    bnsfree(b);
 }
 
-TEST(BnsKeep, ResendWritesExactlyTheLastMessages) {
-    SocketPair sp;
-    Bns* b = bnsnew(sp.fd[0], 8);
+TEST_F(BnsSocket, ResendWritesExactlyTheLastMessagesKept) {
+    stream(8);
+    // Nothing kept, nothing resent.
+    buf2bns(b, "once", 4);
+    ASSERT_EQ(bnsflush(b), 0);
+    sp.drain();
+    long calls = b->nsys;
+    EXPECT_EQ(bnsresend(b), 0);
+    EXPECT_EQ(b->nsys, calls);
+    EXPECT_EQ(sp.drain(), "");
+
     bnskeep(b, 2);
     for (const char* m : {"aaa", "bbbb", "ccccc"}) {
         buf2bns(b, m, (int)strlen(m));
@@ -296,14 +286,17 @@ TEST(BnsKeep, ResendWritesExactlyTheLastMessages) {
     ASSERT_EQ(bnsflush(b), 0);
     ASSERT_EQ(bnsresend(b), 0);
     EXPECT_EQ(sp.drain(), "tail0123456789tail");
-    bnsfree(b);
+
+    // After a clear nothing is resent either.
+    bnsclr(b);
+    EXPECT_EQ(bnsresend(b), 0);
+    EXPECT_EQ(sp.drain(), "");
 }
 
 // Callers undo a message they could not finish by restoring the end they
 // saved before putting it: a put must never move what is already buffered.
-TEST(BnsKeep, APutNeverMovesBufferedBytes) {
-    SocketPair sp;
-    Bns* b = bnsnew(sp.fd[0], 1000);
+TEST_F(BnsSocket, APutNeverMovesKeptOrBufferedBytes) {
+    stream(1000);
     bnskeep(b, 2);
     for (int i = 0; i < 3; i++) {
         std::string m(300, char('a' + i));
@@ -321,35 +314,10 @@ TEST(BnsKeep, APutNeverMovesBufferedBytes) {
     sp.drain();
     ASSERT_EQ(bnsresend(b), 0);
     EXPECT_EQ(sp.drain(), std::string(300, 'c') + "pending");
-    bnsfree(b);
 }
 
-TEST(BnsKeep, NothingKeptNothingResent) {
-    SocketPair sp;
-    Bns* b = bnsnew(sp.fd[0], 64);
-    buf2bns(b, "once", 4);
-    ASSERT_EQ(bnsflush(b), 0);
-    sp.drain();
-    long calls = b->nsys;
-    EXPECT_EQ(bnsresend(b), 0);
-    EXPECT_EQ(b->nsys, calls);
-    EXPECT_EQ(sp.drain(), "");
-
-    // After a clear nothing is resent either.
-    bnskeep(b, 2);
-    buf2bns(b, "kept", 4);
-    bnsflush(b);
-    sp.drain();
-    bnsclr(b);
-    EXPECT_EQ(bnsresend(b), 0);
-    EXPECT_EQ(sp.drain(), "");
-    bnsfree(b);
-}
-
-TEST(BnsGetc, TerminatorStaysAndOverflowIsDropped) {
-    SocketPair sp;
-    Bns* b = bnsnew(sp.fd[0], 4);  // smaller than a line: the terminator comes in a later read
-    bnstimeout(b, 5000);
+TEST_F(BnsSocket, GetcLeavesTheTerminatorAndDropsTheOverflow) {
+    stream(4, 5000);  // smaller than a line: the terminator comes in a later read
     sp.send("abcdefghij\ndef");
     char buf[16] = {};
     EXPECT_EQ(bnsgetc(b, buf, 16, '\n'), 10);
@@ -369,12 +337,10 @@ TEST(BnsGetc, TerminatorStaysAndOverflowIsDropped) {
     EXPECT_EQ(bnsgetc(b, buf, 16, '\n'), -1);
     EXPECT_STREQ(buf, "X");
     EXPECT_EQ(bnscnt(b), 0);
-    bnsfree(b);
 }
 
-TEST(Bns2buf, HandsOutAndEmpties) {
-    SocketPair sp;
-    Bns* b = bnsnew(sp.fd[0], 64);
+TEST_F(BnsSocket, Bns2bufHandsOutAndEmpties) {
+    stream(64);
     sp.send("0123456789");
     char c;
     bnsget(b, &c, BNS_BYTES, 1);
@@ -384,7 +350,6 @@ TEST(Bns2buf, HandsOutAndEmpties) {
     EXPECT_EQ(bnscnt(b), 0);
     EXPECT_EQ(b->fp, 0);
     EXPECT_EQ(bns2buf(b, buf, 4), 0);
-    bnsfree(b);
 }
 
 TEST(BnsSnoop, TraceRecordsBothDirections) {
@@ -417,10 +382,8 @@ TEST(BnsSnoop, TraceRecordsBothDirections) {
     bnsfree(out);
 }
 
-TEST(BnsSync, FindsThePatternAfterGarbageOrGivesUp) {
-    SocketPair sp;
-    Bns* b = bnsnew(sp.fd[0], 64);
-    bnstimeout(b, 5000);
+TEST_F(BnsSocket, SyncFindsThePatternAfterGarbageOrGivesUp) {
+    stream(64, 5000);
     std::string err;
     auto sync = [&](const std::string& input, int strict) {
         bnsclr(b);
@@ -449,7 +412,6 @@ TEST(BnsSync, FindsThePatternAfterGarbageOrGivesUp) {
     sp.send("orb");  // then end of file part way through the pattern
     sp.closeend(1);
     EXPECT_EQ(sync("", 0), -1);
-    bnsfree(b);
 }
 
 TEST(BnsClose, FlushesAndCloses) {

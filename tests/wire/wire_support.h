@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -15,21 +16,13 @@
 // Big-endian bytes, written out independently of the stream code.
 struct Wire {
     std::string s;
-    Wire& i(uint32_t v) {
-        for (int k = 3; k >= 0; k--) s.push_back((char)(v >> (8 * k)));
+    Wire& be(uint64_t v, int n) {  // the low n bytes of v, most significant first
+        for (int k = n - 1; k >= 0; k--) s.push_back((char)(v >> (8 * k)));
         return *this;
     }
-    Wire& h(uint16_t v) {
-        s.push_back((char)(v >> 8));
-        s.push_back((char)v);
-        return *this;
-    }
-    Wire& d(double v) {
-        uint64_t u;
-        memcpy(&u, &v, 8);
-        for (int k = 7; k >= 0; k--) s.push_back((char)(u >> (8 * k)));
-        return *this;
-    }
+    Wire& i(uint32_t v) { return be(v, 4); }
+    Wire& h(uint16_t v) { return be(v, 2); }
+    Wire& d(double v) { return be(std::bit_cast<uint64_t>(v), 8); }
     Wire& b(const std::string& t) {
         s += t;
         return *this;
@@ -37,13 +30,20 @@ struct Wire {
     Wire& text(const char* t, size_t n) {  // a fixed field: t then NULs to n bytes
         std::string f(t);
         f.resize(n, '\0');
-        s += f;
-        return *this;
+        return b(f);
     }
 };
 
 // Bytes appended to the stream's buffer and not yet flushed.
 inline std::string pending(const Bns* b) { return std::string(b->data + b->fp, b->lp - b->fp); }
+
+inline void write_all(int fd, const std::string& bytes) {
+    for (size_t off = 0; off < bytes.size();) {
+        ssize_t w = write(fd, bytes.data() + off, bytes.size() - off);
+        if (w <= 0) break;
+        off += w;
+    }
+}
 
 // An output stream that is never flushed (its descriptor is unused).
 struct OutStream {
@@ -58,12 +58,7 @@ struct InStream {
     Bns* b = nullptr;
     explicit InStream(const std::string& bytes, int size = 256) {
         fd = memfd_create("wire", MFD_CLOEXEC);
-        size_t off = 0;
-        while (off < bytes.size()) {
-            ssize_t w = write(fd, bytes.data() + off, bytes.size() - off);
-            if (w <= 0) break;
-            off += w;
-        }
+        write_all(fd, bytes);
         lseek(fd, 0, SEEK_SET);
         b = bnsnew(fd, size);
         bnstimeout(b, 1000);
@@ -95,14 +90,7 @@ struct SocketPair {
         if (fd[i] >= 0) close(fd[i]);
         fd[i] = -1;
     }
-    void send(const std::string& s) const {
-        size_t off = 0;
-        while (off < s.size()) {
-            ssize_t w = write(fd[1], s.data() + off, s.size() - off);
-            if (w <= 0) break;
-            off += w;
-        }
-    }
+    void send(const std::string& s) const { write_all(fd[1], s); }
     // Everything that can be read from fd[1] right now.
     std::string drain() const {
         std::string r;
