@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <unistd.h>
 #include <string>
 #include <thread>

@@ -217,7 +217,7 @@ TEST(PfScan, ParsesIntoAGivenTreeAndRejectsOtherNodes) {
 
 // ---- writing ------------------------------------------------------------------
 
-TEST(PfWrite, ChoosesTheFormEachValueNeeds) {
+TEST(PfWrite, ChoosesTheFormEachValueNeedsInTextAndFiles) {
     const char* const forms[][3] = {
         {"plain", "just text", "plain\tjust text\n"},
         {"lead", " starts with a blank", "lead\t&Literal{\n starts with a blank}\n"},
@@ -238,13 +238,9 @@ TEST(PfWrite, ChoosesTheFormEachValueNeeds) {
     pf = nullptr;
     ASSERT_EQ(parse("a &Arr{\n b &Tbl{\n  x\n }\n}\n", &pf), 0);
     EXPECT_EQ(text_of(pf), "a\t&Arr{\n    b\t&Tbl{\n        x\n    }\n}\n");
-    pffree(pf);
-}
 
-TEST(PfWrite, FilesAndStreams) {
+    // Through a file and a descriptor.
     TempDir dir;
-    Pf* pf = nullptr;
-    ASSERT_EQ(parse("a 1\nl &Tbl{\n  x\n}\n", &pf), 0);
     std::string path = dir.path + "/out.pf";
     ASSERT_EQ(pfwrite(path.c_str(), pf), 0);
     int fd = open(path.c_str(), O_RDONLY);

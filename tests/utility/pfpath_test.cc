@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -126,7 +125,7 @@ TEST_F(PfPath, NothingReadIsFailure) {
     EXPECT_EQ(pfread("comments", &pf), -1);
     pffree(pf);
     // A directory of that name is not a parameter file.
-    std::filesystem::create_directories(b + "/adir.pf");
+    dir.sub("b/adir.pf");
     EXPECT_TRUE(files_of("adir").empty());
     // A broken file still gives what it holds, with the failure counted.
     write(a + "/broken.pf", "k 1\nx &Arr{\n");
