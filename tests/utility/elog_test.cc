@@ -84,13 +84,14 @@ TEST(ElogOutput, SeverityTagsSystemErrorsAndRepeats) {
     }, env());
     EXPECT_TRUE(r.exited(0)) << r.err;
     EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, P + ": x\n" + P + " *debug*: d\n" + P + " *alert*: a\n" + P + ": c\n" + "\n" + P + ": x\n" +
-                         "\n\n\n" +
+    EXPECT_EQ(r.err, P + ": x\n" + P + " *debug*: d\n" + P + " *alert*: a\n" + P + ": c\n" + "\n" + P +
+                         ": x\n" + "\n\n\n" +
                          P + ": Can't open 'f'\n\t##=> No such file or directory\n" +
                          P + ": no text wanted\n" +
                          P + ": no error to tell\n" +
                          P + ": odd errno\n\t##=> Unknown error: 99999\n" +
-                         P + ": same\n\t** repeated 3 times\n" + P + ": other\n" + P + ": again\n" + P + ": again\n");
+                         P + ": same\n\t** repeated 3 times\n" + P + ": other\n" +
+                         P + ": again\n" + P + ": again\n");
 }
 
 TEST(ElogOutput, TruncationAtTheLimits) {
