@@ -19,9 +19,13 @@
 
 namespace {
 
-std::vector<std::string> strings(Tbl* t) {
-    std::vector<std::string> v;
+using Names = std::vector<std::string>;
+
+// The strings of t, which is freed with them.
+Names strings(Tbl* t) {
+    Names v;
     for (long i = 0; i < maxtbl(t); i++) v.emplace_back((char*)gettbl(t, i));
+    freetbl(t, free);
     return v;
 }
 
@@ -103,19 +107,14 @@ TEST(Dirfiles, ListsNamesSortedByteWise) {
     TempDir t;
     for (const char* n : {"b", "a", "B", ".dot", "a10", "a2"}) t.file(n, "");
     mkdir((t / "sub").c_str(), 0755);
-    Tbl* all = dirfiles(t.path.c_str(), 0);
-    ASSERT_NE(all, nullptr);
-    EXPECT_EQ(strings(all), (std::vector<std::string>{".dot", "B", "a", "a10", "a2", "b", "sub"}));
-    freetbl(all, free);
-    Tbl* nodot = dirfiles(t.path.c_str(), DIRFILES_NODOT);
-    EXPECT_EQ(maxtbl(nodot), 6);
-    freetbl(nodot, free);
+    EXPECT_EQ(strings(dirfiles(t.path.c_str(), 0)), (Names{".dot", "B", "a", "a10", "a2", "b", "sub"}));
+    EXPECT_EQ(strings(dirfiles(t.path.c_str(), DIRFILES_NODOT)), (Names{"B", "a", "a10", "a2", "b", "sub"}));
     EXPECT_EQ(dirfiles((t / "missing").c_str(), 0), nullptr);
     EXPECT_EQ(dirfiles((t / "b").c_str(), 0), nullptr);
 }
 
 namespace {
-std::vector<std::string> Seen;
+Names Seen;
 int record(const char* path, struct stat* st, void* arg) {
     EXPECT_TRUE(S_ISREG(st->st_mode));
     Seen.push_back(std::string((const char*)arg) + path);
@@ -140,12 +139,12 @@ TEST(Fstraverse, FilesFirstThenSubdirectoriesInNameOrder) {
     Seen.clear();
     EXPECT_EQ(fstraverse(t.path.c_str(), FSTRAVERSE_RECURSE, record, (void*)">"), 0);
     std::string p = t.path;
-    EXPECT_EQ(Seen, (std::vector<std::string>{">" + p + "/a", ">" + p + "/link", ">" + p + "/z",
-                                              ">" + p + "/d1/f", ">" + p + "/d1/inner/g", ">" + p + "/d2/h"}));
+    EXPECT_EQ(Seen, (Names{">" + p + "/a", ">" + p + "/link", ">" + p + "/z",
+                           ">" + p + "/d1/f", ">" + p + "/d1/inner/g", ">" + p + "/d2/h"}));
 
     Seen.clear();
     EXPECT_EQ(fstraverse(t.path.c_str(), 0, record_int, 7), 0);
-    EXPECT_EQ(Seen, (std::vector<std::string>{"7" + p + "/a", "7" + p + "/link", "7" + p + "/z"}));
+    EXPECT_EQ(Seen, (Names{"7" + p + "/a", "7" + p + "/link", "7" + p + "/z"}));
 
     EXPECT_EQ(fstraverse((t / "missing").c_str(), 1, record_int, 0), -1);
 }
@@ -226,16 +225,11 @@ TEST(InstallationRoot, FindsDataFilesUnderTheRoot) {
     EXPECT_EQ(owned(datapath(t.path.c_str(), "data/pf", "x", "pf")), t / "data/pf/x.pf");
 
     unsetenv("SEARCHTEST");
-    Tbl* found = datasearch("SEARCHTEST", "pf", "x.pf", 0);
-    EXPECT_EQ(strings(found), (std::vector<std::string>{t / "data/pf/x.pf"}));
-    freetbl(found, free);
-    Tbl* every = datasearch("SEARCHTEST", "pf", "x.pf", 1);
-    EXPECT_EQ(strings(every), (std::vector<std::string>{t / "data/pf/x.pf", "./x.pf"}));
-    freetbl(every, free);
+    EXPECT_EQ(strings(datasearch("SEARCHTEST", "pf", "x.pf", 0)), (Names{t / "data/pf/x.pf"}));
+    EXPECT_EQ(strings(datasearch("SEARCHTEST", "pf", "x.pf", 1)), (Names{t / "data/pf/x.pf", "./x.pf"}));
     setenv("SEARCHTEST", ("/nonexistent::" + t.path + "/data/pf/").c_str(), 1);
-    every = datasearch("SEARCHTEST", "pf", "x.pf", 1);
-    EXPECT_EQ(strings(every), (std::vector<std::string>{"/nonexistent/x.pf", "./x.pf", t / "data/pf/x.pf"}));
-    freetbl(every, free);
+    EXPECT_EQ(strings(datasearch("SEARCHTEST", "pf", "x.pf", 1)),
+              (Names{"/nonexistent/x.pf", "./x.pf", t / "data/pf/x.pf"}));
     unsetenv("SEARCHTEST");
 
     setenv("QUORVANE", "", 1);
