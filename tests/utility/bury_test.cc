@@ -30,7 +30,8 @@ std::string slurp(const std::string& p) {
     return s.str();
 }
 
-// The state file belongs to the whole process, so every case runs in a child.
+// The state file belongs to the whole process, so every case runs in a child,
+// which exits 0 when its body returns.
 struct Child {
     pid_t pid = -1;
     std::string errfile;
@@ -43,7 +44,7 @@ struct Child {
     std::string err() const { return slurp(errfile); }
 };
 
-Child start(const std::string& errfile, const std::function<int()>& body) {
+Child start(const std::string& errfile, const std::function<void()>& body) {
     Child c;
     c.errfile = errfile;
     fflush(nullptr);
@@ -51,12 +52,13 @@ Child start(const std::string& errfile, const std::function<int()>& body) {
     if (c.pid == 0) {
         FILE* e = freopen(errfile.c_str(), "w", stderr);
         setvbuf(e, nullptr, _IONBF, 0);
-        _exit(body());
+        body();
+        _exit(0);
     }
     return c;
 }
 
-Child run(const std::string& errfile, const std::function<int()>& body) {
+Child run(const std::string& errfile, const std::function<void()>& body) {
     Child c = start(errfile, body);
     c.wait();
     return c;
@@ -66,7 +68,7 @@ Child run(const std::string& errfile, const std::function<int()>& body) {
     do {                                                                   \
         if (!(c)) {                                                        \
             fprintf(stderr, "check failed at line %d: %s\n", __LINE__, #c); \
-            return 99;                                                     \
+            _exit(99);                                                     \
         }                                                                  \
     } while (0)
 
@@ -98,7 +100,6 @@ TEST(Exhume, ResultsForNewReadBadAndUnopenableFiles) {
         CHILD_CHECK(resurrect("x", &x, INT_RELIC) == 1);
         CHILD_CHECK(x == 5);
         CHILD_CHECK(bury() == 0);
-        return 0;
     });
     ASSERT_EQ(c.code(), 0) << c.err();
     EXPECT_EQ(value_of(slurp(state), "x"), "5");
@@ -114,7 +115,6 @@ TEST(Exhume, ResultsForNewReadBadAndUnopenableFiles) {
         CHILD_CHECK(x == 0);
         x = 7;
         CHILD_CHECK(bury() == 0);  // a good state replaces the bad one
-        return 0;
     });
     EXPECT_EQ(c.code(), 0) << c.err();
     EXPECT_EQ(value_of(slurp(bad), "x"), "7");
@@ -123,7 +123,6 @@ TEST(Exhume, ResultsForNewReadBadAndUnopenableFiles) {
     for (std::string p : {t.path, t / "plainfile/under"}) {
         c = run(t / "err4", [&] {
             CHILD_CHECK(exhume(p.c_str(), nullptr, 0, nullptr) == -1);
-            return 0;
         });
         EXPECT_EQ(c.code(), 0) << p << c.err();
     }
@@ -152,7 +151,6 @@ TEST(Bury, EveryKindOfVariableReadsBackExactly) {
         name = const_cast<char*>("some file name.dat");
         tm = when;
         CHILD_CHECK(bury() == 0);
-        return 0;
     });
     ASSERT_EQ(c.code(), 0) << c.err();
     std::string text = slurp(state);
@@ -174,7 +172,6 @@ TEST(Bury, EveryKindOfVariableReadsBackExactly) {
         CHILD_CHECK(resurrect("absent", &untouched, DOUBLE_RELIC) == 1 && untouched == 3);
         int pktid = 0;
         CHILD_CHECK(resurrect("host:6510{last_pktid}", &pktid, INT_RELIC) == 0 && pktid == 77);
-        return 0;
     });
     EXPECT_EQ(c.code(), 0) << c.err();
 
@@ -183,7 +180,6 @@ TEST(Bury, EveryKindOfVariableReadsBackExactly) {
         CHILD_CHECK(exhume(state.c_str(), nullptr, 0, nullptr) == 1);
         double tm = 9;
         CHILD_CHECK(resurrect("when", &tm, TIME_RELIC) == 1 && tm == 9);
-        return 0;
     });
     EXPECT_EQ(c.code(), 0) << c.err();
 }
@@ -199,7 +195,6 @@ TEST(Bury, AWriteFailureLeavesThePreviousState) {
         CHILD_CHECK(mkdir((state + "+").c_str(), 0755) == 0);  // the alternate can't be opened
         x = 2;
         CHILD_CHECK(bury() == -1);
-        return 0;
     });
     ASSERT_EQ(c.code(), 0) << c.err();
     EXPECT_EQ(value_of(slurp(state), "x"), "1");
@@ -222,13 +217,11 @@ TEST(Exhume, ASecondProcessIsRefusedEvenAfterRewrites) {
         CHILD_CHECK(write(ready[1], "r", 1) == 1);
         char b;
         CHILD_CHECK(read(done[0], &b, 1) == 1);
-        return 0;
     });
     char b;
     ASSERT_EQ(read(ready[0], &b, 1), 1);
     Child second = run(t / "err2", [&] {
         exhume(state.c_str(), nullptr, 0, nullptr);
-        return 0;
     });
     ASSERT_EQ(write(done[1], "d", 1), 1);
     holder.wait();
@@ -237,7 +230,7 @@ TEST(Exhume, ASecondProcessIsRefusedEvenAfterRewrites) {
     EXPECT_THAT(second.err(), testing::HasSubstr("Can't lock state file '" + state +
                                                  "' for exclusive use: it is already in use.\n"));
     // Once the holder is gone the file is free again.
-    Child third = run(t / "err3", [&] { return exhume(state.c_str(), nullptr, 0, nullptr) == 1 ? 0 : 1; });
+    Child third = run(t / "err3", [&] { CHILD_CHECK(exhume(state.c_str(), nullptr, 0, nullptr) == 1); });
     EXPECT_EQ(third.code(), 0) << third.err();
     for (int fd : {ready[0], ready[1], done[0], done[1]}) close(fd);
 }
@@ -307,7 +300,6 @@ TEST(Signals, StopFlagGraceTimerImmediateSaveAndDieSoon) {
         resurrect("x", &x, INT_RELIC);
         x = 11;
         raise(SIGTERM);
-        return 0;
     });
     EXPECT_EQ(c.code(), 1) << c.err();
     EXPECT_EQ(value_of(slurp(state), "x"), "11");
@@ -318,7 +310,6 @@ TEST(Signals, StopFlagGraceTimerImmediateSaveAndDieSoon) {
         CHILD_CHECK(exhume(state.c_str(), &stop, -1, nullptr) == 1);
         raise(SIGINT);
         CHILD_CHECK(stop == SIGINT);
-        return 0;
     });
     EXPECT_EQ(c.code(), 0) << c.err();
 
@@ -346,13 +337,12 @@ TEST(Signals, StopFlagGraceTimerImmediateSaveAndDieSoon) {
         CHILD_CHECK(stop == SIGQUIT && bury() == 0);
         double until = std_now() + 1.5;
         while (std_now() < until) usleep(50000);
-        return 0;
     });
     EXPECT_EQ(c.code(), 0) << c.err();
     EXPECT_EQ(value_of(slurp(state), "x"), "13");
 
     // die_soon ends the process with a fatal message of its own.
-    c = run(t / "err5", [&]() -> int {
+    c = run(t / "err5", [&] {
         die_soon(1);
         for (;;) pause();
     });

@@ -6,7 +6,7 @@
 #include "stock/hook.h"
 #include "stock/tbl.h"
 
-TEST(Arr, KeepsKeyOrderAndReturnsDisplacedValues) {
+TEST(Arr, KeepsKeyOrderReturnsDisplacedValuesAndFreesThem) {
     Arr* a = newarr();
     int one = 1, two = 2, three = 3;
     EXPECT_EQ(setarr(a, "b", &two), nullptr);
@@ -23,13 +23,11 @@ TEST(Arr, KeepsKeyOrderAndReturnsDisplacedValues) {
     EXPECT_EQ(delarr(a, "a"), nullptr);
     EXPECT_EQ(cntarr(a), 1);
     freearr(a, nullptr);
-}
 
-TEST(Arr, FreesValuesWithTheGivenRoutine) {
-    Arr* a = newarr();
-    setarr(a, "x", strdup("1"));
-    setarr(a, "y", strdup("2"));
-    freearr(a, free);  // the sanitizer build reports a leak if values are not freed
+    Arr* owner = newarr();
+    setarr(owner, "x", strdup("1"));
+    setarr(owner, "y", strdup("2"));
+    freearr(owner, free);  // the sanitizer build reports a leak if values are not freed
 }
 
 TEST(Tbl, GrowsShrinksAndStaysInBounds) {

@@ -3,14 +3,11 @@
 // and checks the exact bytes written and the way the child ended.
 #include "stock/elog.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -56,7 +53,7 @@ std::string slurp(const std::string& path) {
 
 }  // namespace
 
-TEST(ElogOutput, SeverityTagsAndLeadingNewlines) {
+TEST(ElogOutput, SeverityTagsSystemErrorsAndRepeats) {
     auto r = child::run([] {
         elog_notify(0, "x");
         require(elog_mark() == 0, "delivered message left in the log");
@@ -67,15 +64,6 @@ TEST(ElogOutput, SeverityTagsAndLeadingNewlines) {
         elog_notify(0, "\n");
         elog_notify(0, nullptr);
         elog_notify(0, "%s", "");
-    }, env());
-    EXPECT_TRUE(r.exited(0)) << r.err;
-    EXPECT_EQ(r.err, P + ": x\n" + P + " *debug*: d\n" + P + " *alert*: a\n" + P + ": c\n" + "\n" + P +
-                         ": x\n" + "\n\n\n");
-    EXPECT_EQ(r.out, "");
-}
-
-TEST(ElogOutput, SystemErrorText) {
-    auto r = child::run([] {
         errno = ENOENT;
         elog_complain(1, "Can't open '%s'", "f");
         require(errno == 0, "errno not cleared");
@@ -85,16 +73,6 @@ TEST(ElogOutput, SystemErrorText) {
         elog_complain(1, "no error to tell");
         errno = 99999;
         elog_complain(1, "odd errno");
-    }, env());
-    EXPECT_TRUE(r.exited(0)) << r.err;
-    EXPECT_EQ(r.err, P + ": Can't open 'f'\n\t##=> No such file or directory\n" +
-                         P + ": no text wanted\n" +
-                         P + ": no error to tell\n" +
-                         P + ": odd errno\n\t##=> Unknown error: 99999\n");
-}
-
-TEST(ElogOutput, RepeatedMessageIsKeptOnceWithCount) {
-    auto r = child::run([] {
         elog_log(0, "same");
         elog_log(0, "same\n");
         elog_log(0, "same");
@@ -105,8 +83,15 @@ TEST(ElogOutput, RepeatedMessageIsKeptOnceWithCount) {
         elog_notify(0, "again");
     }, env());
     EXPECT_TRUE(r.exited(0)) << r.err;
-    EXPECT_EQ(r.err, P + ": same\n\t** repeated 3 times\n" + P + ": other\n" + P + ": again\n" + P +
-                         ": again\n");
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, P + ": x\n" + P + " *debug*: d\n" + P + " *alert*: a\n" + P + ": c\n" + "\n" + P +
+                         ": x\n" + "\n\n\n" +
+                         P + ": Can't open 'f'\n\t##=> No such file or directory\n" +
+                         P + ": no text wanted\n" +
+                         P + ": no error to tell\n" +
+                         P + ": odd errno\n\t##=> Unknown error: 99999\n" +
+                         P + ": same\n\t** repeated 3 times\n" + P + ": other\n" +
+                         P + ": again\n" + P + ": again\n");
 }
 
 TEST(ElogOutput, TruncationAtTheLimits) {
@@ -157,31 +142,47 @@ TEST(ElogLimit, MaxmsgThatIsNotANumber) {
     }
 }
 
-TEST(ElogFatal, DieExitsWithStatusOneAndFaultAborts) {
-    auto r = child::run([] { elog_die(0, "cannot go on"); }, env());
-    EXPECT_TRUE(r.exited(1));
-    EXPECT_EQ(r.err, P + " *fatal*: cannot go on\n");
-
-    auto fault = child::run([] { elog_fault(0, "broken"); }, env());
-    EXPECT_TRUE(fault.signaled(SIGABRT)) << fault.status;
-    EXPECT_EQ(fault.err, P + " *fault*: broken\n");
+namespace {
+int crash(int, const char*, Tbl*) {
+    raise(SIGSEGV);
+    return 0;
 }
+}  // namespace
 
-TEST(ElogFatal, FatalSignalIsReportedAndAborts) {
-    auto r = child::run([] {
-        elog_init(0, nullptr);
-        raise(SIGSEGV);
-    }, env());
-    EXPECT_TRUE(r.signaled(SIGABRT)) << r.status << r.err;
-    EXPECT_EQ(r.err, P + " *fault*: Signal SEGV : Segmentation fault\n");
-
-    // An interceptable signal chosen by the environment; the default set is replaced.
-    auto usr = child::run([] {
-        elog_init(0, nullptr);
-        raise(SIGUSR1);
-    }, env({{"ELOG_SIGNALS", "USR1:ABRT"}}));
-    EXPECT_TRUE(usr.signaled(SIGABRT)) << usr.status;
-    EXPECT_EQ(usr.err, P + " *fault*: Signal USR1 : User defined signal 1\n");
+// die exits with status 1; a fault, a fatal signal or a fault inside the log aborts.
+TEST(ElogFatal, HowEachEndIsReported) {
+    struct Case {
+        const char* name;
+        void (*body)();
+        child::Env settings;
+        int signal;  // 0: exits with status 1
+        std::string err;
+    } cases[] = {
+        {"die", [] { elog_die(0, "cannot go on"); }, {}, 0, P + " *fatal*: cannot go on\n"},
+        {"fault", [] { elog_fault(0, "broken"); }, {}, SIGABRT, P + " *fault*: broken\n"},
+        {"SEGV", [] {
+             elog_init(0, nullptr);
+             raise(SIGSEGV);
+         }, {}, SIGABRT, P + " *fault*: Signal SEGV : Segmentation fault\n"},
+        // An interceptable signal chosen by the environment; the default set is replaced.
+        {"USR1", [] {
+             elog_init(0, nullptr);
+             raise(SIGUSR1);
+         }, {{"ELOG_SIGNALS", "USR1:ABRT"}}, SIGABRT, P + " *fault*: Signal USR1 : User defined signal 1\n"},
+        // Reported without waiting for the log, which the faulting thread holds.
+        {"fault inside the log", [] {
+             elog_callback(crash);
+             elog_notify(0, "x");
+         }, {}, SIGABRT, "Signal SEGV : Segmentation fault\n"},
+        // The default for die names a debugger that is not installed: nothing is tried.
+        {"die without its debugger", [] { elog_die(0, "end"); },
+         {{"ELOG_DEBUG", "no-such-debugger-here %r %p &@d"}}, 0, P + " *fatal*: end\n"},
+    };
+    for (const Case& c : cases) {
+        auto r = child::run(c.body, env(c.settings));
+        EXPECT_TRUE(c.signal ? r.signaled(c.signal) : r.exited(1)) << c.name << ": " << r.status;
+        EXPECT_EQ(r.err, c.err) << c.name;
+    }
 }
 
 TEST(ElogFatal, SignalNamesAndBadNames) {
@@ -201,7 +202,7 @@ TEST(ElogFatal, SignalNamesAndBadNames) {
                          ": Unrecognized signal name 'KILL'\n");
 }
 
-TEST(ElogSettings, SeveralValuesWordsAndEscapes) {
+TEST(ElogSettings, DeliveryValuesWordsAndEscapes) {
     auto r = child::run([] {
         elog_notify(0, "n");
         elog_complain(0, "c");
@@ -211,10 +212,8 @@ TEST(ElogSettings, SeveralValuesWordsAndEscapes) {
     EXPECT_TRUE(r.exited(0)) << r.err;
     EXPECT_EQ(r.out, "x@y: n\n" + P + ": c\n" + P + " *alert*: a\n");
     EXPECT_EQ(r.err, P + ": c\n[" + P + "]: d\n");
-}
 
-// Odd and wrong delivery values, each tried on a notice and a complaint.
-TEST(ElogSettings, OddAndWrongDeliveryValues) {
+    // Odd and wrong delivery values, each tried on a notice and a complaint.
     struct Case {
         std::string deliver, out, err;
         int kept;  // messages left in the log after the notice
@@ -226,7 +225,7 @@ TEST(ElogSettings, OddAndWrongDeliveryValues) {
         {"other log@n", "", P + ": n\n" + P + ": c\n", 1},  // words beginning with o are ignored
     };
     for (const Case& c : cases) {
-        auto r = child::run([&c] {
+        r = child::run([&c] {
             elog_notify(0, "n");
             require(elog_mark() == c.kept, "messages left in the log");
             elog_complain(0, "c");
@@ -237,7 +236,7 @@ TEST(ElogSettings, OddAndWrongDeliveryValues) {
     }
 }
 
-TEST(ElogDelivery, FilesAppendAndAreCreatedWithMode0664) {
+TEST(ElogDelivery, FilesAppendAreCreatedWithMode0664OrFallBackToStderr) {
     TempDir d;
     std::string file = d.path + "/errors";
     auto r = child::run([] {
@@ -253,24 +252,31 @@ TEST(ElogDelivery, FilesAppendAndAreCreatedWithMode0664) {
     struct stat st;
     ASSERT_EQ(stat(file.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0664u);
-}
 
-TEST(ElogDelivery, UnopenableFileIsReportedAndTheMessageGoesToStderr) {
-    TempDir d;
-    std::string file = d.path + "/no/such/dir/log";
+    // One that can't be opened is reported and its message goes to stderr.
+    std::string bad = d.path + "/no/such/dir/log";
     std::string good = d.path + "/good";
-    auto r = child::run([] {
+    r = child::run([] {
         elog_complain(0, "fell back");
         require(elog_mark() == 0, "message kept");
         elog_notify(0, "one of two worked");
-    }, env({{"ELOG_DELIVER", file + "@c " + file + " " + good + "@n"}}));
+    }, env({{"ELOG_DELIVER", bad + "@c " + bad + " " + good + "@n"}}));
     EXPECT_TRUE(r.exited(0));
-    EXPECT_EQ(r.err, "Can't open error file '" + file + "'\n" + P + ": fell back\n" + "Can't open error file '" +
-                         file + "'\n");
+    EXPECT_EQ(r.err, "Can't open error file '" + bad + "'\n" + P + ": fell back\n" + "Can't open error file '" +
+                         bad + "'\n");
     EXPECT_EQ(slurp(good), P + ": one of two worked\n");
 }
 
-TEST(ElogList, MarkFlushStringTruncate) {
+namespace {
+int Seen[ELOG_MAXSEVERITY];
+int clear_on_alert(int severity, const char* log, Tbl* msgs) {
+    Seen[severity]++;
+    require(log && maxtbl(msgs) >= 1, "callback without the log");
+    return severity == ELOG_ALERT;
+}
+}  // namespace
+
+TEST(ElogList, MarkFlushCallbackQueryAndSet) {
     auto r = child::run([] {
         elog_log(0, "a");
         int mark = elog_mark();
@@ -298,22 +304,8 @@ TEST(ElogList, MarkFlushStringTruncate) {
         elog_log(0, "g");
         elog_clear();
         require(elog_mark() == 0, "clear");
-    }, env());
-    EXPECT_TRUE(r.exited(0)) << r.err;
-    EXPECT_EQ(r.err, P + ": b\n" + P + ": c\n\t##=> Operation not permitted\n" + P + ": f\n");
-}
 
-namespace {
-int Seen[ELOG_MAXSEVERITY];
-int clear_on_alert(int severity, const char* log, Tbl* msgs) {
-    Seen[severity]++;
-    require(log && maxtbl(msgs) >= 1, "callback without the log");
-    return severity == ELOG_ALERT;
-}
-}  // namespace
-
-TEST(ElogList, CallbackSeesEachMessageAndMayClear) {
-    auto r = child::run([] {
+        // The callback sees each message and may clear the log.
         elog_callback(clear_on_alert);
         elog_log(0, "kept");
         elog_alert(0, "cleared before delivery");
@@ -323,30 +315,8 @@ TEST(ElogList, CallbackSeesEachMessageAndMayClear) {
         Elog_callback cb = nullptr;
         require(elog_query(ELOG_CALLBACK, 0, &cb) == 0 && cb == clear_on_alert, "query callback");
         elog_callback(nullptr);
-    }, env());
-    EXPECT_TRUE(r.exited(0)) << r.err;
-    EXPECT_EQ(r.err, P + ": n\n");
-}
 
-namespace {
-int crash(int, const char*, Tbl*) {
-    raise(SIGSEGV);
-    return 0;
-}
-}  // namespace
-
-TEST(ElogList, FaultInsideTheLogIsReportedWithoutWaitingForIt) {
-    auto r = child::run([] {
-        elog_callback(crash);
-        elog_notify(0, "x");
-    }, env());
-    EXPECT_TRUE(r.signaled(SIGABRT)) << r.status << r.err;
-    EXPECT_EQ(r.err, "Signal SEGV : Segmentation fault\n");
-}
-
-TEST(ElogList, QueryAndSet) {
-    auto r = child::run([] {
-        char* s = nullptr;
+        s = nullptr;
         require(elog_query(ELOG_TAG, 7, &s) == -1, "severity out of range");
         require(elog_query(9999, 0, &s) == -1, "unknown code");
         require(elog_set(ELOG_TAG, ELOG_NOTIFY, "[%P]") == 0, "set tag");
@@ -366,7 +336,8 @@ TEST(ElogList, QueryAndSet) {
         elog_log(0, "three");
     }, env());
     EXPECT_TRUE(r.exited(1)) << r.err;
-    EXPECT_THAT(r.err, StartsWith("[" + P + "]: tagged\n" + P + ": plain\n"));
+    EXPECT_THAT(r.err, StartsWith(P + ": b\n" + P + ": c\n\t##=> Operation not permitted\n" + P + ": f\n" + P +
+                                  ": n\n" + "[" + P + "]: tagged\n" + P + ": plain\n"));
     EXPECT_THAT(r.err, HasSubstr("quitting because log has 3 messages"));
 }
 
@@ -394,9 +365,8 @@ TEST(ElogTags, Expansion) {
     char host[256] = "";
     gethostname(host, sizeof host - 1);
     EXPECT_EQ(lines[5], std::string("[") + host + "]");
-}
 
-TEST(ElogTags, LongExpansionStopsWithMark) {
+    // Too long for the buffer: cut, with a mark.
     std::string tag(3000, 'a');
     char buf[1024];
     std::string out = elog_expand(tag.c_str(), buf, sizeof buf);
@@ -410,7 +380,7 @@ TEST(ElogTags, LongExpansionStopsWithMark) {
     EXPECT_STREQ(elog_expand(nullptr, buf, sizeof buf), "");
 }
 
-TEST(ElogDebugger, RunsOncePerProcessAndOnlyWhenItExists) {
+TEST(ElogDebugger, RunsOncePerProcess) {
     TempDir d;
     std::string ran = d.path + "/ran";
     auto r = child::run([] {
@@ -421,14 +391,9 @@ TEST(ElogDebugger, RunsOncePerProcessAndOnlyWhenItExists) {
     EXPECT_THAT(slurp(ran), MatchesRegex("[0-9]+\n"));
     EXPECT_THAT(r.err, HasSubstr("Running debugger: 'echo "));
     EXPECT_EQ(r.err.find("Running debugger"), r.err.rfind("Running debugger"));
-
-    // The default for die names a debugger that is not installed: nothing is tried.
-    auto quiet = child::run([] { elog_die(0, "end"); }, env({{"ELOG_DEBUG", "no-such-debugger-here %r %p &@d"}}));
-    EXPECT_TRUE(quiet.exited(1));
-    EXPECT_EQ(quiet.err, P + " *fatal*: end\n");
 }
 
-TEST(ElogSettings, ParameterFileThenEnvironment) {
+TEST(ElogSettings, ParameterFileThenEnvironmentAndBadFiles) {
     TempDir d;
     d.file("elog.pf", "ELOG_MAXMSG 2\n"
                       "ELOG_SIGNALS USR2\n"
@@ -455,12 +420,10 @@ TEST(ElogSettings, ParameterFileThenEnvironment) {
     EXPECT_TRUE(env_wins.signaled(SIGABRT)) << env_wins.status;
     EXPECT_EQ(env_wins.out, "");
     EXPECT_EQ(env_wins.err, "{" + P + "}: n\n" + P + " *fault*: Signal USR2 : User defined signal 2\n");
-}
 
-TEST(ElogSettings, BadParameterFileDoesNotStopTheLog) {
-    TempDir d;
+    // A bad file does not stop the log.
     d.file("elog.pf", "ELOG_MAXMSG lots\nELOG_DELIVER &Arr{\n    x stdout\n    n\n}\n}\nELOG_TAG &Tbl{\n\1\2\3\n");
-    auto r = child::run([] { elog_notify(0, "still here"); }, env({{"PFPATH", d.path}}));
+    r = child::run([] { elog_notify(0, "still here"); }, env({{"PFPATH", d.path}}));
     EXPECT_TRUE(r.exited(0)) << r.err;
     EXPECT_THAT(r.err, HasSubstr("ELOG_MAXMSG 'lots' is not a number"));
     EXPECT_THAT(r.err, HasSubstr("Unrecognized severity 'x'"));

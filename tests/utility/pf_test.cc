@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <unistd.h>
 #include <string>
 #include <thread>
@@ -57,7 +56,7 @@ protected:
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
-TEST_F(PfTest, KeyPathsReachNestedNodes) {
+TEST_F(PfTest, KeyPathsReachNestedNodesAndContainersComeOut) {
     Tree t(Sample);
     EXPECT_STREQ(pfget_string(t.pf, "name"), "plain value");
     EXPECT_STREQ(pfget_string(t.pf, "arr{ inner }"), "v1");
@@ -92,91 +91,8 @@ TEST_F(PfTest, KeyPathsReachNestedNodes) {
     EXPECT_EQ(pfget(list, pfindex(0), &v), PF_STRING);
     EXPECT_STREQ(static_cast<char*>(v), "first");
     EXPECT_EQ(pfget(list, pfindex(5), &v), PF_INVALID);
-}
 
-TEST_F(PfTest, NumbersParseAndComplain) {
-    Tree t("j 12abc\nk  -7   \nd 1.5e3\ne 3.25x\nsz1 4k\nsz2 2M\nsz3 1G\nsz4 4K\nsz5 1.5\n"
-           "t1 1700000000.5\nt2 2023-11-14 22:13:20\nt3 not a time\n");
-    EXPECT_EQ(pfget_int(t.pf, "k"), -7);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(pfget_int(t.pf, "j"), 12);
-    EXPECT_DOUBLE_EQ(pfget_double(t.pf, "e"), 3.25);
-    EXPECT_EQ(pfget_time(t.pf, "t3"), 0);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("Bad integer value '12abc' for j"), std::string::npos) << err;
-    EXPECT_NE(err.find("Bad floating point value '3.25x' for e"), std::string::npos) << err;
-    EXPECT_NE(err.find("Bad time value 'not a time' for t3"), std::string::npos) << err;
-
-    EXPECT_DOUBLE_EQ(pfget_double(t.pf, "d"), 1500);
-    EXPECT_DOUBLE_EQ(pfget_size(t.pf, "sz1"), 4096);
-    EXPECT_DOUBLE_EQ(pfget_size(t.pf, "sz2"), 2097152);
-    EXPECT_DOUBLE_EQ(pfget_size(t.pf, "sz3"), 1073741824);
-    EXPECT_DOUBLE_EQ(pfget_size(t.pf, "sz4"), 4);  // only a lower-case k means kilo
-    EXPECT_DOUBLE_EQ(pfget_size(t.pf, "sz5"), 1.5);
-    EXPECT_DOUBLE_EQ(pfget_time(t.pf, "t1"), 1700000000.5);
-    EXPECT_DOUBLE_EQ(pfget_time(t.pf, "t2"), 1700000000.0);
-}
-
-TEST_F(PfTest, BooleansTakeTheirWords) {
-    Tree t("a True\nb yes\nc ON\nd 0\ne off\nf maybe\ng t\nh F\n");
-    for (const char* key : {"a", "b", "c", "g"}) EXPECT_EQ(pfget_boolean(t.pf, key), -1) << key;
-    for (const char* key : {"d", "e", "h"}) EXPECT_EQ(pfget_boolean(t.pf, key), 0) << key;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(pfget_boolean(t.pf, "missing"), 0);  // quietly false
-    EXPECT_EQ(pfget_boolean(t.pf, "f"), 0);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(err.find("missing"), std::string::npos) << err;
-    EXPECT_NE(err.find("Bad boolean value 'maybe' for f"), std::string::npos) << err;
-}
-
-TEST_F(PfTest, MissingAndMistypedValuesAreFatal) {
-    Tree t(Sample);
-    EXPECT_EXIT(pfget_int(t.pf, "absent"), testing::ExitedWithCode(1),
-                "program needs value for 'absent', not found in parameter file '\\*internal buffer\\*'");
-    EXPECT_EXIT(pfget_double(t.pf, "arr{nope}"), testing::ExitedWithCode(1), "program needs value for 'arr\\{nope\\}'");
-    EXPECT_EXIT(pfget_string(t.pf, "arr"), testing::ExitedWithCode(1),
-                "wrong parameter type for 'arr' : expected scalar but got array in '\\*internal buffer\\*'");
-    EXPECT_EXIT(pfget_tbl(t.pf, "name"), testing::ExitedWithCode(1),
-                "wrong parameter type for 'name' : expected table but got scalar");
-    // A file root counts as "scalar", so an empty path at the root is a mismatch.
-    EXPECT_EXIT(pfget_arr(t.pf, ""), testing::ExitedWithCode(1), "expected array but got scalar");
-    // At a list only a missing entry is fatal.
-    Pf* list = nullptr;
-    pfresolve(t.pf, "tbl", 0, &list);
-    EXPECT_EXIT(pfget_int(list, pfindex(9)), testing::ExitedWithCode(1),
-                "wrong parameter type for #9 : expected scalar but got invalid");
-    // Lenient getters stay quiet.
-    EXPECT_EQ(pfget_string(t.pf, "absent"), nullptr);
-    EXPECT_EQ(pfget_arr(t.pf, "absent"), nullptr);
-    EXPECT_EQ(pfget_tbl(t.pf, "absent"), nullptr);
-}
-
-int Handler_calls;
-int lenient(Pf*, const char*, int, int actual, void* result) {
-    Handler_calls++;
-    if (actual == PF_INVALID) *static_cast<const char**>(result) = "77";
-    return 0;
-}
-
-TEST_F(PfTest, ReplacementHandlerSuppliesDefaults) {
-    Tree t(Sample);
-    ASSERT_EQ(pfconfig("die", reinterpret_cast<void*>(lenient)), 0);
-    Handler_calls = 0;
-    EXPECT_EQ(pfget_int(t.pf, "absent"), 77);
-    EXPECT_EQ(pfget_string(t.pf, "arr"), nullptr);  // wrong type let through: no string to give
-    EXPECT_EQ(Handler_calls, 2);
-    ASSERT_EQ(pfconfig("die", nullptr), 0);
-    EXPECT_EQ(pfdie, _pfdie);
-
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(pfconfig("dice", nullptr), -1);
-    EXPECT_EQ(pfconfig("askme", nullptr), -1);  // whole words only
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("pfconfig: unrecognized code 'dice'"), std::string::npos) << err;
-}
-
-TEST_F(PfTest, ArraysAndListsComeOutAsContainers) {
-    Tree t(Sample);
+    // Arrays and lists come out as containers.
     Arr* a = pfget_arr(t.pf, "arr");
     ASSERT_NE(a, nullptr);
     EXPECT_EQ(cntarr(a), 1);  // nested array and list left out
@@ -196,6 +112,80 @@ TEST_F(PfTest, ArraysAndListsComeOutAsContainers) {
     EXPECT_STREQ(static_cast<char*>(gettbl(keys, 5)), "x");
     freetbl(keys, nullptr);
     EXPECT_EQ(pfkeys(inner->parent), nullptr);  // a list has no keys
+}
+
+TEST_F(PfTest, NumbersAndBooleansParseAndComplain) {
+    Tree t("j 12abc\nk  -7   \nd 1.5e3\ne 3.25x\nsz1 4k\nsz2 2M\nsz3 1G\nsz4 4K\nsz5 1.5\n"
+           "t1 1700000000.5\nt2 2023-11-14 22:13:20\nt3 not a time\n"
+           "y1 True\ny2 yes\ny3 ON\ny4 t\nn1 0\nn2 off\nn3 F\nb maybe\n");
+    EXPECT_EQ(pfget_int(t.pf, "k"), -7);
+    for (const char* key : {"y1", "y2", "y3", "y4"}) EXPECT_EQ(pfget_boolean(t.pf, key), -1) << key;
+    for (const char* key : {"n1", "n2", "n3"}) EXPECT_EQ(pfget_boolean(t.pf, key), 0) << key;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(pfget_int(t.pf, "j"), 12);
+    EXPECT_DOUBLE_EQ(pfget_double(t.pf, "e"), 3.25);
+    EXPECT_EQ(pfget_time(t.pf, "t3"), 0);
+    EXPECT_EQ(pfget_boolean(t.pf, "missing"), 0);  // quietly false
+    EXPECT_EQ(pfget_boolean(t.pf, "b"), 0);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("Bad integer value '12abc' for j"), std::string::npos) << err;
+    EXPECT_NE(err.find("Bad floating point value '3.25x' for e"), std::string::npos) << err;
+    EXPECT_NE(err.find("Bad time value 'not a time' for t3"), std::string::npos) << err;
+    EXPECT_EQ(err.find("missing"), std::string::npos) << err;
+    EXPECT_NE(err.find("Bad boolean value 'maybe' for b"), std::string::npos) << err;
+
+    EXPECT_DOUBLE_EQ(pfget_double(t.pf, "d"), 1500);
+    EXPECT_DOUBLE_EQ(pfget_size(t.pf, "sz1"), 4096);
+    EXPECT_DOUBLE_EQ(pfget_size(t.pf, "sz2"), 2097152);
+    EXPECT_DOUBLE_EQ(pfget_size(t.pf, "sz3"), 1073741824);
+    EXPECT_DOUBLE_EQ(pfget_size(t.pf, "sz4"), 4);  // only a lower-case k means kilo
+    EXPECT_DOUBLE_EQ(pfget_size(t.pf, "sz5"), 1.5);
+    EXPECT_DOUBLE_EQ(pfget_time(t.pf, "t1"), 1700000000.5);
+    EXPECT_DOUBLE_EQ(pfget_time(t.pf, "t2"), 1700000000.0);
+}
+
+int Handler_calls;
+int lenient(Pf*, const char*, int, int actual, void* result) {
+    Handler_calls++;
+    if (actual == PF_INVALID) *static_cast<const char**>(result) = "77";
+    return 0;
+}
+
+TEST_F(PfTest, MissingAndMistypedValuesAreFatalUnlessHandled) {
+    Tree t(Sample);
+    EXPECT_EXIT(pfget_int(t.pf, "absent"), testing::ExitedWithCode(1),
+                "program needs value for 'absent', not found in parameter file '\\*internal buffer\\*'");
+    EXPECT_EXIT(pfget_double(t.pf, "arr{nope}"), testing::ExitedWithCode(1), "program needs value for 'arr\\{nope\\}'");
+    EXPECT_EXIT(pfget_string(t.pf, "arr"), testing::ExitedWithCode(1),
+                "wrong parameter type for 'arr' : expected scalar but got array in '\\*internal buffer\\*'");
+    EXPECT_EXIT(pfget_tbl(t.pf, "name"), testing::ExitedWithCode(1),
+                "wrong parameter type for 'name' : expected table but got scalar");
+    // A file root counts as "scalar", so an empty path at the root is a mismatch.
+    EXPECT_EXIT(pfget_arr(t.pf, ""), testing::ExitedWithCode(1), "expected array but got scalar");
+    // At a list only a missing entry is fatal.
+    Pf* list = nullptr;
+    pfresolve(t.pf, "tbl", 0, &list);
+    EXPECT_EXIT(pfget_int(list, pfindex(9)), testing::ExitedWithCode(1),
+                "wrong parameter type for #9 : expected scalar but got invalid");
+    // Lenient getters stay quiet.
+    EXPECT_EQ(pfget_string(t.pf, "absent"), nullptr);
+    EXPECT_EQ(pfget_arr(t.pf, "absent"), nullptr);
+    EXPECT_EQ(pfget_tbl(t.pf, "absent"), nullptr);
+
+    // A replacement handler supplies defaults.
+    ASSERT_EQ(pfconfig("die", reinterpret_cast<void*>(lenient)), 0);
+    Handler_calls = 0;
+    EXPECT_EQ(pfget_int(t.pf, "absent"), 77);
+    EXPECT_EQ(pfget_string(t.pf, "arr"), nullptr);  // wrong type let through: no string to give
+    EXPECT_EQ(Handler_calls, 2);
+    ASSERT_EQ(pfconfig("die", nullptr), 0);
+    EXPECT_EQ(pfdie, _pfdie);
+
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(pfconfig("dice", nullptr), -1);
+    EXPECT_EQ(pfconfig("askme", nullptr), -1);  // whole words only
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("pfconfig: unrecognized code 'dice'"), std::string::npos) << err;
 }
 
 TEST_F(PfTest, SettersBuildWhatGettersRead) {

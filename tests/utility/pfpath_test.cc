@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -55,12 +54,30 @@ protected:
     }
 };
 
-TEST_F(PfPath, LaterDirectoriesWin) {
+TEST_F(PfPath, ExplicitDirectoriesComeLastAndLaterOnesWin) {
     write(a + "/app.pf", "k from a\nonly_a 1\narr &Arr{\n  x 1\n  y 1\n}\n");
+    std::string other = dir.sub("other");
+    write(other + "/app.pf", "k from other\n");
+    std::string name = other + "/app";
+    EXPECT_EQ(files_of(name.c_str()), (std::vector<std::string>{a + "/app.pf", other + "/app.pf"}));
+    Pf* pf = nullptr;
+    ASSERT_EQ(pfread(name.c_str(), &pf), 0);
+    EXPECT_STREQ(pfget_string(pf, "k"), "from other");
+    EXPECT_STREQ(pfget_string(pf, "only_a"), "1");
+    pffree(pf);
+    // A directory already on the path is not read twice.
+    std::string in_path = a + "/app";
+    EXPECT_EQ(files_of(in_path.c_str()), (std::vector<std::string>{a + "/app.pf"}));
+    // A missing explicit file is listed only when every candidate is asked for.
+    std::string nowhere = dir.path + "/nowhere/app";
+    EXPECT_EQ(files_of(nowhere.c_str()), (std::vector<std::string>{a + "/app.pf"}));
+    EXPECT_EQ(files_of(nowhere.c_str(), 1),
+              (std::vector<std::string>{a + "/app.pf", b + "/app.pf", dir.path + "/nowhere/app.pf"}));
+
     write(b + "/app.pf", "k from b\narr &Arr{\n  x 2\n}\n");
     EXPECT_EQ(files_of("app"), (std::vector<std::string>{a + "/app.pf", b + "/app.pf"}));
     EXPECT_EQ(files_of("app.pf"), files_of("app"));
-    Pf* pf = nullptr;
+    pf = nullptr;
     ASSERT_EQ(pfread("app", &pf), 0);
     EXPECT_STREQ(pfget_string(pf, "k"), "from b");
     EXPECT_STREQ(pfget_string(pf, "only_a"), "1");
@@ -70,28 +87,6 @@ TEST_F(PfPath, LaterDirectoriesWin) {
     pfresolve(pf, "k", 0, &k);
     EXPECT_EQ(std::string(k->filename), b + "/app.pf");
     pffree(pf);
-}
-
-TEST_F(PfPath, ExplicitDirectoriesComeLast) {
-    write(a + "/app.pf", "k from a\nfrom_a yes\n");
-    std::string other = dir.sub("other");
-    write(other + "/app.pf", "k from other\n");
-    std::string name = other + "/app";
-    EXPECT_EQ(files_of(name.c_str()), (std::vector<std::string>{a + "/app.pf", other + "/app.pf"}));
-    Pf* pf = nullptr;
-    ASSERT_EQ(pfread(name.c_str(), &pf), 0);
-    EXPECT_STREQ(pfget_string(pf, "k"), "from other");
-    EXPECT_STREQ(pfget_string(pf, "from_a"), "yes");
-    pffree(pf);
-
-    // A directory already on the path is not read twice.
-    std::string in_path = a + "/app";
-    EXPECT_EQ(files_of(in_path.c_str()), (std::vector<std::string>{a + "/app.pf"}));
-    // A missing explicit file is listed only when every candidate is asked for.
-    std::string nowhere = dir.path + "/nowhere/app";
-    EXPECT_EQ(files_of(nowhere.c_str()), (std::vector<std::string>{a + "/app.pf"}));
-    EXPECT_EQ(files_of(nowhere.c_str(), 1),
-              (std::vector<std::string>{a + "/app.pf", b + "/app.pf", dir.path + "/nowhere/app.pf"}));
 }
 
 TEST_F(PfPath, DefaultPathIsInstallationThenCurrentDirectory) {
@@ -130,7 +125,7 @@ TEST_F(PfPath, NothingReadIsFailure) {
     EXPECT_EQ(pfread("comments", &pf), -1);
     pffree(pf);
     // A directory of that name is not a parameter file.
-    std::filesystem::create_directories(b + "/adir.pf");
+    dir.sub("b/adir.pf");
     EXPECT_TRUE(files_of("adir").empty());
     // A broken file still gives what it holds, with the failure counted.
     write(a + "/broken.pf", "k 1\nx &Arr{\n");

@@ -3,13 +3,13 @@
 #include "stock/rvm.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <random>
 #include <string>
 #include <vector>
+
+#include "support/tempdir.h"
 
 namespace {
 
@@ -42,22 +42,6 @@ std::vector<unsigned char> bytes(size_t n, unsigned seed) {
     for (auto& b : v) b = static_cast<unsigned char>(gen());
     return v;
 }
-
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char t[] = "/tmp/rvm_test.XXXXXX";
-        path = mkdtemp(t);
-    }
-    ~TempDir() { std::system(("rm -rf " + path).c_str()); }
-    std::string write(const std::string& name, const unsigned char* p, size_t n) const {
-        std::string f = path + "/" + name;
-        FILE* fp = fopen(f.c_str(), "wb");
-        if (n) fwrite(p, 1, n, fp);
-        fclose(fp);
-        return f;
-    }
-};
 
 // md5sum's digest of each file, in order.
 std::vector<std::string> md5sum(const std::vector<std::string>& files) {
@@ -123,7 +107,7 @@ TEST(Rvm, RunningDigestsMatchMd5sumOfPrefixes) {
         fed = cut;
         ours.push_back(running(ctx));
         ours.push_back(running(ctx));  // finishing a copy twice changes nothing
-        files.push_back(d.write("prefix" + std::to_string(cut), data.data(), cut));
+        files.push_back(d.file("prefix" + std::to_string(cut), std::string(data.begin(), data.begin() + cut)));
         files.push_back(files.back());
     }
     endrvm(&ctx);

@@ -15,54 +15,45 @@
 #include "stock/printable.h"
 #include "stock/strmatches.h"
 
-TEST(Strmatches, MatchesTheWholeString) {
+TEST(Strmatches, WholeStringMatchesRecompilingAndBadPatterns) {
+    // In order, on one hook: each pattern that differs from the last is compiled anew.
+    struct Case {
+        const char *text, *pattern;
+        int expected;
+    } cases[] = {
+        {"abc", "a.c", 1}, {"xabcx", "a.c", 0}, {"abcx", "a.c", 0},
+        // Alternation: the longer branch must be found even if a shorter one matches first.
+        {"ab", "a|ab", 1}, {"", "x*", 1},
+        {"abc", "abc", 1}, {"abc", "abd", 0}, {"abd", "abd", 1},
+        {"abc", "a(b", -1}, {"abc", "a(b", -1},  // the second is a cached failure
+        {"abc", "[", -1}, {"abc", "abc", 1},     // recovers with a good one
+        {nullptr, "abc", -1}, {"abc", nullptr, -1},
+    };
     Hook* h = nullptr;
-    EXPECT_EQ(strmatches("abc", "a.c", &h), 1);
-    EXPECT_EQ(strmatches("xabcx", "a.c", &h), 0);
-    EXPECT_EQ(strmatches("abcx", "a.c", &h), 0);
-    // Alternation: the longer branch must be found even if a shorter one matches first.
-    EXPECT_EQ(strmatches("ab", "a|ab", &h), 1);
-    EXPECT_EQ(strmatches("", "x*", &h), 1);
-    free_hook(&h);
-    EXPECT_EQ(h, nullptr);
-}
-
-TEST(Strmatches, RecompilesWhenThePatternChanges) {
-    Hook* h = nullptr;
-    EXPECT_EQ(strmatches("abc", "abc", &h), 1);
-    Hook* first = h;
-    EXPECT_EQ(strmatches("abc", "abd", &h), 0);  // same hook, new text
-    EXPECT_EQ(h, first);
-    EXPECT_EQ(strmatches("abd", "abd", &h), 1);
+    Hook* first = nullptr;
+    for (const Case& c : cases) {
+        EXPECT_EQ(strmatches(c.text, c.pattern, &h), c.expected)
+            << (c.text ? c.text : "(null)") << " ~ " << (c.pattern ? c.pattern : "(null)");
+        if (!first) first = h;
+    }
+    EXPECT_EQ(h, first);  // the hook is reused, not replaced
     // A pattern in a buffer that changes in place is seen as changed.
     char buf[8];
     strcpy(buf, "a+");
     EXPECT_EQ(strmatches("aaa", buf, &h), 1);
     strcpy(buf, "b+");
     EXPECT_EQ(strmatches("aaa", buf, &h), 0);
-    free_hook(&h);
-}
-
-TEST(Strmatches, BadPatternsAndArguments) {
-    Hook* h = nullptr;
-    EXPECT_EQ(strmatches("abc", "a(b", &h), -1);
-    EXPECT_EQ(strmatches("abc", "a(b", &h), -1);  // cached failure
-    EXPECT_EQ(strmatches("abc", "[", &h), -1);
-    EXPECT_EQ(strmatches("abc", "abc", &h), 1);   // recovers with a good one
-    EXPECT_EQ(strmatches(nullptr, "abc", &h), -1);
-    EXPECT_EQ(strmatches("abc", nullptr, &h), -1);
     EXPECT_EQ(strmatches("abc", "abc", nullptr), -1);
     free_hook(&h);
+    EXPECT_EQ(h, nullptr);
 }
 
-TEST(Printable, RefusesControlDeleteAndHighBytes) {
+TEST(Printable, RefusesControlDeleteAndHighBytesEscapesAndCuts) {
     EXPECT_TRUE(printable(' '));
     EXPECT_TRUE(printable('~'));
     // (char)0xe9 is a signed char below zero.
     for (int c : {0, 31, 127, 128, 255, (int)(char)0xe9}) EXPECT_FALSE(printable(c)) << c;
-}
 
-TEST(Printable, EscapesAndCuts) {
     const char data[] = "ab\n\t\\\x01\xff";
     char* s = strprintable(data, sizeof data - 1, -1);
     EXPECT_STREQ(s, "ab\\n\\t\\\\\\x01\\xff");
