@@ -1,6 +1,6 @@
 // Test harness for running the real ferrant2 programs: temp directories,
 // child processes with captured output, files with chosen ages and modes,
-// and parameter files with every key written out.
+// parameter files with every key written out, and checks of what arrived.
 #pragma once
 
 #include <fcntl.h>
@@ -16,6 +16,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -26,8 +27,7 @@
 
 namespace ferrant_test {
 
-inline std::string build_dir() { return FERRANT_BUILD_DIR; }
-inline std::string ferrant2() { return build_dir() + "/bin/ferrant2"; }
+inline std::string ferrant2() { return FERRANT_BUILD_DIR "/bin/ferrant2"; }
 
 inline std::string slurp(const std::string& path) {
     std::ifstream f(path, std::ios::binary);
@@ -116,15 +116,23 @@ private:
 };
 
 inline void mkdirs(const std::string& path) {
-    std::string cur;
-    std::stringstream ss(path);
-    std::string part;
-    if (!path.empty() && path[0] == '/') cur = "/";
-    while (std::getline(ss, part, '/')) {
-        if (part.empty()) continue;
-        cur += part + "/";
-        mkdir(cur.c_str(), 0755);
-    }
+    std::error_code ec;
+    std::filesystem::create_directories(path, ec);
+}
+
+// A file old enough for the sender to take at once, its directories made.
+inline std::string make_old(const std::string& path, const std::string& data, mode_t mode = 0644) {
+    mkdirs(path.substr(0, path.rfind('/')));
+    spit(path, data, mode);
+    age(path);
+    return path;
+}
+
+// A received file matches its source byte for byte and by mode.
+inline void expect_same(const std::string& from, const std::string& to) {
+    ASSERT_TRUE(exists(to)) << to;
+    EXPECT_EQ(slurp(from), slurp(to)) << to;
+    EXPECT_EQ(mode_of(from), mode_of(to)) << to;
 }
 
 // A parameter file with every key; overrides replace the defaults below.
@@ -210,9 +218,7 @@ public:
         reap_group();
     }
     bool running() const { return pid_ > 0; }
-    pid_t pid() const { return pid_; }
     std::string err() const { return slurp(err_); }
-    std::string out() const { return slurp(out_); }
 
 private:
     // Helpers the program started (forbserver) leave with it.
@@ -224,5 +230,13 @@ private:
     int status_ = -1;
     std::string err_, out_;
 };
+
+// Files a receiver has completed, by its log.
+inline size_t received(const Child& r) { return count(r.err(), "ferrant2: received "); }
+
+// Waits until a receiver has taken its starting position in the ring.
+inline bool started(const Child& r) {
+    return eventually([&] { return r.err().find("Starting at pktid=") != std::string::npos; });
+}
 
 }  // namespace ferrant_test
