@@ -32,7 +32,7 @@ TEST(FerrantCli, StartUpErrorsAreFatalWithTheirMessage) {
         {{}, {Usage}, {"Can't read parameter file"}},
         {{"-p", pf, tmp / "a.txt", ring},
          {"Can't run 'forbserver' for '" + ring + "'", "No such file or directory"}, {},
-         {{"QUORVANE", tmp.path()}, {"PATH", tmp / "nowhere"}}},
+         {{"QUORVANE", tmp.path}, {"PATH", tmp / "nowhere"}}},
         {{"-p", pf, "-w", tmp / "missing", ring}, {"Can't cd to '" + tmp / "missing" + "'"}, {}},
         {{"-p", write_pf(tmp / "r.pf", {{"directory", tmp / "plain/in"}}), ring},
          {"Can't create directory '" + tmp / "plain/in" + "'"}, {}},
@@ -43,7 +43,7 @@ TEST(FerrantCli, StartUpErrorsAreFatalWithTheirMessage) {
         std::string line = "ferrant2";
         for (auto& a : c.args) line += " " + a;
         SCOPED_TRACE(line);
-        Child child(argv, tmp.path(), tmp.path(), "", c.env);
+        Child child(argv, tmp.path, tmp.path, "", c.env);
         EXPECT_EQ(child.wait(), 1);
         std::string err = child.err();
         for (auto& s : c.says) EXPECT_NE(err.find(s), std::string::npos) << s << "\n---\n" << err;
@@ -53,7 +53,7 @@ TEST(FerrantCli, StartUpErrorsAreFatalWithTheirMessage) {
 
 TEST(FerrantCli, RevisionLineIsLoggedFirst) {
     TempDir tmp;
-    Child c({ferrant2(), "-V"}, tmp.path());
+    Child c({ferrant2(), "-V"}, tmp.path);
     EXPECT_EQ(c.wait(), 1);
     std::string err = c.err();
     EXPECT_EQ(err.find("$Revision: 1.7 $ $Date: 2007/01/17 18:24:39 $"), err.find("$Revision")) << err;

@@ -9,6 +9,7 @@
 
 #include "direct.h"
 #include "harness.h"
+#include "support/child.h"
 
 using namespace ferrant_test;
 
@@ -48,7 +49,7 @@ size_t cached_pages(int fd, size_t n) {
 
 struct DirectAppenderTest : ::testing::Test {
     void SetUp() override {
-        if (!takes_direct_writes(tmp.path())) GTEST_SKIP() << "no direct writes in " << tmp.path();
+        if (!takes_direct_writes(tmp.path)) GTEST_SKIP() << "no direct writes in " << tmp.path;
     }
     TempDir tmp;
 };
@@ -62,8 +63,7 @@ TEST_F(DirectAppenderTest, PiecesOfAnySizeLandWholeAroundThePageCache) {
     std::string all;
     unsigned seed = 0;
     // Larger than the bounce buffer, too.
-    for (size_t n : {size_t(1), size_t(4095), size_t(4097), size_t(0), size_t(300000), size_t(7), size_t(3) << 20,
-                     size_t(3)}) {
+    for (size_t n : {1, 4095, 4097, 0, 300000, 7, 3 << 20, 3}) {
         std::string p = pattern(n, ++seed);
         ASSERT_TRUE(d->append(p.data(), p.size())) << n;
         all += p;
@@ -87,9 +87,7 @@ TEST_F(DirectAppenderTest, PiecesOfAnySizeLandWholeAroundThePageCache) {
 // error told must still be the limit's.
 TEST_F(DirectAppenderTest, AFileSizeLimitInsideABlockIsToldAsSuch) {
     std::string path = tmp / "limited";
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
+    child::Result run = child::run([&] {
         signal(SIGXFSZ, SIG_IGN);
         struct rlimit lim = {500000, 500000};
         int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
@@ -98,11 +96,8 @@ TEST_F(DirectAppenderTest, AFileSizeLimitInsideABlockIsToldAsSuch) {
         std::string p = pattern(600000, 1);
         bool ok = d->append(p.data(), p.size());
         _exit(!ok && errno == EFBIG ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "1: not refused with EFBIG; 2: could not start";
+    });
+    EXPECT_TRUE(run.exited(0)) << "status " << run.status << " (exit 1: not refused with EFBIG; 2: no start)";
     struct stat st {};
     ASSERT_EQ(stat(path.c_str(), &st), 0);
     EXPECT_EQ(st.st_size, 500000);  // the bytes up to the limit landed

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <fcntl.h>
-#include <ftw.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -24,6 +23,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "support/tempdir.h"
 
 namespace ferrant_test {
 
@@ -91,29 +92,6 @@ inline bool eventually(const std::function<bool()>& pred, double seconds = 25) {
     }
     return pred();
 }
-
-class TempDir {
-public:
-    TempDir() {
-        char tmpl[] = "/tmp/ferrant-test.XXXXXX";
-        char* d = mkdtemp(tmpl);
-        if (d == nullptr) abort();
-        path_ = d;
-    }
-    ~TempDir() {
-        // Directories a test made unwritable must still go.
-        nftw(path_.c_str(), [](const char* p, const struct stat* st, int type, struct FTW*) {
-            if (type == FTW_DP || S_ISDIR(st->st_mode)) chmod(p, 0700);
-            remove(p);
-            return 0;
-        }, 16, FTW_DEPTH | FTW_PHYS);
-    }
-    const std::string& path() const { return path_; }
-    std::string operator/(const std::string& rel) const { return path_ + "/" + rel; }
-
-private:
-    std::string path_;
-};
 
 inline void mkdirs(const std::string& path) {
     std::error_code ec;

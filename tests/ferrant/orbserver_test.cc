@@ -16,7 +16,7 @@ TEST(FerrantOrbserver, FilesArriveWholeAndAServerRestartLosesNothing) {
     // Reconnection waits at least a second; keep the client's time-out short too.
     std::map<std::string, std::string> env = {{"BNS_TIMEOUT", "2000"}};
     std::string pf = write_pf(tmp / "t.pf", {{"directory", in}, {"starting_position", "newest"}});
-    Child r({ferrant2(), "-p", pf, server.name()}, tmp.path(), tmp.path(), "", env);
+    Child r({ferrant2(), "-p", pf, server.name()}, tmp.path, tmp.path, "", env);
     ASSERT_TRUE(started(r)) << r.err();
 
     make_old(src + "/empty", "", 0600);
@@ -24,14 +24,14 @@ TEST(FerrantOrbserver, FilesArriveWholeAndAServerRestartLosesNothing) {
     make_old(src + "/exact.bin", pattern(5000, 1));
     make_old(src + "/deep/er/odd.bin", pattern(123457, 2), 0640);
     Child s({ferrant2(), "-p", pf, "empty", "one.txt", "exact.bin", "deep", server.name()},
-            tmp.path(), src, "", env);
+            tmp.path, src, "", env);
     EXPECT_EQ(s.wait(), 0) << s.err();
     ASSERT_TRUE(eventually([&] { return received(r) >= 4; })) << r.err();
     for (auto n : {"/empty", "/one.txt", "/exact.bin", "/deep/er/odd.bin"}) expect_same(src + n, in + n);
     EXPECT_NE(r.err().find("received exact.bin (5000 bytes, 6 packets)"), std::string::npos) << r.err();
 
     // The watching sender deletes what it sent, so the copies are kept here.
-    Child w({ferrant2(), "-p", pf, "-w", spool, server.name()}, tmp.path(), tmp.path(), "", env);
+    Child w({ferrant2(), "-p", pf, "-w", spool, server.name()}, tmp.path, tmp.path, "", env);
     std::map<std::string, std::string> sent;
     auto drop = [&](const std::string& name, const std::string& data) {
         sent[name] = data;

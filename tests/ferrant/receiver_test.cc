@@ -105,7 +105,7 @@ TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
     std::string pf = write_pf(tmp / "r.pf", {{"directory", in}});
     Forger f(ring);  // makes the ring before the receiver opens it
     ASSERT_TRUE(f.ok());
-    Child r({ferrant2(), "-p", pf, ring}, tmp.path(), tmp.path());
+    Child r({ferrant2(), "-p", pf, ring}, tmp.path, tmp.path);
     const size_t B = 100;
     std::string data = pattern(350, 42);  // chunks 1..4, the last one short
     auto k = keys(data, B);
@@ -218,7 +218,7 @@ struct LimitedReceiver {
         : in(tmp / "in"), f(tmp / "ring@s64M"),
           r({"/bin/sh", "-c", "trap '' XFSZ; exec prlimit --fsize=" + std::to_string(limit) + " \"$@\"", "sh",
              ferrant2(), "-p", write_pf(tmp / "r.pf", {{"directory", in}}), tmp / "ring@s64M"},
-            tmp.path(), tmp.path()) {}
+            tmp.path, tmp.path) {}
     bool received(const std::string& name) {
         return eventually([&] { return r.err().find("received " + name) != std::string::npos; });
     }

@@ -16,10 +16,10 @@ TEST(FerrantRestart, ReceiverResumesAfterTheLastCompletedFile) {
     std::vector<std::string> recv_argv = {ferrant2(), "-p", pf, "-S", "state", ring};
 
     for (int i = 0; i < 3; i++) make_old(src + "/first" + std::to_string(i), pattern(2500, i));
-    Child s1({ferrant2(), "-p", pf, "first0", "first1", "first2", ring}, tmp.path(), src);
+    Child s1({ferrant2(), "-p", pf, "first0", "first1", "first2", ring}, tmp.path, src);
     ASSERT_EQ(s1.wait(), 0) << s1.err();
 
-    Child r1(recv_argv, tmp.path(), tmp.path());
+    Child r1(recv_argv, tmp.path, tmp.path);
     ASSERT_TRUE(eventually([&] { return received(r1) == 3; })) << r1.err();
     EXPECT_NE(r1.err().find("failed to read old state file"), std::string::npos) << r1.err();
     r1.stop(SIGKILL);
@@ -27,13 +27,13 @@ TEST(FerrantRestart, ReceiverResumesAfterTheLastCompletedFile) {
     EXPECT_FALSE(exists(in + "/state"));
 
     for (int i = 0; i < 2; i++) make_old(src + "/second" + std::to_string(i), pattern(2500, 10 + i));
-    Child s2({ferrant2(), "-p", pf, "second0", "second1", ring}, tmp.path(), src);
+    Child s2({ferrant2(), "-p", pf, "second0", "second1", ring}, tmp.path, src);
     ASSERT_EQ(s2.wait(), 0) << s2.err();
     // The first files are gone from the receive side: a receiver that read
     // them again would bring them back.
     for (int i = 0; i < 3; i++) unlink((in + "/first" + std::to_string(i)).c_str());
 
-    Child r2(recv_argv, tmp.path(), tmp.path());
+    Child r2(recv_argv, tmp.path, tmp.path);
     ASSERT_TRUE(eventually([&] { return received(r2) >= 2; })) << r2.err();
     std::string log = r2.err();
     EXPECT_NE(log.find("read old state file"), std::string::npos) << log;

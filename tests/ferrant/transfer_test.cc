@@ -52,12 +52,12 @@ protected:
         std::vector<std::string> argv = {ferrant2(), "-p", pf};
         argv.insert(argv.end(), args.begin(), args.end());
         argv.push_back(ring);
-        return std::make_unique<Child>(argv, tmp.path(), src, input);
+        return std::make_unique<Child>(argv, tmp.path, src, input);
     }
 
     std::unique_ptr<Child> receive(const std::string& pf) {
-        return std::make_unique<Child>(std::vector<std::string>{ferrant2(), "-p", pf, ring}, tmp.path(),
-                                       tmp.path());
+        return std::make_unique<Child>(std::vector<std::string>{ferrant2(), "-p", pf, ring}, tmp.path,
+                                       tmp.path);
     }
 
     // Waits for n completed files in the receiver's log.
@@ -249,7 +249,7 @@ TEST_F(FerrantTransfer, WatchModeSendsAndDeletesWhatItSent) {
     std::string pf = write_pf(tmp / "t.pf", {{"directory", in}, {"file_reject", ".*private.*|.*\\.part"}});
     auto r = receive(pf);
     auto w = std::make_unique<Child>(std::vector<std::string>{ferrant2(), "-p", pf, "-w", watchdir, ring},
-                                     tmp.path(), src);
+                                     tmp.path, src);
     std::map<std::string, std::string> files = {
         {"one.txt", pattern(5000, 1)}, {"sub/two.txt", pattern(10, 2)}, {"empty", ""}};
     // Made elsewhere and moved in whole, already old enough to be taken.
