@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,20 +37,15 @@ inline std::string slurp(const std::string& path) {
 }
 
 inline void spit(const std::string& path, const std::string& data, mode_t mode = 0644) {
-    {
-        std::ofstream f(path, std::ios::binary | std::ios::trunc);
-        f << data;
-    }
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << data;
     chmod(path.c_str(), mode);
 }
 
 // Files older than the sender's quiet time are taken at once.
 inline void age(const std::string& path, int seconds = 3600) {
-    struct timeval tv[2];
-    gettimeofday(&tv[0], nullptr);
-    tv[0].tv_sec -= seconds;
-    tv[1] = tv[0];
-    utimes(path.c_str(), tv);
+    std::error_code ec;
+    auto then = std::filesystem::file_time_type::clock::now() - std::chrono::seconds(seconds);
+    std::filesystem::last_write_time(path, then, ec);
 }
 
 inline mode_t mode_of(const std::string& path) {
@@ -209,8 +203,9 @@ private:
     std::string err_, out_;
 };
 
-// Files a receiver has completed, by its log.
+// Files a receiver has completed, by its log; and waiting for n of them.
 inline size_t received(const Child& r) { return count(r.err(), "ferrant2: received "); }
+inline bool received(const Child& r, size_t n) { return eventually([&] { return received(r) >= n; }); }
 
 // Waits until a receiver has taken its starting position in the ring.
 inline bool started(const Child& r) {

@@ -26,7 +26,7 @@ TEST(FerrantOrbserver, FilesArriveWholeAndAServerRestartLosesNothing) {
     Child s({ferrant2(), "-p", pf, "empty", "one.txt", "exact.bin", "deep", server.name()},
             tmp.path, src, "", env);
     EXPECT_EQ(s.wait(), 0) << s.err();
-    ASSERT_TRUE(eventually([&] { return received(r) >= 4; })) << r.err();
+    ASSERT_TRUE(received(r, 4)) << r.err();
     for (auto n : {"/empty", "/one.txt", "/exact.bin", "/deep/er/odd.bin"}) expect_same(src + n, in + n);
     EXPECT_NE(r.err().find("received exact.bin (5000 bytes, 6 packets)"), std::string::npos) << r.err();
 
@@ -38,13 +38,13 @@ TEST(FerrantOrbserver, FilesArriveWholeAndAServerRestartLosesNothing) {
         ASSERT_EQ(rename(make_old(src + "/" + name, data).c_str(), (spool + "/" + name).c_str()), 0);
     };
     drop("before", pattern(40000, 1));
-    ASSERT_TRUE(eventually([&] { return received(r) >= 5; })) << r.err() << w.err();
+    ASSERT_TRUE(received(r, 5)) << r.err() << w.err();
 
     ASSERT_TRUE(server.restart()) << server.log();
 
     drop("after1", pattern(40000, 2));
     drop("after2", pattern(1, 3));
-    ASSERT_TRUE(eventually([&] { return received(r) >= 7; })) << r.err() << "\n---\n" << w.err();
+    ASSERT_TRUE(received(r, 7)) << r.err() << "\n---\n" << w.err();
     EXPECT_TRUE(r.running());
     EXPECT_TRUE(w.running());
     for (auto& [name, data] : sent) {

@@ -47,8 +47,7 @@ public:
     bool ok() const { return orb_ >= 0; }
 
     // One xfer packet; the key must hold 16 bytes. Returns the pktid.
-    int put(const std::string& tag, int seq, const std::string& key, const std::string* data,
-            bool with_nul = false) {
+    int put(const std::string& tag, int seq, const std::string& key, const std::string* data) {
         Packet* pkt = newPkt();
         strcpy(pkt->parts.src_net, "forge");
         snprintf(pkt->parts.src_subcode, PKT_NAMESIZE, "%s", tag.c_str());
@@ -57,7 +56,7 @@ public:
         pkt->string_size = seq;
         pkt->string = const_cast<char*>(key.data());
         pkt->dfile = data ? const_cast<char*>(data->data()) : nullptr;
-        pkt->dfile_size = data ? int(data->size()) + (with_nul ? 1 : 0) : 0;
+        pkt->dfile_size = data ? int(data->size()) : 0;
         char srcname[PKT_SRCNAMESIZE];
         double t;
         int nbytes = 0;
@@ -73,7 +72,8 @@ public:
 
     // A run whose initial, data and final packets are each given.
     int initial(const std::string& tag, const std::string& name, const std::string& hex) {
-        return put(tag, 0, hex, &name, true);
+        std::string named = name + '\0';
+        return put(tag, 0, hex, &named);
     }
     int final(const std::string& tag, int seq, const std::string& hex) { return put(tag, seq, hex, nullptr); }
 

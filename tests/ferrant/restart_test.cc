@@ -34,7 +34,7 @@ TEST(FerrantRestart, ReceiverResumesAfterTheLastCompletedFile) {
     for (int i = 0; i < 3; i++) unlink((in + "/first" + std::to_string(i)).c_str());
 
     Child r2(recv_argv, tmp.path, tmp.path);
-    ASSERT_TRUE(eventually([&] { return received(r2) >= 2; })) << r2.err();
+    ASSERT_TRUE(received(r2, 2)) << r2.err();
     std::string log = r2.err();
     EXPECT_NE(log.find("read old state file"), std::string::npos) << log;
     EXPECT_NE(log.find("resurrection successful: repositioned to pktid #"), std::string::npos) << log;

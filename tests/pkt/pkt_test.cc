@@ -163,8 +163,6 @@ TEST(PktXfer, DataPacketCopiedOrInPlace) {
         ASSERT_EQ(unstuffPkt(s.srcname, 0, s.body.data(), int(s.body.size()), &got), PKT_XFER_TYPE);
         EXPECT_NE(got->dfile, s.body.data() + s.body.size() - 11);
         EXPECT_EQ(memcmp(got->dfile, "some\0bytes\n", 12), 0);
-        EXPECT_EQ(memcmp(got->string, Key, 16), 0);
-        EXPECT_EQ(got->string_size, 7);
     }
     ASSERT_EQ(unstuffPktInPlace(s.srcname, 0, s.body.data(), int(s.body.size()), &got), PKT_XFER_TYPE);
     std::vector<char> before = s.body;
@@ -209,10 +207,7 @@ TEST(PktStuff, RefusesWhatCannotBePackedAndGrowsTheBuffer) {
     EXPECT_EQ(stuff(), -1);
     pkt->dfile_size = -1;  // packs as an empty chunk
     ASSERT_EQ(stuff(), 0);
-    Packet* got = nullptr;
-    ASSERT_EQ(unstuffPkt(srcname, 0, buf, nbytes, &got), PKT_XFER_TYPE);
-    EXPECT_EQ(got->dfile_size, 0);
-    freePkt(got);
+    EXPECT_EQ(nbytes, 21 + 16);
     pkt->dfile = nullptr;
     pkt->dfile_size = 1;
     EXPECT_EQ(stuff(), -1);
