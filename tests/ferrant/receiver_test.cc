@@ -142,20 +142,16 @@ TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
     f.put("5/changed.txt", 1, k[0], &c1);
     f.final("5/changed.txt", 2, md5hex("something else"));
 
-    // Names the receiver refuses: control bytes, non-ASCII bytes, nothing.
+    // Names the receiver refuses: control bytes, non-ASCII bytes, nothing; then
+    // directories and files that cannot be made.
     f.initial("6/ctl", "bad\001name", hex);
     f.put("6/ctl", 1, k[0], &c1);
     f.final("6/ctl", 2, hex);
-    f.initial("7/hi", "caf\xc3\xa9", hex);
-    f.final("7/hi", 1, hex);
-    f.initial("8/empty", "", hex);
-    f.final("8/empty", 1, hex);
-
-    // Directories and files that cannot be made.
-    f.initial("9/blocked", "blocker/sub/x", hex);
-    f.final("9/blocked", 1, hex);
-    f.initial("10/taken", "taken", hex);
-    f.final("10/taken", 1, hex);
+    for (auto [tag, name] : std::map<std::string, std::string>{
+             {"7/hi", "caf\xc3\xa9"}, {"8/empty", ""}, {"9/blocked", "blocker/sub/x"}, {"10/taken", "taken"}}) {
+        f.initial(tag, name, hex);
+        f.final(tag, 1, hex);
+    }
 
     // A body that does not unpack, a packet of no known run, a second initial packet.
     int junk = f.raw("forge/xfer/11/junk", "junk");
@@ -276,6 +272,7 @@ TEST(FerrantReceiver, LargePacketFailuresGiveUpOnlyTheirFile) {
         EXPECT_FALSE(exists(in + "/" + gone)) << gone;
     EXPECT_TRUE(slurp(in + "/fits.bin") == small);
     EXPECT_TRUE(slurp(in + "/mixed.bin") == mixed);
+    EXPECT_EQ(mode_of(in + "/mixed.bin"), 0640u);
     EXPECT_TRUE(lr.r.running());
 }
 
@@ -292,6 +289,7 @@ TEST(FerrantReceiver, FailedLastFlushKeepsTheFileOut) {
     EXPECT_FALSE(exists(lr.in + "/over.bin"));
     EXPECT_FALSE(exists(lr.in + "/over.bin-"));
     EXPECT_EQ(slurp(lr.in + "/ok.bin"), ok);
+    EXPECT_EQ(mode_of(lr.in + "/ok.bin"), 0640u);
 }
 
 }  // namespace
