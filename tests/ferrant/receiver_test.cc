@@ -148,7 +148,8 @@ TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
     f.put("6/ctl", 1, k[0], &c1);
     f.final("6/ctl", 2, hex);
     for (auto [tag, name] : std::map<std::string, std::string>{
-             {"7/hi", "caf\xc3\xa9"}, {"8/empty", ""}, {"9/blocked", "blocker/sub/x"}, {"10/taken", "taken"}}) {
+             {"7/hi", "caf\xc3\xa9"}, {"8/empty", ""}, {"9/blocked", "blocker/sub/x"},
+             {"10/taken", "taken"}}) {
         f.initial(tag, name, hex);
         f.final(tag, 1, hex);
     }
