@@ -2,33 +2,18 @@
 // pieces, the file holds exactly their bytes once the stream on the same
 // descriptor has written the rest, what went out in whole blocks never
 // entered the page cache, and a file-size limit is reported as such.
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "direct.h"
-#include "support/tempdir.h"
+#include "harness.h"
+#include "support/child.h"
+
+using namespace ferrant_test;
 
 namespace {
-
-std::string piece(size_t n, unsigned seed) {
-    std::string s(n, '\0');
-    for (size_t i = 0; i < n; i++) s[i] = char((i * 131 + seed * 7) >> 3);
-    return s;
-}
 
 // Whether the filesystem of dir says it takes direct writes (it says so
 // for regular files only): then the appender must start there.
@@ -62,16 +47,9 @@ size_t cached_pages(int fd, size_t n) {
     return cached;
 }
 
-std::string slurp(const std::string& path) {
-    std::ifstream f(path, std::ios::binary);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
-
 struct DirectAppenderTest : ::testing::Test {
     void SetUp() override {
-        if (!takes_direct_writes(tmp.path)) GTEST_SKIP() << "no direct writes on the filesystem of " << tmp.path;
+        if (!takes_direct_writes(tmp.path)) GTEST_SKIP() << "no direct writes in " << tmp.path;
     }
     TempDir tmp;
 };
@@ -85,9 +63,8 @@ TEST_F(DirectAppenderTest, PiecesOfAnySizeLandWholeAroundThePageCache) {
     std::string all;
     unsigned seed = 0;
     // Larger than the bounce buffer, too.
-    for (size_t n : {size_t(1), size_t(4095), size_t(4097), size_t(0), size_t(300000), size_t(7), size_t(3) << 20,
-                     size_t(3)}) {
-        std::string p = piece(n, ++seed);
+    for (size_t n : {1, 4095, 4097, 0, 300000, 7, 3 << 20, 3}) {
+        std::string p = pattern(n, ++seed);
         ASSERT_TRUE(d->append(p.data(), p.size())) << n;
         all += p;
         EXPECT_LT(d->ncarried(), 4096u);
@@ -98,7 +75,7 @@ TEST_F(DirectAppenderTest, PiecesOfAnySizeLandWholeAroundThePageCache) {
     // The rest of the file goes through the stream, as when a file's
     // packets turn small.
     ASSERT_TRUE(d->end());
-    std::string rest = piece(5000, 99);
+    std::string rest = pattern(5000, 99);
     ASSERT_EQ(fwrite(d->carried(), 1, d->ncarried(), f), d->ncarried());
     ASSERT_EQ(fwrite(rest.data(), 1, rest.size(), f), rest.size());
     all += rest;
@@ -110,22 +87,17 @@ TEST_F(DirectAppenderTest, PiecesOfAnySizeLandWholeAroundThePageCache) {
 // error told must still be the limit's.
 TEST_F(DirectAppenderTest, AFileSizeLimitInsideABlockIsToldAsSuch) {
     std::string path = tmp / "limited";
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
+    child::Result run = child::run([&] {
         signal(SIGXFSZ, SIG_IGN);
         struct rlimit lim = {500000, 500000};
         int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
         auto d = fd >= 0 && setrlimit(RLIMIT_FSIZE, &lim) == 0 ? DirectAppender::start(fd) : nullptr;
         if (!d) _exit(2);
-        std::string p = piece(600000, 1);
+        std::string p = pattern(600000, 1);
         bool ok = d->append(p.data(), p.size());
         _exit(!ok && errno == EFBIG ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "1: not refused with EFBIG; 2: could not start";
+    });
+    EXPECT_TRUE(run.exited(0)) << "status " << run.status << " (exit 1: not refused with EFBIG; 2: no start)";
     struct stat st {};
     ASSERT_EQ(stat(path.c_str(), &st), 0);
     EXPECT_EQ(st.st_size, 500000);  // the bytes up to the limit landed

@@ -1,13 +1,11 @@
 // Test harness for running the real ferrant2 programs: temp directories,
 // child processes with captured output, files with chosen ages and modes,
-// and parameter files with every key written out.
+// parameter files with every key written out, and checks of what arrived.
 #pragma once
 
 #include <fcntl.h>
-#include <ftw.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +14,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -24,10 +23,11 @@
 #include <thread>
 #include <vector>
 
+#include "support/tempdir.h"
+
 namespace ferrant_test {
 
-inline std::string build_dir() { return FERRANT_BUILD_DIR; }
-inline std::string ferrant2() { return build_dir() + "/bin/ferrant2"; }
+inline std::string ferrant2() { return FERRANT_BUILD_DIR "/bin/ferrant2"; }
 
 inline std::string slurp(const std::string& path) {
     std::ifstream f(path, std::ios::binary);
@@ -37,20 +37,15 @@ inline std::string slurp(const std::string& path) {
 }
 
 inline void spit(const std::string& path, const std::string& data, mode_t mode = 0644) {
-    {
-        std::ofstream f(path, std::ios::binary | std::ios::trunc);
-        f << data;
-    }
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << data;
     chmod(path.c_str(), mode);
 }
 
 // Files older than the sender's quiet time are taken at once.
 inline void age(const std::string& path, int seconds = 3600) {
-    struct timeval tv[2];
-    gettimeofday(&tv[0], nullptr);
-    tv[0].tv_sec -= seconds;
-    tv[1] = tv[0];
-    utimes(path.c_str(), tv);
+    std::error_code ec;
+    auto then = std::filesystem::file_time_type::clock::now() - std::chrono::seconds(seconds);
+    std::filesystem::last_write_time(path, then, ec);
 }
 
 inline mode_t mode_of(const std::string& path) {
@@ -92,39 +87,24 @@ inline bool eventually(const std::function<bool()>& pred, double seconds = 25) {
     return pred();
 }
 
-class TempDir {
-public:
-    TempDir() {
-        char tmpl[] = "/tmp/ferrant-test.XXXXXX";
-        char* d = mkdtemp(tmpl);
-        if (d == nullptr) abort();
-        path_ = d;
-    }
-    ~TempDir() {
-        // Directories a test made unwritable must still go.
-        nftw(path_.c_str(), [](const char* p, const struct stat* st, int type, struct FTW*) {
-            if (type == FTW_DP || S_ISDIR(st->st_mode)) chmod(p, 0700);
-            remove(p);
-            return 0;
-        }, 16, FTW_DEPTH | FTW_PHYS);
-    }
-    const std::string& path() const { return path_; }
-    std::string operator/(const std::string& rel) const { return path_ + "/" + rel; }
-
-private:
-    std::string path_;
-};
-
 inline void mkdirs(const std::string& path) {
-    std::string cur;
-    std::stringstream ss(path);
-    std::string part;
-    if (!path.empty() && path[0] == '/') cur = "/";
-    while (std::getline(ss, part, '/')) {
-        if (part.empty()) continue;
-        cur += part + "/";
-        mkdir(cur.c_str(), 0755);
-    }
+    std::error_code ec;
+    std::filesystem::create_directories(path, ec);
+}
+
+// A file old enough for the sender to take at once, its directories made.
+inline std::string make_old(const std::string& path, const std::string& data, mode_t mode = 0644) {
+    mkdirs(path.substr(0, path.rfind('/')));
+    spit(path, data, mode);
+    age(path);
+    return path;
+}
+
+// A received file matches its source byte for byte and by mode.
+inline void expect_same(const std::string& from, const std::string& to) {
+    ASSERT_TRUE(exists(to)) << to;
+    EXPECT_EQ(slurp(from), slurp(to)) << to;
+    EXPECT_EQ(mode_of(from), mode_of(to)) << to;
 }
 
 // A parameter file with every key; overrides replace the defaults below.
@@ -210,9 +190,7 @@ public:
         reap_group();
     }
     bool running() const { return pid_ > 0; }
-    pid_t pid() const { return pid_; }
     std::string err() const { return slurp(err_); }
-    std::string out() const { return slurp(out_); }
 
 private:
     // Helpers the program started (forbserver) leave with it.
@@ -224,5 +202,14 @@ private:
     int status_ = -1;
     std::string err_, out_;
 };
+
+// Files a receiver has completed, by its log; and waiting for n of them.
+inline size_t received(const Child& r) { return count(r.err(), "ferrant2: received "); }
+inline bool received(const Child& r, size_t n) { return eventually([&] { return received(r) >= n; }); }
+
+// Waits until a receiver has taken its starting position in the ring.
+inline bool started(const Child& r) {
+    return eventually([&] { return r.err().find("Starting at pktid=") != std::string::npos; });
+}
 
 }  // namespace ferrant_test

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+using namespace std::string_literals;
+
 namespace {
 
 struct Stuffed {
@@ -15,7 +17,22 @@ struct Stuffed {
     std::vector<char> body;
 };
 
-Stuffed stuff(Packet* pkt) {
+// A binary key with NULs and high bytes, as digests are.
+const char Key[16] = {0, 1, 2, '\xff', 0, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, '\x80'};
+
+// Packs an xfer record around the caller's key (null: none) and data.
+Stuffed pack(const char* net, const char* subcode, int seq, int mode, const char* key,
+             const std::string& data) {
+    Packet* pkt = newPkt();
+    snprintf(pkt->parts.src_net, PKT_NAMESIZE, "%s", net);
+    snprintf(pkt->parts.src_subcode, PKT_NAMESIZE, "%s", subcode);
+    pkt->pkttype = suffix2pkttype("xfer");
+    pkt->time = 1234.5;
+    pkt->string_size = seq;
+    pkt->nchannels = mode;
+    pkt->string = const_cast<char*>(key);
+    pkt->dfile = data.empty() ? nullptr : const_cast<char*>(data.data());
+    pkt->dfile_size = int(data.size());
     Stuffed s;
     char* buf = nullptr;
     int nbytes = 0, bufsize = 0;
@@ -23,135 +40,121 @@ Stuffed stuff(Packet* pkt) {
     EXPECT_GE(bufsize, nbytes);
     s.body.assign(buf, buf + nbytes);
     free(buf);
-    return s;
-}
-
-Packet* xferPkt(const char* net, const char* subcode) {
-    Packet* pkt = newPkt();
-    snprintf(pkt->parts.src_net, PKT_NAMESIZE, "%s", net);
-    snprintf(pkt->parts.src_subcode, PKT_NAMESIZE, "%s", subcode);
-    pkt->pkttype = suffix2pkttype("xfer");
-    return pkt;
-}
-
-// A data packet whose key holds NULs and high bytes, as binary digests do.
-Stuffed dataPacket() {
-    Packet* pkt = xferPkt("host", "43200/report.csv");
-    static char key[16] = {0, 1, 2, '\xff', 0, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, '\x80'};
-    static char data[] = "some\0bytes\n";
-    pkt->string = key;
-    pkt->string_size = 7;
-    pkt->nchannels = 0100644;
-    pkt->dfile = data;
-    pkt->dfile_size = sizeof data - 1;
-    Stuffed s = stuff(pkt);
     pkt->string = pkt->dfile = nullptr;
     freePkt(pkt);
     return s;
 }
 
-TEST(PktSrcname, JoinLeavesOutEmptyPartsAndSplitUndoesIt) {
-    Srcname parts{}, back{};
-    char name[PKT_SRCNAMESIZE];
-    join_srcname(&parts, "ch", name);
-    EXPECT_STREQ(name, "/ch");
-    strcpy(parts.src_net, "net");
-    strcpy(parts.src_subcode, "12/a.txt");
-    join_srcname(&parts, "xfer", name);
-    EXPECT_STREQ(name, "net/xfer/12/a.txt");
-    strcpy(parts.src_chan, "chan");
-    strcpy(parts.src_loc, "00");
-    join_srcname(&parts, "xfer", name);
-    EXPECT_STREQ(name, "net_chan_00/xfer/12/a.txt");
+Stuffed dataPacket() { return pack("host", "43200/report.csv", 7, 0100644, Key, "some\0bytes\n"s); }
 
-    strcpy(parts.src_net, "AK");
-    strcpy(parts.src_sta, "STA");
-    strcpy(parts.src_chan, "BHZ");
-    strcpy(parts.src_subcode, "86399/x/y");  // the subcode keeps its own slashes
-    join_srcname(&parts, "xfer", name);
-    split_srcname(name, &back);
-    EXPECT_STREQ(back.src_net, "AK");
-    EXPECT_STREQ(back.src_sta, "STA");
-    EXPECT_STREQ(back.src_chan, "BHZ");
-    EXPECT_STREQ(back.src_loc, "00");
-    EXPECT_STREQ(back.src_suffix, "xfer");
-    EXPECT_STREQ(back.src_subcode, "86399/x/y");
-}
-
-TEST(PktSrcname, JoinCutsAt63Bytes) {
-    Srcname parts{};
-    char name[PKT_SRCNAMESIZE];
-    memset(parts.src_net, 'n', 31);
-    memset(parts.src_subcode, 's', 31);
-    join_srcname(&parts, "xfer", name);
-    EXPECT_EQ(strlen(name), 63u);
-    EXPECT_EQ(std::string(name, 37), std::string(31, 'n') + "/xfer/");
-}
-
-TEST(PktSrcname, SplitSurvivesOddNames) {
+// Source names both ways: empty parts are left out of a joined name, the last
+// part of a split takes the underscores left over, the subcode keeps its slashes.
+TEST(PktSrcname, JoinAndSplit) {
+    enum Way { Join = 1, Split = 2, Both = 3 };
+    std::string n31(31, 'n'), s31(31, 's'), x60(60, 'x');
+    struct Row {
+        Way way;
+        std::string name;
+        std::vector<std::string> parts;  // net, sta, chan, loc, suffix, subcode
+    } rows[] = {
+        {Both, "/ch", {"", "", "", "", "ch", ""}},
+        {Both, "net/xfer/12/a.txt", {"net", "", "", "", "xfer", "12/a.txt"}},
+        {Join, "net_chan_00/xfer/12/a.txt", {"net", "", "chan", "00", "xfer", "12/a.txt"}},
+        {Both, "AK_STA_BHZ_00/xfer/86399/x/y", {"AK", "STA", "BHZ", "00", "xfer", "86399/x/y"}},
+        {Join, n31 + "/xfer/" + s31.substr(0, 26), {n31, "", "", "", "xfer", s31}},  // cut at 63 bytes
+        {Split, "", {"", "", "", "", "", ""}},
+        {Split, "noslash", {"noslash", "", "", "", "", ""}},
+        {Split, "a_b_c_d_e/xfer", {"a", "b", "c", "d_e", "xfer", ""}},
+        {Split, "/" + x60, {"", "", "", "", x60.substr(0, 31), ""}},
+    };
+    for (auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        Srcname p{};
+        char* f[6] = {p.src_net, p.src_sta, p.src_chan, p.src_loc, p.src_suffix, p.src_subcode};
+        if (row.way & Join) {
+            for (int i : {0, 1, 2, 3, 5}) strcpy(f[i], row.parts[i].c_str());
+            char name[PKT_SRCNAMESIZE];
+            join_srcname(&p, row.parts[4].c_str(), name);
+            EXPECT_EQ(std::string(name), row.name);
+        }
+        if (row.way & Split) {
+            strcpy(p.src_net, "stale");
+            split_srcname(row.name.c_str(), &p);
+            for (int i = 0; i < 6; i++) EXPECT_EQ(std::string(f[i]), row.parts[i]) << "part " << i;
+        }
+    }
     Srcname p{};
-    split_srcname("", &p);
-    EXPECT_STREQ(p.src_net, "");
-    EXPECT_STREQ(p.src_suffix, "");
-    split_srcname("noslash", &p);
-    EXPECT_STREQ(p.src_net, "noslash");
-    EXPECT_STREQ(p.src_suffix, "");
-    split_srcname("a_b_c_d_e/xfer", &p);
-    EXPECT_STREQ(p.src_loc, "d_e");
-    EXPECT_STREQ(p.src_subcode, "");
-    std::string longpart(60, 'x');
-    split_srcname(("/" + longpart).c_str(), &p);
-    EXPECT_EQ(strlen(p.src_suffix), 31u);
+    strcpy(p.src_net, "stale");
     split_srcname(nullptr, &p);
     EXPECT_STREQ(p.src_net, "");
 }
 
-TEST(PktTypes, KnowsXferAndMarkers) {
-    ASSERT_NE(suffix2pkttype("xfer"), nullptr);
-    EXPECT_EQ(suffix2pkttype("xfer")->content, PKT_XFER_TYPE);
-    ASSERT_NE(suffix2pkttype("ch"), nullptr);
-    EXPECT_EQ(suffix2pkttype("ch")->content, 0);
-    EXPECT_EQ(suffix2pkttype("XFER"), nullptr);
-    EXPECT_EQ(suffix2pkttype(""), nullptr);
-    EXPECT_EQ(suffix2pkttype(nullptr), nullptr);
-}
-
-TEST(PktXfer, InitialPacketRoundTrips) {
-    Packet* pkt = xferPkt("host", "43200/station_report_2007_017.c");
-    char digest[] = "0123456789abcdef0123456789abcdef";
-    char name[] = "/data/incoming/station_report_2007_017.csv";
-    pkt->time = 1234.5;
-    pkt->nchannels = 0100640;
-    pkt->string = digest;
-    pkt->dfile = name;
-    pkt->dfile_size = sizeof name;
-    Stuffed s = stuff(pkt);
-    pkt->string = pkt->dfile = nullptr;
-    freePkt(pkt);
-    EXPECT_STREQ(s.srcname, "host/xfer/43200/station_report_2007_017.c");
-    EXPECT_EQ(s.time, 1234.5);
-
+// Each kind of xfer packet packs to its exact bytes and unpacks into one
+// reused record, which must forget what the packet before had.
+TEST(PktXfer, PacketsPackToExactBytesAndUnpackIntoAReusedRecord) {
+    const char* digest = "0123456789abcdef0123456789abcdef";  // only the first 16 bytes go
+    struct Row {
+        const char *net, *subcode;
+        int seq, mode;
+        const char* key;
+        std::string data, srcname;
+        std::string head, length;  // magic, format, version, sequence, mode, key length; data length
+    } rows[] = {
+        {"host", "43200/station_report_2007_017.c", 0, 0100640, digest,
+         "/data/incoming/station_report_2007_017.csv\0"s, "host/xfer/43200/station_report_2007_017.c",
+         "XF\0\1" "\0\0\0\0" "\0\0\0\0" "\0\0\x81\xa0" "\x10"s, "\0\0\0\x2b"s},
+        {"host", "43200/report.csv", 7, 0100644, Key, "some\0bytes\n"s, "host/xfer/43200/report.csv",
+         "XF\0\1" "\0\0\0\0" "\0\0\0\7" "\0\0\x81\xa4" "\x10"s, "\0\0\0\x0b"s},
+        {"", "1/e", -1, 0, digest, "", "/xfer/1/e",  // a failed send's final packet
+         "XF\0\1" "\0\0\0\0" "\xff\xff\xff\xff" "\0\0\0\0" "\x10"s, "\0\0\0\0"s},
+        {"h", "2/n", 3, 0, nullptr, "", "h/xfer/2/n",
+         "XF\0\1" "\0\0\0\0" "\0\0\0\3" "\0\0\0\0" "\0"s, "\0\0\0\0"s},
+    };
     Packet* got = nullptr;
-    ASSERT_EQ(unstuffPkt(s.srcname, 99.0, s.body.data(), int(s.body.size()), &got), PKT_XFER_TYPE);
-    EXPECT_EQ(got->time, 99.0);
-    EXPECT_STREQ(got->parts.src_net, "host");
-    EXPECT_STREQ(got->parts.src_subcode, "43200/station_report_2007_017.c");
-    EXPECT_EQ(got->pkttype, suffix2pkttype("xfer"));
-    EXPECT_EQ(got->string_size, 0);
-    EXPECT_EQ(got->nchannels, 0100640);
-    EXPECT_EQ(std::string(got->string, 16), "0123456789abcdef");
-    EXPECT_EQ(got->dfile_size, int(sizeof name));
-    EXPECT_STREQ(got->dfile, name);
+    for (auto& row : rows) {
+        SCOPED_TRACE(row.srcname);
+        Stuffed s = pack(row.net, row.subcode, row.seq, row.mode, row.key, row.data);
+        EXPECT_EQ(s.srcname, row.srcname);
+        EXPECT_EQ(s.time, 1234.5);
+        std::string body = row.head + (row.key ? std::string(row.key, 16) : "") + row.length + row.data;
+        EXPECT_EQ(std::string(s.body.begin(), s.body.end()), body);
+
+        ASSERT_EQ(unstuffPkt(s.srcname, 99.0, s.body.data(), int(s.body.size()), &got), PKT_XFER_TYPE);
+        EXPECT_EQ(got->time, 99.0);
+        EXPECT_STREQ(got->parts.src_net, row.net);
+        EXPECT_STREQ(got->parts.src_subcode, row.subcode);
+        EXPECT_EQ(got->pkttype, suffix2pkttype("xfer"));
+        EXPECT_EQ(got->string_size, row.seq);
+        EXPECT_EQ(got->nchannels, row.mode);
+        if (row.key) {
+            EXPECT_EQ(std::string(got->string, 17), std::string(row.key, 16) + '\0');
+        } else {
+            EXPECT_EQ(got->string, nullptr);
+        }
+        ASSERT_EQ(got->dfile_size, int(row.data.size()));
+        EXPECT_EQ(std::string(got->dfile, row.data.size() + 1), row.data + '\0');  // a NUL-terminated copy
+    }
+
+    // Other types give 0 with the parts filled in; only "xfer" and "ch" are known, as spelt.
+    EXPECT_EQ(unstuffPkt("h/ch/ferrant_start", 0, nullptr, 0, &got), 0);
+    EXPECT_EQ(got->dfile_size, 0);
+    EXPECT_STREQ(got->parts.src_suffix, "ch");
+    EXPECT_STREQ(got->parts.src_subcode, "ferrant_start");
+    ASSERT_NE(got->pkttype, nullptr);
+    EXPECT_EQ(got->pkttype, suffix2pkttype("ch"));
+    for (const char* other : {"net/waveform/x", "h/XFER/1/a", "h//1/a"}) {
+        EXPECT_EQ(unstuffPkt(other, 5.0, "abc", 3, &got), 0) << other;
+        EXPECT_EQ(got->pkttype, nullptr) << other;
+    }
+    EXPECT_EQ(suffix2pkttype(nullptr), nullptr);
     freePkt(got);
 }
 
-// A copying unpack keeps the binary key and data whole. In place, the data is
-// the packet's own bytes; a record may switch between in-place and copying
-// unpacks and is freed without touching the packet.
+// In place, the data is the packet's own bytes; a record may switch between
+// in-place and copying unpacks and is freed without touching the packet.
 TEST(PktXfer, DataPacketCopiedOrInPlace) {
     Stuffed s = dataPacket();
     Packet* got = nullptr;
-    const char key[16] = {0, 1, 2, '\xff', 0, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, '\x80'};
     for (int round = 0; round < 2; round++) {
         ASSERT_EQ(unstuffPktInPlace(s.srcname, 0, s.body.data(), int(s.body.size()), &got), PKT_XFER_TYPE);
         ASSERT_EQ(got->dfile_size, 11);
@@ -159,9 +162,7 @@ TEST(PktXfer, DataPacketCopiedOrInPlace) {
         EXPECT_EQ(got->string_size, 7);
         ASSERT_EQ(unstuffPkt(s.srcname, 0, s.body.data(), int(s.body.size()), &got), PKT_XFER_TYPE);
         EXPECT_NE(got->dfile, s.body.data() + s.body.size() - 11);
-        EXPECT_EQ(memcmp(got->dfile, "some\0bytes\n", 12), 0);  // NUL-terminated copy
-        EXPECT_EQ(memcmp(got->string, key, 16), 0);
-        EXPECT_EQ(got->string_size, 7);
+        EXPECT_EQ(memcmp(got->dfile, "some\0bytes\n", 12), 0);
     }
     ASSERT_EQ(unstuffPktInPlace(s.srcname, 0, s.body.data(), int(s.body.size()), &got), PKT_XFER_TYPE);
     std::vector<char> before = s.body;
@@ -172,100 +173,50 @@ TEST(PktXfer, DataPacketCopiedOrInPlace) {
     freePkt(got);
 }
 
-TEST(PktXfer, FinalPacketWithFailureSequenceAndNoData) {
-    Packet* pkt = xferPkt("", "1/e");
-    char digest[] = "d41d8cd98f00b204e9800998ecf8427e";
-    pkt->string = digest;
-    pkt->string_size = -1;
-    Stuffed s = stuff(pkt);
-    pkt->string = nullptr;
-    freePkt(pkt);
-    EXPECT_STREQ(s.srcname, "/xfer/1/e");
-    Packet* got = nullptr;
-    ASSERT_EQ(unstuffPkt(s.srcname, 0, s.body.data(), int(s.body.size()), &got), PKT_XFER_TYPE);
-    EXPECT_EQ(got->string_size, -1);
-    EXPECT_EQ(got->dfile_size, 0);
-    EXPECT_STREQ(got->parts.src_net, "");
-    freePkt(got);
-}
-
-TEST(PktXfer, ReusedRecordForgetsThePreviousPacket) {
-    Stuffed data = dataPacket();
-    Packet* pkt = xferPkt("h", "2/n");
-    pkt->string_size = 3;  // no key, no data
-    Stuffed bare = stuff(pkt);
-    freePkt(pkt);
-
-    Packet* got = nullptr;
-    ASSERT_EQ(unstuffPkt(data.srcname, 0, data.body.data(), int(data.body.size()), &got), PKT_XFER_TYPE);
-    ASSERT_EQ(unstuffPkt(bare.srcname, 0, bare.body.data(), int(bare.body.size()), &got), PKT_XFER_TYPE);
-    EXPECT_EQ(got->string, nullptr);
-    EXPECT_EQ(got->dfile_size, 0);
-    EXPECT_EQ(got->string_size, 3);
-
-    // Other types give 0 with the parts filled in.
-    EXPECT_EQ(unstuffPkt("h/ch/ferrant_start", 0, nullptr, 0, &got), 0);
-    EXPECT_EQ(got->dfile_size, 0);
-    EXPECT_STREQ(got->parts.src_suffix, "ch");
-    EXPECT_STREQ(got->parts.src_subcode, "ferrant_start");
-    EXPECT_EQ(unstuffPkt("net/waveform/x", 5.0, "abc", 3, &got), 0);
-    EXPECT_EQ(got->pkttype, nullptr);
-    freePkt(got);
-}
-
-TEST(PktXfer, LargestChunkFitsAndBufferGrows) {
-    std::vector<char> big(PKT_XFER_MAXDATA, 'z');
-    char key[16] = {};
-    Packet* pkt = xferPkt("h", "3/b");
-    pkt->string = key;
-    pkt->dfile = big.data();
-    pkt->dfile_size = PKT_XFER_MAXDATA;
+TEST(PktStuff, RefusesWhatCannotBePackedAndGrowsTheBuffer) {
+    Packet* pkt = newPkt();
     char srcname[PKT_SRCNAMESIZE];
     double t;
     int nbytes = 0, bufsize = 8;
     char* buf = static_cast<char*>(malloc(8));
-    ASSERT_EQ(stuffPkt(pkt, srcname, &t, &buf, &nbytes, &bufsize), 0);
+    auto stuff = [&] { return stuffPkt(pkt, srcname, &t, &buf, &nbytes, &bufsize); };
+    EXPECT_EQ(stuffPkt(nullptr, srcname, &t, &buf, &nbytes, &bufsize), -1);
+    EXPECT_EQ(stuff(), -1);  // no type
+    PacketType bogus{"bogus", 0, ""};
+    pkt->pkttype = &bogus;
+    EXPECT_EQ(stuff(), -1);
+    pkt->pkttype = suffix2pkttype("ch");
+    EXPECT_EQ(stuff(), 0);
+    EXPECT_EQ(nbytes, 0);
+    EXPECT_STREQ(srcname, "/ch");
+
+    std::vector<char> big(PKT_XFER_MAXDATA, 'z');
+    char key[16] = {};
+    strcpy(pkt->parts.src_subcode, "3/b");
+    pkt->pkttype = suffix2pkttype("xfer");
+    pkt->string = key;
+    pkt->dfile = big.data();
+    pkt->dfile_size = PKT_XFER_MAXDATA;
+    ASSERT_EQ(stuff(), 0);
     EXPECT_GE(bufsize, PKT_XFER_MAXDATA);
     int grown = bufsize;
     pkt->dfile_size = 10;  // a smaller packet reuses the buffer
-    ASSERT_EQ(stuffPkt(pkt, srcname, &t, &buf, &nbytes, &bufsize), 0);
+    ASSERT_EQ(stuff(), 0);
     EXPECT_EQ(bufsize, grown);
     pkt->dfile_size = PKT_XFER_MAXDATA + 1;
-    EXPECT_EQ(stuffPkt(pkt, srcname, &t, &buf, &nbytes, &bufsize), -1);
+    EXPECT_EQ(stuff(), -1);
     pkt->dfile_size = -1;  // packs as an empty chunk
-    ASSERT_EQ(stuffPkt(pkt, srcname, &t, &buf, &nbytes, &bufsize), 0);
-    Packet* got = nullptr;
-    ASSERT_EQ(unstuffPkt(srcname, 0, buf, nbytes, &got), PKT_XFER_TYPE);
-    EXPECT_EQ(got->dfile_size, 0);
-    freePkt(got);
+    ASSERT_EQ(stuff(), 0);
+    EXPECT_EQ(nbytes, 21 + 16);
     pkt->dfile = nullptr;
     pkt->dfile_size = 1;
-    EXPECT_EQ(stuffPkt(pkt, srcname, &t, &buf, &nbytes, &bufsize), -1);
+    EXPECT_EQ(stuff(), -1);
     pkt->string = nullptr;
     free(buf);
     freePkt(pkt);
 }
 
-TEST(PktStuff, RefusesRecordsWithoutAKnownType) {
-    Packet* pkt = newPkt();
-    char srcname[PKT_SRCNAMESIZE];
-    double t;
-    char* buf = nullptr;
-    int nbytes = 0, bufsize = 0;
-    EXPECT_EQ(stuffPkt(pkt, srcname, &t, &buf, &nbytes, &bufsize), -1);
-    PacketType bogus{"bogus", 0, ""};
-    pkt->pkttype = &bogus;
-    EXPECT_EQ(stuffPkt(pkt, srcname, &t, &buf, &nbytes, &bufsize), -1);
-    pkt->pkttype = suffix2pkttype("ch");
-    EXPECT_EQ(stuffPkt(pkt, srcname, &t, &buf, &nbytes, &bufsize), 0);
-    EXPECT_EQ(nbytes, 0);
-    EXPECT_STREQ(srcname, "/ch");
-    free(buf);
-    freePkt(pkt);
-    EXPECT_EQ(stuffPkt(nullptr, srcname, &t, &buf, &nbytes, &bufsize), -1);
-}
-
-TEST(PktUnstuff, EveryTruncationAndExtensionIsMalformed) {
+TEST(PktUnstuff, TruncatedExtendedAndHostileBodiesAreMalformed) {
     Stuffed s = dataPacket();
     Packet* got = nullptr;
     for (size_t n = 0; n < s.body.size(); n++) {
@@ -277,12 +228,7 @@ TEST(PktUnstuff, EveryTruncationAndExtensionIsMalformed) {
     EXPECT_EQ(unstuffPkt(s.srcname, 0, longer.data(), int(longer.size()), &got), -1);
     EXPECT_EQ(unstuffPkt(s.srcname, 0, nullptr, 100, &got), -1);
     EXPECT_EQ(unstuffPkt(s.srcname, 0, s.body.data(), -5, &got), -1);
-    freePkt(got);
-}
 
-TEST(PktUnstuff, HostileHeaderFieldsAreMalformed) {
-    Stuffed s = dataPacket();
-    Packet* got = nullptr;
     auto tryit = [&](size_t at, unsigned char v) {
         std::vector<char> b = s.body;
         b[at] = char(v);
