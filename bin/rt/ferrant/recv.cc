@@ -110,6 +110,7 @@ const unsigned char Nokey[16] = {};
 constexpr size_t Chunk = 8 << 20;
 constexpr size_t Behind = 32 << 20;
 constexpr size_t Max_queued = 64;
+constexpr size_t Small_file = 1 << 20;
 
 struct Range {
     int fd;
@@ -149,6 +150,9 @@ Worker& writer();
 bool write_behind(Track* t, bool ending) {
     if (!ending && t->totbytes - t->behind < Chunk) return true;
     if (fflush(t->file) != 0) return false;
+    // A small file is left to the kernel's own writeback: a disk request
+    // and a hand-over per file cost more than the cache it would spare.
+    if (ending && t->behind == 0 && t->totbytes < Small_file) return true;
     size_t off = t->behind, len = t->totbytes - t->behind;
     t->behind = t->totbytes;
     int own = len ? fcntl(fileno(t->file), F_DUPFD_CLOEXEC, 0) : -1;
