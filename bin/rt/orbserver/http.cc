@@ -110,7 +110,7 @@ std::string StatusServer::start(const std::string& address, int port) {
         MHD_USE_AUTO_INTERNAL_THREAD, uint16_t(port), &Impl::accept_policy, m, &Impl::answer, m,
         MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&sa), MHD_OPTION_CONNECTION_TIMEOUT, kTimeout,
         MHD_OPTION_CONNECTION_LIMIT, kConnections, MHD_OPTION_PER_IP_CONNECTION_LIMIT, kPerAddress,
-        MHD_OPTION_CONNECTION_MEMORY_LIMIT, kRequestBytes, MHD_OPTION_END);
+        MHD_OPTION_CONNECTION_MEMORY_LIMIT, kRequestBytes, MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_END);
     if (!m->daemon)
         return "can't serve HTTP on " + address + ":" + std::to_string(port) + ": " + std::strerror(errno);
     const MHD_DaemonInfo* info = MHD_get_daemon_info(m->daemon, MHD_DAEMON_INFO_BIND_PORT);
