@@ -33,24 +33,20 @@ inline int http_port(const std::string& log) {
 
 inline int connect_loopback(int port) {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(uint16_t(port));
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in sa{AF_INET, htons(uint16_t(port)), {htonl(INADDR_LOOPBACK)}, {}};
     if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) close(fd), fd = -1;
     return fd;
 }
 
 struct HttpReply {
     int code = 0;  // 0: no response at all
-    std::string head, body;
+    std::string body;
 };
 
 // Sends raw and reads until the server closes (or 60 s of silence).
 inline HttpReply http_request(int port, const std::string& raw) {
-    HttpReply r;
     int fd = connect_loopback(port);
-    if (fd < 0) return r;
+    if (fd < 0) return {};
     timeval tv{60, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     std::string all;
@@ -60,11 +56,8 @@ inline HttpReply http_request(int port, const std::string& raw) {
     }
     close(fd);
     auto end = all.find("\r\n\r\n");
-    if (all.rfind("HTTP/1.", 0) != 0 || end == std::string::npos) return r;
-    r.code = std::atoi(all.c_str() + 9);
-    r.head = all.substr(0, end);
-    r.body = all.substr(end + 4);
-    return r;
+    if (all.rfind("HTTP/1.", 0) != 0 || end == std::string::npos) return {};
+    return {std::atoi(all.c_str() + 9), all.substr(end + 4)};
 }
 
 inline HttpReply http_get(int port, const std::string& path) {
