@@ -60,14 +60,14 @@ std::string metrics_text(const json& doc) {
     const json& totals = doc.contains("totals") ? doc["totals"] : json::object();
     auto total = [&](const char* key) { return totals.value(key, json(0)); };
 
-    Family(out, "orbserver_packets_written_total", "counter", "Packets this server put into the ring since it started.")
-        .sample(total("packets_written"));
-    Family(out, "orbserver_bytes_written_total", "counter", "Packet bytes this server put into the ring since it started.")
-        .sample(total("bytes_written"));
-    Family(out, "orbserver_packets_sent_total", "counter", "Packets this server sent to its readers since it started.")
-        .sample(total("packets_sent"));
-    Family(out, "orbserver_bytes_sent_total", "counter", "Packet bytes this server sent to its readers since it started.")
-        .sample(total("bytes_sent"));
+    Family(out, "orbserver_packets_written_total", "counter",
+           "Packets this server put into the ring since it started.").sample(total("packets_written"));
+    Family(out, "orbserver_bytes_written_total", "counter",
+           "Packet bytes this server put into the ring since it started.").sample(total("bytes_written"));
+    Family(out, "orbserver_packets_sent_total", "counter",
+           "Packets this server sent to its readers since it started.").sample(total("packets_sent"));
+    Family(out, "orbserver_bytes_sent_total", "counter",
+           "Packet bytes this server sent to its readers since it started.").sample(total("bytes_sent"));
     Family src_packets(out, "orbserver_source_packets_written_total", "counter",
                        "Packets of one source this server put into the ring since it started.");
     const json& by = totals.value("sources", json::object());
@@ -99,10 +99,12 @@ std::string metrics_text(const json& doc) {
 
     Family lag(out, "orbserver_client_lag_ratio", "gauge",
                "How far a reader is behind, as the lag throttle computes it (0 caught up, 1 at the oldest).");
-    for (const json& c : doc["clients"])
+    for (const json& c : doc["clients"]) {
+        std::string address = c["address"].get<std::string>() + ":" + std::to_string(c["port"].get<int>());
         lag.sample(c["lag"], {{"thread", std::to_string(c["thread"].get<int>())},
                               {"who", c["who"]},
                               {"what", c["what"]},
-                              {"address", c["address"].get<std::string>() + ":" + std::to_string(c["port"].get<int>())}});
+                              {"address", address}});
+    }
     return out;
 }

@@ -59,7 +59,7 @@ std::string status_page(const json& doc, int refresh) {
     std::string out = "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">\n"
                       "<meta http-equiv=\"refresh\" content=\"" + std::to_string(refresh) + "\">\n"
                       "<title>ring " + name + "</title></head><body>\n<h1>Ring " + name + "</h1>\n";
-    out += "<table id=\"ring\">\n";
+    out += "<table id=\"ring\" border=\"1\">\n";
     out += row({"server", cell(sv["version"]) + " pid " + cell(sv["pid"]) + " on " + cell(sv["host"]) + " port " +
                               cell(sv["port"])});
     out += row({"started", when(r["server_start"])});
@@ -73,14 +73,14 @@ std::string status_page(const json& doc, int refresh) {
     out += row({"clients", cell(r["nclients"])});
     out += "</table>\n";
 
-    out += "<h2>Sources</h2>\n<table id=\"sources\">\n";
+    out += "<h2>Sources</h2>\n<table id=\"sources\" border=\"1\">\n";
     out += row({"source", "packets", "bytes", "oldest", "latest", "latency (s)"}, "th");
     for (const json& s : doc["sources"])
         out += row({cell(s["srcname"]), cell(s["npkts"]), cell(s["nbytes"]), when(s["oldest"]["time"]),
                     when(s["latest"]["time"]), cell(s["latency"])});
     out += "</table>\n";
 
-    out += "<h2>Clients</h2>\n<table id=\"clients\">\n";
+    out += "<h2>Clients</h2>\n<table id=\"clients\" border=\"1\">\n";
     out += row({"thread", "perm", "who", "what", "address", "pktid", "lag", "packets sent", "bytes sent",
                 "packets received", "bytes received", "since"},
                "th");
