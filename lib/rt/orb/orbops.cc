@@ -239,7 +239,10 @@ int orbrup(const char* name, int thread, double* orb_start, double* server_start
     }
     close(fd);
     freeOrbfile(of);
-    if (child > 0) waitpid(child, nullptr, 0);
+    if (child > 0) {
+        waitpid(child, nullptr, 0);
+        orb_relay_finish(child);
+    }
     return result;
 }
 
