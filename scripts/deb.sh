@@ -14,6 +14,8 @@ mkdir -p "$stage/ferrant2"
 tar -C "$src" --exclude=./.git --exclude='./build' --exclude='./build-*' -cf - . |
     tar -C "$stage/ferrant2" -xf -
 
+# A make above this one must not lend its jobs or flags to debian/rules.
+unset MAKEFLAGS MFLAGS MAKELEVEL
 (cd "$stage/ferrant2" && dpkg-buildpackage -b -us -uc -j"${JOBS:-2}") > "$out/build.log" 2>&1 || {
     tail -40 "$out/build.log" >&2; echo "deb: dpkg-buildpackage failed; log in $out/build.log" >&2; exit 1; }
 mv "$stage"/*.deb "$out/"
