@@ -6,17 +6,12 @@
 # Usage: sh deb_test.sh SOURCE_DIR      (exit 77: skipped)
 set -eu
 src=$1
+here=$(cd "$(dirname "$0")" && pwd)
 for t in dpkg-buildpackage dh dpkg-deb fakeroot; do
     command -v $t >/dev/null || { echo "skipped: no $t (debhelper, dpkg-dev, fakeroot)"; exit 77; }
 done
-tmp=$(mktemp -d "${TMPDIR:-/tmp}/ferrant-deb.XXXXXX")
-receiver=
-cleanup() {
-    [ -n "$receiver" ] && kill "$receiver" 2>/dev/null && { wait "$receiver" 2>/dev/null || true; }
-    rm -rf "$tmp"
-}
-trap cleanup EXIT INT TERM
-fail() { echo "deb_test: $*" >&2; exit 1; }
+name=deb_test
+. "$here/common.sh"
 
 JOBS=2 sh "$src/scripts/deb.sh" "$tmp/out" > "$tmp/deb.log" 2>&1 || { cat "$tmp/deb.log" >&2; fail "make deb failed"; }
 deb=$(ls "$tmp"/out/ferrant2_*.deb)
@@ -60,11 +55,6 @@ ring="$tmp/ring@s1M"
 (cd "$tmp/send" && "$r/usr/bin/ferrant2" data.bin "$ring") 2> "$tmp/sender.log" ||
     { cat "$tmp/sender.log" >&2; fail "the unpacked sender failed"; }
 "$r/usr/bin/ferrant2" -S "$tmp/state" "$ring" 2> "$tmp/receiver.log" &
-receiver=$!
-tries=0
-until cmp -s "$tmp/send/data.bin" "$tmp/in/data.bin"; do
-    tries=$((tries + 1))
-    [ $tries -le 600 ] && kill -0 "$receiver" 2>/dev/null || { cat "$tmp/receiver.log" >&2; fail "data.bin did not arrive whole"; }
-    sleep 0.1
-done
+bg=$!
+await "$tmp/receiver.log" "data.bin did not arrive whole" cmp -s "$tmp/send/data.bin" "$tmp/in/data.bin"
 echo "deb_test: OK"

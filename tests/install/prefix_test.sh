@@ -8,14 +8,8 @@ set -eu
 build=$1
 here=$(cd "$(dirname "$0")" && pwd)
 command -v pkg-config >/dev/null || { echo "skipped: no pkg-config"; exit 77; }
-tmp=$(mktemp -d "${TMPDIR:-/tmp}/ferrant-install.XXXXXX")
-server=
-cleanup() {
-    [ -n "$server" ] && kill "$server" 2>/dev/null && { wait "$server" 2>/dev/null || true; }
-    rm -rf "$tmp"
-}
-trap cleanup EXIT INT TERM
-fail() { echo "prefix_test: $*" >&2; exit 1; }
+name=prefix_test
+. "$here/common.sh"
 
 p=$tmp/prefix
 cmake --install "$build" --prefix "$p" >/dev/null
@@ -33,19 +27,15 @@ for h in $(cd "$p/include/ferrant2" && find . -name '*.h' | sort); do
     printf '#include "%s"\n' "${h#./}" | c++ -x c++ -fsyntax-only $cflags - ||
         fail "installed header $h does not compile alone"
 done
-c++ -o "$tmp/client" "$here/client.cc" $cflags $(pkg-config --define-prefix --libs orb) || fail "client does not build against the installed tree"
+c++ -o "$tmp/client" "$here/client.cc" $cflags $(pkg-config --define-prefix --libs orb) ||
+    fail "client does not build against the installed tree"
 
 # Compiled-in root and run path name the configured prefix, not this one.
 export QUORVANE="$p" LD_LIBRARY_PATH="$(pkg-config --define-prefix --variable=libdir orb)"
 ldd "$tmp/client" | grep -q "liborb.so.0 => $p/" || fail "client does not load the installed liborb"
 "$p/bin/orbserver" -P 127.0.0.1:0 -s 1M -o "$tmp/port" "$tmp/ring" 2> "$tmp/server.log" &
-server=$!
-tries=0
-until [ -s "$tmp/port" ]; do
-    tries=$((tries + 1))
-    [ $tries -le 600 ] && kill -0 "$server" 2>/dev/null || { cat "$tmp/server.log" >&2; fail "orbserver did not start"; }
-    sleep 0.1
-done
+bg=$!
+await "$tmp/server.log" "orbserver did not start" test -s "$tmp/port"
 addr=$(cat "$tmp/port")
 "$tmp/client" w "$addr" 3
 "$tmp/client" r "$addr" 3 > "$tmp/got"
