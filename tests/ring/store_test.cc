@@ -1,0 +1,254 @@
+// The ring-store contract, run against the ring file and against a JetStream
+// stream on a real three-node cluster; then what only a cluster can do wrong.
+#include "ring/store.h"
+#include "ring/store_jetstream.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "support/nats_cluster.h"
+#include "support/tempdir.h"
+
+using namespace ring;
+using testing::HasSubstr;
+
+namespace {
+
+std::unique_ptr<nats_test::Cluster> the_cluster;
+std::string cluster_error;
+
+nats_test::Cluster* cluster() {
+    if (!the_cluster && cluster_error.empty()) {
+        if (nats_test::server_binary().empty()) return cluster_error = "nats-server is not installed", nullptr;
+        the_cluster = std::make_unique<nats_test::Cluster>();
+        if (!(cluster_error = the_cluster->wait_ready()).empty()) the_cluster.reset();
+    }
+    return the_cluster.get();
+}
+
+// The JetStream mirror follows the stream a moment after a put.
+template <class F>
+bool eventually(F cond) {
+    for (int i = 0; i < 600 && !cond(); i++) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    return cond();
+}
+
+std::string bytes(int i, size_t n = 100) { return std::string(n, char('a' + i % 26)) + std::to_string(i); }
+
+int64_t put(RingStore& s, const std::string& src, double t, const std::string& d, std::string* why = nullptr) {
+    return s.put(src, t, d.data(), d.size(), why);
+}
+
+struct Limits {
+    uint64_t size = 1 << 20, npkts = 0;
+    int32_t maxpkts = 0;
+};
+
+class Store : public testing::TestWithParam<std::string> {
+protected:
+    void SetUp() override {
+        if (GetParam() == "jetstream" && !cluster()) GTEST_SKIP() << cluster_error;
+    }
+    std::unique_ptr<RingStore> make(Limits l) {
+        std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
+        name = name.substr(0, name.find('/')) + std::to_string(getpid());
+        if (GetParam() == "file") return open_file_store(dir / name, {l.size, uint32_t(l.npkts), l.maxpkts});
+        JetStreamOptions o{cluster()->urls(), name, l.size, l.npkts, l.maxpkts};
+        o.timeout_ms = 3000;
+        return open_jetstream_store(o);
+    }
+    TempDir dir;
+};
+
+TEST_P(Store, AppendsAndReadsBack) {
+    auto s = make({});
+    const std::string odd = "NET_STA/%20 x\x01";
+    EXPECT_EQ(put(*s, "NET_STA_CHAN/MGENC", 100.25, bytes(0)), 0);
+    EXPECT_EQ(put(*s, odd, 1e9 + 1.0 / 3, bytes(1)), 1);
+    EXPECT_EQ(put(*s, "", 0, ""), 2);
+    std::string why;
+    EXPECT_EQ(put(*s, std::string(64, 'x'), 0, "", &why), -1);
+    EXPECT_THAT(why, HasSubstr("63 bytes"));
+    ASSERT_TRUE(eventually([&] { return s->head() == 3; }));
+    EXPECT_EQ(s->oldest(), 0u);
+    EXPECT_EQ(s->newest(), 2u);
+    Entry e;
+    std::vector<char> buf;
+    ASSERT_TRUE(s->read(1, &e, buf));
+    EXPECT_EQ(std::string(buf.begin(), buf.end()), bytes(1));
+    EXPECT_EQ(e.srcname, odd);
+    EXPECT_EQ(e.time, 1e9 + 1.0 / 3);
+    EXPECT_EQ(e.pktid, 1);
+    const char* data;
+    ASSERT_TRUE(s->view(0, &e, &data) && s->still_valid(0));
+    EXPECT_EQ(std::string(data, e.size), bytes(0));
+    ASSERT_TRUE(s->read(0, &e, buf, 10));
+    EXPECT_EQ(buf.size(), 10u);
+    EXPECT_FALSE(s->entry(3, &e));
+}
+
+TEST_P(Store, IdsWrapAndThePacketLimitDiscardsTheOldest) {
+    auto s = make({1 << 20, 4, 5});
+    for (int i = 0; i < 12; i++) ASSERT_EQ(put(*s, "A", i, bytes(i)), i);
+    ASSERT_TRUE(eventually([&] { return s->tail() == 8 && s->head() == 12; }));
+    for (uint64_t seq = 8; seq < 12; seq++) {
+        EXPECT_EQ(s->pktid(seq), int32_t(seq % 5));
+        EXPECT_EQ(s->find(int32_t(seq % 5)), seq);
+    }
+    EXPECT_EQ(s->find(2), std::nullopt);   // its packet, seq 7, is gone
+    EXPECT_EQ(s->find(5), std::nullopt);
+    EXPECT_EQ(s->next_seq(3), 8u);
+    EXPECT_EQ(s->prev_seq(8), std::nullopt);
+    EXPECT_EQ(s->prev_seq(100), 11u);
+    Entry e;
+    std::vector<char> buf;
+    EXPECT_FALSE(s->entry(7, &e));
+    ASSERT_TRUE(s->read(8, &e, buf));
+    EXPECT_EQ(std::string(buf.begin(), buf.end()), bytes(8));
+}
+
+TEST_P(Store, TheByteLimitDiscardsTheOldest) {
+    auto s = make({8192});
+    for (int i = 0; i < 30; i++) ASSERT_EQ(put(*s, "A", i, bytes(i, 1000)), i);
+    ASSERT_TRUE(eventually([&] { return s->tail() > 0 && s->status().bytes_used <= 8192; }));
+    EXPECT_EQ(s->newest(), 29u);
+    Entry e;
+    std::vector<char> buf;
+    ASSERT_TRUE(s->read(29, &e, buf));
+    EXPECT_EQ(std::string(buf.begin(), buf.end()), bytes(29, 1000));
+}
+
+TEST_P(Store, SeeksByTime) {
+    auto s = make({});
+    for (int i = 0; i < 10; i++) put(*s, "A", 100 + i, bytes(i));
+    ASSERT_TRUE(eventually([&] { return s->head() == 10; }));
+    EXPECT_EQ(s->after_time(104.5), 5u);
+    EXPECT_EQ(s->after_time(104), 5u);
+    EXPECT_EQ(s->after_time(0), 0u);
+    EXPECT_EQ(s->after_time(109), std::nullopt);
+}
+
+TEST_P(Store, SourcesCountThePacketsPresent) {
+    auto s = make({1 << 20, 3, 0});
+    const char* names[] = {"A", "B", "A", "B", "A"};
+    for (int i = 0; i < 5; i++) put(*s, names[i], 10 + i, bytes(i, 10 + i));
+    ASSERT_TRUE(eventually([&] { return s->tail() == 2 && s->head() == 5; }));
+    auto v = s->sources();
+    ASSERT_EQ(v.size(), 2u);
+    std::sort(v.begin(), v.end(), [](auto& a, auto& b) { return std::string(a.srcname) < b.srcname; });
+    EXPECT_EQ(v[0].npkts, 2u);
+    EXPECT_EQ(v[0].nbytes, bytes(2, 12).size() + bytes(4, 14).size());
+    EXPECT_EQ(v[0].soldest_time, 12);
+    EXPECT_EQ(v[0].slatest, 4);
+    EXPECT_EQ(v[1].npkts, 1u);
+    EXPECT_EQ(v[1].soldest, 3);
+    EXPECT_EQ(s->status().nsources, 2u);
+}
+
+TEST_P(Store, WaitersWakeOnPutsAndOnRequest) {
+    auto s = make({});
+    auto waiter = [&](uint64_t seen) {
+        uint32_t since = s->wake_count();
+        return std::async(std::launch::async, [&s, seen, since] { return s->wait_since(seen, since, -1); });
+    };
+    auto woken = waiter(0);
+    put(*s, "A", 1, "x");
+    ASSERT_EQ(woken.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    EXPECT_TRUE(woken.get());
+    uint64_t h = s->head();
+    woken = waiter(h);
+    s->wake_all();
+    ASSERT_EQ(woken.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    EXPECT_FALSE(woken.get());
+}
+
+INSTANTIATE_TEST_SUITE_P(Stores, Store, testing::Values("file", "jetstream"),
+                         [](const auto& p) { return p.param; });
+
+class JetStream : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!cluster()) GTEST_SKIP() << cluster_error;
+        o.urls = cluster()->urls();
+        o.name = testing::UnitTest::GetInstance()->current_test_info()->name() + std::to_string(getpid());
+        o.timeout_ms = 2000;
+    }
+    JetStreamOptions o;
+};
+
+TEST_F(JetStream, RefusesStreamsARingCannotUse) {
+    natsConnection* nc = nullptr;
+    ASSERT_EQ(natsConnection_ConnectTo(&nc, ("nats://" + o.urls[0]).c_str()), NATS_OK);
+    jsCtx* js = nullptr;
+    natsConnection_JetStream(&js, nc, nullptr);
+    struct Case { const char* setting; jsRetentionPolicy retention; jsDiscardPolicy discard; const char* subject; };
+    for (Case c : {Case{"setting retention", js_WorkQueuePolicy, js_DiscardOld, nullptr},
+                   Case{"setting discard", js_LimitsPolicy, js_DiscardNew, nullptr},
+                   Case{"setting subjects", js_LimitsPolicy, js_DiscardOld, "other.>"}}) {
+        o.name = std::string("bad") + std::to_string(c.discard + 2 * c.retention) + std::to_string(getpid());
+        std::string subject = c.subject ? c.subject : "orb." + o.name;
+        const char* subjects[] = {subject.c_str()};
+        jsStreamConfig cfg;
+        jsStreamConfig_Init(&cfg);
+        cfg.Name = o.name.c_str();
+        cfg.Subjects = subjects;
+        cfg.SubjectsLen = 1;
+        cfg.Retention = c.retention;
+        cfg.Discard = c.discard;
+        jsStreamInfo* si = nullptr;
+        ASSERT_EQ(js_AddStream(&si, js, &cfg, nullptr, nullptr), NATS_OK) << c.setting;
+        jsStreamInfo_Destroy(si);
+        try {
+            open_jetstream_store(o);
+            ADD_FAILURE() << c.setting << " accepted";
+        } catch (const Error& e) {
+            EXPECT_THAT(e.what(), HasSubstr(c.setting));
+        }
+    }
+    jsCtx_Destroy(js);
+    natsConnection_Destroy(nc);
+}
+
+TEST_F(JetStream, NoServerIsAnErrorNamingTheURLs) {
+    o.urls = {"127.0.0.1:" + std::to_string(nats_test::free_port())};
+    EXPECT_THAT([&] { open_jetstream_store(o); }, testing::ThrowsMessage<Error>(HasSubstr(o.urls[0])));
+}
+
+TEST_F(JetStream, ServesWithOneNodeKilled) {
+    std::string limits;
+    auto s = open_jetstream_store(o, &limits);
+    EXPECT_THAT(limits, HasSubstr("created: max_bytes 67108864, max_msgs 131072, max_age unlimited, replicas 3"));
+    ASSERT_EQ(put(*s, "A", 1, bytes(1)), 0);
+    cluster()->kill(0);
+    int64_t seq = -1;
+    ASSERT_TRUE(eventually([&] { return (seq = put(*s, "A", 2, bytes(2))) >= 1; }));
+    Entry e;
+    std::vector<char> buf;
+    ASSERT_TRUE(eventually([&] { return s->read(uint64_t(seq), &e, buf); }));
+    EXPECT_EQ(std::string(buf.begin(), buf.end()), bytes(2));
+    ASSERT_TRUE(s->read(0, &e, buf));
+    EXPECT_EQ(std::string(buf.begin(), buf.end()), bytes(1));
+    cluster()->start(0);
+}
+
+TEST_F(JetStream, PutsFailWithoutQuorumAndResumeWithIt) {
+    auto s = open_jetstream_store(o);
+    ASSERT_EQ(put(*s, "A", 1, bytes(1)), 0);
+    cluster()->kill(1);
+    cluster()->kill(2);
+    std::string why;
+    EXPECT_EQ(put(*s, "A", 2, bytes(2), &why), -1);
+    EXPECT_THAT(why, HasSubstr("did not store the packet"));
+    cluster()->start(1);
+    cluster()->start(2);
+    int64_t seq = -1;
+    ASSERT_TRUE(eventually([&] { return (seq = put(*s, "A", 3, bytes(3))) > 0; })) << why;
+    Entry e;
+    std::vector<char> buf;
+    ASSERT_TRUE(eventually([&] { return s->read(uint64_t(seq), &e, buf); }));
+    EXPECT_EQ(std::string(buf.begin(), buf.end()), bytes(3));
+}
+
+}  // namespace

@@ -1,0 +1,160 @@
+// A real NATS cluster with JetStream for tests: `nodes` nats-server processes
+// on loopback ports of their own, routed to each other, their configuration
+// and storage in a private temporary directory. Nodes can be SIGKILLed and
+// started again on the same ports and storage. Everything is killed when the
+// object goes. Programs including this link the NATS client (libnats).
+#pragma once
+
+#include <nats/nats.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/tempdir.h"
+
+namespace nats_test {
+
+// The server program, or "" when it is not installed.
+inline std::string server_binary() {
+    for (const char* p : {"/usr/sbin/nats-server", "/usr/bin/nats-server", "/usr/local/bin/nats-server"})
+        if (access(p, X_OK) == 0) return p;
+    return "";
+}
+
+// A loopback port free at the moment of asking.
+inline int free_port() {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t n = sizeof a;
+    int port = -1;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n) == 0)
+        port = ntohs(a.sin_port);
+    close(fd);
+    return port;
+}
+
+class Cluster {
+public:
+    explicit Cluster(int nodes = 3) : dir_("ferrant_nats") {
+        for (int i = 0; i < nodes; i++) nodes_.push_back({free_port(), free_port(), -1});
+        for (int i = 0; i < nodes; i++) {
+            std::string routes;
+            for (int j = 0; j < nodes; j++)
+                if (j != i) routes += "\n    nats-route://127.0.0.1:" + std::to_string(nodes_[j].route_port);
+            dir_.file("n" + std::to_string(i) + ".conf",
+                      "server_name: n" + std::to_string(i) + "\nlisten: 127.0.0.1:" +
+                          std::to_string(nodes_[i].port) + "\njetstream {\n  store_dir: \"" +
+                          dir_.sub("n" + std::to_string(i)) +
+                          "\"\n  max_memory_store: 64MB\n  max_file_store: 1GB\n}\ncluster {\n  name: ferrant\n"
+                          "  listen: 127.0.0.1:" + std::to_string(nodes_[i].route_port) + "\n  routes: [" +
+                          routes + "\n  ]\n}\n");
+        }
+        for (int i = 0; i < nodes; i++) start(i);
+    }
+    ~Cluster() {
+        for (int i = 0; i < int(nodes_.size()); i++) kill(i);
+    }
+    Cluster(const Cluster&) = delete;
+    Cluster& operator=(const Cluster&) = delete;
+
+    // "127.0.0.1:port" of every node.
+    std::vector<std::string> urls() const {
+        std::vector<std::string> v;
+        for (const auto& n : nodes_) v.push_back("127.0.0.1:" + std::to_string(n.port));
+        return v;
+    }
+    std::string url(int i) const { return "127.0.0.1:" + std::to_string(nodes_[i].port); }
+
+    void start(int i) {
+        if (nodes_[i].pid > 0) return;
+        std::string conf = dir_ / ("n" + std::to_string(i) + ".conf");
+        std::string log = dir_ / ("n" + std::to_string(i) + ".log");
+        std::string bin = server_binary();
+        pid_t pid = fork();
+        if (pid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);   // no server outlives a crashed test
+            FILE* f = std::freopen(log.c_str(), "a", stdout);
+            if (f) dup2(1, 2);
+            execl(bin.c_str(), bin.c_str(), "-js", "-c", conf.c_str(), static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        nodes_[i].pid = pid;
+    }
+
+    void kill(int i) {
+        if (nodes_[i].pid <= 0) return;
+        ::kill(nodes_[i].pid, SIGKILL);
+        while (waitpid(nodes_[i].pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+        nodes_[i].pid = -1;
+    }
+
+    // Waits (at most limit_s) until JetStream places a stream on every node:
+    // then the cluster has its leader and all peers. "" or what is wrong.
+    std::string wait_ready(int limit_s = 60) const {
+        std::string last = "no answer";
+        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(limit_s);
+        while (std::chrono::steady_clock::now() < end) {
+            natsConnection* nc = nullptr;
+            natsOptions* o = nullptr;
+            std::vector<std::string> u;
+            for (const auto& x : urls()) u.push_back("nats://" + x);
+            std::vector<const char*> up;
+            for (const auto& x : u) up.push_back(x.c_str());
+            natsOptions_Create(&o);
+            natsOptions_SetServers(o, up.data(), int(up.size()));
+            natsOptions_SetTimeout(o, 1000);
+            natsStatus s = natsConnection_Connect(&nc, o);
+            if (s == NATS_OK) {
+                jsCtx* js = nullptr;
+                jsOptions jo;
+                jsOptions_Init(&jo);
+                jo.Wait = 2000;
+                natsConnection_JetStream(&js, nc, &jo);
+                jsStreamConfig c;
+                jsStreamConfig_Init(&c);
+                c.Name = "ready_probe";
+                c.Storage = js_MemoryStorage;
+                c.Replicas = int64_t(nodes_.size());
+                jsStreamInfo* si = nullptr;
+                jsErrCode e;
+                s = js_AddStream(&si, js, &c, nullptr, &e);
+                if (s == NATS_OK) {
+                    jsStreamInfo_Destroy(si);
+                    js_DeleteStream(js, "ready_probe", nullptr, &e);
+                }
+                jsCtx_Destroy(js);
+                natsConnection_Destroy(nc);
+            }
+            natsOptions_Destroy(o);
+            if (s == NATS_OK) return "";
+            last = natsStatus_GetText(s);
+            std::this_thread::sleep_for(std::chrono::milliseconds(250));
+        }
+        return "cluster not ready: " + last;
+    }
+
+    const std::string& dir() const { return dir_.path; }
+
+private:
+    struct Node {
+        int port, route_port;
+        pid_t pid;
+    };
+    TempDir dir_;
+    std::vector<Node> nodes_;
+};
+
+}  // namespace nats_test
