@@ -56,7 +56,6 @@ protected:
         name = name.substr(0, name.find('/')) + std::to_string(getpid());
         if (GetParam() == "file") return open_file_store(dir / name, {l.size, uint32_t(l.npkts), l.maxpkts});
         JetStreamOptions o{cluster()->urls(), name, l.size, l.npkts, l.maxpkts};
-        o.timeout_ms = 3000;
         return open_jetstream_store(o);
     }
     TempDir dir;
@@ -173,7 +172,6 @@ protected:
         if (!cluster()) GTEST_SKIP() << cluster_error;
         o.urls = cluster()->urls();
         o.name = testing::UnitTest::GetInstance()->current_test_info()->name() + std::to_string(getpid());
-        o.timeout_ms = 2000;
     }
     JetStreamOptions o;
 };
@@ -211,8 +209,8 @@ TEST_F(JetStream, RefusesStreamsARingCannotUse) {
     natsConnection_Destroy(nc);
 }
 
-TEST_F(JetStream, NoServerIsAnErrorNamingTheURLs) {
-    o.urls = {"127.0.0.1:" + std::to_string(nats_test::free_port())};
+TEST(JetStreamStore, NoServerIsAnErrorNamingTheURLs) {
+    JetStreamOptions o{{"127.0.0.1:" + std::to_string(nats_test::free_port())}, "ring"};
     EXPECT_THAT([&] { open_jetstream_store(o); }, testing::ThrowsMessage<Error>(HasSubstr(o.urls[0])));
 }
 
@@ -231,9 +229,11 @@ TEST_F(JetStream, ServesWithOneNodeKilled) {
     ASSERT_TRUE(s->read(0, &e, buf));
     EXPECT_EQ(std::string(buf.begin(), buf.end()), bytes(1));
     cluster()->start(0);
+    EXPECT_EQ(cluster()->wait_ready(), "");   // whole again for the tests after
 }
 
 TEST_F(JetStream, PutsFailWithoutQuorumAndResumeWithIt) {
+    o.timeout_ms = 2000;
     auto s = open_jetstream_store(o);
     ASSERT_EQ(put(*s, "A", 1, bytes(1)), 0);
     cluster()->kill(1);
@@ -249,6 +249,7 @@ TEST_F(JetStream, PutsFailWithoutQuorumAndResumeWithIt) {
     std::vector<char> buf;
     ASSERT_TRUE(eventually([&] { return s->read(uint64_t(seq), &e, buf); }));
     EXPECT_EQ(std::string(buf.begin(), buf.end()), bytes(3));
+    EXPECT_EQ(cluster()->wait_ready(), "");
 }
 
 }  // namespace

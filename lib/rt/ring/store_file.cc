@@ -1,12 +1,12 @@
 // The ring file as a RingStore: every call goes straight to ring::Ring, which
 // already keeps the whole contract across processes.
-#include "ring/store.h"
+#include "ring/store_tables.h"
 
 namespace ring {
 
 namespace {
 
-class FileStore final : public RingStore {
+class FileStore final : public TablesInRing {
 public:
     explicit FileStore(std::unique_ptr<Ring> r) : r_(std::move(r)) {}
 
@@ -42,25 +42,10 @@ public:
 
     std::vector<Source> sources() const override { return r_->sources(); }
 
-    bool stash_put(std::string_view srcname, double time, const void* data, size_t size,
-                   std::string* why) override {
-        return r_->stash_put(srcname, time, data, size, why);
-    }
-    bool stash_get(std::string_view srcname, Entry* e, std::vector<char>& buf) const override {
-        return r_->stash_get(srcname, e, buf);
-    }
-
-    int32_t client_add(const Client& c) override { return r_->client_add(c); }
-    void client_remove(int32_t slot) override { r_->client_remove(slot); }
-    ClientCounters* counters(int32_t slot) override { return r_->counters(slot); }
-    void client_set_select(int32_t slot, std::string_view p) override { r_->client_set_select(slot, p); }
-    void client_set_reject(int32_t slot, std::string_view p) override { r_->client_set_reject(slot, p); }
-    std::vector<Client> clients() override { return r_->clients(); }
-    bool session_active(int32_t thread) override { return r_->session_active(thread); }
-
     Status status() const override { return r_->status(); }
 
 private:
+    Ring& tables() const override { return *r_; }
     std::unique_ptr<Ring> r_;
 };
 

@@ -1,5 +1,6 @@
 // The JetStream ring store. The mapping is described in store_jetstream.h.
 #include "ring/store_jetstream.h"
+#include "ring/store_tables.h"
 
 #include <nats/nats.h>
 #include <unistd.h>
@@ -127,7 +128,7 @@ struct Src {
 
 using Bytes = std::shared_ptr<const std::vector<char>>;
 
-class JetStreamStore final : public RingStore {
+class JetStreamStore final : public TablesInRing {
 public:
     JetStreamStore() = default;
     ~JetStreamStore() override;
@@ -216,24 +217,10 @@ public:
 
     std::vector<Source> sources() const override;
 
-    bool stash_put(std::string_view srcname, double time, const void* data, size_t size, std::string* why) override {
-        return local_->stash_put(srcname, time, data, size, why);
-    }
-    bool stash_get(std::string_view srcname, Entry* e, std::vector<char>& buf) const override {
-        return local_->stash_get(srcname, e, buf);
-    }
-
-    int32_t client_add(const Client& c) override { return local_->client_add(c); }
-    void client_remove(int32_t slot) override { local_->client_remove(slot); }
-    ClientCounters* counters(int32_t slot) override { return local_->counters(slot); }
-    void client_set_select(int32_t slot, std::string_view p) override { local_->client_set_select(slot, p); }
-    void client_set_reject(int32_t slot, std::string_view p) override { local_->client_set_reject(slot, p); }
-    std::vector<Client> clients() override { return local_->clients(); }
-    bool session_active(int32_t thread) override { return local_->session_active(thread); }
-
     Status status() const override;
 
 private:
+    Ring& tables() const override { return *local_; }
     static void on_msg(natsConnection*, natsSubscription*, natsMsg* msg, void* closure);
     void add(uint64_t seq, double time, uint32_t size, const std::string& name);
     void evict_front();
