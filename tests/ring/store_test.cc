@@ -41,6 +41,13 @@ int64_t put(RingStore& s, const std::string& src, double t, const std::string& d
     return s.put(src, t, d.data(), d.size(), why);
 }
 
+// The packet's bytes, its index data into *e; "absent" when it is not there.
+std::string data_at(const RingStore& s, uint64_t seq, Entry* e = nullptr) {
+    Entry x;
+    std::vector<char> buf;
+    return s.read(seq, e ? e : &x, buf) ? std::string(buf.begin(), buf.end()) : "absent";
+}
+
 struct Limits {
     uint64_t size = 1 << 20, npkts = 0;
     int32_t maxpkts = 0;
@@ -74,15 +81,14 @@ TEST_P(Store, AppendsAndReadsBack) {
     EXPECT_EQ(s->oldest(), 0u);
     EXPECT_EQ(s->newest(), 2u);
     Entry e;
-    std::vector<char> buf;
-    ASSERT_TRUE(s->read(1, &e, buf));
-    EXPECT_EQ(std::string(buf.begin(), buf.end()), bytes(1));
+    EXPECT_EQ(data_at(*s, 1, &e), bytes(1));
     EXPECT_EQ(e.srcname, odd);
     EXPECT_EQ(e.time, 1e9 + 1.0 / 3);
     EXPECT_EQ(e.pktid, 1);
     const char* data;
     ASSERT_TRUE(s->view(0, &e, &data) && s->still_valid(0));
     EXPECT_EQ(std::string(data, e.size), bytes(0));
+    std::vector<char> buf;
     ASSERT_TRUE(s->read(0, &e, buf, 10));
     EXPECT_EQ(buf.size(), 10u);
     EXPECT_FALSE(s->entry(3, &e));
@@ -101,11 +107,8 @@ TEST_P(Store, IdsWrapAndThePacketLimitDiscardsTheOldest) {
     EXPECT_EQ(s->next_seq(3), 8u);
     EXPECT_EQ(s->prev_seq(8), std::nullopt);
     EXPECT_EQ(s->prev_seq(100), 11u);
-    Entry e;
-    std::vector<char> buf;
-    EXPECT_FALSE(s->entry(7, &e));
-    ASSERT_TRUE(s->read(8, &e, buf));
-    EXPECT_EQ(std::string(buf.begin(), buf.end()), bytes(8));
+    EXPECT_EQ(data_at(*s, 7), "absent");
+    EXPECT_EQ(data_at(*s, 8), bytes(8));
 }
 
 TEST_P(Store, TheByteLimitDiscardsTheOldest) {
@@ -113,10 +116,7 @@ TEST_P(Store, TheByteLimitDiscardsTheOldest) {
     for (int i = 0; i < 30; i++) ASSERT_EQ(put(*s, "A", i, bytes(i, 1000)), i);
     ASSERT_TRUE(eventually([&] { return s->tail() > 0 && s->status().bytes_used <= 8192; }));
     EXPECT_EQ(s->newest(), 29u);
-    Entry e;
-    std::vector<char> buf;
-    ASSERT_TRUE(s->read(29, &e, buf));
-    EXPECT_EQ(std::string(buf.begin(), buf.end()), bytes(29, 1000));
+    EXPECT_EQ(data_at(*s, 29), bytes(29, 1000));
 }
 
 TEST_P(Store, SeeksByTime) {
@@ -163,6 +163,23 @@ TEST_P(Store, WaitersWakeOnPutsAndOnRequest) {
     EXPECT_FALSE(woken.get());
 }
 
+TEST_P(Store, AsyncPutsAreDoneInCallOrder) {
+    auto s = make({});
+    std::mutex m;
+    std::vector<int64_t> seqs;
+    for (int i = 0; i < 300; i++) {   // more than a window
+        std::string d = bytes(i);
+        s->put_async("A", i, d.data(), d.size(), [&](int64_t q, const std::string&) {
+            std::lock_guard lk(m);
+            seqs.push_back(q);
+        });
+    }
+    s->flush();
+    std::lock_guard lk(m);
+    ASSERT_EQ(seqs.size(), 300u);
+    for (int i = 0; i < 300; i++) EXPECT_EQ(seqs[i], i);
+}
+
 INSTANTIATE_TEST_SUITE_P(Stores, Store, testing::Values("file", "jetstream"),
                          [](const auto& p) { return p.param; });
 
@@ -198,12 +215,7 @@ TEST_F(JetStream, RefusesStreamsARingCannotUse) {
         jsStreamInfo* si = nullptr;
         ASSERT_EQ(js_AddStream(&si, js, &cfg, nullptr, nullptr), NATS_OK) << c.setting;
         jsStreamInfo_Destroy(si);
-        try {
-            open_jetstream_store(o);
-            ADD_FAILURE() << c.setting << " accepted";
-        } catch (const Error& e) {
-            EXPECT_THAT(e.what(), HasSubstr(c.setting));
-        }
+        EXPECT_THAT([&] { open_jetstream_store(o); }, testing::ThrowsMessage<Error>(HasSubstr(c.setting)));
     }
     jsCtx_Destroy(js);
     natsConnection_Destroy(nc);
@@ -222,12 +234,8 @@ TEST_F(JetStream, ServesWithOneNodeKilled) {
     cluster()->kill(0);
     int64_t seq = -1;
     ASSERT_TRUE(eventually([&] { return (seq = put(*s, "A", 2, bytes(2))) >= 1; }));
-    Entry e;
-    std::vector<char> buf;
-    ASSERT_TRUE(eventually([&] { return s->read(uint64_t(seq), &e, buf); }));
-    EXPECT_EQ(std::string(buf.begin(), buf.end()), bytes(2));
-    ASSERT_TRUE(s->read(0, &e, buf));
-    EXPECT_EQ(std::string(buf.begin(), buf.end()), bytes(1));
+    EXPECT_TRUE(eventually([&] { return data_at(*s, uint64_t(seq)) == bytes(2); }));
+    EXPECT_EQ(data_at(*s, 0), bytes(1));
     cluster()->start(0);
     EXPECT_EQ(cluster()->wait_ready(), "");   // whole again for the tests after
 }
@@ -245,10 +253,7 @@ TEST_F(JetStream, PutsFailWithoutQuorumAndResumeWithIt) {
     cluster()->start(2);
     int64_t seq = -1;
     ASSERT_TRUE(eventually([&] { return (seq = put(*s, "A", 3, bytes(3))) > 0; })) << why;
-    Entry e;
-    std::vector<char> buf;
-    ASSERT_TRUE(eventually([&] { return s->read(uint64_t(seq), &e, buf); }));
-    EXPECT_EQ(std::string(buf.begin(), buf.end()), bytes(3));
+    EXPECT_TRUE(eventually([&] { return data_at(*s, uint64_t(seq)) == bytes(3); }));
     EXPECT_EQ(cluster()->wait_ready(), "");
 }
 

@@ -75,7 +75,6 @@ public:
         for (const auto& n : nodes_) v.push_back("127.0.0.1:" + std::to_string(n.port));
         return v;
     }
-    std::string url(int i) const { return "127.0.0.1:" + std::to_string(nodes_[i].port); }
 
     void start(int i) {
         if (nodes_[i].pid > 0) return;
@@ -104,49 +103,31 @@ public:
     // Waits (at most limit_s) until JetStream places a stream on every node:
     // then the cluster has its leader and all peers. "" or what is wrong.
     std::string wait_ready(int limit_s = 60) const {
-        std::string last = "no answer";
-        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(limit_s);
-        while (std::chrono::steady_clock::now() < end) {
+        std::string list, last = "no answer";
+        for (const auto& u : urls()) list += (list.empty() ? "nats://" : ",nats://") + u;
+        for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(limit_s);
+             std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(std::chrono::milliseconds(250))) {
             natsConnection* nc = nullptr;
-            natsOptions* o = nullptr;
-            std::vector<std::string> u;
-            for (const auto& x : urls()) u.push_back("nats://" + x);
-            std::vector<const char*> up;
-            for (const auto& x : u) up.push_back(x.c_str());
-            natsOptions_Create(&o);
-            natsOptions_SetServers(o, up.data(), int(up.size()));
-            natsOptions_SetTimeout(o, 1000);
-            natsStatus s = natsConnection_Connect(&nc, o);
-            if (s == NATS_OK) {
-                jsCtx* js = nullptr;
-                jsOptions jo;
-                jsOptions_Init(&jo);
-                jo.Wait = 2000;
-                natsConnection_JetStream(&js, nc, &jo);
-                jsStreamConfig c;
-                jsStreamConfig_Init(&c);
-                c.Name = "ready_probe";
-                c.Storage = js_MemoryStorage;
-                c.Replicas = int64_t(nodes_.size());
-                jsStreamInfo* si = nullptr;
-                jsErrCode e;
-                s = js_AddStream(&si, js, &c, nullptr, &e);
-                if (s == NATS_OK) {
-                    jsStreamInfo_Destroy(si);
-                    js_DeleteStream(js, "ready_probe", nullptr, &e);
-                }
-                jsCtx_Destroy(js);
-                natsConnection_Destroy(nc);
+            jsCtx* js = nullptr;
+            jsStreamInfo* si = nullptr;
+            jsStreamConfig c;
+            jsStreamConfig_Init(&c);
+            c.Name = "ready_probe";
+            c.Storage = js_MemoryStorage;
+            c.Replicas = int64_t(nodes_.size());
+            natsStatus s = natsConnection_ConnectTo(&nc, list.c_str());
+            if (s == NATS_OK && (s = natsConnection_JetStream(&js, nc, nullptr)) == NATS_OK &&
+                (s = js_AddStream(&si, js, &c, nullptr, nullptr)) == NATS_OK) {
+                jsStreamInfo_Destroy(si);
+                js_DeleteStream(js, "ready_probe", nullptr, nullptr);
             }
-            natsOptions_Destroy(o);
+            jsCtx_Destroy(js);
+            natsConnection_Destroy(nc);
             if (s == NATS_OK) return "";
             last = natsStatus_GetText(s);
-            std::this_thread::sleep_for(std::chrono::milliseconds(250));
         }
         return "cluster not ready: " + last;
     }
-
-    const std::string& dir() const { return dir_.path; }
 
 private:
     struct Node {

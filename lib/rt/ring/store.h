@@ -16,6 +16,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -39,6 +40,20 @@ public:
     // unreachable or without quorum). Wakes waiters.
     virtual int64_t put(std::string_view srcname, double time, const void* data, size_t size,
                         std::string* why = nullptr) = 0;
+    // put() without waiting for the store. `done` runs once per call, on any
+    // thread, with what put() would have returned (why is "" on success), and
+    // in the order of the calls; it must not call put_async itself. A store
+    // that works with a window of puts in flight blocks here while the window
+    // is full; one without (the ring file) has completed the put on return.
+    using PutDone = std::function<void(int64_t seq, const std::string& why)>;
+    virtual void put_async(std::string_view srcname, double time, const void* data, size_t size, PutDone done) {
+        std::string why;
+        int64_t seq = put(srcname, time, data, size, &why);
+        done(seq, why);
+    }
+    // Returns once every earlier put_async has run its done (or the store's
+    // time limit has passed).
+    virtual void flush() {}
 
     // ---- positions ----
     virtual uint64_t head() const = 0;   // seq the next packet will get

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <charconv>
 #include <chrono>
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <deque>
 #include <filesystem>
+#include <future>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -29,6 +31,7 @@ constexpr char kDescPrefix[] = "orb ring, pktid modulus ";
 constexpr int32_t kHole = -2;               // a sequence this front end never saw
 constexpr uint64_t kMaxHoles = 1u << 16;    // a larger jump restarts the index
 constexpr size_t kCachePackets = 1024, kCacheBytes = 32u << 20;
+constexpr size_t kWindow = 256;            // puts in flight at most
 
 std::string escape_name(std::string_view s) {
     std::string out;
@@ -138,6 +141,8 @@ public:
     std::string describe() const override { return "stream '" + name_ + "' on " + urls_; }
 
     int64_t put(std::string_view srcname, double time, const void* data, size_t size, std::string* why) override;
+    void put_async(std::string_view srcname, double time, const void* data, size_t size, PutDone done) override;
+    void flush() override;
 
     uint64_t head() const override {
         std::lock_guard lk(mu_);
@@ -222,6 +227,9 @@ public:
 private:
     Ring& tables() const override { return *local_; }
     static void on_msg(natsConnection*, natsSubscription*, natsMsg* msg, void* closure);
+    static void on_ack(natsConnection*, natsSubscription*, natsMsg* msg, void* closure);
+    void deliver();
+    void expire();
     void add(uint64_t seq, double time, uint32_t size, const std::string& name);
     void evict_front();
     void evict_to(uint64_t seq);
@@ -264,6 +272,24 @@ private:
     std::vector<Src> srcs_;
     std::vector<int32_t> free_src_;
     std::unordered_map<std::string, int32_t> src_by_name_;
+
+    // Puts in flight, oldest first, guarded by pub_mu_; ids count the calls.
+    struct Pending {
+        uint64_t id;
+        PutDone done;
+        Bytes data;
+        std::chrono::steady_clock::time_point deadline;
+        bool finished = false;
+        int64_t seq = -1;
+        std::string why;
+    };
+    natsSubscription* ack_sub_ = nullptr;
+    std::string inbox_;
+    std::mutex pub_mu_, deliver_mu_;
+    std::condition_variable pub_cv_;
+    std::deque<Pending> inflight_;
+    uint64_t next_put_ = 0;
+    std::atomic<size_t> ninflight_{0};
 
     mutable std::mutex cache_mu_;
     mutable std::map<uint64_t, Bytes> cache_;
@@ -375,6 +401,14 @@ void JetStreamStore::open(const JetStreamOptions& o, std::string* limits) {
     }
     unlink(tmpl.c_str());
 
+    natsInbox* inbox = nullptr;
+    if ((s = natsInbox_Create(&inbox)) == NATS_OK) {
+        inbox_ = inbox;
+        natsInbox_Destroy(inbox);
+        s = natsConnection_Subscribe(&ack_sub_, nc_, (inbox_ + ".*").c_str(), on_ack, this);
+    }
+    if (s != NATS_OK) throw Error("can't take acknowledgements from " + urls_ + ": " + nats_text(s));
+
     jsSubOptions so;
     jsSubOptions_Init(&so);
     so.Stream = name_.c_str();
@@ -412,6 +446,16 @@ JetStreamStore::~JetStreamStore() {
         if (natsSubscription_Drain(sub_) == NATS_OK) natsSubscription_WaitForDrainCompletion(sub_, timeout_ms_);
         natsSubscription_Destroy(sub_);
     }
+    if (ack_sub_) {
+        if (natsSubscription_Drain(ack_sub_) == NATS_OK) natsSubscription_WaitForDrainCompletion(ack_sub_, timeout_ms_);
+        natsSubscription_Destroy(ack_sub_);
+    }
+    {
+        std::lock_guard lk(pub_mu_);
+        for (Pending& p : inflight_)
+            if (!p.finished) p.finished = true, p.why = "stream '" + name_ + "' closed before the packet was stored";
+    }
+    deliver();
     if (js_) jsCtx_Destroy(js_);
     if (nc_) {
         natsConnection_Close(nc_);
@@ -568,42 +612,128 @@ std::vector<Source> JetStreamStore::sources() const {
 }
 
 int64_t JetStreamStore::put(std::string_view name, double time, const void* data, size_t size, std::string* why) {
-    if (name.size() >= kNameBytes || std::memchr(name.data(), 0, name.size())) {
-        if (why) *why = "source name longer than 63 bytes or containing NUL";
+    // Shared with the callback: it may still be in set_value when get() returns.
+    auto result = std::make_shared<std::promise<std::pair<int64_t, std::string>>>();
+    auto answer = result->get_future();
+    put_async(name, time, data, size, [result](int64_t seq, const std::string& w) { result->set_value({seq, w}); });
+    auto [seq, w] = answer.get();
+    if (seq < 0) {
+        if (why) *why = w;
         return -1;
     }
-    if (size > uint64_t(INT32_MAX) || (max_bytes_ > 0 && size > uint64_t(max_bytes_))) {
-        if (why) *why = "packet of " + std::to_string(size) + " bytes exceeds the stream's byte limit";
-        return -1;
-    }
-    natsMsg* m = nullptr;
-    natsStatus s = natsMsg_Create(&m, subject_.c_str(), nullptr, static_cast<const char*>(data), int(size));
-    if (s == NATS_OK) s = natsMsgHeader_Set(m, kSrcHeader, escape_name(name).c_str());
-    if (s == NATS_OK) s = natsMsgHeader_Set(m, kTimeHeader, time_text(time).c_str());
-    jsPubAck* pa = nullptr;
-    jsErrCode jerr = jsErrCode(0);
-    if (s == NATS_OK) {
-        jsPubOptions po;
-        jsPubOptions_Init(&po);
-        po.ExpectStream = name_.c_str();
-        po.MaxWait = timeout_ms_;
-        s = js_PublishMsg(&pa, js_, m, &po, &jerr);
-    }
-    natsMsg_Destroy(m);
-    if (s != NATS_OK || !pa) {
-        if (why) *why = "stream '" + name_ + "' did not store the packet: " + nats_text(s);
-        return -1;
-    }
-    uint64_t seq = pa->Sequence - 1;
-    jsPubAck_Destroy(pa);
-    cache(seq, std::make_shared<const std::vector<char>>(static_cast<const char*>(data),
-                                                          static_cast<const char*>(data) + size));
     // Readers of this front end see the packet once its index entry arrives.
     std::unique_lock lk(mu_);
-    refresh_wanted_ = true;
-    cv_.notify_all();
-    cv_.wait_for(lk, std::chrono::milliseconds(timeout_ms_), [&] { return head_ > seq || closing_; });
-    return int64_t(seq);
+    cv_.wait_for(lk, std::chrono::milliseconds(timeout_ms_), [&, seq = seq] { return head_ > uint64_t(seq) || closing_; });
+    return seq;
+}
+
+// Each put is published with a reply subject of its own under inbox_; the
+// cluster's acknowledgement comes back there (on_ack), or the deadline passes
+// (expire). Publishing under pub_mu_ keeps the stream's order that of the ids.
+void JetStreamStore::put_async(std::string_view name, double time, const void* data, size_t size, PutDone done) {
+    std::string why;
+    if (name.size() >= kNameBytes || std::memchr(name.data(), 0, name.size()))
+        why = "source name longer than 63 bytes or containing NUL";
+    else if (size > uint64_t(INT32_MAX) || (max_bytes_ > 0 && size > uint64_t(max_bytes_)))
+        why = "packet of " + std::to_string(size) + " bytes exceeds the stream's byte limit";
+    const auto limit = std::chrono::milliseconds(timeout_ms_);
+    std::unique_lock lk(pub_mu_);
+    if (why.empty() && !pub_cv_.wait_for(lk, limit, [&] { return inflight_.size() < kWindow; }))
+        why = "stream '" + name_ + "' did not store the packet: " + std::to_string(kWindow) +
+              " puts still wait for the cluster";
+    uint64_t id = next_put_++;
+    Pending& p = inflight_.emplace_back();
+    ninflight_ = inflight_.size();
+    p.id = id;
+    p.done = std::move(done);
+    p.deadline = std::chrono::steady_clock::now() + limit;
+    if (why.empty()) {
+        const char* bytes = static_cast<const char*>(data);
+        p.data = std::make_shared<const std::vector<char>>(bytes, bytes + size);
+        natsMsg* m = nullptr;
+        std::string reply = inbox_ + "." + std::to_string(id);
+        natsStatus s = natsMsg_Create(&m, subject_.c_str(), reply.c_str(), bytes, int(size));
+        if (s == NATS_OK) s = natsMsgHeader_Set(m, kSrcHeader, escape_name(name).c_str());
+        if (s == NATS_OK) s = natsMsgHeader_Set(m, kTimeHeader, time_text(time).c_str());
+        if (s == NATS_OK) s = natsMsgHeader_Set(m, "Nats-Expected-Stream", name_.c_str());
+        if (s == NATS_OK) s = natsConnection_PublishMsg(nc_, m);
+        natsMsg_Destroy(m);
+        if (s != NATS_OK) why = "stream '" + name_ + "' did not store the packet: " + nats_text(s);
+    }
+    if (!why.empty()) p.finished = true, p.why = why;
+    lk.unlock();
+    want_refresh();   // the tail may move; and the refresher times out what stays unanswered
+    deliver();
+}
+
+void JetStreamStore::on_ack(natsConnection*, natsSubscription*, natsMsg* msg, void* closure) {
+    auto* self = static_cast<JetStreamStore*>(closure);
+    const char* subj = natsMsg_GetSubject(msg);
+    const char* dot = std::strrchr(subj, '.');
+    uint64_t id = std::strtoull(dot ? dot + 1 : "", nullptr, 10);
+    std::string_view a(natsMsg_GetData(msg) ? natsMsg_GetData(msg) : "", size_t(natsMsg_GetDataLength(msg)));
+    int64_t seq = -1;
+    std::string why;
+    size_t k;
+    if (a.empty()) {
+        why = "no server stores the stream now (no leader: is the cluster without quorum?)";
+    } else if ((k = a.find("\"description\":\"")) != std::string_view::npos) {
+        why = std::string(a.substr(k + 15, a.find('"', k + 15) - (k + 15)));
+    } else if (a.find("\"error\"") == std::string_view::npos && (k = a.find("\"seq\":")) != std::string_view::npos) {
+        seq = int64_t(std::strtoull(a.data() + k + 6, nullptr, 10)) - 1;
+    } else {
+        why = "unreadable acknowledgement: " + std::string(a.substr(0, 200));
+    }
+    natsMsg_Destroy(msg);
+    {
+        std::lock_guard lk(self->pub_mu_);
+        if (self->inflight_.empty() || id < self->inflight_.front().id) return;   // timed out already
+        Pending& p = self->inflight_[id - self->inflight_.front().id];
+        if (p.finished) return;
+        p.finished = true;
+        p.seq = seq;
+        if (seq < 0) p.why = "stream '" + self->name_ + "' did not store the packet: " + why;
+    }
+    self->deliver();
+}
+
+// Runs the done of every finished put at the front, in call order.
+void JetStreamStore::deliver() {
+    std::lock_guard order(deliver_mu_);
+    while (true) {
+        Pending p;
+        {
+            std::lock_guard lk(pub_mu_);
+            if (inflight_.empty() || !inflight_.front().finished) break;
+            p = std::move(inflight_.front());
+            inflight_.pop_front();
+            ninflight_ = inflight_.size();
+            pub_cv_.notify_all();
+        }
+        if (p.seq >= 0) cache(uint64_t(p.seq), std::move(p.data));
+        p.done(p.seq, p.why);
+    }
+}
+
+void JetStreamStore::expire() {
+    {
+        std::lock_guard lk(pub_mu_);
+        auto now = std::chrono::steady_clock::now();
+        for (Pending& p : inflight_) {
+            if (p.finished || now < p.deadline) continue;
+            p.finished = true;
+            p.why = "stream '" + name_ + "' did not store the packet: no acknowledgement within " +
+                    std::to_string(timeout_ms_) + " ms (is the cluster without quorum?)";
+        }
+    }
+    deliver();
+}
+
+void JetStreamStore::flush() {
+    std::unique_lock lk(pub_mu_);
+    pub_cv_.wait_for(lk, std::chrono::milliseconds(2 * timeout_ms_), [&] { return inflight_.empty(); });
+    lk.unlock();
+    std::lock_guard done(deliver_mu_);   // the last ones popped have run their done
 }
 
 Bytes JetStreamStore::fetch(uint64_t seq) const {
@@ -646,14 +776,16 @@ void JetStreamStore::cache(uint64_t seq, Bytes b) const {
 
 // The tail follows the stream's first sequence: asked for after puts and
 // missed reads, at most ten times a second, and every few seconds anyway (age
-// limits and purges discard without a put).
+// limits and purges discard without a put). Puts past their deadline fail here.
 void JetStreamStore::refresh_loop() {
     std::unique_lock lk(mu_);
     while (!closing_) {
-        cv_.wait_for(lk, std::chrono::seconds(3), [&] { return closing_ || refresh_wanted_; });
+        auto nap = ninflight_ ? std::chrono::milliseconds(100) : std::chrono::milliseconds(3000);
+        cv_.wait_for(lk, nap, [&] { return closing_ || refresh_wanted_; });
         if (closing_) break;
         refresh_wanted_ = false;
         lk.unlock();
+        expire();
         jsStreamInfo* si = nullptr;
         jsErrCode jerr = jsErrCode(0);
         natsStatus s = js_GetStreamInfo(&si, js_, name_.c_str(), nullptr, &jerr);

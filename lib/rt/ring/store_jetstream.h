@@ -18,9 +18,11 @@
 //   packet bytes are fetched (direct get by sequence, any replica). The
 //   mirror's tail follows the stream's first sequence, refreshed after puts
 //   and when a read finds its packet discarded.
-// - put() publishes synchronously and returns only once the cluster has
-//   acknowledged (and this front end's mirror has the packet, within the
-//   request time limit), so there is one put in flight per calling thread.
+// - put_async() keeps up to 256 puts in flight, published in call order, each
+//   done only once the cluster acknowledged it (or failed at its deadline),
+//   in call order. put() is put_async() waited for, and returns once this
+//   front end's mirror also has the packet (within the time limit). A put
+//   whose acknowledgement was lost fails though the stream may hold it.
 // - Clients and stash are this front end's own (a private unlinked ring
 //   file): ORBCLIENTS shows the clients of this front end only.
 //
