@@ -5,6 +5,7 @@ pkgs="cmake make g++ libgtest-dev libgmock-dev libbenchmark-dev libssl-dev clang
 pkgs="$pkgs libmicrohttpd-dev nlohmann-json3-dev pkg-config"  # the status page
 pkgs="$pkgs chromium python3-prometheus-client"                # its tests: a browser, a metrics parser
 pkgs="$pkgs debhelper lintian fakeroot dpkg-dev systemd"       # make deb, and its test
+pkgs="$pkgs libnats-dev nats-server"                           # rings on a JetStream stream
 pkgs="$pkgs rsync"                                             # the benchmark's reference
 missing=""
 for p in $pkgs; do
