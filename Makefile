@@ -6,13 +6,19 @@
 #   make fuzz       build the libFuzzer targets with clang and run each for FUZZ_SECONDS
 #   make bench      Release build, then the benchmark table
 #   make install    install under PREFIX (default /usr/local)
+#   make mutate     mutation testing: MUTANTS faults sampled with SEED, within BUDGET seconds
+#   make coverage   the suite in a --coverage build, then gcovr's line-coverage total
 
 PREFIX       ?= /usr/local
 JOBS         ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 CMAKE_FLAGS  ?=
+MUTANTS      ?= 60
+SEED         ?= 1
+BUDGET       ?= 1800
+MUTATE_FILES ?=
 
-.PHONY: all build configure deps demo test test-asan fuzz bench install clean
+.PHONY: all build configure deps demo test test-asan fuzz bench install mutate coverage clean
 
 all: build
 
@@ -50,8 +56,22 @@ bench: deps
 	cmake --build build-release -j $(JOBS)
 	sh bench/run.sh build-release
 
+# Its own build tree, so that build/ is never disturbed; see scripts/mutate.py.
+mutate: deps
+	python3 scripts/mutate.py --mutants $(MUTANTS) --seed $(SEED) --budget $(BUDGET) \
+		--jobs $(JOBS) --files '$(MUTATE_FILES)' --build build-mutate
+
+coverage: deps
+	cmake -S . -B build-coverage -DCMAKE_BUILD_TYPE=Debug \
+		-DCMAKE_CXX_FLAGS=--coverage -DCMAKE_C_FLAGS=--coverage $(CMAKE_FLAGS) >/dev/null
+	cmake --build build-coverage -j $(JOBS)
+	find build-coverage -name '*.gcda' -delete
+	cd build-coverage && ctest -j $(JOBS) --timeout 600 >/dev/null
+	gcovr -r . --filter 'lib/' --filter 'bin/' -j $(JOBS) \
+		--print-summary -o build-coverage/coverage.txt build-coverage | tail -3
+
 install: build
 	cmake --install build
 
 clean:
-	rm -rf build build-asan build-fuzz build-release
+	rm -rf build build-asan build-fuzz build-release build-mutate build-coverage

@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs the Debian packages the build needs when one is missing: as root it
 # runs apt-get, otherwise it prints the command to run.
-pkgs="cmake make g++ libgtest-dev libgmock-dev libbenchmark-dev libssl-dev clang libclang-rt-14-dev"
+pkgs="cmake make g++ libgtest-dev libgmock-dev libbenchmark-dev libssl-dev clang libclang-rt-14-dev gcovr python3"
 missing=""
 for p in $pkgs; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
