@@ -17,6 +17,7 @@ MUTANTS      ?= 60
 SEED         ?= 1
 BUDGET       ?= 1800
 MUTATE_FILES ?=
+FIRST        ?= 0
 
 .PHONY: all build configure deps demo test test-asan fuzz bench install mutate coverage clean
 
@@ -59,7 +60,7 @@ bench: deps
 # Its own build tree, so that build/ is never disturbed; see scripts/mutate.py.
 mutate: deps
 	python3 scripts/mutate.py --mutants $(MUTANTS) --seed $(SEED) --budget $(BUDGET) \
-		--jobs $(JOBS) --files '$(MUTATE_FILES)' --build build-mutate
+		--jobs $(JOBS) --files '$(MUTATE_FILES)' --first $(FIRST) --build build-mutate
 
 coverage: deps
 	cmake -S . -B build-coverage -DCMAKE_BUILD_TYPE=Debug \

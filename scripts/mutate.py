@@ -245,6 +245,9 @@ def main():
     ap.add_argument("--build", default=os.path.join(ROOT, "build-mutate"))
     ap.add_argument("--jobs", type=int, default=2)
     ap.add_argument("--test-timeout", type=int, default=120)
+    ap.add_argument("--first", type=int, default=0,
+                    help="run only the first N mutants of the sample (in run order), "
+                         "to repeat a run that its budget cut short")
     ap.add_argument("--report", default=None)
     args = ap.parse_args()
     build = os.path.abspath(args.build)
@@ -273,6 +276,9 @@ def main():
     sample = rng.sample(candidates, min(args.mutants, len(candidates)))
     # Grouped by file, so that a restored file is rebuilt once per file.
     order = sorted(range(len(sample)), key=lambda i: (sample[i][0], sample[i][1]))
+    if args.first:
+        sample = [sample[i] for i in order[:args.first]]
+        order = list(range(len(sample)))
 
     t0 = time.time()
     rc, out = run(["ctest", "-j", str(args.jobs), "--timeout", str(args.test_timeout)],
@@ -292,6 +298,8 @@ def main():
         orig_objs[s] = [read(o, "rb") for o in objs[s]]
 
     results = [None] * len(sample)
+    tsv = os.path.splitext(report_path)[0] + ".tsv"
+    write(tsv, "")
     start = time.time()
     try:
         for n, i in enumerate(order):
@@ -326,17 +334,20 @@ def main():
             print("[%d/%d] %-9s %s:%d %s: %r -> %r %s" %
                   (n + 1, len(sample), results[i][0], s, ln, kind, old.strip(), new,
                    results[i][1]), flush=True)
+            with open(tsv, "a") as f:  # as it goes, so that an interrupted run still tells
+                f.write(tsv_line(sample[i], results[i]))
     finally:
         rc, out = run(["cmake", "--build", build, "-j", str(args.jobs)], ROOT)
 
     report = make_report(sample, results, args, len(candidates), time.time() - start)
     write(report_path, report)
-    tsv = os.path.splitext(report_path)[0] + ".tsv"
-    write(tsv, "".join("%s\t%s:%d:%d\t%s\t%r\t%r\t%s\n" %
-                       (r[0], x[0], x[1], x[2], x[5], x[3], x[4], r[1])
-                       for x, r in zip(sample, results)))
+    write(tsv, "".join(tsv_line(x, r) for x, r in zip(sample, results)))
     print(report)
     print("report written to %s (and %s)" % (report_path, tsv))
+
+
+def tsv_line(x, r):
+    return "%s\t%s:%d:%d\t%s\t%r\t%r\t%s\n" % (r[0], x[0], x[1], x[2], x[5], x[3], x[4], r[1])
 
 
 def make_report(sample, results, args, ncand, secs):
