@@ -68,7 +68,7 @@ coverage: deps
 	cmake --build build-coverage -j $(JOBS)
 	find build-coverage -name '*.gcda' -delete
 	cd build-coverage && ctest -j $(JOBS) --timeout 600 >/dev/null
-	gcovr -r . --filter 'lib/' --filter 'bin/' -j $(JOBS) \
+	gcovr -r . --filter 'lib/' --filter 'bin/' -j $(JOBS) --gcov-ignore-parse-errors \
 		--print-summary -o build-coverage/coverage.txt build-coverage | tail -3
 
 install: build
