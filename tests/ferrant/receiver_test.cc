@@ -195,6 +195,8 @@ TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
          }) {
         EXPECT_NE(log.find(said), std::string::npos) << said << "\n---\n" << log;
     }
+    for (std::string name : {"bad\001name", "caf\xc3\xa9", ""})  // refused names are no system error
+        EXPECT_EQ(log.find("invalid filename '" + name + "'\n\t##=>"), std::string::npos) << name;
     // The interim file of a run that never ends stays open; the others go.
     for (auto [name, kept] : std::map<std::string, bool>{
              {"lost.txt-", true}, {"lost.txt", false}, {"repeat.txt-", false}, {"repeat.txt", false},

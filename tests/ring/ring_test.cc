@@ -190,7 +190,9 @@ TEST_F(RingTest, RefusesBadGeometryAndBadPutsAndKeepsGoing) {
     EXPECT_THROW(Ring::create(file, {.maxpkts = -5}), ring::Error);
     EXPECT_THROW(Ring::create(dir.path + "/no/such/dir/ring", {}), ring::Error);
     EXPECT_FALSE(fs::exists(file));
-    // Fewer packet ids than slots: the index shrinks to fit the ids.
+    // One index slot for every 512 bytes of data unless told; fewer packet
+    // ids than slots shrink the index to fit the ids.
+    EXPECT_EQ(Ring::create(file, {.data_bytes = 1 << 20})->status().nslots, 2048u);
     EXPECT_EQ(Ring::create(file, {.data_bytes = 8192, .nslots = 100, .maxpkts = 10})->status().nslots, 10u);
 
     auto r = Ring::create(file, {.data_bytes = 4096, .nslots = 8});
