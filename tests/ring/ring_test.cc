@@ -188,6 +188,7 @@ TEST_F(RingTest, RefusesBadGeometryAndBadPutsAndKeepsGoing) {
     EXPECT_THROW(Ring::create(file, {.data_bytes = 100}), ring::Error);
     EXPECT_THROW(Ring::create(file, {.data_bytes = 1ull << 41}), ring::Error);
     EXPECT_THROW(Ring::create(file, {.maxpkts = -5}), ring::Error);
+    EXPECT_THROW(Ring::create(file, {.data_bytes = 8192, .nslots = 1u << 27, .maxpkts = 10}), ring::Error);
     EXPECT_THROW(Ring::create(dir.path + "/no/such/dir/ring", {}), ring::Error);
     EXPECT_FALSE(fs::exists(file));
     // One index slot for every 512 bytes of data unless told; fewer packet
