@@ -151,7 +151,8 @@ void expect_after_time(const Ring& r, double t) {
 TEST_F(RingTest, PutReadAndReopenKeepsPacketsAndOrbStart) {
     double start;
     {
-        auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 16});
+        auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 16, .maxpkts = 1000, .maxsrc = 7,
+                                     .maxclients = 5, .nstash = 3, .stash_bytes = 100});
         EXPECT_FALSE(r->newest());
         EXPECT_EQ(put(*r, "AA_BB/xfer", 10.5, payload(1, 0, 100)), 0);
         EXPECT_EQ(put(*r, "AA_CC/xfer", 11.5, payload(1, 1, 0)), 1);
@@ -159,7 +160,11 @@ TEST_F(RingTest, PutReadAndReopenKeepsPacketsAndOrbStart) {
         start = r->status().orb_start;
     }
     auto r = Ring::open(file);
-    EXPECT_EQ(r->status().orb_start, start);
+    auto st = r->status();   // the geometry too, as created
+    EXPECT_EQ(st.orb_start, start);
+    EXPECT_EQ(std::vector<uint64_t>({st.data_bytes, st.nslots, uint64_t(st.maxpkts), st.maxsrc, st.maxclients,
+                                     st.nstash, st.stash_bytes}),
+              std::vector<uint64_t>({1 << 16, 16, 1000, 7, 5, 3, 100}));
     EXPECT_EQ(r->oldest(), 0u);
     EXPECT_EQ(r->newest(), 2u);
     ASSERT_TRUE(r->read(0, &e, b));
