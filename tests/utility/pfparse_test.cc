@@ -103,6 +103,10 @@ TEST(PfScan, ValuesKeysAndComments) {
     EXPECT_EQ(pf->type, PF_ROOT);
     EXPECT_STREQ(pf->filename, "*internal buffer*");
     pffree(pf);
+    pf = nullptr;
+    ASSERT_EQ(parse("end \\101", &pf), 0);  // an octal escape that ends the text
+    EXPECT_STREQ(pfget_string(pf, "end"), "A");
+    pffree(pf);
 }
 
 TEST(PfScan, BlocksAndLiterals) {
