@@ -317,6 +317,7 @@ TEST_F(RingTest, StashKeepsTheLastPacketPerSource) {
     EXPECT_EQ(std::string(b.begin(), b.end()), "two!");
     EXPECT_EQ(e.time, 2);
     EXPECT_FALSE(r->stash_get("C", &e, b));
+    EXPECT_TRUE(Ring::create(dir / "one", {.data_bytes = 8192, .nstash = 1})->stash_put("A", 1, "x", 1));
     // Full: the least recently stashed source gives way.
     EXPECT_TRUE(r->stash_put("C", 5, "c", 1));
     EXPECT_FALSE(r->stash_get("A", &e, b));
