@@ -21,6 +21,7 @@ import os
 import random
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -180,13 +181,20 @@ def apply(text, site):
 # ---------------------------------------------------------------- building
 
 def run(cmd, cwd, timeout=None):
+    """The exit code and output of cmd; on a time-out its whole process group
+    (servers a hung test started included) is killed and -1 returned."""
+    p = subprocess.Popen(cmd, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                         text=True, start_new_session=True)
     try:
-        p = subprocess.run(cmd, cwd=cwd, stdout=subprocess.PIPE,
-                           stderr=subprocess.STDOUT, text=True, timeout=timeout)
-        return p.returncode, p.stdout
-    except subprocess.TimeoutExpired as e:
-        out = e.stdout.decode() if isinstance(e.stdout, bytes) else (e.stdout or "")
-        return -1, out + "\n(timed out)"
+        out, _ = p.communicate(timeout=timeout)
+        return p.returncode, out
+    except subprocess.TimeoutExpired:
+        os.killpg(p.pid, signal.SIGKILL)
+        out, _ = p.communicate()
+        return -1, (out or "") + "\n(timed out)"
+    except BaseException:  # interrupted: take the build or suite down too
+        os.killpg(p.pid, signal.SIGKILL)
+        raise
 
 
 def configure(build, jobs):
