@@ -67,7 +67,7 @@ coverage: deps
 		-DCMAKE_CXX_FLAGS=--coverage -DCMAKE_C_FLAGS=--coverage $(CMAKE_FLAGS) >/dev/null
 	cmake --build build-coverage -j $(JOBS)
 	find build-coverage -name '*.gcda' -delete
-	cd build-coverage && ctest -j $(JOBS) --timeout 600 >/dev/null
+	cd build-coverage && { ctest -j $(JOBS) --timeout 600 --output-on-failure >ctest.log || { tail -40 ctest.log; exit 1; }; }
 	gcovr -r . --filter 'lib/' --filter 'bin/' -j $(JOBS) --gcov-ignore-parse-errors \
 		--print-summary -o build-coverage/coverage.txt build-coverage | tail -3
 
