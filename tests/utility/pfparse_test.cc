@@ -430,6 +430,17 @@ TEST(PfDeferred, AskNeverWaitsOnATerminal) {
         },
         testing::ExitedWithCode(1), "Can't open /dev/tty for prompt.");
     pffree(pf);
+    // Only &ask prompts: with prompting on, &undef is still just missing.
+    pf = nullptr;
+    ASSERT_EQ(parse("u &undef(x)\n", &pf), 0);
+    EXPECT_EXIT(
+        {
+            setsid();
+            pfconfig("ask", reinterpret_cast<void*>(1));
+            exit(pfget_string(pf, "u") ? 3 : 0);
+        },
+        testing::ExitedWithCode(0), "");
+    pffree(pf);
 }
 
 }  // namespace
