@@ -7,13 +7,20 @@
 #   make bench      Release build, then the benchmark table
 #   make install    install under PREFIX (default /usr/local)
 #   make deb        the Debian package, in build-deb/ (see docs/deploying.md)
+#   make mutate     mutation testing: MUTANTS faults sampled with SEED, within BUDGET seconds
+#   make coverage   the suite in a --coverage build, then gcovr's line-coverage total
 
 PREFIX       ?= /usr/local
 JOBS         ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 CMAKE_FLAGS  ?=
+MUTANTS      ?= 60
+SEED         ?= 1
+BUDGET       ?= 1800
+MUTATE_FILES ?=
+FIRST        ?= 0
 
-.PHONY: all build configure deps demo test test-asan fuzz bench install deb clean
+.PHONY: all build configure deps demo test test-asan fuzz bench install deb mutate coverage clean
 
 all: build
 
@@ -51,6 +58,20 @@ bench: deps
 	cmake --build build-release -j $(JOBS)
 	sh bench/run.sh build-release
 
+# Its own build tree, so that build/ is never disturbed; see scripts/mutate.py.
+mutate: deps
+	python3 scripts/mutate.py --mutants $(MUTANTS) --seed $(SEED) --budget $(BUDGET) \
+		--jobs $(JOBS) --files '$(MUTATE_FILES)' --first $(FIRST) --build build-mutate
+
+coverage: deps
+	cmake -S . -B build-coverage -DCMAKE_BUILD_TYPE=Debug \
+		-DCMAKE_CXX_FLAGS=--coverage -DCMAKE_C_FLAGS=--coverage $(CMAKE_FLAGS) >/dev/null
+	cmake --build build-coverage -j $(JOBS)
+	find build-coverage -name '*.gcda' -delete
+	cd build-coverage && { ctest -j $(JOBS) --timeout 600 --output-on-failure >ctest.log || { tail -40 ctest.log; exit 1; }; }
+	gcovr -r . --filter 'lib/' --filter 'bin/' -j $(JOBS) --gcov-ignore-parse-errors \
+		--print-summary -o build-coverage/coverage.txt build-coverage | tail -3
+
 install: build
 	cmake --install build
 
@@ -58,4 +79,4 @@ deb: deps
 	JOBS=$(JOBS) sh scripts/deb.sh build-deb
 
 clean:
-	rm -rf build build-asan build-fuzz build-release build-deb
+	rm -rf build build-asan build-fuzz build-release build-deb build-mutate build-coverage

@@ -7,6 +7,7 @@ pkgs="$pkgs chromium python3-prometheus-client"                # its tests: a br
 pkgs="$pkgs debhelper lintian fakeroot dpkg-dev systemd"       # make deb, and its test
 pkgs="$pkgs libnats-dev nats-server"                           # rings on a JetStream stream
 pkgs="$pkgs rsync"                                             # the benchmark's reference
+pkgs="$pkgs gcovr python3"                                   # make mutate, make coverage
 missing=""
 for p in $pkgs; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"

@@ -18,7 +18,6 @@
 #include <fstream>
 #include <functional>
 #include <map>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,13 +27,6 @@
 namespace ferrant_test {
 
 inline std::string ferrant2() { return FERRANT_BUILD_DIR "/bin/ferrant2"; }
-
-inline std::string slurp(const std::string& path) {
-    std::ifstream f(path, std::ios::binary);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
 
 inline void spit(const std::string& path, const std::string& data, mode_t mode = 0644) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << data;

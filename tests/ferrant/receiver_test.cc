@@ -187,8 +187,8 @@ TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
              "received packet with invalid filename 'caf\xc3\xa9'"s,
              "received packet with invalid filename ''"s,
              "Can't open bad\001name to write"s,
-             "Can't create directory 'blocker/sub'"s,
-             "Can't open taken- to write"s,
+             "Can't create directory 'blocker/sub'\n\t##=> Not a directory"s,
+             "Can't open taken- to write\n\t##=> Is a directory"s,
              "failed to unstuff xfer packet #" + id(junk) + " forge/xfer/11/junk",
              "pktid #" + id(orphan) + " is sequence #1 of forge/xfer/12/orphan, but no previous packets seen",
              "received duplicate sequence 0 pktid #" + id(dup) + " packet 'forge/xfer/13/dup.txt'",
@@ -196,6 +196,8 @@ TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
          }) {
         EXPECT_NE(log.find(said), std::string::npos) << said << "\n---\n" << log;
     }
+    for (std::string name : {"bad\001name", "caf\xc3\xa9", ""})  // refused names are no system error
+        EXPECT_EQ(log.find("invalid filename '" + name + "'\n\t##=>"), std::string::npos) << name;
     // The interim file of a run that never ends stays open; the others go.
     for (auto [name, kept] : std::map<std::string, bool>{
              {"lost.txt-", true}, {"lost.txt", false}, {"repeat.txt-", false}, {"repeat.txt", false},

@@ -22,6 +22,8 @@ TEST(FerrantRestart, ReceiverResumesAfterTheLastCompletedFile) {
     Child r1(recv_argv, tmp.path, tmp.path);
     ASSERT_TRUE(eventually([&] { return received(r1) == 3; })) << r1.err();
     EXPECT_NE(r1.err().find("failed to read old state file"), std::string::npos) << r1.err();
+    EXPECT_NE(r1.err().find("resurrection unsuccessful\nferrant2: Starting at pktid=0\n"), std::string::npos)
+        << r1.err();
     r1.stop(SIGKILL);
     ASSERT_TRUE(exists(tmp / "state"));
     EXPECT_FALSE(exists(in + "/state"));

@@ -151,7 +151,8 @@ void expect_after_time(const Ring& r, double t) {
 TEST_F(RingTest, PutReadAndReopenKeepsPacketsAndOrbStart) {
     double start;
     {
-        auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 16});
+        auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 16, .maxpkts = 1000, .maxsrc = 7,
+                                     .maxclients = 5, .nstash = 3, .stash_bytes = 100});
         EXPECT_FALSE(r->newest());
         EXPECT_EQ(put(*r, "AA_BB/xfer", 10.5, payload(1, 0, 100)), 0);
         EXPECT_EQ(put(*r, "AA_CC/xfer", 11.5, payload(1, 1, 0)), 1);
@@ -159,7 +160,11 @@ TEST_F(RingTest, PutReadAndReopenKeepsPacketsAndOrbStart) {
         start = r->status().orb_start;
     }
     auto r = Ring::open(file);
-    EXPECT_EQ(r->status().orb_start, start);
+    auto st = r->status();   // the geometry too, as created
+    EXPECT_EQ(st.orb_start, start);
+    EXPECT_EQ(std::vector<uint64_t>({st.data_bytes, st.nslots, uint64_t(st.maxpkts), st.maxsrc, st.maxclients,
+                                     st.nstash, st.stash_bytes}),
+              std::vector<uint64_t>({1 << 16, 16, 1000, 7, 5, 3, 100}));
     EXPECT_EQ(r->oldest(), 0u);
     EXPECT_EQ(r->newest(), 2u);
     ASSERT_TRUE(r->read(0, &e, b));
@@ -188,9 +193,12 @@ TEST_F(RingTest, RefusesBadGeometryAndBadPutsAndKeepsGoing) {
     EXPECT_THROW(Ring::create(file, {.data_bytes = 100}), ring::Error);
     EXPECT_THROW(Ring::create(file, {.data_bytes = 1ull << 41}), ring::Error);
     EXPECT_THROW(Ring::create(file, {.maxpkts = -5}), ring::Error);
+    EXPECT_THROW(Ring::create(file, {.data_bytes = 8192, .nslots = 1u << 27, .maxpkts = 10}), ring::Error);
     EXPECT_THROW(Ring::create(dir.path + "/no/such/dir/ring", {}), ring::Error);
     EXPECT_FALSE(fs::exists(file));
-    // Fewer packet ids than slots: the index shrinks to fit the ids.
+    // One index slot for every 512 bytes of data unless told; fewer packet
+    // ids than slots shrink the index to fit the ids.
+    EXPECT_EQ(Ring::create(file, {.data_bytes = 1 << 20})->status().nslots, 2048u);
     EXPECT_EQ(Ring::create(file, {.data_bytes = 8192, .nslots = 100, .maxpkts = 10})->status().nslots, 10u);
 
     auto r = Ring::create(file, {.data_bytes = 4096, .nslots = 8});
@@ -309,6 +317,7 @@ TEST_F(RingTest, StashKeepsTheLastPacketPerSource) {
     EXPECT_EQ(std::string(b.begin(), b.end()), "two!");
     EXPECT_EQ(e.time, 2);
     EXPECT_FALSE(r->stash_get("C", &e, b));
+    EXPECT_TRUE(Ring::create(dir / "one", {.data_bytes = 8192, .nstash = 1})->stash_put("A", 1, "x", 1));
     // Full: the least recently stashed source gives way.
     EXPECT_TRUE(r->stash_put("C", 5, "c", 1));
     EXPECT_FALSE(r->stash_get("A", &e, b));

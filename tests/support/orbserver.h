@@ -11,8 +11,8 @@
 // the ring path. The ring defaults to <dir>/ring with 8 MiB of data.
 // The server's standard error goes to <dir>/orbserver.log (log()).
 // sanitizer_report() gives what a sanitizer said in that log, if anything.
-// The destructor stops the server (SIGKILL if SIGTERM is not enough) and
-// removes the directory. Copying is not allowed; one object, one server.
+// The destructor stops the server (SIGKILL if SIGTERM is not enough); the
+// directory goes with it. One object, one server.
 #pragma once
 
 #include <fcntl.h>
@@ -31,27 +31,15 @@
 #include <thread>
 #include <vector>
 
+#include "support/tempdir.h"
+
 #ifndef FERRANT_BUILD_DIR
 #error "FERRANT_BUILD_DIR must name the build directory"
 #endif
 
 namespace testsupport {
 
-inline std::string make_temp_dir(const char* prefix = "ferrant-test") {
-    const char* tmp = std::getenv("TMPDIR");
-    std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/" + prefix + ".XXXXXX";
-    std::vector<char> buf(templ.begin(), templ.end());
-    buf.push_back(0);
-    if (!mkdtemp(buf.data())) return "";
-    return buf.data();
-}
-
-inline std::string slurp(const std::string& path) {
-    std::ifstream f(path, std::ios::binary);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
+using ::slurp;
 
 class OrbServer {
 public:
@@ -65,16 +53,12 @@ public:
 
     OrbServer() : OrbServer(Options{}) {}
     explicit OrbServer(Options o) : opt_(std::move(o)) {
-        dir_ = make_temp_dir("orbserver-test");
+        dir_ = tmp_.path;
         ring_ = opt_.ring.empty() ? dir_ + "/ring" : opt_.ring;
         std::ofstream(dir_ + "/orbserver.pf") << opt_.pf;
         if (opt_.start) start();
     }
-    ~OrbServer() {
-        stop();
-        std::error_code ec;
-        if (!dir_.empty()) std::filesystem::remove_all(dir_, ec);
-    }
+    ~OrbServer() { stop(); }
     OrbServer(const OrbServer&) = delete;
     OrbServer& operator=(const OrbServer&) = delete;
 
@@ -202,6 +186,7 @@ private:
     }
 
     Options opt_;
+    TempDir tmp_{"orbserver-test"};
     std::string dir_, ring_, name_;
     int port_ = 0;
     pid_t pid_ = -1;

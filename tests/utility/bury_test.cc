@@ -13,7 +13,6 @@
 #include <fstream>
 #include <functional>
 #include <random>
-#include <sstream>
 #include <string>
 
 #include "stock/bury.h"
@@ -22,13 +21,6 @@
 #include "support/tempdir.h"
 
 namespace {
-
-std::string slurp(const std::string& p) {
-    std::ifstream f(p);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
 
 // The state file belongs to the whole process, so every case runs in a child,
 // which exits 0 when its body returns.

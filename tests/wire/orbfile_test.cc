@@ -314,6 +314,10 @@ std::vector<Case<Orbresponse>> response_cases() {
                      Wire().i(sent).i(0).b(pkg_bytes(65536, true)).s});
     v.push_back({"stat", ORBSTAT, [](Orbresponse* r) { fill_stat(&r->orbstat); },
                  Wire().i(4).i(0).b(stat_bytes()).s});
+    // A fresh record says "unknown" (-1) for what a server has not filled in.
+    v.push_back({"stat of a fresh record", ORBSTAT, [](Orbresponse*) {},
+                 Wire().i(4).i(0).i(0).i(-1).i(-1).i(0).i(-1).d(-1).d(-1).i(-1).i(-1).i(-1).i(0).i(0)
+                     .i(0).i(0).text("", 128 + 24 + 128).d(-1).i(0).i(0).s});
     v.push_back({"clients", ORBCLIENTS,
                  [](Orbresponse* r) {
                      r->client_when = T0;
