@@ -67,7 +67,7 @@ bool valid_name(const char* name) {
 // symbolic or hard link is removed, not written through, and one planted
 // again before the create makes the open fail.
 FILE* create_fresh(const char* path) {
-    unlink(path);
+    if (unlink(path) != 0 && errno == EISDIR) return nullptr;  // a directory in the way, as errno tells
     int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) return nullptr;
     FILE* f = fdopen(fd, "w+");
