@@ -724,7 +724,7 @@ struct Frontend::Impl {
         elog_complain(0, "refused %s from %s:%d (%s): %s\n", orbreq2name(q->what), c.host.c_str(), c.port,
                       by.c_str(), why.c_str());
         send_error(c, q->what, why);
-        c.closing = true;
+        c.closing = !c.opened;  // a session already open keeps what it had
     }
 
     void handle_challenge(Client& c, Orbrequest* q) {
