@@ -1,5 +1,7 @@
-// ferrant2 throughput against md5sum of the same bytes, and the peak memory
-// of each process. Prints rows of the benchmark table.
+// ferrant2 throughput against md5sum of the same bytes and, end to end,
+// against rsync's daemon on loopback moving the same data in the same run
+// (with MD5 as its digest, the same digest work, and with its default);
+// and the peak memory of each process. Prints rows of the benchmark table.
 //   FERRANT_BENCH_MB     total data size in MiB (default 1024)
 //   FERRANT_BENCH_FILES  number of files in the many-files run (default 10000)
 #include <fcntl.h>
@@ -150,10 +152,10 @@ bool wait_for(const std::string& file, const std::string& text, size_t n, double
     return false;
 }
 
-void write_pf(const std::string& path, const std::string& dir, const std::string& start) {
+void write_pf(const std::string& path, const std::string& dir, const std::string& start, long bpp = 1000000) {
     std::ofstream f(path);
     f << "directory " << dir << "\nstarting_position " << start
-      << "\nmatch\nreject\npreserve_directories yes\nbytes_per_packet 1000000\nfile_match\nfile_reject\n"
+      << "\nmatch\nreject\npreserve_directories yes\nbytes_per_packet " << bpp << "\nfile_match\nfile_reject\n"
          "test_freq 0.1\nlag_trigger 0.5\nlag_reset 0.2\nwait_seconds 1\nwait_match\nwait_reject\n"
          "use_orbputx no\n";
 }
@@ -164,6 +166,55 @@ void row(const std::string& figure, double mbs, double ref, double bar, const st
            ratio, bar, ratio >= bar ? "" : " (missed)");
     fflush(stdout);
 }
+
+// A time-based row: ferrant2's seconds against a reference's, as a speed ratio.
+void time_row(const std::string& figure, double secs, const std::string& ref_name, double ref_secs, double bar,
+              const std::string& also = "") {
+    double ratio = secs > 0 ? ref_secs / secs : 0;
+    printf("| %s | %.2f s | %s %.2f s%s | %.2f | >= %.2f%s |\n", figure.c_str(), secs, ref_name.c_str(), ref_secs,
+           also.c_str(), ratio, bar, ratio >= bar ? "" : " (missed)");
+    fflush(stdout);
+}
+
+void remove_tree(const std::string& dir) {
+    nftw(dir.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return remove(p), 0; }, 32,
+         FTW_DEPTH | FTW_PHYS);
+}
+
+// rsync's daemon on a loopback port of its own, writing below Tmp/rsync.
+struct Rsyncd {
+    Proc proc;
+    int port = 0;
+    Rsyncd() {
+        mkdir((Tmp + "/rsync").c_str(), 0755);
+        for (int p = 28730; p < 28830 && port == 0; p++) {
+            std::ofstream conf(Tmp + "/rsyncd.conf");
+            conf << "use chroot = no\nuid = " << getuid() << "\ngid = " << getgid() << "\n[mod]\npath = " << Tmp
+                 << "/rsync\nread only = no\n";
+            conf.close();
+            proc = start({"rsync", "--daemon", "--no-detach", "--address=127.0.0.1", "--port=" + std::to_string(p),
+                          "--config=" + Tmp + "/rsyncd.conf"},
+                         Tmp, Tmp + "/rsyncd.log");
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            if (waitpid(proc.pid, nullptr, WNOHANG) == 0) port = p;
+        }
+    }
+    ~Rsyncd() { stop(proc); }
+
+    // Seconds to copy src (a file, or a directory's contents with a
+    // trailing "/") into an empty destination; 0 when rsync failed.
+    double copy(const std::string& src, bool md5) {
+        remove_tree(Tmp + "/rsync/dst");
+        if (port == 0) return 0;
+        std::string cmd = "rsync -a " + std::string(md5 ? "--checksum-choice=md5 " : "") + src +
+                          " rsync://127.0.0.1:" + std::to_string(port) + "/mod/dst/ 2>>" + Tmp + "/rsync.log";
+        auto t = Clock::now();
+        bool ok = system(cmd.c_str()) == 0;
+        double secs = seconds_since(t);
+        remove_tree(Tmp + "/rsync/dst");
+        return ok ? secs : 0;
+    }
+};
 
 }  // namespace
 
@@ -189,19 +240,27 @@ int main() {
     // ring file first brings all its pages into memory, once.
     std::string ring = Tmp + "/ring@s" + std::to_string(ringmb) + "M";
     write_pf(Tmp + "/b.pf", Tmp + "/in", "oldest");
-    Proc maker = start({Build + "/bin/orbstat", ring}, Tmp, Tmp + "/ring-create.log");
-    finish(maker);
-    auto t = Clock::now();
-    Proc s = start({ferrant, "-p", Tmp + "/b.pf", big, ring}, Tmp, Tmp + "/sender.log");
-    finish(s);
-    double st = seconds_since(t);
-    bool sent = WIFEXITED(s.status) && WEXITSTATUS(s.status) == 0;
-    if (sent) row("ferrant2 sender file -> file-backed ring, one file", bytes / 1e6 / st, ref, 0.8, size_note);
-    else printf("| ferrant2 sender file -> ring | failed, see %s/sender.log | | | |\n", Tmp.c_str());
-    double sender_mb = s.ru.ru_maxrss / 1024.0;  // includes the forbserver it started
+    double sender_mb = 0;
+    bool sent = false;
+    for (long bpp : {60000L, 1000000L}) {  // the ring keeps the large-packet run for the receiver
+        unlink((Tmp + "/ring").c_str());
+        Proc maker = start({Build + "/bin/orbstat", ring}, Tmp, Tmp + "/ring-create.log");
+        finish(maker);
+        write_pf(Tmp + "/s.pf", Tmp + "/in", "oldest", bpp);
+        auto t = Clock::now();
+        Proc s = start({ferrant, "-p", Tmp + "/s.pf", big, ring}, Tmp, Tmp + "/sender.log");
+        finish(s);
+        double st = seconds_since(t);
+        sent = WIFEXITED(s.status) && WEXITSTATUS(s.status) == 0;
+        std::string what = "ferrant2 sender file -> file-backed ring, one file, " + std::to_string(bpp) +
+                           "-byte packets";
+        if (sent) row(what, bytes / 1e6 / st, ref, 0.8, size_note);
+        else printf("| %s | failed, see %s/sender.log | | | |\n", what.c_str(), Tmp.c_str());
+        sender_mb = std::max(sender_mb, s.ru.ru_maxrss / 1024.0);  // includes the forbserver it started
+    }
 
     // Receiver alone, from the ring the sender filled.
-    t = Clock::now();
+    auto t = Clock::now();
     Proc r = start({ferrant, "-p", Tmp + "/b.pf", ring}, Tmp, Tmp + "/receiver.log");
     bool got = sent && wait_for(r.err, "ferrant2: received ", 1, 600);
     double rt = seconds_since(t);
@@ -223,27 +282,49 @@ int main() {
         name = slurp(Tmp + "/port");
     }
     if (!name.empty()) name.pop_back();
-    write_pf(Tmp + "/e.pf", Tmp + "/e2e", "newest");
     double e2e_sender_mb = 0, e2e_receiver_mb = 0;
-    auto e2e = [&](const std::string& what, const std::string& arg, size_t n, const std::string& label) {
-        Proc rr = start({ferrant, "-p", Tmp + "/e.pf", name}, Tmp, Tmp + "/e2e-" + label + ".log");
-        if (!wait_for(rr.err, "Starting at pktid", 1, 30)) {
-            stop(rr);
-            printf("| %s | failed, see %s | | | |\n", what.c_str(), rr.err.c_str());
-            return;
-        }
+    // Seconds from the sender's start to the receiver's nth file, or 0.
+    auto e2e = [&](const std::string& arg, size_t n, long bpp, const std::string& label) -> double {
+        write_pf(Tmp + "/e.pf", Tmp + "/e2e", "newest", bpp);
+        std::string log = Tmp + "/e2e-" + std::to_string(bpp) + ".log";
+        Proc rr = start({ferrant, "-p", Tmp + "/e.pf", name}, Tmp, log);
+        bool ok = wait_for(rr.err, "Starting at pktid", 1, 30);
         auto t0 = Clock::now();
-        Proc ss = start({ferrant, "-p", Tmp + "/e.pf", arg, name}, Tmp, Tmp + "/e2e-" + label + "-sender.log");
-        bool ok = wait_for(rr.err, "ferrant2: received ", n, 900);
+        Proc ss;
+        if (ok) ss = start({ferrant, "-p", Tmp + "/e.pf", arg, name}, Tmp, log + "-sender");
+        ok = ok && wait_for(rr.err, "ferrant2: received ", n, 900);
         double et = seconds_since(t0);
         e2e_receiver_mb = std::max(e2e_receiver_mb, vmhwm(rr.pid));
         finish(ss);
         e2e_sender_mb = std::max(e2e_sender_mb, ss.ru.ru_maxrss / 1024.0);
         stop(rr);
-        if (ok) row(what, bytes / 1e6 / et, ref, 0.5, size_note);
-        else printf("| %s | failed, see %s | | | |\n", what.c_str(), rr.err.c_str());
+        remove_tree(Tmp + "/e2e");
+        if (!ok) printf("| ferrant2 end to end, %s | failed, see %s | | | |\n", label.c_str(), log.c_str());
+        return ok ? et : 0;
     };
-    e2e("ferrant2 end to end through orbserver, one file", big, 1, "one");
+    // Both packet sizes against rsync with MD5 (the bar) and with its default (reported).
+    Rsyncd rsyncd;
+    auto compare = [&](const std::string& src, const std::string& rsync_src, size_t n, const std::string& what,
+                       double bar) {
+        double md5 = rsyncd.copy(rsync_src, true), plain = rsyncd.copy(rsync_src, false);
+        if (md5 == 0 || plain == 0)
+            printf("| rsync, %s | failed, see %s/rsync.log | | | |\n", what.c_str(), Tmp.c_str());
+        double secs[2] = {};
+        const long sizes[2] = {1000000, 60000};
+        for (int i = 0; i < 2; i++) {
+            std::string label = what + ", " + std::to_string(sizes[i]) + "-byte packets";
+            secs[i] = e2e(src, n, sizes[i], label);
+            if (secs[i] == 0 || md5 == 0) continue;
+            char also[96];
+            snprintf(also, sizeof also, "; rsync default %.2f s, ratio %.2f", plain, plain / secs[i]);
+            time_row("ferrant2 end to end through orbserver, " + label + size_note, secs[i], "rsync-md5", md5, bar,
+                     also);
+        }
+        if (secs[0] > 0 && secs[1] > 0)
+            time_row("ferrant2 end to end, " + what + ", 60000-byte against 1000000-byte packets", secs[1],
+                     "1000000-byte packets", secs[0], 0.85);
+    };
+    compare(big, big, 1, "one file", 1.1);
     double server_mb = server.pid > 0 ? vmhwm(server.pid) : 0;
     unlink(big.c_str());
 
@@ -255,12 +336,8 @@ int main() {
         if (i % 100 == 0) mkdir(d.c_str(), 0755);
         write_data(d + "/f" + std::to_string(i), each, uint64_t(i) + 7);
     }
-    run_md5sum("find " + many + " -type f -print0 | xargs -0 md5sum");
-    double ref_many = double(each) * nfiles / 1e6 / run_md5sum("find " + many + " -type f -print0 | xargs -0 md5sum");
-    ref = ref_many;
-    bytes = double(each) * nfiles;
-    e2e("ferrant2 end to end through orbserver, " + std::to_string(nfiles) + " files", many, size_t(nfiles),
-        "many");
+    run_md5sum("find " + many + " -type f -print0 | xargs -0 md5sum");  // warm the page cache
+    compare(many, many + "/", size_t(nfiles), std::to_string(nfiles) + " files", 1.3);
     server_mb = std::max(server_mb, server.pid > 0 ? vmhwm(server.pid) : 0);
     stop(server);
 
@@ -269,7 +346,6 @@ int main() {
            "count the ring pages they touched | - | - | independent of file size |\n",
            mb, sender_mb, receiver_mb, server_mb, e2e_sender_mb, e2e_receiver_mb);
 
-    nftw(Tmp.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return remove(p), 0; }, 32,
-         FTW_DEPTH | FTW_PHYS);
+    remove_tree(Tmp);
     return 0;
 }

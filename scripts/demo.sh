@@ -11,8 +11,10 @@ export QUORVANE="$build"
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/ferrant-demo.XXXXXX")
 receiver=
+server=
 cleanup() {
     [ -n "$receiver" ] && kill "$receiver" 2>/dev/null && wait "$receiver" 2>/dev/null
+    [ -n "$server" ] && kill "$server" 2>/dev/null && wait "$server" 2>/dev/null
     rm -rf "$work"
 }
 trap cleanup EXIT INT TERM
@@ -52,6 +54,15 @@ use_orbputx no
 PF
 
 ring="$work/ring@s64M"
+# An orbserver on the same ring file shows it at a glance while the demo runs.
+"$build/bin/orbserver" -P 127.0.0.1:0 -H 127.0.0.1:0 -o "$work/port" -s 64M "$work/ring" 2> "$work/orbserver.log" &
+server=$!
+tries=0
+while [ ! -s "$work/port" ] && kill -0 "$server" 2>/dev/null && [ $tries -lt 100 ]; do
+    sleep 0.1; tries=$((tries + 1))
+done
+page=$(sed -n 's/.*status page at \(http[^ ]*\).*/\1/p' "$work/orbserver.log")
+[ -n "$page" ] && echo "demo: the ring at a glance while the demo runs: $page"
 echo "demo: sending $(find "$out" -type f | wc -l) files from $out"
 (cd "$out" && "$ferrant" -p "$work/demo.pf" . "$ring") 2> "$work/sender.log" || {
     cat "$work/sender.log" >&2; echo "demo: sender failed" >&2; exit 1; }
@@ -73,6 +84,8 @@ while :; do
     fi
     sleep 0.1
 done
+[ -n "$page" ] && curl -sf "${page}status.json" > "$work/status.json" 2>/dev/null &&
+    echo "demo: $(grep -c '"srcname"' "$work/status.json") sources on the status page"
 kill "$receiver"; wait "$receiver" 2>/dev/null || true
 receiver=
 

@@ -2,6 +2,9 @@
 # Installs the Debian packages the build needs when one is missing: as root it
 # runs apt-get, otherwise it prints the command to run.
 pkgs="cmake make g++ libgtest-dev libgmock-dev libbenchmark-dev libssl-dev clang libclang-rt-14-dev"
+pkgs="$pkgs libmicrohttpd-dev nlohmann-json3-dev pkg-config"  # the status page
+pkgs="$pkgs chromium python3-prometheus-client"                # its tests: a browser, a metrics parser
+pkgs="$pkgs rsync"                                             # the benchmark's reference
 missing=""
 for p in $pkgs; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"

@@ -45,6 +45,7 @@ public:
         free(buf_);
     }
     bool ok() const { return orb_ >= 0; }
+    int mode = S_IFREG | 0640;  // st_mode sent with the next runs
 
     // One xfer packet; the key must hold 16 bytes. Returns the pktid.
     int put(const std::string& tag, int seq, const std::string& key, const std::string* data) {
@@ -52,7 +53,7 @@ public:
         strcpy(pkt->parts.src_net, "forge");
         snprintf(pkt->parts.src_subcode, PKT_NAMESIZE, "%s", tag.c_str());
         pkt->pkttype = suffix2pkttype("xfer");
-        pkt->nchannels = S_IFREG | 0640;
+        pkt->nchannels = mode;
         pkt->string_size = seq;
         pkt->string = const_cast<char*>(key.data());
         pkt->dfile = data ? const_cast<char*>(data->data()) : nullptr;
@@ -206,6 +207,45 @@ TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
     EXPECT_EQ(slurp(in + "/good.txt"), data);
     EXPECT_EQ(mode_of(in + "/good.txt"), 0640u);
     EXPECT_TRUE(r.running());
+}
+
+// Whoever writes to the ring names the files: nothing may land outside the
+// receive directory, go through a link waiting there, or keep privilege bits.
+TEST(FerrantReceiver, StaysInsideItsReceiveDirectory) {
+    TempDir tmp;
+    std::string ring = tmp / "ring", in = tmp / "top/in";
+    mkdirs(in);
+    spit(tmp / "victim", "precious\n");
+    symlink((tmp / "victim").c_str(), (in + "/interim.txt-").c_str());
+    symlink((tmp / "victim").c_str(), (in + "/final.txt").c_str());
+    std::string pf = write_pf(tmp / "r.pf", {{"directory", in}});
+    Forger f(ring);
+    ASSERT_TRUE(f.ok());
+    Child r({ferrant2(), "-p", pf, ring}, tmp.path, tmp.path);
+    std::string data = pattern(300, 5);
+    int tag = 0;
+    auto send = [&](const std::string& name) { f.run(std::to_string(++tag) + "/x", name, data, 100); };
+    const char* refused[] = {"../escape", "a/../../escape", "..", "sub/..", "//top/escape", "/", "/../escape"};
+    for (const char* name : refused) send(name);
+    send("interim.txt");
+    send("final.txt");
+    f.mode = S_IFREG | 07755;
+    send("/abs/setid");
+    ASSERT_TRUE(eventually([&] { return r.err().find("received abs/setid") != std::string::npos; })) << r.err();
+    std::string log = r.err();
+    for (const char* name : refused)
+        EXPECT_NE(log.find("received packet with invalid filename '"s + name + "'"), std::string::npos) << name;
+    EXPECT_EQ(slurp(tmp / "victim"), "precious\n");
+    for (const char* name : {"escape", "escape-", "top/escape", "top/escape-", "in/escape"})
+        EXPECT_FALSE(exists(tmp / name)) << name;
+    struct stat st;
+    for (const char* name : {"interim.txt", "final.txt", "abs/setid"}) {
+        ASSERT_EQ(lstat((in + "/" + name).c_str(), &st), 0) << name;
+        EXPECT_TRUE(S_ISREG(st.st_mode)) << name;
+        EXPECT_EQ(slurp(in + "/" + name), data) << name;
+    }
+    EXPECT_EQ(mode_of(in + "/abs/setid"), 0755u);
+    EXPECT_FALSE(exists(in + "/interim.txt-"));
 }
 
 // A receiver whose writes fail past limit bytes of a file, and a forger of

@@ -334,7 +334,7 @@ TEST_F(OrbServerTest, OrbstatShowsStatusSourcesAndClients) {
     EXPECT_NE(text.find("AA_STAT/xfer"), std::string::npos) << text;
     EXPECT_NE(text.find("orb_server_test"), std::string::npos) << text;  // this process's writer
     EXPECT_NE(system((orbstat + " -x >" + out + " 2>&1").c_str()), 0);
-    EXPECT_NE(slurp(out).find("Usage: orbstat [-s] [-c] orb"), std::string::npos);
+    EXPECT_NE(slurp(out).find("Usage: orbstat [-s] [-c] [-j] orb"), std::string::npos);
 }
 
 TEST_F(OrbServerTest, OrbelogPutsLogTextIntoARing) {

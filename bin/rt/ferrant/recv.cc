@@ -45,12 +45,34 @@ char* copy(const char* s) {
 }
 
 // Bytes 128..255 count as unprintable, deliberately: only ASCII names pass.
+// Whoever can write to the ring names the files, so a name must stay below
+// the receive directory: one leading "/" is dropped, and what is then still
+// absolute, or climbs with a ".." component, is refused.
 bool valid_name(const char* name) {
     if (name == nullptr || *name == '\0') return false;
     for (const char* p = name; *p; p++) {
         if (!printable(*p)) return false;
     }
+    const char* rel = name + (*name == '/');
+    if (*rel == '/' || *rel == '\0') return false;
+    for (const char* c = rel; *c;) {
+        size_t n = strcspn(c, "/");
+        if (n == 2 && c[0] == '.' && c[1] == '.') return false;
+        c += n + (c[n] == '/');
+    }
     return true;
+}
+
+// A fresh file at path, never through whatever waits there: a planted
+// symbolic or hard link is removed, not written through, and one planted
+// again before the create makes the open fail.
+FILE* create_fresh(const char* path) {
+    unlink(path);
+    int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) return nullptr;
+    FILE* f = fdopen(fd, "w+");
+    if (f == nullptr) close(fd);
+    return f;
 }
 
 // A failed run gives up its interim file; the stream is closed here so that
@@ -88,6 +110,7 @@ const unsigned char Nokey[16] = {};
 constexpr size_t Chunk = 8 << 20;
 constexpr size_t Behind = 32 << 20;
 constexpr size_t Max_queued = 64;
+constexpr size_t Small_file = 1 << 20;
 
 struct Range {
     int fd;
@@ -127,6 +150,9 @@ Worker& writer();
 bool write_behind(Track* t, bool ending) {
     if (!ending && t->totbytes - t->behind < Chunk) return true;
     if (fflush(t->file) != 0) return false;
+    // A small file is left to the kernel's own writeback: a disk request
+    // and a hand-over per file cost more than the cache it would spare.
+    if (ending && t->behind == 0 && t->totbytes < Small_file) return true;
     size_t off = t->behind, len = t->totbytes - t->behind;
     t->behind = t->totbytes;
     int own = len ? fcntl(fileno(t->file), F_DUPFD_CLOEXEC, 0) : -1;
@@ -304,10 +330,10 @@ int save_packet(int pktid, double pkttime, char* srcname, int seq, int mode, cha
                     t->drop = 1;
                     t->file = nullptr;
                 } else {
-                    t->file = fopen(interim, "w+");
+                    t->file = create_fresh(interim);
                 }
             } else {
-                t->file = fopen(base, "w+");
+                t->file = create_fresh(base);
                 t->filename = copy(base);
             }
         }
@@ -316,7 +342,9 @@ int save_packet(int pktid, double pkttime, char* srcname, int seq, int mode, cha
             elog_complain(1, "Can't open %s to write", interim ? interim : (data ? data : ""));
             t->drop = 1;
         } else {
-            fchmod(fileno(t->file), static_cast<mode_t>(mode) & 07777);
+            // Never setuid, setgid or sticky: a writer of the ring must not plant
+            // a privileged program, least of all under a receiver run as root.
+            fchmod(fileno(t->file), static_cast<mode_t>(mode) & 0777);
         }
         free(interim);
         return 0;

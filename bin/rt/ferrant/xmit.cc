@@ -1,5 +1,6 @@
 // Send mode: each file goes out as one run of xfer packets, bracketed per
 // sending run by the start and finish marker packets.
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
@@ -35,11 +36,20 @@ constexpr int MaxSequence = 0x100000;
 
 using Key = std::array<unsigned char, 16>;
 
+// Files up to this size are read into one buffer kept from file to file
+// instead of being mapped: a mapping costs an mmap, a munmap and page
+// faults per file, and each unmap in this two-threaded process interrupts
+// the other core to flush its TLB, which on a virtual machine is an exit to
+// the host. Copying a file this small costs less than all that; above it,
+// the mapping's drop-behind keeps the sender's memory bounded.
+constexpr long Read_limit = 2L << 20;
+
 // Pages already digested or sent are dropped from the mapping (they stay in
 // the page cache), so the sender's resident size does not grow with the file.
 constexpr long Window = 16L << 20;
 
 void release(const char* base, long done, long& released) {
+    if (done <= Read_limit) return;  // read, not mapped, or not yet a window
     long upto = done / Window * Window;  // whole windows: base is page aligned
     if (upto > released) {
         madvise(const_cast<char*>(base) + released, static_cast<size_t>(upto - released), MADV_DONTNEED);
@@ -47,10 +57,38 @@ void release(const char* base, long done, long& released) {
     }
 }
 
+
+// The whole of a file that stat gave as size bytes, in a reused buffer: its
+// data, or null with errno set (EAGAIN when the file turned out shorter).
+const char* read_whole(const char* filename, long size) {
+    static std::vector<char>& buf = *new std::vector<char>;  // never freed: bounded by Read_limit
+    int fd = open(filename, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    if (buf.size() < static_cast<size_t>(size)) buf.resize(static_cast<size_t>(Read_limit));
+    long got = 0;
+    while (got < size) {
+        ssize_t n = read(fd, buf.data() + got, static_cast<size_t>(size - got));
+        if (n <= 0) {
+            if (n == 0) errno = EAGAIN;
+            break;
+        }
+        got += n;
+    }
+    int e = errno;
+    close(fd);
+    errno = e;
+    return got == size ? buf.data() : nullptr;
+}
+
 // Maps the window holding [off, off + n) in one call rather than taking a
-// fault every few pages; mapped is how far that has been done.
+// fault every few pages; mapped is how far that has been done. Data read
+// into memory is all there already.
 void prefault(const char* base, long size, long off, long n, long& mapped) {
 #ifdef MADV_POPULATE_READ
+    if (size <= Read_limit) {
+        mapped = size;
+        return;
+    }
     while (off + n > mapped && mapped < size) {
         madvise(const_cast<char*>(base) + mapped, static_cast<size_t>(std::min(Window, size - mapped)),
                 MADV_POPULATE_READ);
@@ -396,17 +434,28 @@ int xfer_filename(const char* filename, struct stat*, int orb) {
     }
 
     void* mapped = nullptr;
-    long size = 0;
-    if (st.st_size > 0) {
+    const char* data = nullptr;
+    long size = st.st_size;
+    if (size > Read_limit) {
         size = mapfile(filename, 0, &mapped);
         if (size == -1 || mapped == reinterpret_cast<void*>(-1)) {
+            elog_complain(1, "Can't mmap file '%s'; **not transferred**", filename);
+            return 0;
+        }
+        data = static_cast<const char*>(mapped);
+    } else if (size > 0) {
+        data = read_whole(filename, size);
+        if (data == nullptr && errno == EAGAIN) {
+            elog_complain(0, "'%s' shrank while it was being read; not sent", filename);
+            return -1;
+        }
+        if (data == nullptr) {
             elog_complain(1, "Can't mmap file '%s'; **not transferred**", filename);
             return 0;
         }
     }
 
     elog_notify(0, "starting '%s'", filename);
-    const char* data = static_cast<const char*>(mapped);
     Rvm whole;
     std::vector<Key> keys;
     if (!digest_file(data, size, &whole, keys)) {

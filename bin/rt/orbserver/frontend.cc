@@ -24,7 +24,9 @@
 #include <vector>
 
 #include "auth.h"
+#include "board.h"
 #include "orb/orbfile.h"
+#include "records.h"
 #include "stock/bns.h"
 #include "deviants/my.h"
 #include "stock/elog.h"
@@ -215,8 +217,10 @@ struct Frontend::Impl {
     uint64_t next_id = 1;
     int nlocal = 0;
 
-    // Statistics for ORBSTAT.
+    // Statistics for ORBSTAT and the status page.
     int opens = 0, closes = 0, rejected = 0, errors = 0, messages = 0, connections = 0;
+    status::Totals totals;
+    std::shared_ptr<StatusBoard> board;
 
     // Waiter thread: sleeps on the ring while armed.
     std::thread waiter;
@@ -472,6 +476,8 @@ struct Frontend::Impl {
             c.counters->nreads++;
             c.counters->lastpkt = e->time;
         }
+        totals.packets_sent++;
+        totals.bytes_sent += n;
         return true;
     }
 
@@ -832,6 +838,7 @@ struct Frontend::Impl {
             c.counters->nwrites++;
             c.counters->lastpkt = p->time;
         }
+        count_written(p->srcname, uint64_t(p->packetsize));
         if (answer) {
             Orbresponse* r = start(c, q->what);
             r->pktid = seq >= 0 ? ring->pktid(uint64_t(seq)) : ORBSTASH;
@@ -924,8 +931,11 @@ struct Frontend::Impl {
     }
 
     void handle_stat(Client& c) {
-        Orbresponse* r = start(c, ORBSTAT);
-        Orbstat& s = r->orbstat;
+        fill_stat(start(c, ORBSTAT)->orbstat);
+        finish(c);
+    }
+
+    void fill_stat(Orbstat& s) {
         ring::Status st = ring->status();
         s.when = std_now();
         s.started = server_start;
@@ -948,7 +958,28 @@ struct Frontend::Impl {
         copy_text(s.host, sizeof s.host, hostname.c_str());
         copy_text(s.who, sizeof s.who, user.c_str());
         copy_text(s.version, sizeof s.version, "ferrant2 ring server 1.0");
-        finish(c);
+    }
+
+    void count_written(const char* srcname, uint64_t bytes) {
+        totals.packets_written++;
+        totals.bytes_written += bytes;
+        auto it = totals.by_source.find(std::string_view(srcname));
+        if (it == totals.by_source.end()) it = totals.by_source.emplace(srcname, status::Totals::Source{}).first;
+        it->second.packets++;
+        it->second.bytes += bytes;
+    }
+
+    status::Snapshot snapshot() {
+        status::Snapshot snap;
+        snap.name = ring->path();
+        fill_stat(snap.stat);
+        auto oldest = ring->oldest(), newest = ring->newest();
+        snap.oldest = oldest ? ring->pktid(*oldest) : -1;
+        snap.newest = newest ? ring->pktid(*newest) : -1;
+        for (const auto& k : ring->sources()) fill_orbsrc(snap.sources.emplace_back(), k);
+        for (const auto& k : ring->clients()) fill_orbclient(snap.clients.emplace_back(), k);
+        snap.totals = totals;
+        return snap;
     }
 
     void handle_clients(Client& c) {
@@ -964,38 +995,7 @@ struct Frontend::Impl {
             r->sZclient = int(list.size());
         }
         r->nclient = int(list.size());
-        for (size_t i = 0; i < list.size(); i++) {
-            const ring::Client& k = list[i];
-            Orbclient& o = r->client[i];
-            initOrbclient(&o);
-            o.lastpkt = k.lastpkt;
-            o.started = k.started;
-            o.read = k.read;
-            o.pid = k.pid;
-            o.bytes = k.bytes;
-            o.packets = k.packets;
-            o.pktid = k.pktid;
-            o.port = k.port;
-            std::memcpy(o.address, k.address, 4);
-            o.thread = k.thread;
-            o.fd = k.fd;
-            o.nselect = k.nselect;
-            o.nreject = k.nreject;
-            o.errors = k.errors;
-            o.priority = k.priority;
-            o.lastrequest = k.lastrequest;
-            o.mymessages = k.mymessages;
-            o.nrequests = k.nrequests;
-            o.nwrites = k.nwrites;
-            o.nreads = k.nreads;
-            o.written = k.written;
-            o.perm = k.perm;
-            copy_text(o.what, sizeof o.what, k.what);
-            copy_text(o.host, sizeof o.host, k.host);
-            copy_text(o.who, sizeof o.who, k.who);
-            copy_text(o.select, sizeof o.select, k.select);
-            copy_text(o.reject, sizeof o.reject, k.reject);
-        }
+        for (size_t i = 0; i < list.size(); i++) fill_orbclient(r->client[i], list[i]);
         finish(c);
     }
 
@@ -1012,19 +1012,7 @@ struct Frontend::Impl {
             r->sZsource = int(list.size());
         }
         r->nsource = int(list.size());
-        for (size_t i = 0; i < list.size(); i++) {
-            const ring::Source& k = list[i];
-            Orbsrc& o = r->source[i];
-            initOrbsrc(&o);
-            copy_text(o.srcname, sizeof o.srcname, k.srcname);
-            o.active = 1;
-            o.soldest = k.soldest;
-            o.slatest = k.slatest;
-            o.npkts = int(std::min<uint64_t>(k.npkts, 0x7fffffff));
-            o.nbytes = int(std::min<uint64_t>(k.nbytes, 0x7fffffff));
-            o.soldest_time = k.soldest_time;
-            o.slatest_time = k.slatest_time;
-        }
+        for (size_t i = 0; i < list.size(); i++) fill_orbsrc(r->source[i], list[i]);
         finish(c);
     }
 
@@ -1494,6 +1482,7 @@ struct Frontend::Impl {
     int run() {
         std::vector<epoll_event> events(256);
         while (!stopping) {
+            if (board && board->wanted()) board->publish(snapshot());
             // Push to streaming clients whenever the ring grew; arm the waiter
             // for the ones that have caught up.
             uint64_t h = ring->head();
@@ -1640,6 +1629,17 @@ void Frontend::add_stdio_client(int in, int out) {
 }
 
 int Frontend::run() { return impl_->run(); }
+
+void Frontend::publish_status(std::shared_ptr<StatusBoard> board) {
+    Impl& m = *impl_;
+    m.board = std::move(board);
+    int fd = m.wake_fd;
+    m.board->set_wake([fd] {
+        uint64_t one = 1;
+        ssize_t r = write(fd, &one, sizeof one);
+        (void)r;
+    });
+}
 
 void Frontend::stop() { on_stop_signal(0); }
 

@@ -21,6 +21,8 @@
 #include "ring/ring.h"
 #include "settings.h"
 
+class StatusBoard;
+
 // Opens the ring file, creating it with the settings' geometry when it does
 // not exist. Null with *why set when the file is unusable (it is never
 // replaced silently).
@@ -51,6 +53,11 @@ public:
     // or, with a stdio client, its departure. Returns the exit status.
     int run();
     void stop();
+
+    // Answers the board's requests for a status snapshot from the loop (once
+    // per pass, only when asked), until the Frontend is destroyed; the board
+    // must not wake it after that.
+    void publish_status(std::shared_ptr<StatusBoard> board);
 
     // SIGTERM and SIGINT end run() cleanly; SIGPIPE is ignored.
     static void install_signal_handlers();

@@ -162,6 +162,26 @@ std::string tls_pair(const std::string& a, Settings& s) {
     return "";
 }
 
+// "[address:]port" into address (left alone when not given) and port.
+std::string parse_listen(const std::string& text, std::string& address, int& port) {
+    std::string p = text;
+    if (auto colon = text.rfind(':'); colon != std::string::npos) {
+        std::string addr = text.substr(0, colon);
+        p = text.substr(colon + 1);
+        if (!addr.empty()) {
+            Cidr c;
+            if (!parse_cidr(addr, c) || addr.find('/') != std::string::npos) return "bad address '" + addr + "'";
+            address = addr;
+        }
+    }
+    char* end = nullptr;
+    errno = 0;
+    long v = std::strtol(p.c_str(), &end, 10);
+    if (errno || end == p.c_str() || *end || v < 0 || v > 65535) return "bad port '" + p + "'";
+    port = int(v);
+    return "";
+}
+
 }  // namespace
 
 std::string load_settings(const std::string& pfname, Settings& s) {
@@ -213,6 +233,9 @@ std::string load_settings(const std::string& pfname, Settings& s) {
     v = s.request_timeout;
     if (!(err = get_int(pf.get(), "request_timeout", 1, 1 << 30, false, v)).empty()) return err;
     s.request_timeout = int(v);
+    if (std::string h = get_text(pf.get(), "http_port", found); found && !h.empty()) {
+        if (!(err = parse_listen(h, s.http_address, s.http_port)).empty()) return err + " in http_port";
+    }
     if (!(err = get_list(pf.get(), "read_allow", s.read_allow)).empty()) return err;
     if (!(err = get_list(pf.get(), "write_allow", s.write_allow)).empty()) return err;
     if (!(err = get_list(pf.get(), "admin_allow", s.admin_allow)).empty()) return err;
@@ -253,23 +276,10 @@ std::string apply_option(int opt, const char* arg, Settings& s) {
         if (!number(2, 0x7fffffff, v)) return "bad packet-id modulus '" + a + "'";
         s.maxpkts = int(v);
         return "";
-    case 'P': {
-        std::string port = a;
-        if (auto colon = a.rfind(':'); colon != std::string::npos) {
-            std::string addr = a.substr(0, colon);
-            port = a.substr(colon + 1);
-            if (!addr.empty()) {
-                Cidr c;
-                if (!parse_cidr(addr, c) || addr.find('/') != std::string::npos)
-                    return "bad address '" + addr + "'";
-                s.bind_address = addr;
-            }
-        }
-        a = port;
-        if (!number(0, 65535, v)) return "bad port '" + port + "'";
-        s.port = int(v);
-        return "";
-    }
+    case 'P':
+        return parse_listen(a, s.bind_address, s.port);
+    case 'H':
+        return parse_listen(a, s.http_address, s.http_port);
     case 'o':
         s.port_file = a;
         return "";

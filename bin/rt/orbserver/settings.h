@@ -39,6 +39,8 @@ struct Settings {
     std::vector<Cidr> read_allow;   // default: everyone
     std::vector<Cidr> write_allow;  // default: loopback
     std::vector<Cidr> admin_allow;  // default: loopback
+    std::string http_address = "0.0.0.0";  // orbserver's status page (-H)
+    int http_port = -1;                    // -1: no status page; 0 picks a free port
     std::string port_file;      // where the listening "address:port" is written
     int verbose = 0;
     // TLS on the listening port when both are set (orbserver only).
@@ -56,7 +58,7 @@ std::string load_settings(const std::string& pfname, Settings& s);
 
 // Applies one command-line option shared by both front ends: -p is handled by
 // the caller (it names the file read first); -s size, -n index slots,
-// -m packet-id modulus, -P [address:]port, -o port file, -v more logging,
-// -T certfile,keyfile for TLS.
+// -m packet-id modulus, -P [address:]port, -H [address:]port of the status
+// page, -o port file, -T certfile,keyfile for TLS, -v more logging.
 // "" on success, else the complaint.
 std::string apply_option(int opt, const char* arg, Settings& s);

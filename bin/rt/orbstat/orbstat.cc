@@ -8,13 +8,14 @@
 #include <string>
 
 #include "orb/orb.h"
+#include "status/status.h"
 #include "stock/elog.h"
 #include "stock/epoch.h"
 
 namespace {
 
 void usage() {
-    fprintf(stderr, "Usage: orbstat [-s] [-c] orb\n");
+    fprintf(stderr, "Usage: orbstat [-s] [-c] [-j] orb\n");
     exit(1);
 }
 
@@ -53,36 +54,21 @@ void print_status(const char* name, const Orbstat* st, int range) {
     printf("  requests    %d messages, %d errors, %d rejected\n", st->messages, st->errors, st->rejected);
 }
 
-void print_sources(int orb) {
-    double at;
-    Orbsrc* src = nullptr;
-    int n = 0;
-    if (orbsources(orb, &at, &src, &n) != 0) {
-        elog_complain(0, "orbsources fails\n");
-        return;
-    }
+void print_sources(const status::Snapshot& snap) {
     printf("\n%-32s %8s %12s  %-23s  %-23s\n", "source", "packets", "bytes", "oldest", "latest");
-    for (int i = 0; i < n; i++)
-        printf("%-32s %8d %12d  %-23s  %-23s\n", src[i].srcname, src[i].npkts, src[i].nbytes,
-               when(src[i].soldest_time).c_str(), when(src[i].slatest_time).c_str());
+    for (const Orbsrc& s : snap.sources)
+        printf("%-32s %8d %12d  %-23s  %-23s\n", s.srcname, s.npkts, s.nbytes, when(s.soldest_time).c_str(),
+               when(s.slatest_time).c_str());
 }
 
-void print_clients(int orb, int oldest, int newest, int maxpkts) {
-    double at;
-    Orbclient* cl = nullptr;
-    int n = 0;
-    if (orbclients(orb, &at, &cl, &n) != 0) {
-        elog_complain(0, "orbclients fails\n");
-        return;
-    }
+void print_clients(const status::Snapshot& snap) {
     printf("\n%6s %-4s %-16s %-16s %-28s %8s %6s  %s\n", "thread", "perm", "who", "host", "address", "pktid", "lag",
            "what");
-    for (int i = 0; i < n; i++) {
-        const Orbclient& c = cl[i];
+    for (const Orbclient& c : snap.clients) {
         std::string lag = "-";
-        if (c.perm == 'r' && newest >= 0) {
+        if (c.perm == 'r' && snap.newest >= 0) {
             char b[16];
-            snprintf(b, sizeof b, "%.2f", lagvalue(c.pktid, oldest, newest, maxpkts));
+            snprintf(b, sizeof b, "%.2f", lagvalue(c.pktid, snap.oldest, snap.newest, snap.stat.maxpkts));
             lag = b;
         }
         std::string addr = address(c.address) + ":" + std::to_string(c.port);
@@ -91,16 +77,41 @@ void print_clients(int orb, int oldest, int newest, int maxpkts) {
     }
 }
 
+// Everything in one pass, copied out: each exchange reuses the response.
+status::Snapshot collect(int orb, const char* name, bool sources, bool clients) {
+    status::Snapshot snap;
+    snap.name = name;
+    snap.oldest = orbseek(orb, ORBOLDEST);
+    snap.newest = orbseek(orb, ORBNEWEST);
+    Orbstat* st = nullptr;
+    if (orbstat(orb, &st) != 0 || !st) elog_die(0, "orbstat fails on '%s'\n", name);
+    snap.stat = *st;
+    double at;
+    Orbsrc* src = nullptr;
+    Orbclient* cl = nullptr;
+    int n = 0;
+    if (sources) {
+        if (orbsources(orb, &at, &src, &n) == 0) snap.sources.assign(src, src + n);
+        else elog_complain(0, "orbsources fails\n");
+    }
+    if (clients) {
+        if (orbclients(orb, &at, &cl, &n) == 0) snap.clients.assign(cl, cl + n);
+        else elog_complain(0, "orbclients fails\n");
+    }
+    return snap;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     elog_init(argc, argv);
-    bool sources = false, clients = false;
+    bool sources = false, clients = false, json = false;
     int c;
-    while ((c = getopt(argc, argv, "cs")) != -1) {
+    while ((c = getopt(argc, argv, "csj")) != -1) {
         switch (c) {
             case 's': sources = true; break;
             case 'c': clients = true; break;
+            case 'j': json = true; break;
             default: usage();
         }
     }
@@ -108,17 +119,14 @@ int main(int argc, char** argv) {
     const char* name = argv[optind];
     int orb = orbopen(name, "r");
     if (orb < 0) elog_die(0, "Can't open ring buffer '%s'\n", name);
-    int oldest = orbseek(orb, ORBOLDEST);
-    int newest = orbseek(orb, ORBNEWEST);
-    Orbstat* st = nullptr;
-    if (orbstat(orb, &st) != 0 || !st) elog_die(0, "orbstat fails on '%s'\n", name);
-    Orbstat status = *st;  // the next exchange reuses the response
-    int range = 0;
-    if (newest >= 0 && oldest >= 0)
-        range = (newest >= oldest ? newest - oldest : status.maxpkts - oldest + newest) + 1;
-    print_status(name, &status, range);
-    if (sources) print_sources(orb);
-    if (clients) print_clients(orb, oldest, newest, status.maxpkts);
+    status::Snapshot snap = collect(orb, name, sources || json, clients || json);
     orbclose(orb);
+    if (json) {
+        printf("%s\n", status::status_json(snap).dump(2).c_str());
+        return 0;
+    }
+    print_status(name, &snap.stat, status::ring_npkts(snap.oldest, snap.newest, snap.stat.maxpkts));
+    if (sources) print_sources(snap);
+    if (clients) print_clients(snap);
     return 0;
 }

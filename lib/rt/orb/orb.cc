@@ -95,26 +95,33 @@ int spawn_file_server(const char* name, bool quiet, pid_t* child) {
     // The child reports a failed exec through a pipe that a successful exec
     // closes; otherwise the caller would see only a connection that ended
     // during the open.
-    int status[2];
+    int status[2], err[2];
     if (pipe2(status, O_CLOEXEC) < 0) status[0] = status[1] = -1;
+    if (pipe2(err, O_CLOEXEC) < 0) err[0] = err[1] = -1;
     pid_t pid = fork();
     if (pid < 0) {
         if (!quiet) elog_complain(1, "Couldn't open socketpair for subprocess '%s'\n", name);
         close(sv[0]);
         close(sv[1]);
         if (status[0] >= 0) close(status[0]), close(status[1]);
+        if (err[0] >= 0) close(err[0]), close(err[1]);
         return -1;
     }
     if (pid == 0) {
         // Only async-signal-safe calls between fork and exec.
         close(sv[0]);
         if (dup2(sv[1], 0) < 0 || dup2(sv[1], 1) < 0) _exit(1);
+        if (err[1] >= 0) dup2(err[1], 2);
         execvp(argv[0], argv.data());
         int e = errno;
         if (status[1] >= 0 && write(status[1], &e, sizeof e) < 0) _exit(1);
         _exit(1);
     }
     close(sv[1]);
+    if (err[0] >= 0) {
+        close(err[1]);
+        orb_relay_start(pid, err[0]);
+    }
     if (status[0] >= 0) {
         close(status[1]);
         int e = 0;
@@ -124,6 +131,7 @@ int spawn_file_server(const char* name, bool quiet, pid_t* child) {
         close(status[0]);
         if (n == sizeof e) {
             waitpid(pid, nullptr, 0);
+            orb_relay_finish(pid);
             close(sv[0]);
             errno = e;
             if (!quiet) elog_complain(1, "Can't run '%s' for '%s'", program.c_str(), name);
@@ -315,7 +323,10 @@ void reap_child(pid_t pid) {
     // The server ends when its end of the socket pair closes; don't wait for ever if it won't.
     for (int i = 0; i < 200; i++) {
         pid_t r = waitpid(pid, nullptr, WNOHANG);
-        if (r == pid || (r < 0 && errno != EINTR)) return;
+        if (r == pid || (r < 0 && errno != EINTR)) {
+            orb_relay_finish(pid);
+            return;
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
 }
@@ -413,6 +424,9 @@ int orbopen(const char* name, const char* mode) {
                 return -1;
             }
             if (r != 0) {
+                // A file server that failed says why as it exits: that comes first.
+                close(of->fd);
+                reap_child(orb_extra(of)->child);
                 if (!waiting) {
                     if (of->reply->result != 0 && of->reply->nerr > 0)
                         elog_complain(0, "orbserver: %s", of->reply->errmsg);
@@ -420,8 +434,6 @@ int orbopen(const char* name, const char* mode) {
                         elog_complain(0, "open negotiation fails: errno = %d eof=%s\n", of->in->syserrno,
                                       of->in->eof ? "true" : "false");
                 }
-                close(of->fd);
-                reap_child(orb_extra(of)->child);
                 free_handle(of);
                 of = nullptr;
             }

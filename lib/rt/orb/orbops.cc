@@ -240,7 +240,10 @@ int orbrup(const char* name, int thread, double* orb_start, double* server_start
     }
     close(fd);
     freeOrbfile(of);
-    if (peer.child > 0) waitpid(peer.child, nullptr, 0);
+    if (peer.child > 0) {
+        waitpid(peer.child, nullptr, 0);
+        orb_relay_finish(peer.child);
+    }
     return result;
 }
 

@@ -37,6 +37,12 @@ OrbExtra* orb_extra(Orbfile* orbfile);
 // a waiting open. Descriptor or -1.
 int orb_open_socket(const char* name, bool quiet, OrbPeer* peer);
 bool orb_is_file_name(const char* name);
+// A spawned server's standard error (fd, which this takes) goes line by line
+// into this process's log from a thread of its own; orb_relay_finish, called
+// once the child has exited, returns when all of it has been logged (or after
+// a few seconds, if something else holds the pipe open).
+void orb_relay_start(pid_t child, int fd);
+void orb_relay_finish(pid_t child);
 // The port of a name in the orbserver_names parameter file (read once): the value
 // is "port [signer] [tls]"; the signer is copied to signer and *tls tells whether
 // the last word is "tls". -1 when unknown.
