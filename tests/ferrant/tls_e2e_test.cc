@@ -11,10 +11,8 @@ namespace {
 TEST(FerrantTls, SignedSenderAndReceiverSurviveAServerRestart) {
     Pki pki;
     ASSERT_TRUE(pki.ok) << slurp(pki / "log");
-    testsupport::OrbServer::Options o;
-    o.pf = "signers &Tbl{\nalice " + pki / "alice.pub" + "\n}\nsigned_opens w\n";
-    o.args = pki.serve("server");
-    testsupport::OrbServer server(o);
+    std::string signers = "signers &Tbl{\nalice " + pki / "alice.pub" + "\n}\nsigned_opens w\n";
+    testsupport::OrbServer server({signers, pki.serve("server"), "127.0.0.1", "", true});
     ASSERT_TRUE(server.up()) << server.log();
     TempDir tmp;
     std::string port = std::to_string(server.port());

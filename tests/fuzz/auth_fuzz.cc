@@ -8,17 +8,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
 #include <cstdlib>
 #include <string>
 
 #include "auth.h"
 
-namespace {
-std::unique_ptr<TlsContext> Tls;
-std::unique_ptr<Auth> Signers;
-}  // namespace
+static std::unique_ptr<TlsContext> Tls;
+static std::unique_ptr<Auth> Signers;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     setenv("ELOG_DELIVER", "/dev/null@lncDa stderr@df", 1);

@@ -16,18 +16,12 @@ std::string signers(const Pki& pki) {
            "\n}\nsigned_opens w\nrequest_timeout 2\n";
 }
 
-OrbServer::Options options(const std::string& pf, const std::vector<std::string>& args = {}) {
-    OrbServer::Options o;
-    o.pf = pf;
-    o.args = args;
-    return o;
-}
-
 TEST(Tls, RefusalsSayWhyAndTheServerServesOn) {
     Pki pki;
     ASSERT_TRUE(pki.ok) << slurp(pki / "log");
-    OrbServer sec(options(signers(pki), pki.serve("server"))), plain;
-    OrbServer expired(options("", pki.serve("expired"))), wrong(options("", pki.serve("wrongname")));
+    OrbServer sec({signers(pki), pki.serve("server"), "127.0.0.1", "", true}), plain;
+    OrbServer expired({"", pki.serve("expired"), "127.0.0.1", "", true});
+    OrbServer wrong({"", pki.serve("wrongname"), "127.0.0.1", "", true});
     for (auto* s : {&sec, &plain, &expired, &wrong}) ASSERT_TRUE(s->up()) << s->log();
     TempDir tmp;
     auto port = [](const OrbServer& s) { return " " + std::to_string(s.port()); };
@@ -45,11 +39,8 @@ TEST(Tls, RefusalsSayWhyAndTheServerServesOn) {
     ASSERT_TRUE(cut.connect_tcp(sec.name()));
     ASSERT_TRUE(cut.raw(std::string("\x16\x03\x01\x02\x00\x01\x00", 7)));
 
-    struct Case {
-        const char* name;
-        char perm;  // 'r': orbstat reads the status, 'w': ferrant2 sends a file
-        std::string var, value, client, server;
-    } cases[] = {
+    // perm 'r': orbstat reads the status, 'w': ferrant2 sends a file.
+    struct Case { const char* name; char perm; std::string var, value, client, server; } cases[] = {
         {"sec", 'w', "", "", "", ""},
         {"anon", 'r', "", "", "", ""},
         {"anon", 'w', "", "", "opens for writing must be signed on this server", "(unsigned): opens for writing"},
@@ -93,7 +84,7 @@ TEST(Tls, SignedOpensCannotBeReplayed) {
     Pki pki;
     ASSERT_TRUE(pki.ok) << slurp(pki / "log");
     setenv("ORB_KEYS", pki.dir.path.c_str(), 1);
-    OrbServer server(options(signers(pki)));
+    OrbServer server({signers(pki), {}, "127.0.0.1", "", true});
     ASSERT_TRUE(server.up()) << server.log();
     using Signed = std::pair<std::string, std::string>;  // challenge, signature
     auto hello = [](testsupport::WireClient& w) {
@@ -124,11 +115,7 @@ TEST(Tls, SignedOpensCannotBeReplayed) {
     EXPECT_EQ(open(first, good), "");
     EXPECT_NE(open(first, good).find("no challenge outstanding"), std::string::npos);
 
-    struct Case {
-        bool challenge_first;
-        bool fresh_challenge, fresh_signature;
-        const char* why;
-    } cases[] = {
+    struct Case { bool challenge_first, fresh_challenge, fresh_signature; const char* why; } cases[] = {
         {true, false, false, "the challenge does not match"},
         {true, true, false, "does not verify"},
         {false, false, false, "no challenge outstanding"},

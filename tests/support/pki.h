@@ -1,7 +1,6 @@
-// Test keys made with the openssl command in a temporary directory: CAs "ca"
-// and "other", certificates from "ca" for 127.0.0.1 ("server"), for another
-// name ("wrongname") and already expired ("expired"), each as NAME.pem and
-// NAME.key; Ed25519 signer keys alice, bob and mallory as NAME.key and NAME.pub.
+// Keys made by the openssl command in a temporary directory, NAME.pem/NAME.key: CAs "ca", "other";
+// from "ca", certificates for 127.0.0.1 ("server"), another name ("wrongname"), already expired
+// ("expired"). Ed25519 signers alice, bob, mallory: NAME.key, NAME.pub.
 #pragma once
 
 #include <cstdlib>

@@ -1310,7 +1310,11 @@ struct Frontend::Impl {
         ssize_t k = recv(c.in_fd, head, sizeof head, MSG_PEEK);
         if (k < 4 || std::memcmp(head, "orbm", 4) != 0) return false;
         std::string answer = plain_client_refusal(head, int(k));
-        ssize_t w = send(c.in_fd, answer.data(), answer.size(), MSG_NOSIGNAL);
+        // Its request is taken first: closing on unread bytes would reset the
+        // connection and could lose the answer.
+        char sink[4096];
+        ssize_t w = recv(c.in_fd, sink, sizeof sink, MSG_DONTWAIT);
+        w = send(c.in_fd, answer.data(), answer.size(), MSG_NOSIGNAL);
         (void)w;
         rejected++;
         drop(c, "a plain client on a TLS port");
