@@ -25,10 +25,13 @@ std::string last_error(const char* fallback) {
 // Settings both sides share: no protocol below TLS 1.2, no renegotiation, a
 // peer that closes without notice is simply end of file, and a write may be
 // retried from a buffer that moved (the output stream compacts itself).
+// AES-128-GCM comes first: every byte is sealed and opened twice on its way
+// through the server, and it is the fastest of the suites with AES-NI.
 SSL_CTX* new_ctx(const SSL_METHOD* method) {
     SSL_CTX* c = SSL_CTX_new(method);
     if (!c) return nullptr;
     SSL_CTX_set_min_proto_version(c, TLS1_2_VERSION);
+    SSL_CTX_set_ciphersuites(c, "TLS_AES_128_GCM_SHA256:TLS_AES_256_GCM_SHA384:TLS_CHACHA20_POLY1305_SHA256");
     SSL_CTX_set_options(c, SSL_OP_IGNORE_UNEXPECTED_EOF | SSL_OP_NO_RENEGOTIATION);
     SSL_CTX_set_mode(c, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     return c;
