@@ -1324,8 +1324,9 @@ struct Frontend::Impl {
     void read_requests(Client& c) {
         Bns* in = c.in;
         while (!c.dead && !c.closing && !stopping && c.pending() < kOutStopReading) {
-            // Nothing buffered: wait for the descriptor rather than ask it again.
-            if (in->lp == in->fp) return;
+            // Nothing buffered: wait for the descriptor rather than ask it again
+            // (unless a TLS session holds whole records, which epoll cannot see).
+            if (in->lp == in->fp && bnspending(in) == 0) return;
             if (!c.synced) {
                 if (in->lp - in->fp >= 4 && std::memcmp(in->data + in->fp, "orbm", 4) == 0) {
                     in->fp += 4;
