@@ -6,13 +6,14 @@
 #   make fuzz       build the libFuzzer targets with clang and run each for FUZZ_SECONDS
 #   make bench      Release build, then the benchmark table
 #   make install    install under PREFIX (default /usr/local)
+#   make deb        the Debian package, in build-deb/ (see docs/deploying.md)
 
 PREFIX       ?= /usr/local
 JOBS         ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 CMAKE_FLAGS  ?=
 
-.PHONY: all build configure deps demo test test-asan fuzz bench install clean
+.PHONY: all build configure deps demo test test-asan fuzz bench install deb clean
 
 all: build
 
@@ -53,5 +54,8 @@ bench: deps
 install: build
 	cmake --install build
 
+deb: deps
+	JOBS=$(JOBS) sh scripts/deb.sh build-deb
+
 clean:
-	rm -rf build build-asan build-fuzz build-release
+	rm -rf build build-asan build-fuzz build-release build-deb

@@ -4,6 +4,8 @@
 pkgs="cmake make g++ libgtest-dev libgmock-dev libbenchmark-dev libssl-dev clang libclang-rt-14-dev"
 pkgs="$pkgs libmicrohttpd-dev nlohmann-json3-dev pkg-config"  # the status page
 pkgs="$pkgs chromium python3-prometheus-client"                # its tests: a browser, a metrics parser
+pkgs="$pkgs debhelper lintian fakeroot dpkg-dev systemd"       # make deb, and its test
+pkgs="$pkgs libnats-dev nats-server"                           # rings on a JetStream stream
 pkgs="$pkgs rsync"                                             # the benchmark's reference
 missing=""
 for p in $pkgs; do

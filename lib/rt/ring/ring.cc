@@ -483,16 +483,14 @@ Geo normalise(const Geometry& in) {
     std::memcpy(g.magic, kMagic, sizeof kMagic);
     g.version = kVersion;
     g.endian = kEndian;
-    g.data_bytes = in.data_bytes ? in.data_bytes : (64ull << 20);
-    uint64_t slots = in.nslots ? in.nslots : std::max<uint64_t>(64, std::min<uint64_t>(g.data_bytes / 512, 1u << 26));
-    g.maxpkts = in.maxpkts ? in.maxpkts : INT32_MAX;
-    if (g.maxpkts > 0 && slots > uint64_t(g.maxpkts)) slots = uint64_t(g.maxpkts);
-    g.nslots = uint32_t(std::min<uint64_t>(slots, UINT32_MAX));
-    if (in.nslots > (1u << 26)) g.nslots = in.nslots;   // let layout() refuse it
-    g.maxsrc = in.maxsrc ? in.maxsrc : 1024;
-    g.maxclients = in.maxclients ? in.maxclients : 256;
-    g.nstash = in.nstash ? in.nstash : 64;
-    g.stash_bytes = in.stash_bytes ? in.stash_bytes : 65536;
+    Geometry r = resolve_geometry(in);
+    g.data_bytes = r.data_bytes;
+    g.nslots = r.nslots;
+    g.maxpkts = r.maxpkts;
+    g.maxsrc = r.maxsrc;
+    g.maxclients = r.maxclients;
+    g.nstash = r.nstash;
+    g.stash_bytes = r.stash_bytes;
     return g;
 }
 
@@ -544,6 +542,21 @@ std::pair<std::string, std::unique_ptr<Ring::Impl>> build_temp(const std::string
 }
 
 }  // namespace
+
+Geometry resolve_geometry(const Geometry& in) {
+    Geometry g;
+    g.data_bytes = in.data_bytes ? in.data_bytes : (64ull << 20);
+    uint64_t slots = in.nslots ? in.nslots : std::max<uint64_t>(64, std::min<uint64_t>(g.data_bytes / 512, 1u << 26));
+    g.maxpkts = in.maxpkts ? in.maxpkts : INT32_MAX;
+    if (g.maxpkts > 0 && slots > uint64_t(g.maxpkts)) slots = uint64_t(g.maxpkts);
+    g.nslots = uint32_t(std::min<uint64_t>(slots, UINT32_MAX));
+    if (in.nslots > (1u << 26)) g.nslots = in.nslots;   // let layout() refuse it
+    g.maxsrc = in.maxsrc ? in.maxsrc : 1024;
+    g.maxclients = in.maxclients ? in.maxclients : 256;
+    g.nstash = in.nstash ? in.nstash : 64;
+    g.stash_bytes = in.stash_bytes ? in.stash_bytes : 65536;
+    return g;
+}
 
 std::unique_ptr<Ring> Ring::open(const std::string& path) {
     auto im = open_impl(path);
@@ -738,10 +751,13 @@ std::optional<uint64_t> Ring::newest() const {
 }
 
 std::optional<uint64_t> Ring::find(int32_t id) const {
-    const uint64_t m = uint64_t(maxpkts());
-    if (id < 0 || uint64_t(id) >= m) return {};
     uint64_t hd = head(), t = tail();
-    if (hd == t) return {};
+    return seq_of_pktid(id, t, hd, maxpkts());
+}
+
+std::optional<uint64_t> seq_of_pktid(int32_t id, uint64_t t, uint64_t hd, int32_t maxpkts) {
+    const uint64_t m = uint64_t(maxpkts);
+    if (id < 0 || uint64_t(id) >= m || hd <= t) return {};
     uint64_t newest = hd - 1;
     uint64_t back = (newest % m + m - uint64_t(id)) % m;
     if (back > newest - t) return {};
@@ -794,7 +810,7 @@ bool copy_entry(const Ring::Impl& im, uint64_t seq, Entry* e, uint64_t* phys) {
     const IndexEntry& x = im.slot(seq);
     if (x.seq1.load(std::memory_order_acquire) != seq + 1) return false;
     e->seq = seq;
-    e->pktid = int32_t(seq % uint64_t(im.g.maxpkts));
+    e->pktid = fold_pktid(seq, im.g.maxpkts);
     e->time = x.time;
     e->size = x.size;
     e->src = x.src;
@@ -899,8 +915,8 @@ void fill_source(const Ring::Impl& im, uint32_t i, Source* s) {
     s->nbytes = r.nbytes;
     s->oldest_seq = r.oldest;
     s->latest_seq = r.latest;
-    s->soldest = int32_t(r.oldest % uint64_t(im.g.maxpkts));
-    s->slatest = int32_t(r.latest % uint64_t(im.g.maxpkts));
+    s->soldest = fold_pktid(r.oldest, im.g.maxpkts);
+    s->slatest = fold_pktid(r.latest, im.g.maxpkts);
     s->soldest_time = r.oldest_time;
     s->slatest_time = r.latest_time;
 }

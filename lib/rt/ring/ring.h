@@ -36,6 +36,12 @@ namespace ring {
 // Size of a source name field, NUL included (names are at most 63 bytes).
 constexpr size_t kNameBytes = 64;
 
+// The packet id of a seq: ids run 0 .. maxpkts-1 and wrap. Every store
+// folds its sequence through this, so ids agree whatever holds the ring.
+inline int32_t fold_pktid(uint64_t seq, int32_t maxpkts) { return int32_t(seq % uint64_t(maxpkts)); }
+// The newest seq in [tail, head) whose id is `id`, if any.
+std::optional<uint64_t> seq_of_pktid(int32_t id, uint64_t tail, uint64_t head, int32_t maxpkts);
+
 struct Error : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -50,6 +56,9 @@ struct Geometry {
     uint32_t nstash = 0;         // stash entries; default 64
     uint32_t stash_bytes = 0;    // largest stashed packet; default 65536
 };
+
+// g with every zero field given its default, as Ring::create fills it in.
+Geometry resolve_geometry(const Geometry& g);
 
 // Index data of one packet, copied out of the file.
 struct Entry {
@@ -141,7 +150,7 @@ public:
     uint64_t head() const;                 // seq the next packet will get
     uint64_t tail() const;                 // oldest seq present (== head() when empty)
     int32_t maxpkts() const;
-    int32_t pktid(uint64_t seq) const { return int32_t(seq % uint64_t(maxpkts())); }
+    int32_t pktid(uint64_t seq) const { return fold_pktid(seq, maxpkts()); }
     std::optional<uint64_t> oldest() const;
     std::optional<uint64_t> newest() const;
     // The present packet with this pktid, if any (unique: nslots <= maxpkts).

@@ -1,0 +1,241 @@
+// The ring-store contract, run against the ring file and against a JetStream
+// stream on a real three-node cluster; then what only a cluster can do wrong.
+#include "ring/store.h"
+#include "ring/store_jetstream.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "support/nats_cluster.h"
+#include "support/tempdir.h"
+
+using namespace ring;
+using testing::HasSubstr;
+
+namespace {
+
+std::unique_ptr<nats_test::Cluster> the_cluster;
+std::string cluster_error;
+
+nats_test::Cluster* cluster() {
+    if (!the_cluster && cluster_error.empty()) {
+        if (nats_test::server_binary().empty()) return cluster_error = "nats-server is not installed", nullptr;
+        the_cluster = std::make_unique<nats_test::Cluster>();
+        if (!(cluster_error = the_cluster->wait_ready()).empty()) the_cluster.reset();
+    }
+    return the_cluster.get();
+}
+
+// The JetStream mirror follows the stream a moment after a put.
+template <class F>
+bool eventually(F cond) {
+    for (int i = 0; i < 600 && !cond(); i++) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    return cond();
+}
+
+std::string bytes(int i, size_t n = 100) { return std::string(n, char('a' + i % 26)) + std::to_string(i); }
+
+int64_t put(RingStore& s, const std::string& src, double t, const std::string& d, std::string* why = nullptr) {
+    return s.put(src, t, d.data(), d.size(), why);
+}
+
+// The packet's bytes, its index data into *e; "absent" when it is not there.
+std::string data_at(const RingStore& s, uint64_t seq, Entry* e = nullptr) {
+    Entry x;
+    std::vector<char> buf;
+    return s.read(seq, e ? e : &x, buf) ? std::string(buf.begin(), buf.end()) : "absent";
+}
+
+class Store : public testing::TestWithParam<std::string> {
+protected:
+    void SetUp() override {
+        if (GetParam() == "jetstream" && !cluster()) GTEST_SKIP() << cluster_error;
+    }
+    // Only the limits of a Geometry apply to both: data_bytes, nslots, maxpkts.
+    std::unique_ptr<RingStore> make(Geometry l) {
+        std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
+        name = name.substr(0, name.find('/')) + std::to_string(getpid());
+        if (GetParam() == "file") return open_file_store(dir / name, l);
+        return open_jetstream_store({cluster()->urls(), name, l.data_bytes, l.nslots, l.maxpkts});
+    }
+    TempDir dir;
+};
+
+TEST_P(Store, AppendsAndReadsBack) {
+    auto s = make({});
+    const std::string odd = "NET_STA/%20 x\x01";
+    EXPECT_EQ(put(*s, "NET_STA_CHAN/MGENC", 100.25, bytes(0)), 0);
+    EXPECT_EQ(put(*s, odd, 1e9 + 1.0 / 3, bytes(1)), 1);
+    EXPECT_EQ(put(*s, "", 0, ""), 2);
+    std::string why;
+    EXPECT_EQ(put(*s, std::string(64, 'x'), 0, "", &why), -1);
+    EXPECT_THAT(why, HasSubstr("63 bytes"));
+    ASSERT_TRUE(eventually([&] { return s->head() == 3; }));
+    EXPECT_EQ(s->oldest(), 0u);
+    EXPECT_EQ(s->newest(), 2u);
+    Entry e;
+    EXPECT_EQ(data_at(*s, 1, &e), bytes(1));
+    EXPECT_EQ(e.srcname, odd);
+    EXPECT_EQ(e.time, 1e9 + 1.0 / 3);
+    EXPECT_EQ(e.pktid, 1);
+    const char* data;
+    ASSERT_TRUE(s->view(0, &e, &data) && s->still_valid(0));
+    EXPECT_EQ(std::string(data, e.size), bytes(0));
+    std::vector<char> buf;
+    ASSERT_TRUE(s->read(0, &e, buf, 10));
+    EXPECT_EQ(buf.size(), 10u);
+    EXPECT_FALSE(s->entry(3, &e));
+}
+
+TEST_P(Store, IdsWrapAndThePacketLimitDiscardsTheOldest) {
+    auto s = make({1 << 20, 4, 5});
+    for (int i = 0; i < 12; i++) ASSERT_EQ(put(*s, "A", i, bytes(i)), i);
+    ASSERT_TRUE(eventually([&] { return s->tail() == 8 && s->head() == 12; }));
+    for (uint64_t seq = 8; seq < 12; seq++) {
+        EXPECT_EQ(s->pktid(seq), int32_t(seq % 5));
+        EXPECT_EQ(s->find(int32_t(seq % 5)), seq);
+    }
+    EXPECT_EQ(s->find(2), std::nullopt);   // its packet, seq 7, is gone
+    EXPECT_EQ(s->next_seq(3), 8u);
+    EXPECT_EQ(s->prev_seq(8), std::nullopt);
+    EXPECT_EQ(data_at(*s, 7), "absent");
+    EXPECT_EQ(data_at(*s, 8), bytes(8));
+    // Another opener (front end) gets the ring as it is, whatever it asks for.
+    auto again = make({1 << 20, 100, 1000});
+    EXPECT_EQ(again->maxpkts(), 5);
+    EXPECT_EQ(again->status().orb_start, s->status().orb_start);
+    EXPECT_TRUE(eventually([&] { return again->tail() == 8 && data_at(*again, 11) == bytes(11); }));
+}
+
+TEST_P(Store, TheByteLimitDiscardsTheOldest) {
+    auto s = make({8192});
+    for (int i = 0; i < 30; i++) ASSERT_EQ(put(*s, "A", i, bytes(i, 1000)), i);
+    ASSERT_TRUE(eventually([&] { return s->tail() > 0 && s->status().bytes_used <= 8192; }));
+    EXPECT_EQ(s->newest(), 29u);
+    EXPECT_EQ(data_at(*s, 29), bytes(29, 1000));
+}
+
+TEST_P(Store, SeeksByTime) {
+    auto s = make({});
+    for (int i = 0; i < 10; i++) put(*s, "A", 100 + i, bytes(i));
+    ASSERT_TRUE(eventually([&] { return s->head() == 10; }));
+    EXPECT_EQ(s->after_time(104.5), 5u);
+    EXPECT_EQ(s->after_time(104), 5u);
+    EXPECT_EQ(s->after_time(0), 0u);
+    EXPECT_EQ(s->after_time(109), std::nullopt);
+}
+
+TEST_P(Store, SourcesCountThePacketsPresent) {
+    auto s = make({1 << 20, 3, 0});
+    const char* names[] = {"A", "B", "A", "B", "A"};
+    for (int i = 0; i < 5; i++) put(*s, names[i], 10 + i, bytes(i, 10 + i));
+    ASSERT_TRUE(eventually([&] { return s->tail() == 2 && s->head() == 5; }));
+    auto v = s->sources();
+    ASSERT_EQ(v.size(), 2u);
+    std::sort(v.begin(), v.end(), [](auto& a, auto& b) { return std::string(a.srcname) < b.srcname; });
+    EXPECT_EQ(v[0].npkts, 2u);
+    EXPECT_EQ(v[0].nbytes, bytes(2, 12).size() + bytes(4, 14).size());
+    EXPECT_EQ(v[0].soldest_time, 12);
+    EXPECT_EQ(v[0].slatest, 4);
+    EXPECT_EQ(v[1].npkts, 1u);
+    EXPECT_EQ(v[1].soldest, 3);
+    EXPECT_EQ(s->status().nsources, 2u);
+}
+
+TEST_P(Store, WaitersWakeOnPutsAndOnRequest) {
+    auto s = make({});
+    auto waiter = [&](uint64_t seen) {
+        uint32_t since = s->wake_count();
+        return std::async(std::launch::async, [&s, seen, since] { return s->wait_since(seen, since, -1); });
+    };
+    // 1: woken with a new packet, 0: woken with none, -1: still asleep
+    auto outcome = [](auto& f) { return f.wait_for(std::chrono::seconds(60)) == std::future_status::ready ? int(f.get()) : -1; };
+    auto woken = waiter(0);
+    put(*s, "A", 1, "x");
+    EXPECT_EQ(outcome(woken), 1);
+    woken = waiter(s->head());
+    s->wake_all();
+    EXPECT_EQ(outcome(woken), 0);
+}
+
+TEST_P(Store, AsyncPutsAreDoneInCallOrder) {
+    auto s = make({});
+    std::mutex m;
+    std::vector<int64_t> seqs, want;
+    for (int i = 0; i < 300; i++) {   // more than a window
+        std::string d = bytes(i);
+        want.push_back(i);
+        s->put_async("A", i, d.data(), d.size(), [&](int64_t q, auto&) { std::lock_guard lk(m); seqs.push_back(q); });
+    }
+    s->flush();
+    std::lock_guard lk(m);
+    EXPECT_EQ(seqs, want);
+}
+
+INSTANTIATE_TEST_SUITE_P(Stores, Store, testing::Values("file", "jetstream"),
+                         [](const auto& p) { return p.param; });
+
+class JetStream : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!cluster()) GTEST_SKIP() << cluster_error;
+        o = {cluster()->urls(), testing::UnitTest::GetInstance()->current_test_info()->name() + std::to_string(getpid())};
+    }
+    JetStreamOptions o;
+};
+
+TEST_F(JetStream, RefusesStreamsARingCannotUse) {
+    natsConnection* nc = nullptr;
+    ASSERT_EQ(natsConnection_ConnectTo(&nc, ("nats://" + o.urls[0]).c_str()), NATS_OK);
+    jsCtx* js = nullptr;
+    natsConnection_JetStream(&js, nc, nullptr);
+    struct Case { const char* setting; jsRetentionPolicy retention; jsDiscardPolicy discard; const char* subject; };
+    for (Case c : {Case{"setting retention", js_WorkQueuePolicy, js_DiscardOld, nullptr},
+                   Case{"setting discard", js_LimitsPolicy, js_DiscardNew, nullptr},
+                   Case{"setting subjects", js_LimitsPolicy, js_DiscardOld, "other.>"}}) {
+        o.name = std::string("bad") + std::to_string(c.discard + 2 * c.retention) + std::to_string(getpid());
+        std::string subject = c.subject ? c.subject : "orb." + o.name;
+        const char* subjects[] = {subject.c_str()};
+        jsStreamConfig cfg;
+        jsStreamConfig_Init(&cfg);
+        cfg.Name = o.name.c_str();
+        cfg.Subjects = subjects, cfg.SubjectsLen = 1;
+        cfg.Retention = c.retention, cfg.Discard = c.discard;
+        ASSERT_EQ(js_AddStream(nullptr, js, &cfg, nullptr, nullptr), NATS_OK) << c.setting;
+        EXPECT_THAT([&] { open_jetstream_store(o); }, testing::ThrowsMessage<Error>(HasSubstr(c.setting)));
+    }
+    jsCtx_Destroy(js);
+    natsConnection_Destroy(nc);
+}
+
+TEST(JetStreamStore, NoServerIsAnErrorNamingTheURLs) {
+    JetStreamOptions o{{"127.0.0.1:" + std::to_string(nats_test::free_port())}, "ring"};
+    EXPECT_THAT([&] { open_jetstream_store(o); }, testing::ThrowsMessage<Error>(HasSubstr(o.urls[0])));
+}
+
+// One node gone: the other two still store and serve. Two gone: puts fail
+// with the reason, in bounded time. Back: puts are stored again.
+TEST_F(JetStream, ServesWithOneNodeKilledAndFailsWithoutQuorumUntilItReturns) {
+    std::string limits, why;
+    o.timeout_ms = 2000;
+    auto s = open_jetstream_store(o, &limits);
+    EXPECT_THAT(limits, HasSubstr("created: max_bytes 67108864, max_msgs 131072, max_age unlimited, replicas 3"));
+    ASSERT_EQ(put(*s, "A", 1, bytes(1)), 0);
+    cluster()->kill(0);
+    int64_t seq = -1;
+    ASSERT_TRUE(eventually([&] { return (seq = put(*s, "A", 2, bytes(2))) >= 1; }));
+    EXPECT_TRUE(eventually([&] { return data_at(*s, uint64_t(seq)) == bytes(2); }));
+    EXPECT_EQ(data_at(*s, 0), bytes(1));
+    cluster()->kill(1);
+    EXPECT_EQ(put(*s, "A", 3, bytes(3), &why), -1);
+    EXPECT_THAT(why, HasSubstr("did not store the packet"));
+    cluster()->start(0);
+    cluster()->start(1);
+    ASSERT_TRUE(eventually([&] { return (seq = put(*s, "A", 4, bytes(4))) > 1; })) << why;
+    EXPECT_TRUE(eventually([&] { return data_at(*s, uint64_t(seq)) == bytes(4); }));
+    EXPECT_EQ(cluster()->wait_ready(), "");   // whole again for the tests after
+}
+
+}  // namespace

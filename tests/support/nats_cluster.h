@@ -1,0 +1,139 @@
+// A real NATS cluster with JetStream for tests: `nodes` nats-server processes
+// on loopback ports of their own, routed to each other, their configuration
+// and storage in a private temporary directory. Nodes can be SIGKILLed and
+// started again on the same ports and storage. Everything is killed when the
+// object goes. Programs including this link the NATS client (libnats).
+#pragma once
+
+#include <nats/nats.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/tempdir.h"
+
+namespace nats_test {
+
+// The server program (where Debian's package puts it), or "" when missing.
+inline std::string server_binary() {
+    return access("/usr/sbin/nats-server", X_OK) == 0 ? "/usr/sbin/nats-server" : "";
+}
+
+// A loopback port free at the moment of asking.
+inline int free_port() {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t n = sizeof a;
+    int port = -1;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n) == 0)
+        port = ntohs(a.sin_port);
+    close(fd);
+    return port;
+}
+
+class Cluster {
+public:
+    explicit Cluster(int nodes = 3) : dir_("ferrant_nats") {
+        for (int i = 0; i < nodes; i++) nodes_.push_back({free_port(), free_port(), -1});
+        for (int i = 0; i < nodes; i++) {
+            std::string routes;
+            for (int j = 0; j < nodes; j++)
+                if (j != i) routes += "\n    nats-route://127.0.0.1:" + std::to_string(nodes_[j].route_port);
+            dir_.file("n" + std::to_string(i) + ".conf",
+                      "server_name: n" + std::to_string(i) + "\nlisten: 127.0.0.1:" +
+                          std::to_string(nodes_[i].port) + "\njetstream {\n  store_dir: \"" +
+                          dir_.sub("n" + std::to_string(i)) +
+                          "\"\n  max_memory_store: 64MB\n  max_file_store: 1GB\n}\ncluster {\n  name: ferrant\n"
+                          "  listen: 127.0.0.1:" + std::to_string(nodes_[i].route_port) + "\n  routes: [" +
+                          routes + "\n  ]\n}\n");
+        }
+        for (int i = 0; i < nodes; i++) start(i);
+    }
+    ~Cluster() {
+        for (int i = 0; i < int(nodes_.size()); i++) kill(i);
+    }
+    Cluster(const Cluster&) = delete;
+    Cluster& operator=(const Cluster&) = delete;
+
+    // "127.0.0.1:port" of every node.
+    std::vector<std::string> urls() const {
+        std::vector<std::string> v;
+        for (const auto& n : nodes_) v.push_back("127.0.0.1:" + std::to_string(n.port));
+        return v;
+    }
+
+    void start(int i) {
+        if (nodes_[i].pid > 0) return;
+        std::string conf = dir_ / ("n" + std::to_string(i) + ".conf");
+        std::string log = dir_ / ("n" + std::to_string(i) + ".log");
+        std::string bin = server_binary();
+        pid_t pid = fork();
+        if (pid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);   // no server outlives a crashed test
+            FILE* f = std::freopen(log.c_str(), "a", stdout);
+            if (f) dup2(1, 2);
+            execl(bin.c_str(), bin.c_str(), "-js", "-c", conf.c_str(), static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        nodes_[i].pid = pid;
+    }
+
+    void kill(int i) {
+        if (nodes_[i].pid <= 0) return;
+        ::kill(nodes_[i].pid, SIGKILL);
+        while (waitpid(nodes_[i].pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+        nodes_[i].pid = -1;
+    }
+
+    // Waits (at most limit_s) until JetStream places a stream on every node:
+    // then the cluster has its leader and all peers. "" or what is wrong.
+    std::string wait_ready(int limit_s = 60) const {
+        std::string list, last = "no answer";
+        for (const auto& u : urls()) list += (list.empty() ? "nats://" : ",nats://") + u;
+        for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(limit_s);
+             std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(std::chrono::milliseconds(250))) {
+            natsConnection* nc = nullptr;
+            jsCtx* js = nullptr;
+            jsStreamInfo* si = nullptr;
+            jsStreamConfig c;
+            jsStreamConfig_Init(&c);
+            c.Name = "ready_probe";
+            c.Storage = js_MemoryStorage;
+            c.Replicas = int64_t(nodes_.size());
+            natsStatus s = natsConnection_ConnectTo(&nc, list.c_str());
+            if (s == NATS_OK && (s = natsConnection_JetStream(&js, nc, nullptr)) == NATS_OK &&
+                (s = js_AddStream(&si, js, &c, nullptr, nullptr)) == NATS_OK) {
+                jsStreamInfo_Destroy(si);
+                js_DeleteStream(js, "ready_probe", nullptr, nullptr);
+            }
+            jsCtx_Destroy(js);
+            natsConnection_Destroy(nc);
+            if (s == NATS_OK) return "";
+            last = natsStatus_GetText(s);
+        }
+        return "cluster not ready: " + last;
+    }
+
+private:
+    struct Node {
+        int port, route_port;
+        pid_t pid;
+    };
+    TempDir dir_;
+    std::vector<Node> nodes_;
+};
+
+}  // namespace nats_test
