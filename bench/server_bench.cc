@@ -1,5 +1,5 @@
 // orbserver figures through our client library: one writer and one reader at
-// once (512-byte and 64 KiB packets), puts alone, reads of a full ring alone,
+// once (512-byte and 64 KiB packets, the latter also over TLS), puts alone, reads of a full ring alone,
 // one writer and four readers, put-to-reap latency, and the server's private
 // memory. Every client is its own process, as in real use. Prints rows of the
 // benchmark table.
@@ -34,7 +34,7 @@ struct Server {
     std::string name;
 };
 
-Server start_server(const std::string& dir, const std::string& size) {
+Server start_server(const std::string& dir, const std::string& size, const std::vector<std::string>& extra = {}) {
     std::string portfile = dir + "/port", ring = dir + "/ring";
     std::filesystem::remove(portfile);
     std::filesystem::remove(ring);
@@ -43,8 +43,13 @@ Server start_server(const std::string& dir, const std::string& size) {
     if (s.pid == 0) {
         std::string bin = std::string(FERRANT_BUILD_DIR) + "/bin/orbserver";
         freopen((dir + "/orbserver.log").c_str(), "a", stderr);
-        execl(bin.c_str(), bin.c_str(), "-P", "127.0.0.1:0", "-o", portfile.c_str(), "-s", size.c_str(),
-              ring.c_str(), (char*)nullptr);
+        std::vector<std::string> args = {bin, "-P", "127.0.0.1:0", "-o", portfile, "-s", size};
+        args.insert(args.end(), extra.begin(), extra.end());
+        args.push_back(ring);
+        std::vector<char*> argv;
+        for (auto& a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        execv(bin.c_str(), argv.data());
         _exit(127);
     }
     for (int i = 0; i < 20000; i++) {
@@ -193,7 +198,7 @@ std::vector<double> stream(const std::string& name, int n, int size, int readers
 
 }  // namespace
 
-// Arguments name the figures to run (512, 64k, alone, fanout, latency); none: all.
+// Arguments name the figures to run (512, 64k, tls, alone, fanout, latency); none: all.
 int main(int argc, char** argv) {
     auto want = [&](const char* k) {
         if (argc < 2) return true;
@@ -224,6 +229,32 @@ int main(int argc, char** argv) {
         row("orbserver 64 KiB packets, 1 writer + 1 reader, put → reaped (client library)",
             fmt("%.2f GB/s", gbs), "1.36 GB/s", fmt("%.2f", gbs / 1.36), "≥ 1.4 GB/s");
         stop_server(s);
+    }
+    // 64 KiB packets over TLS through a named port, beside plain TCP in the same run.
+    if (want("tls")) {
+        std::string cert = dir + "/cert", key = dir + "/key";
+        std::string make = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout " + key +
+                           " -out " + cert + " -subj /CN=bench -addext subjectAltName=IP:127.0.0.1 -days 1 " +
+                           ">/dev/null 2>&1";
+        if (std::system(make.c_str()) != 0) return 1;
+        setenv("PFPATH", (dir + ":" FERRANT_BUILD_DIR "/data/pf").c_str(), 1);
+        setenv("ORB_TLS_CA", cert.c_str(), 1);
+        double gbs[2];
+        for (int tls = 0; tls < 2; tls++) {
+            Server s = start_server(dir, "256M", tls ? std::vector<std::string>{"-T", cert + "," + key}
+                                                     : std::vector<std::string>{});
+            std::string name = s.name;
+            if (tls) {
+                std::ofstream(dir + "/orbserver_names.pf") << "bench " << name.substr(name.rfind(':') + 1) << " tls\n";
+                name = "127.0.0.1:bench";
+            }
+            warm(name, 256 << 20);
+            gbs[tls] = stream(name, 20000, 65536, 1)[0] * 65536 / 1e9;
+            stop_server(s);
+        }
+        row("orbserver 64 KiB packets over TLS, 1 writer + 1 reader, put → reaped (client library)",
+            fmt("%.2f GB/s", gbs[1]), fmt("%.2f GB/s plain TCP, same run", gbs[0]), fmt("%.2f", gbs[1] / gbs[0]),
+            "≥ 0.75 (within 25% of plain, with AES-NI)");
     }
     // Puts alone, then reads of the full ring alone.
     if (want("alone")) {

@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "auth.h"
 #include "board.h"
 #include "orb/orbfile.h"
 #include "records.h"
@@ -185,6 +186,8 @@ struct Client {
     bool dead = false;
     uint32_t events = 0;      // registered epoll interest on in_fd
     uint32_t out_events = 0;  // on out_fd when it differs
+    std::unique_ptr<TlsSession> tls;  // under in and out on a TLS port
+    OpenChallenge challenge;
 
     ~Client() {
         freeOrbrequest(req);
@@ -226,6 +229,8 @@ struct Frontend::Impl {
     std::atomic<bool> quit{false};
 
     std::string user = my_username(), hostname = my_hostname();
+    std::unique_ptr<TlsContext> tls;  // the port's, when it serves TLS
+    std::unique_ptr<Auth> auth;       // signed opens, for TCP clients
 
     Impl(const Settings& s, std::unique_ptr<ring::Ring> r) : settings(s), ring(std::move(r)) {
         epfd = epoll_create1(EPOLL_CLOEXEC);
@@ -374,7 +379,7 @@ struct Frontend::Impl {
         if (c.dead) return false;
         Bns* o = c.out;
         while (o->lp > o->fp) {
-            ssize_t n = write(c.out_fd, o->data + o->fp, size_t(o->lp - o->fp));
+            ssize_t n = bnssend(o, o->data + o->fp, size_t(o->lp - o->fp));
             if (n > 0) {
                 o->fp += int(n);
                 o->nbytes += n;
@@ -452,7 +457,7 @@ struct Frontend::Impl {
         p->sZpacket = int(n);
         Bns* o = c.out;
         int mark = o->lp;
-        bool direct = n >= kDirectSend && c.pending() == 0;
+        bool direct = n >= kDirectSend && c.pending() == 0 && !c.tls;
         int bad = buf2bns(o, "orbm", 4);
         bad |= direct ? pbnsOrbresponseHead(o, r) : pbnsOrbresponse(o, r);
         p->packet = nullptr;
@@ -719,8 +724,33 @@ struct Frontend::Impl {
         return false;
     }
 
+    void refuse_open(Client& c, Orbrequest* q, const std::string& why) {
+        rejected++;
+        std::string by = q->what == ORBSIGNEDOPEN ? std::string("signer '") + q->signer + "'" : "unsigned";
+        elog_complain(0, "refused %s from %s:%d (%s): %s\n", orbreq2name(q->what), c.host.c_str(), c.port,
+                      by.c_str(), why.c_str());
+        send_error(c, q->what, why);
+        c.closing = !c.opened;  // a session already open keeps what it had
+    }
+
+    void handle_challenge(Client& c, Orbrequest* q) {
+        if (!auth || !auth->issue(c.challenge, monotonic())) {
+            send_error(c, q->what, "signed opens are not supported by this server");
+            return;
+        }
+        std::memcpy(start(c, q->what)->challenge, c.challenge.bytes, ORB_CHALLENGE_SIZE);
+        finish(c);
+    }
+
     void handle_open(Client& c, Orbrequest* q) {
         OrbOpenString* h = q->hello;
+        if (q->what == ORBSIGNEDOPEN || (auth && auth->needs_signature(h && h->perm == 'w' ? 'w' : 'r'))) {
+            std::string why = q->what != ORBSIGNEDOPEN ? std::string("opens for ") +
+                                  (h && h->perm == 'w' ? "writing" : "reading") + " must be signed on this server"
+                              : auth ? auth->verify(c.challenge, q, monotonic())
+                                     : "signed opens are not supported by this server";
+            if (!why.empty()) return refuse_open(c, q, why);
+        }
         char perm = h && h->perm == 'w' ? 'w' : 'r';
         bool allowed = perm == 'w' ? c.may_write : c.may_read;
         if (!allowed) {
@@ -1171,8 +1201,10 @@ struct Frontend::Impl {
             stopping = true;
             break;
         case ORBCHALLENGE:
+            handle_challenge(c, q);
+            break;
         case ORBSIGNEDOPEN:
-            send_error(c, what, "signed opens are not supported by this server");
+            handle_open(c, q);
             break;
         default:
             send_error(c, what, std::string("unknown or unsupported request ") +
@@ -1239,26 +1271,62 @@ struct Frontend::Impl {
             in->fp = 0;
         }
         if (in->sz - in->lp < 4096) bnsresize(in, in->sz);
+        if (c.tls && !c.tls->established() && refused_plain(c)) return false;
         for (;;) {
-            ssize_t n = read(c.in_fd, in->data + in->lp, size_t(in->sz - in->lp));
+            ssize_t n = bnsrecv(in, in->data + in->lp, size_t(in->sz - in->lp));
+            if (n > 0 && !c.tls && in->nbytes == 0 && tls_looks_like_hello(in->data + in->lp, int(n))) {
+                rejected++;
+                drop(c, "a TLS handshake on a plain port");
+                return false;
+            }
             if (n > 0) {
                 in->lp += int(n);
                 in->nbytes += n;
-                return true;
+                // Bytes the session decrypted but did not hand over would never wake epoll.
+                if (int more = bnspending(in); more > 0) {
+                    if (in->sz - in->lp < more) bnsresize(in, more);
+                    continue;
+                }
             }
+            // Once the handshake is through, its time limit gives way to the request's.
+            if (c.tls && c.tls->established() && !c.synced && in->lp == in->fp) c.partial_since = 0;
+            if (n > 0) return true;
             if (n < 0 && errno == EINTR) continue;
             if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return true;
+            if (n < 0 && errno == EPROTO && c.tls) {
+                rejected++;
+                drop(c, c.tls->why().c_str());
+                return false;
+            }
             if (n == 0) in->eof = 1;
             else in->err++, in->syserrno = errno;
             return false;
         }
     }
 
+    // A plain client on a TLS port gets an answer it can read, then is dropped.
+    bool refused_plain(Client& c) {
+        char head[8];
+        ssize_t k = recv(c.in_fd, head, sizeof head, MSG_PEEK);
+        if (k < 4 || std::memcmp(head, "orbm", 4) != 0) return false;
+        std::string answer = plain_client_refusal(head, int(k));
+        // Its request is taken first: closing on unread bytes would reset the
+        // connection and could lose the answer.
+        char sink[4096];
+        ssize_t w = recv(c.in_fd, sink, sizeof sink, MSG_DONTWAIT);
+        w = send(c.in_fd, answer.data(), answer.size(), MSG_NOSIGNAL);
+        (void)w;
+        rejected++;
+        drop(c, "a plain client on a TLS port");
+        return true;
+    }
+
     void read_requests(Client& c) {
         Bns* in = c.in;
         while (!c.dead && !c.closing && !stopping && c.pending() < kOutStopReading) {
-            // Nothing buffered: wait for the descriptor rather than ask it again.
-            if (in->lp == in->fp) return;
+            // Nothing buffered: wait for the descriptor rather than ask it again
+            // (unless a TLS session holds whole records, which epoll cannot see).
+            if (in->lp == in->fp && bnspending(in) == 0) return;
             if (!c.synced) {
                 if (in->lp - in->fp >= 4 && std::memcmp(in->data + in->fp, "orbm", 4) == 0) {
                     in->fp += 4;
@@ -1375,6 +1443,11 @@ struct Frontend::Impl {
             c->may_read = cidr_allows(settings.read_allow, addr);
             c->may_write = cidr_allows(settings.write_allow, addr);
             c->may_admin = cidr_allows(settings.admin_allow, addr);
+            if (tls) {
+                c->tls = tls_accept(*tls, fd);
+                c->in->transport = c->out->transport = c->tls.get();
+                c->partial_since = monotonic();  // the handshake has the time of a request
+            }
             if (settings.verbose) elog_notify(0, "connection from %s:%d\n", c->host.c_str(), port);
         }
     }
@@ -1391,7 +1464,8 @@ struct Frontend::Impl {
                 double left = c.partial_since + settings.request_timeout - t;
                 if (left <= 0) {
                     rejected++;
-                    drop(c, "stalled in the middle of a request");
+                    drop(c, c.tls && !c.tls->established() ? "TLS handshake not completed in time"
+                                                           : "stalled in the middle of a request");
                     continue;
                 }
                 int ms = int(left * 1000) + 1;
@@ -1503,6 +1577,10 @@ std::string Frontend::listen_tcp() {
     in_addr a{};
     if (inet_pton(AF_INET, m.settings.bind_address.c_str(), &a) != 1)
         return "bad address '" + m.settings.bind_address + "'";
+    std::string why;
+    m.tls = port_tls(m.settings, &why);
+    if (!why.empty()) return why;
+    if (!(m.auth = Auth::make(m.settings, &why))) return why;
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0) return std::string("can't open a socket: ") + std::strerror(errno);
     int one = 1;
@@ -1527,7 +1605,7 @@ std::string Frontend::listen_tcp() {
     ev.data.u64 = Impl::kListenTag;
     epoll_ctl(m.epfd, EPOLL_CTL_ADD, fd, &ev);
     std::string name = m.settings.bind_address + ":" + std::to_string(port_);
-    elog_notify(0, "listening on %s, ring '%s'\n", name.c_str(), m.ring->path().c_str());
+    elog_notify(0, "listening on %s%s, ring '%s'\n", name.c_str(), m.tls ? " (TLS)" : "", m.ring->path().c_str());
     if (!m.settings.port_file.empty()) {
         // Written whole under another name first, so a reader never sees half.
         std::string tmp = m.settings.port_file + ".tmp";

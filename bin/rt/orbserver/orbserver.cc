@@ -10,7 +10,7 @@
 static void usage() {
     std::fprintf(stderr,
                  "Usage: orbserver [-p pf] [-P [address:]port] [-s size] [-n npkts] [-m maxpkts] "
-                 "[-H [address:]port] [-o portfile] [-v] ring\n");
+                 "[-H [address:]port] [-o portfile] [-T certfile,keyfile] [-v] ring\n");
     std::exit(1);
 }
 
@@ -18,7 +18,7 @@ int main(int argc, char** argv) {
     elog_init(argc, argv);
     Settings settings;
     std::string why;
-    std::string path = front_end_args(argc, argv, "p:P:H:s:n:m:o:v", settings, &why);
+    std::string path = front_end_args(argc, argv, "p:P:H:s:n:m:o:T:v", settings, &why);
     if (path.empty()) {
         if (why.empty()) usage();
         elog_die(0, "%s\n", why.c_str());

@@ -6,7 +6,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <algorithm>
+#include <cctype>
 #include <memory>
+#include <sstream>
 
 #include "stock/pf.h"
 
@@ -125,6 +128,40 @@ std::string get_list(Pf* pf, const char* key, std::vector<Cidr>& out) {
     return "";
 }
 
+// Each entry of the signers table is "name public-key-file".
+std::string get_signers(Pf* pf, Settings& s) {
+    Pf* node = nullptr;
+    if (pfresolve(pf, "signers", 0, &node) < 0 || node == nullptr) return "";
+    if (node->type != PF_TBL) return "'signers' should be a table of \"name public-key-file\" lines";
+    std::vector<std::pair<std::string, std::string>> list;
+    for (long i = 0; i < pfmaxtbl(node); i++) {
+        void* entry = nullptr;
+        std::string name, path, extra;
+        if (pfget(node, pfindex(i), &entry) == PF_STRING) {
+            std::istringstream words(static_cast<const char*>(entry));
+            words >> name >> path >> extra;
+        }
+        if (name.empty() && path.empty()) continue;
+        if (path.empty() || !extra.empty() || name.size() > 64)
+            return "entry " + std::to_string(i) + " of signers should be \"name public-key-file\" (name at most 64 characters)";
+        for (const auto& [n, p] : list)
+            if (n == name) return "signer '" + name + "' is listed twice";
+        list.emplace_back(name, path);
+    }
+    s.signers = list;
+    return "";
+}
+
+// "certfile,keyfile" for -T.
+std::string tls_pair(const std::string& a, Settings& s) {
+    auto comma = a.find(',');
+    if (comma == std::string::npos || comma == 0 || comma + 1 == a.size())
+        return "bad TLS files '" + a + "' (want certfile,keyfile)";
+    s.tls_certificate = a.substr(0, comma);
+    s.tls_key = a.substr(comma + 1);
+    return "";
+}
+
 // "[address:]port" into address (left alone when not given) and port.
 std::string parse_listen(const std::string& text, std::string& address, int& port) {
     std::string p = text;
@@ -202,7 +239,16 @@ std::string load_settings(const std::string& pfname, Settings& s) {
     if (!(err = get_list(pf.get(), "read_allow", s.read_allow)).empty()) return err;
     if (!(err = get_list(pf.get(), "write_allow", s.write_allow)).empty()) return err;
     if (!(err = get_list(pf.get(), "admin_allow", s.admin_allow)).empty()) return err;
-    return "";
+    if (std::string c = get_text(pf.get(), "tls_certificate", found); found) s.tls_certificate = c;
+    if (std::string k = get_text(pf.get(), "tls_key", found); found) s.tls_key = k;
+    if (s.tls_certificate.empty() != s.tls_key.empty()) return "tls_certificate and tls_key go together";
+    if (std::string l = get_text(pf.get(), "signed_opens", found); found) {
+        l.erase(std::remove_if(l.begin(), l.end(), ::isspace), l.end());
+        if (l.find_first_not_of("rw") != std::string::npos)
+            return "bad signed_opens '" + l + "': permission letters r and w only";
+        s.signed_opens = l;
+    }
+    return get_signers(pf.get(), s);
 }
 
 std::string apply_option(int opt, const char* arg, Settings& s) {
@@ -237,6 +283,8 @@ std::string apply_option(int opt, const char* arg, Settings& s) {
     case 'o':
         s.port_file = a;
         return "";
+    case 'T':
+        return tls_pair(a, s);
     case 'v':
         s.verbose++;
         return "";

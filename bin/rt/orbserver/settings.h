@@ -43,6 +43,12 @@ struct Settings {
     int http_port = -1;                    // -1: no status page; 0 picks a free port
     std::string port_file;      // where the listening "address:port" is written
     int verbose = 0;
+    // TLS on the listening port when both are set (orbserver only).
+    std::string tls_certificate, tls_key;
+    // Trusted signers of signed opens: name and public-key file, and the
+    // permission letters ("r", "w", "rw") whose opens must be signed.
+    std::vector<std::pair<std::string, std::string>> signers;
+    std::string signed_opens;
 
     Settings();
 };
@@ -53,6 +59,6 @@ std::string load_settings(const std::string& pfname, Settings& s);
 // Applies one command-line option shared by both front ends: -p is handled by
 // the caller (it names the file read first); -s size, -n index slots,
 // -m packet-id modulus, -P [address:]port, -H [address:]port of the status
-// page, -o port file, -v more logging.
+// page, -o port file, -T certfile,keyfile for TLS, -v more logging.
 // "" on success, else the complaint.
 std::string apply_option(int opt, const char* arg, Settings& s);

@@ -26,6 +26,7 @@
 
 #include "deviants/my.h"
 #include "orb/orbpriv.h"
+#include "orb/orbsign.h"
 #include "stock/allot.h"
 #include "stock/bns.h"
 #include "stock/elog.h"
@@ -141,7 +142,7 @@ int spawn_file_server(const char* name, bool quiet, pid_t* child) {
     return sv[0];
 }
 
-int connect_server(const char* name, char* signer, bool quiet) {
+int connect_server(const char* name, bool quiet, OrbPeer* peer) {
     std::string full = name;
     std::string host = "localhost", porttext;
     auto colon = full.find(':');
@@ -149,6 +150,7 @@ int connect_server(const char* name, char* signer, bool quiet) {
     if (colon != std::string::npos) porttext = full.substr(colon + 1);
 
     long port = DEFAULT_PORT;
+    bool tls = false;
     if (!porttext.empty()) {
         char* end = nullptr;
         errno = 0;
@@ -156,7 +158,7 @@ int connect_server(const char* name, char* signer, bool quiet) {
         if (*end == '\0' && p != 0 && errno == 0 && isdigit(static_cast<unsigned char>(porttext[0]))) {
             port = p;
         } else {
-            int named = orb_named_port(porttext.c_str(), signer);
+            int named = orb_named_port(porttext.c_str(), peer->signer, &tls);
             if (named < 0) {
                 if (!quiet) elog_complain(0, "Don't understand orbserver port '%s'", porttext.c_str());
                 named = 0;
@@ -204,6 +206,17 @@ int connect_server(const char* name, char* signer, bool quiet) {
     }
     int one = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    if (tls) {
+        ignoreSIGPIPE();  // the session writes with write(2), which would raise it
+        const char* ca = getenv("ORB_TLS_CA");
+        std::string why;
+        peer->tls = tls_connect(fd, host, ca ? ca : "", orb_bns_timeout_ms(), &why);
+        if (!peer->tls) {
+            if (!quiet) elog_complain(0, "TLS handshake with server '%s' failed: %s\n", name, why.c_str());
+            close(fd);
+            return -1;
+        }
+    }
     return fd;
 }
 
@@ -267,15 +280,14 @@ void free_handle(Orbfile* of) {
 }
 
 Orbfile* setup_open(const char* name, const char* mode, bool quiet) {
-    char signer[ORB_SIGNER_SIZE + 1] = "";
-    pid_t child = -1;
-    int fd = orb_open_socket(name, signer, quiet, &child);
+    OrbPeer peer;
+    int fd = orb_open_socket(name, quiet, &peer);
     if (fd < 0) return nullptr;
     Orbfile* of = newOrbfile();
     OrbExtra* x = orb_extra(of);
-    x->child = child;
+    x->child = peer.child;
     x->file_backed = orb_is_file_name(name);
-    memcpy(of->signer, signer, sizeof of->signer);
+    memcpy(of->signer, peer.signer, sizeof of->signer);
     of->fd = fd;
     of->perm = mode[0];
     of->name = allot_strdup(name, "name");
@@ -300,6 +312,7 @@ Orbfile* setup_open(const char* name, const char* mode, bool quiet) {
     of->sZin = of->sZout = 1;
     of->in->read_routine = orb_recv;
     of->out->write_routine = orb_send;
+    orb_use_tls(of, std::move(peer.tls));
     const char* r = getenv("BNS_RESEND");
     of->resend = r && *r ? atoi(r) : 2;
     return of;
@@ -329,10 +342,15 @@ bool orb_is_file_name(const char* name) {
     return name[0] == '/' || strncmp(name, "./", 2) == 0 || strncmp(name, "../", 3) == 0;
 }
 
-int orb_open_socket(const char* name, char* signer, bool quiet, pid_t* child) {
-    *child = -1;
-    if (orb_is_file_name(name)) return spawn_file_server(name, quiet, child);
-    return connect_server(name, signer, quiet);
+int orb_open_socket(const char* name, bool quiet, OrbPeer* peer) {
+    if (orb_is_file_name(name)) return spawn_file_server(name, quiet, &peer->child);
+    return connect_server(name, quiet, peer);
+}
+
+void orb_use_tls(Orbfile* of, std::unique_ptr<TlsSession> tls) {
+    OrbExtra* x = orb_extra(of);
+    x->tls = std::move(tls);
+    of->in->transport = of->out->transport = x->tls.get();
 }
 
 void orb_check_verbose() {
@@ -352,19 +370,29 @@ std::string orb_time(double t) {
     return r;
 }
 
-int orb_send_open(Orbfile* of) {
-    of->req->what = ORBOPEN;
-    return orbclient(of, of->req, of->reply);
-}
-
-// Signing keys are not kept by this system, so a server that names a signer cannot be
-// opened; the challenge exchange still happens so that the server sees a proper attempt.
-static int sign_open(Orbfile* of) {
-    of->req->what = ORBCHALLENGE;
-    if (orbclient(of, of->req, of->reply) != 0) return -1;
-    memcpy(of->req->challenge, of->reply->challenge, ORB_CHALLENGE_SIZE);
-    snprintf(of->req->signer, sizeof of->req->signer, "%s", of->signer);
-    return -1;
+int orb_send_open(Orbfile* of, bool* sign_failed) {
+    Orbrequest* q = of->req;
+    if (!of->signer[0]) {
+        q->what = ORBOPEN;
+        return orbclient(of, q, of->reply);
+    }
+    // The challenge field stays empty until the server's challenge is known, so
+    // that the server can rebuild the signed block.
+    memset(q->challenge, 0, sizeof q->challenge);
+    q->what = ORBCHALLENGE;
+    if (int r = orbclient(of, q, of->reply); r != 0) return r;
+    unsigned char block[ORB_SIGNED_BLOCK];
+    orbsign_block(q->hello, q->challenge, block);
+    memcpy(q->challenge, of->reply->challenge, ORB_CHALLENGE_SIZE);
+    snprintf(q->signer, sizeof q->signer, "%s", of->signer);
+    std::string why;
+    if (orbsign(of->signer, block, ORB_SIGNED_BLOCK, q->challenge, q->signature, &why) != 0) {
+        elog_complain(0, "can't sign as '%s': %s\n", of->signer, why.c_str());
+        if (sign_failed) *sign_failed = true;
+        return -1;
+    }
+    q->what = ORBSIGNEDOPEN;
+    return orbclient(of, q, of->reply);
 }
 
 int orbopen(const char* name, const char* mode) {
@@ -386,16 +414,15 @@ int orbopen(const char* name, const char* mode) {
         of = setup_open(n.c_str(), mode, waiting);
         int r = -1;
         if (of) {
-            if (of->signer[0]) {
-                if (sign_open(of) < 0) {
-                    elog_complain(0, "failed to create signature for orb open request");
-                    close(of->fd);
-                    reap_child(orb_extra(of)->child);
-                    free_handle(of);
-                    return -1;
-                }
+            bool sign_failed = false;
+            r = orb_send_open(of, &sign_failed);
+            if (sign_failed) {
+                elog_complain(0, "failed to create signature for orb open request");
+                close(of->fd);
+                reap_child(orb_extra(of)->child);
+                free_handle(of);
+                return -1;
             }
-            r = orb_send_open(of);
             if (r != 0) {
                 // A file server that failed says why as it exits: that comes first.
                 close(of->fd);

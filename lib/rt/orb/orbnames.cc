@@ -15,8 +15,8 @@ Pf* Orbserver_names;
 bool Orbserver_names_read;
 }  // namespace
 
-// A value is "port [signer]".
-int orb_named_port(const char* text, char* signer) {
+// A value is "port [signer] [tls]".
+int orb_named_port(const char* text, char* signer, bool* tls) {
     std::lock_guard<std::mutex> lock(Names_mutex);
     if (!Orbserver_names_read) {
         Orbserver_names_read = true;
@@ -37,6 +37,12 @@ int orb_named_port(const char* text, char* signer) {
     while (*end == ' ' || *end == '\t') end++;
     std::string s = end;
     while (!s.empty() && isspace(static_cast<unsigned char>(s.back()))) s.pop_back();
+    *tls = s == "tls" || (s.size() > 3 && s.compare(s.size() - 3, 3, "tls") == 0 &&
+                          isspace(static_cast<unsigned char>(s[s.size() - 4])));
+    if (*tls) {
+        s.resize(s.size() - 3);
+        while (!s.empty() && isspace(static_cast<unsigned char>(s.back()))) s.pop_back();
+    }
     if (s.size() > ORB_SIGNER_SIZE) s.resize(ORB_SIGNER_SIZE);
     memcpy(signer, s.c_str(), s.size() + 1);
     return static_cast<int>(port);

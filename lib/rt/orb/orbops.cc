@@ -206,9 +206,8 @@ int orbstashselect(int orb, int flag) {
 }
 
 int orbrup(const char* name, int thread, double* orb_start, double* server_start, int* latest) {
-    char signer[ORB_SIGNER_SIZE + 1] = "";
-    pid_t child = -1;
-    int fd = orb_open_socket(name, signer, true, &child);
+    OrbPeer peer;
+    int fd = orb_open_socket(name, true, &peer);
     if (fd < 0) return -1;
     // A short-lived handle, outside the table: it must not disturb the caller's connection.
     Orbfile* of = newOrbfile();
@@ -226,10 +225,12 @@ int orbrup(const char* name, int thread, double* orb_start, double* server_start
     of->out->write_routine = [](int f, const void* b, size_t n, int fl) -> ssize_t {
         return send(f, b, n, fl | MSG_NOSIGNAL);
     };
+    of->in->transport = of->out->transport = peer.tls.get();
+    memcpy(of->signer, peer.signer, sizeof of->signer);
     of->req->athread = thread;
     int result = -1;
     // Opened like any session first: a server may refuse other requests before that.
-    if (exchange(of, ORBOPEN) == 0 && exchange(of, ORBRUP) == 0) {
+    if (orb_send_open(of) == 0 && exchange(of, ORBRUP) == 0) {
         result = of->reply->active;
         *orb_start = of->reply->orb_start;
         *server_start = of->reply->server_start;
@@ -239,9 +240,9 @@ int orbrup(const char* name, int thread, double* orb_start, double* server_start
     }
     close(fd);
     freeOrbfile(of);
-    if (child > 0) {
-        waitpid(child, nullptr, 0);
-        orb_relay_finish(child);
+    if (peer.child > 0) {
+        waitpid(peer.child, nullptr, 0);
+        orb_relay_finish(peer.child);
     }
     return result;
 }

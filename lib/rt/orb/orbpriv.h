@@ -3,9 +3,11 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
 
 #include "orb/orb.h"
+#include "stock/tls.h"
 
 // Facts about a connection that its Orbfile record has no field for.
 struct OrbExtra {
@@ -16,15 +18,24 @@ struct OrbExtra {
     int reap_maxbytes = -1;
     int reap_maxpkts = -1;
     double* saved_orb_start = nullptr;  // slot registered with the state file, or null
+    std::unique_ptr<TlsSession> tls;    // under both streams of a TLS connection
+};
+
+// What opening a socket learned besides the descriptor.
+struct OrbPeer {
+    pid_t child = -1;                       // forbserver serving a file-backed name
+    char signer[ORB_SIGNER_SIZE + 1] = "";  // signer of the named port, or empty
+    std::unique_ptr<TlsSession> tls;        // the session of a named port marked "tls"
 };
 
 // The extra record of a handle (created on first use; lives until the handle is freed).
 OrbExtra* orb_extra(Orbfile* orbfile);
 
 // Connects to a server by name (host[:port], named port, or a file path served by
-// forbserver). Fills signer when the named port carries one. quiet suppresses the
-// complaints, for the retries of a waiting open. Descriptor or -1.
-int orb_open_socket(const char* name, char* signer, bool quiet, pid_t* child);
+// forbserver), with the TLS handshake done for a named port marked "tls" (CA file
+// from ORB_TLS_CA). Fills peer. quiet suppresses the complaints, for the retries of
+// a waiting open. Descriptor or -1.
+int orb_open_socket(const char* name, bool quiet, OrbPeer* peer);
 bool orb_is_file_name(const char* name);
 // A spawned server's standard error (fd, which this takes) goes line by line
 // into this process's log from a thread of its own; orb_relay_finish, called
@@ -32,9 +43,12 @@ bool orb_is_file_name(const char* name);
 // a few seconds, if something else holds the pipe open).
 void orb_relay_start(pid_t child, int fd);
 void orb_relay_finish(pid_t child);
-// The port of a name in the orbserver_names parameter file (read once), with its
-// optional signer copied to signer; -1 when unknown.
-int orb_named_port(const char* text, char* signer);
+// The port of a name in the orbserver_names parameter file (read once): the value
+// is "port [signer] [tls]"; the signer is copied to signer and *tls tells whether
+// the last word is "tls". -1 when unknown.
+int orb_named_port(const char* text, char* signer, bool* tls);
+// Puts both streams of a handle on the session (null: plain), which it keeps.
+void orb_use_tls(Orbfile* orbfile, std::unique_ptr<TlsSession> tls);
 
 void orb_check_verbose();         // OrbVerbose from the presence of ./verbose
 int orb_bns_timeout_ms();         // BNS_TIMEOUT, or 60000
@@ -48,7 +62,9 @@ int orb_reap_packet(Orbfile* orbfile, int* pktid, char* srcname, double* time, c
                     int* nbytes, int* bufsize);
 int orb_get(Orbfile* orbfile, int which, int* pktid, char* srcname, double* time, char** packet,
             int* nbytes, int* bufsize);
-// Sends ORBOPEN with the handle's hello: 0, or nonzero as orbclient.
-int orb_send_open(Orbfile* orbfile);
+// Opens the session with the handle's hello: ORBOPEN, or for a handle with a
+// signer the challenge exchange and ORBSIGNEDOPEN. 0, or nonzero as orbclient;
+// *sign_failed (when given) is set when no signature could be made.
+int orb_send_open(Orbfile* orbfile, bool* sign_failed = nullptr);
 // After a handle's orb_start changed (open, reconnection): update its state-file slot.
 void orb_note_orb_start(Orbfile* orbfile);

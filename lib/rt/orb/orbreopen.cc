@@ -139,9 +139,8 @@ int orbreopen(Orbfile* of) {
 
     of->cnt = 0;
     of->prevlast = -1;
-    char signer[ORB_SIGNER_SIZE + 1] = "";
-    pid_t child = -1;
-    int fd = orb_open_socket(of->name, signer, true, &child);
+    OrbPeer peer;
+    int fd = orb_open_socket(of->name, true, &peer);
     if (fd < 0) {
         NOTE("Can't reopen socket for '%s'\n", of->name);
         return -1;
@@ -149,12 +148,15 @@ int orbreopen(Orbfile* of) {
     if (fd == of->fd) elog_die(0, "Couldn't dup2 fd #%d\n", of->fd);
     if (dup2(fd, of->fd) < 0) elog_die(1, "Couldn't dup2 fd #%d\n", of->fd);
     close(fd);
+    if (peer.tls) peer.tls->set_fd(of->fd);
     of->nonblocking = 0;  // the new socket starts out blocking
     bnsclr(of->in);
 
     Bns* oldout = of->out;
     of->out = bnsnew(of->fd, ORB_BUF_SIZE);
     of->out->write_routine = send_nosignal;
+    orb_use_tls(of, std::move(peer.tls));
+    oldout->transport = of->in->transport;
     free(bnsid(of->out, allot_strdup(of->name, "bnsid")));
     Orbrequest saved = *of->req;  // owned buffers are not reallocated below, so a shallow copy restores it
     int reaped = of->reaped;

@@ -102,14 +102,33 @@ int bnsput(Bns* bns, const void* address, int type, int count) {
 
 int buf2bns(Bns* bns, const void* buffer, int n) { return bnsput(bns, buffer, BNS_BYTES, n); }
 
+ssize_t bnsrecv(Bns* bns, void* buf, size_t n) {
+    return bns->transport ? bns->transport->read(buf, n) : bns->read_routine(bns->fd, buf, n, bns->flags);
+}
+
+ssize_t bnssend(Bns* bns, const void* buf, size_t n) {
+    return bns->transport ? bns->transport->write(buf, n) : bns->write_routine(bns->fd, buf, n, bns->flags);
+}
+
+// A session may need to wait for room even on a blocking descriptor.
+static bool wait_writable(Bns* bns) {
+    struct pollfd p = {bns->fd, POLLOUT, 0};
+    int r;
+    do r = poll(&p, 1, bns->timeout);
+    while (r < 0 && errno == EINTR);
+    if (r == 0) errno = ETIMEDOUT;
+    return r == 1 && (p.revents & POLLOUT);
+}
+
 // Writes n bytes from p, resuming after interrupts and short writes.
 static bool write_all(Bns* bns, const char* p, int n) {
     int done = 0;
     while (done < n) {
         bns->nsys++;
-        ssize_t w = bns->write_routine(bns->fd, p + done, n - done, bns->flags);
+        ssize_t w = bnssend(bns, p + done, n - done);
         trace(bns, ">", p + done, w);
         if (w < 0 && errno == EINTR) continue;
+        if (w < 0 && errno == EAGAIN && bns->transport && wait_writable(bns)) continue;
         if (w <= 0) {
             if (w == 0) errno = EIO;
             bns->err++;
@@ -169,6 +188,7 @@ int bnsresend(Bns* bns) {
 }
 
 int bnswait(Bns* bns) {
+    if (bnspending(bns) > 0) return 1;
     struct pollfd p = {bns->fd, POLLIN | POLLPRI | POLLERR | POLLRDNORM | POLLRDBAND, 0};
     int r;
     do {
@@ -197,18 +217,19 @@ int bnswait(Bns* bns) {
 // One wait and one read of at most n bytes into dst: the count read, 0 when
 // the time-out expired, -1 on error or end of file (recorded in the stream).
 static int read_some(Bns* bns, char* dst, int n) {
-    int w = bnswait(bns);
-    if (w < 1) {
-        if (w == 0 && OrbVerbose && bns->timeout >= 1)
-            elog_debug(0, "%d msec timeout on read from fd #%d\n", bns->timeout, bns->fd);
-        return w;
-    }
     ssize_t r;
     do {
+        int w = bnswait(bns);
+        if (w < 1) {
+            if (w == 0 && OrbVerbose && bns->timeout >= 1)
+                elog_debug(0, "%d msec timeout on read from fd #%d\n", bns->timeout, bns->fd);
+            return w;
+        }
         bns->nsys++;
-        r = bns->read_routine(bns->fd, dst, n, bns->flags);
+        r = bnsrecv(bns, dst, n);
         trace(bns, "<", dst, r);
-    } while (r < 0 && errno == EINTR);
+        // A session that took only part of a record waits for the rest.
+    } while (r < 0 && (errno == EINTR || (errno == EAGAIN && bns->transport)));
     if (r < 0) {
         bns->eof = 0;
         bns->err++;

@@ -39,6 +39,18 @@
 typedef ssize_t (*Bns_read)(int fd, void* buf, size_t n, int flags);
 typedef ssize_t (*Bns_write)(int fd, const void* buf, size_t n, int flags);
 
+// A session layered on the descriptor (TLS). When a stream has one, its reads
+// and writes go through it instead of read_routine/write_routine. read and
+// write behave as read(2) and write(2); -1 with errno EAGAIN means the session
+// needs the descriptor to become ready first. pending() counts bytes that can
+// be read without waiting on the descriptor (a poll would not see them).
+struct BnsTransport {
+    virtual ~BnsTransport() = default;
+    virtual ssize_t read(void* buf, size_t n) = 0;
+    virtual ssize_t write(const void* buf, size_t n) = 0;
+    virtual int pending() const = 0;
+};
+
 struct Bns {
     char* data = nullptr;  // owned (malloc)
     int fp = 0;            // first unconsumed / unflushed byte
@@ -64,6 +76,7 @@ struct Bns {
 
     Bns_read read_routine = nullptr;    // default: read(2), flags ignored
     Bns_write write_routine = nullptr;  // default: write(2), flags ignored
+    BnsTransport* transport = nullptr;  // not owned; null: the routines above
 
     long incount = 0;   // bytes taken by gets since bnsin
     long outcount = 0;  // bytes added by puts since bnsout
@@ -109,6 +122,13 @@ int bnsclose(Bns* bns);   // flush, close fd, free
 // Skips input up to the n-byte pattern: 0 found, -1 read failure, -2 gave up
 // (strict and a mismatch, or more than 31 bytes skipped).
 int gbnsSync(Bns* bns, const char* pattern, int n, int strict);
+
+// One read or write of the descriptor through the stream's transport or
+// routines, as read(2)/write(2); no buffering, no counting.
+ssize_t bnsrecv(Bns* bns, void* buf, size_t n);
+ssize_t bnssend(Bns* bns, const void* buf, size_t n);
+// Bytes the transport holds that a poll of the descriptor would not report.
+inline int bnspending(const Bns* bns) { return bns->transport ? bns->transport->pending() : 0; }
 
 // Bytes buffered and not yet taken (input) or flushed (output).
 inline int bnscnt(const Bns* bns) { return bns->lp - bns->fp; }
