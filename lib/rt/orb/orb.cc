@@ -279,14 +279,15 @@ void free_handle(Orbfile* of) {
     freeOrbfile(of);
 }
 
-Orbfile* setup_open(const char* name, const char* mode, bool quiet) {
+// A handle named name, connected to address (one of the name's addresses).
+Orbfile* setup_open(const char* name, const char* address, const char* mode, bool quiet) {
     OrbPeer peer;
-    int fd = orb_open_socket(name, quiet, &peer);
+    int fd = orb_open_socket(address, quiet, &peer);
     if (fd < 0) return nullptr;
     Orbfile* of = newOrbfile();
     OrbExtra* x = orb_extra(of);
     x->child = peer.child;
-    x->file_backed = orb_is_file_name(name);
+    x->file_backed = orb_is_file_name(address);
     memcpy(of->signer, peer.signer, sizeof of->signer);
     of->fd = fd;
     of->perm = mode[0];
@@ -329,6 +330,36 @@ void reap_child(pid_t pid) {
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+}
+
+// Opens and negotiates a handle at one address; null when that fails (logged unless
+// quiet). *fatal: no signature could be made, which no other try would mend.
+Orbfile* open_at(const char* name, const char* address, const char* mode, bool quiet, bool* fatal) {
+    Orbfile* of = setup_open(name, address, mode, quiet);
+    if (!of) return nullptr;
+    bool sign_failed = false;
+    int r = orb_send_open(of, &sign_failed);
+    if (sign_failed) {
+        elog_complain(0, "failed to create signature for orb open request");
+        close(of->fd);
+        reap_child(orb_extra(of)->child);
+        free_handle(of);
+        *fatal = true;
+        return nullptr;
+    }
+    if (r == 0) return of;
+    // A file server that failed says why as it exits: that comes first.
+    close(of->fd);
+    reap_child(orb_extra(of)->child);
+    if (!quiet) {
+        if (of->reply->result != 0 && of->reply->nerr > 0)
+            elog_complain(0, "orbserver: %s", of->reply->errmsg);
+        else
+            elog_complain(0, "open negotiation fails: errno = %d eof=%s\n", of->in->syserrno,
+                          of->in->eof ? "true" : "false");
+    }
+    free_handle(of);
+    return nullptr;
 }
 
 }  // namespace
@@ -406,38 +437,20 @@ int orbopen(const char* name, const char* mode) {
         waiting = true;
         n.pop_back();
     }
+    std::vector<std::string> addresses = orb_server_addresses(n);
+    if (addresses.empty()) return -1;
     orb_check_verbose();
     double pause = std::max(orb_bns_timeout_ms() / 1000.0, 0.01);
     double attempts = 0, report = 1;
     Orbfile* of = nullptr;
+    size_t at = 0;
     for (;;) {
-        of = setup_open(n.c_str(), mode, waiting);
-        int r = -1;
-        if (of) {
-            bool sign_failed = false;
-            r = orb_send_open(of, &sign_failed);
-            if (sign_failed) {
-                elog_complain(0, "failed to create signature for orb open request");
-                close(of->fd);
-                reap_child(orb_extra(of)->child);
-                free_handle(of);
-                return -1;
-            }
-            if (r != 0) {
-                // A file server that failed says why as it exits: that comes first.
-                close(of->fd);
-                reap_child(orb_extra(of)->child);
-                if (!waiting) {
-                    if (of->reply->result != 0 && of->reply->nerr > 0)
-                        elog_complain(0, "orbserver: %s", of->reply->errmsg);
-                    else
-                        elog_complain(0, "open negotiation fails: errno = %d eof=%s\n", of->in->syserrno,
-                                      of->in->eof ? "true" : "false");
-                }
-                free_handle(of);
-                of = nullptr;
-            }
+        bool fatal = false;
+        for (at = 0; at < addresses.size(); at++) {
+            of = open_at(n.c_str(), addresses[at].c_str(), mode, waiting, &fatal);
+            if (of || fatal) break;
         }
+        if (fatal) return -1;
         if (of) break;
         if (!waiting) return -1;
         if (attempts >= report) {
@@ -460,6 +473,8 @@ int orbopen(const char* name, const char* mode) {
     of->lastpktid = of->reply->latest_pktid;
     of->lastpkttime = of->opentime;
     OrbExtra* x = orb_extra(of);
+    x->addresses = std::move(addresses);
+    x->current = at;
     if (mode[1] == '&' && !x->file_backed) {
         of->reopen = 1;
         ignoreSIGPIPE();

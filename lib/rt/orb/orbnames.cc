@@ -1,4 +1,5 @@
-// Named server ports from the orbserver_names parameter file.
+// Server names that list several addresses, and named server ports from the
+// orbserver_names parameter file.
 #include <cctype>
 #include <cstdint>
 #include <cstdlib>
@@ -7,6 +8,7 @@
 #include <string>
 
 #include "orb/orbpriv.h"
+#include "stock/elog.h"
 #include "stock/pf.h"
 
 namespace {
@@ -46,4 +48,26 @@ int orb_named_port(const char* text, char* signer, bool* tls) {
     if (s.size() > ORB_SIGNER_SIZE) s.resize(ORB_SIGNER_SIZE);
     memcpy(signer, s.c_str(), s.size() + 1);
     return static_cast<int>(port);
+}
+
+std::vector<std::string> orb_server_addresses(const std::string& name) {
+    if (orb_is_file_name(name.c_str()) || name.find(',') == std::string::npos) return {name};
+    std::vector<std::string> list;
+    for (size_t start = 0;;) {
+        size_t comma = name.find(',', start);
+        std::string a = name.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+        if (a.empty()) {
+            elog_complain(0, "empty address in server list '%s'\n", name.c_str());
+            return {};
+        }
+        // Its server lives and dies with the connection: nothing to fail over to.
+        if (orb_is_file_name(a.c_str())) {
+            elog_complain(0, "file path '%s' can't be one of the addresses in server list '%s'\n", a.c_str(),
+                          name.c_str());
+            return {};
+        }
+        list.push_back(a);
+        if (comma == std::string::npos) return list;
+        start = comma + 1;
+    }
 }

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "orb/orb.h"
 #include "stock/tls.h"
@@ -19,6 +20,8 @@ struct OrbExtra {
     int reap_maxpkts = -1;
     double* saved_orb_start = nullptr;  // slot registered with the state file, or null
     std::unique_ptr<TlsSession> tls;    // under both streams of a TLS connection
+    std::vector<std::string> addresses; // what the name lists, tried in turn
+    size_t current = 0;                 // the one connected to
 };
 
 // What opening a socket learned besides the descriptor.
@@ -43,6 +46,10 @@ bool orb_is_file_name(const char* name);
 // a few seconds, if something else holds the pipe open).
 void orb_relay_start(pid_t child, int fd);
 void orb_relay_finish(pid_t child);
+// The addresses a server name stands for: the name itself, or for "a,b,..." each
+// element, which must be a network name. Empty (and logged) for a bad list. A name
+// starting as a file path is one path whatever it holds.
+std::vector<std::string> orb_server_addresses(const std::string& name);
 // The port of a name in the orbserver_names parameter file (read once): the value
 // is "port [signer] [tls]"; the signer is copied to signer and *tls tells whether
 // the last word is "tls". -1 when unknown.

@@ -31,7 +31,8 @@ ssize_t send_nosignal(int fd, const void* buf, size_t n, int flags) { return sen
 bool connection_sound(Orbfile* of) {
     double orb_start, server_start;
     int latest;
-    int active = orbrup(of->name, orb_extra(of)->thread, &orb_start, &server_start, &latest);
+    OrbExtra* x = orb_extra(of);
+    int active = orbrup(x->addresses[x->current].c_str(), x->thread, &orb_start, &server_start, &latest);
     if (active != 1 || server_start != of->server_start) return false;
     if (of->in->eof) {
         NOTE("orbserver connection returns eof, reconnecting cnt=%d lastpkt prev=%d now=%d", of->cnt, of->prevlast,
@@ -139,30 +140,9 @@ int orbreopen(Orbfile* of) {
 
     of->cnt = 0;
     of->prevlast = -1;
-    OrbPeer peer;
-    int fd = orb_open_socket(of->name, true, &peer);
-    if (fd < 0) {
-        NOTE("Can't reopen socket for '%s'\n", of->name);
-        return -1;
-    }
-    if (fd == of->fd) elog_die(0, "Couldn't dup2 fd #%d\n", of->fd);
-    if (dup2(fd, of->fd) < 0) elog_die(1, "Couldn't dup2 fd #%d\n", of->fd);
-    close(fd);
-    if (peer.tls) peer.tls->set_fd(of->fd);
-    of->nonblocking = 0;  // the new socket starts out blocking
-    bnsclr(of->in);
-
     Bns* oldout = of->out;
-    of->out = bnsnew(of->fd, ORB_BUF_SIZE);
-    of->out->write_routine = send_nosignal;
-    orb_use_tls(of, std::move(peer.tls));
-    oldout->transport = of->in->transport;
-    free(bnsid(of->out, allot_strdup(of->name, "bnsid")));
     Orbrequest saved = *of->req;  // owned buffers are not reallocated below, so a shallow copy restores it
     int reaped = of->reaped;
-    of->reaped = 0;
-    of->error = 0;
-    of->reopen = 0;
 
     auto fail = [&]() {
         of->reopen = 1;
@@ -173,11 +153,45 @@ int orbreopen(Orbfile* of) {
         return -1;
     };
 
-    if (orb_send_open(of) != 0) {
-        NOTE("reopen negotiation fails for %s = #%d:errno = %d eof=%s\n", of->name, of->fd, of->in->syserrno,
-             of->in->eof ? "true" : "false");
-        return fail();
+    // The addresses in turn, starting with the one after the address that failed.
+    size_t n = x->addresses.size();
+    bool connected = false;
+    for (size_t k = 1; k <= n && !connected; k++) {
+        size_t at = (x->current + k) % n;
+        const char* address = x->addresses[at].c_str();
+        OrbPeer peer;
+        int fd = orb_open_socket(address, true, &peer);
+        if (fd < 0) {
+            NOTE("Can't reopen socket for '%s'\n", address);
+            continue;
+        }
+        if (fd == of->fd) elog_die(0, "Couldn't dup2 fd #%d\n", of->fd);
+        if (dup2(fd, of->fd) < 0) elog_die(1, "Couldn't dup2 fd #%d\n", of->fd);
+        close(fd);
+        if (peer.tls) peer.tls->set_fd(of->fd);
+        of->nonblocking = 0;  // the new socket starts out blocking
+        bnsclr(of->in);
+        memcpy(of->signer, peer.signer, sizeof of->signer);
+
+        of->out = bnsnew(of->fd, ORB_BUF_SIZE);
+        of->out->write_routine = send_nosignal;
+        orb_use_tls(of, std::move(peer.tls));
+        oldout->transport = of->in->transport;
+        free(bnsid(of->out, allot_strdup(of->name, "bnsid")));
+        of->reaped = 0;
+        of->error = 0;
+        of->reopen = 0;
+
+        if (orb_send_open(of) != 0) {
+            NOTE("reopen negotiation fails for %s = #%d:errno = %d eof=%s\n", address, of->fd, of->in->syserrno,
+                 of->in->eof ? "true" : "false");
+            fail();
+            continue;
+        }
+        x->current = at;
+        connected = true;
     }
+    if (!connected) return -1;
     double orb_start = of->reply->orb_start, server_start = of->reply->server_start;
     int latest = of->reply->latest_pktid;
     if (of->perm == 'r') reposition_reader(of, orb_start, latest);
