@@ -13,6 +13,9 @@
 // "host:name" with name looked up in the orbserver_names parameter file, and paths
 // starting "/", "./" or "../" (a local file-backed ring served by forbserver over a
 // socket pair; "path@opt" passes -opt). A trailing "@" makes orbopen wait for ever.
+// "addr,addr,..." lists front ends of one ring (network names only): the open takes
+// the first that accepts, and a reconnection tries them all starting after the one
+// that failed.
 //
 // Environment: BNS_TIMEOUT (ms, default 60000), BNS_RESEND (messages kept for resending,
 // default 2), ORB_MAX_DATA_BYTES, ORB_DUMP (directory for exchange logs), ORB_IP_ADDRESS
