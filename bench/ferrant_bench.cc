@@ -29,6 +29,7 @@ using Clock = std::chrono::steady_clock;
 
 std::string Build = FERRANT_BUILD_DIR;
 std::string Tmp;
+bool Failed = false;  // keeps Tmp's logs for a look afterwards
 
 double seconds_since(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
 
@@ -255,7 +256,10 @@ int main() {
         std::string what = "ferrant2 sender file -> file-backed ring, one file, " + std::to_string(bpp) +
                            "-byte packets";
         if (sent) row(what, bytes / 1e6 / st, ref, 0.8, size_note);
-        else printf("| %s | failed, see %s/sender.log | | | |\n", what.c_str(), Tmp.c_str());
+        else {
+            Failed = true;
+            printf("| %s | failed, see %s/sender.log | | | |\n", what.c_str(), Tmp.c_str());
+        }
         sender_mb = std::max(sender_mb, s.ru.ru_maxrss / 1024.0);  // includes the forbserver it started
     }
 
@@ -267,7 +271,10 @@ int main() {
     double receiver_mb = vmhwm(r.pid);
     stop(r);
     if (got) row("ferrant2 receiver file-backed ring -> file", bytes / 1e6 / rt, ref, 0.8, size_note);
-    else printf("| ferrant2 receiver ring -> file | failed, see %s/receiver.log | | | |\n", Tmp.c_str());
+    else {
+        Failed = true;
+        printf("| ferrant2 receiver ring -> file | failed, see %s/receiver.log | | | |\n", Tmp.c_str());
+    }
     unlink((Tmp + "/in" + big).c_str());
     unlink((Tmp + "/ring").c_str());
 
@@ -299,7 +306,11 @@ int main() {
         e2e_sender_mb = std::max(e2e_sender_mb, ss.ru.ru_maxrss / 1024.0);
         stop(rr);
         remove_tree(Tmp + "/e2e");
-        if (!ok) printf("| ferrant2 end to end, %s | failed, see %s | | | |\n", label.c_str(), log.c_str());
+        if (!ok) {
+            Failed = true;
+            printf("| ferrant2 end to end, %s | failed after %zu of %zu files, see %s | | | |\n", label.c_str(),
+                   count(slurp(log), "ferrant2: received "), n, log.c_str());
+        }
         return ok ? et : 0;
     };
     // Both packet sizes against rsync with MD5 (the bar) and with its default (reported).
@@ -307,8 +318,10 @@ int main() {
     auto compare = [&](const std::string& src, const std::string& rsync_src, size_t n, const std::string& what,
                        double bar) {
         double md5 = rsyncd.copy(rsync_src, true), plain = rsyncd.copy(rsync_src, false);
-        if (md5 == 0 || plain == 0)
+        if (md5 == 0 || plain == 0) {
+            Failed = true;
             printf("| rsync, %s | failed, see %s/rsync.log | | | |\n", what.c_str(), Tmp.c_str());
+        }
         double secs[2] = {};
         const long sizes[2] = {1000000, 60000};
         for (int i = 0; i < 2; i++) {
@@ -346,6 +359,8 @@ int main() {
            "count the ring pages they touched | - | - | independent of file size |\n",
            mb, sender_mb, receiver_mb, server_mb, e2e_sender_mb, e2e_receiver_mb);
 
-    remove_tree(Tmp);
+    remove_tree(many);
+    if (Failed) printf("\nThe logs of the failed rows are kept in %s.\n", Tmp.c_str());
+    else remove_tree(Tmp);
     return 0;
 }
