@@ -76,7 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int sv[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) std::abort();
     {
-        Frontend server(*Ring_settings, std::move(ring));
+        Frontend server(*Ring_settings, std::move(ring), Ring_path);
         server.add_stdio_client(sv[0], sv[0]);
         std::thread peer(client, sv[1], data, size);
         server.run();

@@ -24,7 +24,7 @@ int main(int argc, char** argv) {
     auto ring = open_ring(path, settings, &why);
     if (!ring) elog_die(0, "%s\n", why.c_str());
     Frontend::install_signal_handlers();
-    Frontend server(settings, std::move(ring));
+    Frontend server(settings, std::move(ring), path);
     server.add_stdio_client(0, 1);
     return server.run();
 }

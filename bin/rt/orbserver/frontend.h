@@ -18,7 +18,7 @@
 #include <memory>
 #include <string>
 
-#include "ring/ring.h"
+#include "ring/store.h"
 #include "settings.h"
 
 class StatusBoard;
@@ -26,7 +26,7 @@ class StatusBoard;
 // Opens the ring file, creating it with the settings' geometry when it does
 // not exist. Null with *why set when the file is unusable (it is never
 // replaced silently).
-std::unique_ptr<ring::Ring> open_ring(const std::string& path, const Settings& s, std::string* why);
+std::unique_ptr<ring::RingStore> open_ring(const std::string& path, const Settings& s, std::string* why);
 
 // Reads the settings for a front end from argv (options and the parameter
 // file they name) as both programs take them. Returns the ring path, or "" with
@@ -35,7 +35,8 @@ std::string front_end_args(int argc, char** argv, const char* optstring, Setting
 
 class Frontend {
 public:
-    Frontend(const Settings& settings, std::unique_ptr<ring::Ring> ring);
+    // name: the ring as the log and the status page call it.
+    Frontend(const Settings& settings, std::unique_ptr<ring::RingStore> ring, std::string name);
     ~Frontend();
     Frontend(const Frontend&) = delete;
     Frontend& operator=(const Frontend&) = delete;

@@ -248,6 +248,9 @@ std::string load_settings(const std::string& pfname, Settings& s) {
             return "bad signed_opens '" + l + "': permission letters r and w only";
         s.signed_opens = l;
     }
+    v = s.jetstream_replicas;
+    if (!(err = get_int(pf.get(), "jetstream_replicas", 0, 5, false, v)).empty()) return err;
+    s.jetstream_replicas = int(v);
     return get_signers(pf.get(), s);
 }
 
@@ -285,6 +288,15 @@ std::string apply_option(int opt, const char* arg, Settings& s) {
         return "";
     case 'T':
         return tls_pair(a, s);
+    case 'J':
+        s.jetstream_urls.clear();
+        for (size_t at = 0; at <= a.size();) {
+            size_t comma = std::min(a.find(',', at), a.size());
+            if (comma == at) return "bad JetStream URL list '" + a + "'";
+            s.jetstream_urls.push_back(a.substr(at, comma - at));
+            at = comma + 1;
+        }
+        return "";
     case 'v':
         s.verbose++;
         return "";

@@ -49,6 +49,10 @@ struct Settings {
     // permission letters ("r", "w", "rw") whose opens must be signed.
     std::vector<std::pair<std::string, std::string>> signers;
     std::string signed_opens;
+    // The ring as a JetStream stream on the cluster at these URLs (-J), with
+    // this many replicas when created here (0: min(3, number of URLs)).
+    std::vector<std::string> jetstream_urls;
+    int jetstream_replicas = 0;
 
     Settings();
 };
@@ -59,6 +63,7 @@ std::string load_settings(const std::string& pfname, Settings& s);
 // Applies one command-line option shared by both front ends: -p is handled by
 // the caller (it names the file read first); -s size, -n index slots,
 // -m packet-id modulus, -P [address:]port, -H [address:]port of the status
-// page, -o port file, -T certfile,keyfile for TLS, -v more logging.
+// page, -o port file, -T certfile,keyfile for TLS, -J url[,url...] of a
+// JetStream cluster holding the ring, -v more logging.
 // "" on success, else the complaint.
 std::string apply_option(int opt, const char* arg, Settings& s);

@@ -744,14 +744,16 @@ Bytes JetStreamStore::fetch(uint64_t seq) const {
     natsMsg* m = nullptr;
     natsStatus s;
     jsErrCode jerr = jsErrCode(0);
+    s = NATS_NOT_FOUND;
     if (direct_) {
         jsDirectGetMsgOptions o;
         jsDirectGetMsgOptions_Init(&o);
         o.Sequence = seq + 1;
         s = js_DirectGetMsg(&m, js_, name_.c_str(), nullptr, &o);
-    } else {
-        s = js_GetMsg(&m, js_, name_.c_str(), seq + 1, nullptr, &jerr);
     }
+    // A direct get may be answered by a replica that has not applied the
+    // packet yet; only the leader's "not found" means it was discarded.
+    if (s == NATS_NOT_FOUND) s = js_GetMsg(&m, js_, name_.c_str(), seq + 1, nullptr, &jerr);
     if (s != NATS_OK) {
         if (s == NATS_NOT_FOUND || jerr == JSNoMessageFoundErr) want_refresh();   // discarded: move the tail
         return nullptr;
