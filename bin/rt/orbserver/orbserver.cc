@@ -22,6 +22,7 @@ static std::unique_ptr<ring::RingStore> open_stream(const std::string& name, con
     o.maxpkts = s.maxpkts;
     o.replicas = s.jetstream_replicas;
     o.maxclients = uint32_t(std::clamp(s.max_clients + 16, 256, 4096));
+    o.timeout_ms = 10000;  // a put outlasts the election of a new stream leader
     std::string limits;
     try {
         auto store = ring::open_jetstream_store(o, &limits);

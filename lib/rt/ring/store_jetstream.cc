@@ -278,11 +278,18 @@ private:
         uint64_t id;
         PutDone done;
         Bytes data;
+        std::string src, time;  // header values, for a publication again
         std::chrono::steady_clock::time_point deadline;
         bool finished = false;
+        bool held = false;      // to be published (again) once the stream has a leader
         int64_t seq = -1;
         std::string why;
     };
+    // True while some put waits for a stream leader: later puts are held
+    // too, and published one at a time, so the stream keeps their order.
+    bool held_ = false;
+    natsStatus publish(const Pending& p);   // under pub_mu_
+    void republish();
     natsSubscription* ack_sub_ = nullptr;
     std::string inbox_;
     std::mutex pub_mu_, deliver_mu_;
@@ -650,20 +657,46 @@ void JetStreamStore::put_async(std::string_view name, double time, const void* d
     if (why.empty()) {
         const char* bytes = static_cast<const char*>(data);
         p.data = std::make_shared<const std::vector<char>>(bytes, bytes + size);
-        natsMsg* m = nullptr;
-        std::string reply = inbox_ + "." + std::to_string(id);
-        natsStatus s = natsMsg_Create(&m, subject_.c_str(), reply.c_str(), bytes, int(size));
-        if (s == NATS_OK) s = natsMsgHeader_Set(m, kSrcHeader, escape_name(name).c_str());
-        if (s == NATS_OK) s = natsMsgHeader_Set(m, kTimeHeader, time_text(time).c_str());
-        if (s == NATS_OK) s = natsMsgHeader_Set(m, "Nats-Expected-Stream", name_.c_str());
-        if (s == NATS_OK) s = natsConnection_PublishMsg(nc_, m);
-        natsMsg_Destroy(m);
+        p.src = escape_name(name);
+        p.time = time_text(time);
+        p.held = held_;
+        natsStatus s = held_ ? NATS_OK : publish(p);
         if (s != NATS_OK) why = "stream '" + name_ + "' did not store the packet: " + nats_text(s);
     }
     if (!why.empty()) p.finished = true, p.why = why;
     lk.unlock();
     want_refresh();   // the tail may move; and the refresher times out what stays unanswered
     deliver();
+}
+
+natsStatus JetStreamStore::publish(const Pending& p) {
+    natsMsg* m = nullptr;
+    std::string reply = inbox_ + "." + std::to_string(p.id);
+    natsStatus s = natsMsg_Create(&m, subject_.c_str(), reply.c_str(), p.data->data(), int(p.data->size()));
+    if (s == NATS_OK) s = natsMsgHeader_Set(m, kSrcHeader, p.src.c_str());
+    if (s == NATS_OK) s = natsMsgHeader_Set(m, kTimeHeader, p.time.c_str());
+    if (s == NATS_OK) s = natsMsgHeader_Set(m, "Nats-Expected-Stream", name_.c_str());
+    if (s == NATS_OK) s = natsConnection_PublishMsg(nc_, m);
+    natsMsg_Destroy(m);
+    return s;
+}
+
+// Publishes the first held put once every put before it is answered; its
+// answer (on_ack) lets the next one go.
+void JetStreamStore::republish() {
+    std::lock_guard lk(pub_mu_);
+    if (!held_) return;
+    for (Pending& p : inflight_) {
+        if (p.finished) continue;
+        if (!p.held) return;   // one is out already
+        p.held = false;
+        if (natsStatus s = publish(p); s != NATS_OK) {
+            p.held = true;
+            return;
+        }
+        return;
+    }
+    held_ = false;   // nothing held is left
 }
 
 void JetStreamStore::on_ack(natsConnection*, natsSubscription*, natsMsg* msg, void* closure) {
@@ -690,10 +723,17 @@ void JetStreamStore::on_ack(natsConnection*, natsSubscription*, natsMsg* msg, vo
         if (self->inflight_.empty() || id < self->inflight_.front().id) return;   // timed out already
         Pending& p = self->inflight_[id - self->inflight_.front().id];
         if (p.finished) return;
+        if (a.empty() && std::chrono::steady_clock::now() < p.deadline) {
+            // Nobody took it (no leader now): publish it again, in order,
+            // until the deadline.
+            p.held = self->held_ = true;
+            return;
+        }
         p.finished = true;
         p.seq = seq;
         if (seq < 0) p.why = "stream '" + self->name_ + "' did not store the packet: " + why;
     }
+    self->republish();
     self->deliver();
 }
 
@@ -722,7 +762,8 @@ void JetStreamStore::expire() {
         for (Pending& p : inflight_) {
             if (p.finished || now < p.deadline) continue;
             p.finished = true;
-            p.why = "stream '" + name_ + "' did not store the packet: no acknowledgement within " +
+            p.why = "stream '" + name_ + "' did not store the packet: " +
+                    (p.held ? "no server stored the stream within " : "no acknowledgement within ") +
                     std::to_string(timeout_ms_) + " ms (is the cluster without quorum?)";
         }
     }
@@ -788,6 +829,7 @@ void JetStreamStore::refresh_loop() {
         refresh_wanted_ = false;
         lk.unlock();
         expire();
+        republish();
         jsStreamInfo* si = nullptr;
         jsErrCode jerr = jsErrCode(0);
         natsStatus s = js_GetStreamInfo(&si, js_, name_.c_str(), nullptr, &jerr);

@@ -20,7 +20,10 @@
 //   and when a read finds its packet discarded.
 // - put_async() keeps up to 256 puts in flight, published in call order, each
 //   done only once the cluster acknowledged it (or failed at its deadline),
-//   in call order. put() is put_async() waited for, and returns once this
+//   in call order. A put nobody took (the stream has no leader, as during an
+//   election) is published again until its deadline; puts after it wait and
+//   follow one at a time, so the stream keeps the order of the calls.
+//   put() is put_async() waited for, and returns once this
 //   front end's mirror also has the packet (within the time limit). A put
 //   whose acknowledgement was lost fails though the stream may hold it.
 // - Clients and stash are this front end's own (a private unlinked ring

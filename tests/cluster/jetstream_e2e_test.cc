@@ -1,0 +1,91 @@
+// ferrant2 through two orbservers on one JetStream stream of a real 3-node
+// cluster: sent through one front end, received through the other. Mid-run
+// the stream's leader node and the receiver's front end are SIGKILLed; the
+// receiver moves to the other front end. Every file arrives whole, once, and
+// no interim file is left behind.
+#include <dirent.h>
+
+#include "ferrant/harness.h"
+#include "support/nats_cluster.h"
+#include "support/orbserver.h"
+
+using namespace ferrant_test;
+
+namespace {
+
+// The node ("n0".."n2") leading the stream, or -1.
+int stream_leader(const std::vector<std::string>& urls, const char* stream) {
+    std::string list;
+    for (const auto& u : urls) list += (list.empty() ? "nats://" : ",nats://") + u;
+    natsConnection* nc = nullptr;
+    jsCtx* js = nullptr;
+    jsStreamInfo* si = nullptr;
+    int leader = -1;
+    if (natsConnection_ConnectTo(&nc, list.c_str()) == NATS_OK && natsConnection_JetStream(&js, nc, nullptr) == NATS_OK &&
+        js_GetStreamInfo(&si, js, stream, nullptr, nullptr) == NATS_OK && si->Cluster && si->Cluster->Leader)
+        leader = si->Cluster->Leader[1] - '0';
+    jsStreamInfo_Destroy(si);
+    jsCtx_Destroy(js);
+    natsConnection_Destroy(nc);
+    return leader;
+}
+
+TEST(JetStreamFerrant, FilesCrossTwoFrontEndsWhileALeaderNodeAndAFrontEndDie) {
+    if (nats_test::server_binary().empty()) GTEST_SKIP() << "nats-server is not installed (scripts/deps.sh)";
+    nats_test::Cluster cluster;
+    ASSERT_EQ(cluster.wait_ready(), "");
+    std::string urls;
+    for (const auto& u : cluster.urls()) urls += (urls.empty() ? "" : ",") + u;
+    testsupport::OrbServer::Options o{"", {"-J", urls}, "127.0.0.1", "e2e"};
+    testsupport::OrbServer sending(o), receiving(o);
+    ASSERT_TRUE(sending.up()) << sending.log();
+    ASSERT_TRUE(receiving.up()) << receiving.log();
+
+    TempDir tmp;
+    std::string in = tmp / "in", spool = tmp.sub("spool"), src = tmp.sub("src");
+    std::string pf = write_pf(tmp / "t.pf", {{"directory", in}, {"starting_position", "newest"},
+                                             {"bytes_per_packet", "20000"}, {"use_orbputx", "yes"}});
+    std::map<std::string, std::string> env = {{"BNS_TIMEOUT", "2000"}};
+    Child r({ferrant2(), "-p", pf, receiving.name() + "," + sending.name()}, tmp.path, tmp.path, "", env);
+    ASSERT_TRUE(started(r)) << r.err();
+    Child w({ferrant2(), "-p", pf, "-w", spool, sending.name()}, tmp.path, tmp.path, "", env);
+
+    std::map<std::string, std::string> sent;
+    auto drop = [&](int from, int to) {
+        for (int i = from; i < to; i++) {
+            std::string name = "f" + std::to_string(i);
+            sent[name] = pattern(size_t(i) * 7919 % 90000, unsigned(i));
+            ASSERT_EQ(rename(make_old(src + "/" + name, sent[name]).c_str(), (spool + "/" + name).c_str()), 0);
+        }
+    };
+    drop(0, 20);
+    ASSERT_TRUE(received(r, 20)) << r.err() << w.err();
+    int leader = stream_leader(cluster.urls(), "e2e");
+    ASSERT_GE(leader, 0);
+    drop(20, 40);
+    cluster.kill(leader);
+    receiving.kill();
+    drop(40, 60);
+    auto all_in = [&] {
+        std::string log = r.err();
+        for (auto& [name, data] : sent)
+            if (log.find("ferrant2: received ./" + name + " ") == std::string::npos) return false;
+        return true;
+    };
+    ASSERT_TRUE(eventually(all_in, 90)) << r.err() << "\n---\n" << w.err() << "\n---\n" << sending.log();
+    EXPECT_TRUE(r.running());
+    EXPECT_TRUE(w.running());
+    for (auto& [name, data] : sent) {
+        EXPECT_TRUE(slurp(in + "/" + name) == data) << name;
+        EXPECT_EQ(count(r.err(), "ferrant2: received ./" + name + " "), 1u) << name;
+    }
+    DIR* d = opendir(in.c_str());
+    ASSERT_TRUE(d);
+    size_t files = 0;
+    while (dirent* e = readdir(d))
+        if (e->d_name[0] != '.') files++;
+    closedir(d);
+    EXPECT_EQ(files, sent.size()) << r.err() << sending.log();  // no interim file left
+}
+
+}  // namespace
