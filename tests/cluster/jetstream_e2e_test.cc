@@ -6,6 +6,7 @@
 #include <dirent.h>
 
 #include "ferrant/harness.h"
+#include "orb/orb.h"
 #include "support/nats_cluster.h"
 #include "support/orbserver.h"
 
@@ -60,6 +61,21 @@ TEST(JetStreamFerrant, FilesCrossTwoFrontEndsWhileALeaderNodeAndAFrontEndDie) {
     };
     drop(0, 20);
     ASSERT_TRUE(received(r, 20)) << r.err() << w.err();
+    // The sender's front end lists the reader attached to the other one, so
+    // the sender's lag throttle sees it.
+    int orb = orbopen(sending.name().c_str(), "r");
+    ASSERT_GE(orb, 0);
+    EXPECT_TRUE(eventually([&] {
+        Orbclient* list = nullptr;  // the library's own
+        int n = 0;
+        double when;
+        bool seen = false;
+        if (orbclients(orb, &when, &list, &n) == 0)
+            for (int i = 0; i < n; i++)
+                seen |= list[i].perm == 'r' && std::string(list[i].what).find(receiving.name()) != std::string::npos;
+        return seen;
+    }));
+    orbclose(orb);
     int leader = stream_leader(cluster.urls(), "e2e");
     ASSERT_GE(leader, 0);
     drop(20, 40);

@@ -1,5 +1,6 @@
 // The JetStream ring store. The mapping is described in store_jetstream.h.
 #include "ring/store_jetstream.h"
+#include "ring/store_jetstream_clients.h"
 #include "ring/store_tables.h"
 
 #include <nats/nats.h>
@@ -222,6 +223,15 @@ public:
 
     std::vector<Source> sources() const override;
 
+    std::vector<Client> clients() override {
+        std::vector<Client> all = local_->clients();
+        if (board_) {
+            std::vector<Client> more = board_->others();
+            all.insert(all.end(), more.begin(), more.end());
+        }
+        return all;
+    }
+
     Status status() const override;
 
 private:
@@ -256,6 +266,7 @@ private:
     jsCtx* js_ = nullptr;
     natsSubscription* sub_ = nullptr;
     std::unique_ptr<Ring> local_;   // clients and stash of this front end
+    std::unique_ptr<ClientBoard> board_;   // and every other front end's clients
     std::thread refresher_;
 
     // The index mirror, guarded by mu_; cv_ wakes waiters, put() and the refresher.
@@ -439,9 +450,11 @@ void JetStreamStore::open(const JetStreamOptions& o, std::string* limits) {
     }
     lk.unlock();
     refresher_ = std::thread([this] { refresh_loop(); });
+    board_ = std::make_unique<ClientBoard>(js_, name_, int(c.Replicas), [this] { return local_->clients(); });
 }
 
 JetStreamStore::~JetStreamStore() {
+    board_.reset();
     {
         std::lock_guard lk(mu_);
         closing_ = true;
@@ -844,6 +857,7 @@ void JetStreamStore::refresh_loop() {
 
 Status JetStreamStore::status() const {
     Status st = local_->status();
+    if (board_) st.nclients += uint32_t(board_->others().size());
     st.orb_start = orb_start_;
     st.data_bytes = max_bytes_ > 0 ? uint64_t(max_bytes_) : 0;
     st.nslots = max_msgs_ > 0 ? uint32_t(std::min<int64_t>(max_msgs_, UINT32_MAX)) : 0;

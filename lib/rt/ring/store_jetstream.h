@@ -26,8 +26,10 @@
 //   put() is put_async() waited for, and returns once this
 //   front end's mirror also has the packet (within the time limit). A put
 //   whose acknowledgement was lost fails though the stream may hold it.
-// - Clients and stash are this front end's own (a private unlinked ring
-//   file): ORBCLIENTS shows the clients of this front end only.
+// - Stash and client table are this front end's own (a private unlinked
+//   ring file); ORBCLIENTS shows those clients and every other front end's
+//   (store_jetstream_clients.h), so a writer's lag throttle sees a reader
+//   attached anywhere.
 //
 // Every request to the cluster is bounded by timeout_ms: a cluster without
 // quorum makes put() fail with the reason, never hang.
