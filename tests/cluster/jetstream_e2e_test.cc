@@ -8,7 +8,10 @@
 #include "ferrant/harness.h"
 #include "orb/orb.h"
 #include "support/nats_cluster.h"
+#include "support/http.h"
 #include "support/orbserver.h"
+
+#include <nlohmann/json.hpp>
 
 using namespace ferrant_test;
 
@@ -37,8 +40,9 @@ TEST(JetStreamFerrant, FilesCrossTwoFrontEndsWhileALeaderNodeAndAFrontEndDie) {
     ASSERT_EQ(cluster.wait_ready(), "");
     std::string urls;
     for (const auto& u : cluster.urls()) urls += (urls.empty() ? "" : ",") + u;
-    testsupport::OrbServer::Options o{"", {"-J", urls}, "127.0.0.1", "e2e"};
-    testsupport::OrbServer sending(o), receiving(o);
+    testsupport::OrbServer::Options o{"", {"-J", urls}, "127.0.0.1", "e2e"}, with_page = o;
+    with_page.args.insert(with_page.args.end(), {"-H", "127.0.0.1:0"});
+    testsupport::OrbServer sending(with_page), receiving(o);
     ASSERT_TRUE(sending.up()) << sending.log();
     ASSERT_TRUE(receiving.up()) << receiving.log();
 
@@ -76,6 +80,14 @@ TEST(JetStreamFerrant, FilesCrossTwoFrontEndsWhileALeaderNodeAndAFrontEndDie) {
         return seen;
     }));
     orbclose(orb);
+    // So do its status page and metrics, beside the stream that keeps the ring.
+    auto doc = nlohmann::json::parse(testsupport::http_get(testsupport::http_port(sending.log()), "/status.json").body);
+    EXPECT_EQ(doc["ring"]["store"], "stream 'e2e' on nats://" + cluster.urls()[0] + ",nats://" + cluster.urls()[1] +
+                                        ",nats://" + cluster.urls()[2]);
+    EXPECT_GE(doc["ring"]["nclients"], 2);
+    std::string metrics = testsupport::http_get(testsupport::http_port(sending.log()), "/metrics").body;
+    EXPECT_NE(metrics.find("orbserver_ring_info{name=\"e2e\",store=\"stream 'e2e' on nats://"), std::string::npos)
+        << metrics;
     int leader = stream_leader(cluster.urls(), "e2e");
     ASSERT_GE(leader, 0);
     drop(20, 40);

@@ -77,6 +77,9 @@ std::string metrics_text(const json& doc) {
     for (const auto& [name, n] : by.items()) src_bytes.sample(n["bytes"], {{"srcname", name}});
 
     Family(out, "orbserver_clients", "gauge", "Clients of the ring, through every front end.").sample(ring["nclients"]);
+    if (ring.contains("store") && ring["store"].is_string())
+        Family(out, "orbserver_ring_info", "gauge", "The ring served and what keeps it (a file, a stream).")
+            .sample(1, {{"name", ring["name"]}, {"store", ring["store"]}});
     Family(out, "orbserver_ring_size_bytes", "gauge", "Data bytes the ring holds at most.").sample(ring["size"]);
     Family(out, "orbserver_ring_bytes", "gauge", "Packet bytes the ring holds now.").sample(ring["bytes"]);
     Family(out, "orbserver_ring_packets", "gauge", "Packets the ring holds now.").sample(ring["npkts"]);

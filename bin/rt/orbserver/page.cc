@@ -62,6 +62,7 @@ std::string status_page(const json& doc, int refresh) {
     out += "<table id=\"ring\" border=\"1\">\n";
     out += row({"server", cell(sv["version"]) + " pid " + cell(sv["pid"]) + " on " + cell(sv["host"]) + " port " +
                               cell(sv["port"])});
+    if (r.contains("store") && r["store"].is_string()) out += row({"kept in", cell(r["store"])});
     out += row({"started", when(r["server_start"])});
     out += row({"ring made", when(r["orb_start"])});
     out += row({"status at", when(r["when"])});

@@ -315,6 +315,7 @@ void Frontend::Impl::count_written(const char* srcname, uint64_t bytes) {
 status::Snapshot Frontend::Impl::snapshot() {
     status::Snapshot snap;
     snap.name = ring_name;
+    snap.store = ring->describe();
     fill_stat(snap.stat);
     auto oldest = ring->oldest(), newest = ring->newest();
     snap.oldest = oldest ? ring->pktid(*oldest) : -1;

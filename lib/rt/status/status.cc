@@ -139,6 +139,7 @@ nlohmann::json status_json(const Snapshot& s) {
         {"ring",
          {
              {"name", utf8_clean(s.name)},
+             {"store", s.store.empty() ? json(nullptr) : json(utf8_clean(s.store))},
              {"size", st.maxdata},
              {"maxpkts", st.maxpkts},
              {"npkts", ring_npkts(s.oldest, s.newest, st.maxpkts)},

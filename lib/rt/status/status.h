@@ -44,6 +44,7 @@ struct Totals {
 
 struct Snapshot {
     std::string name;                 // the ring as the user named it
+    std::string store;                // what keeps it ("ring file '...'", "stream '...' on ..."); "" unknown
     Orbstat stat{};                   // stat.when is the moment of the snapshot
     int oldest = -1, newest = -1;     // pktids; -1 when the ring is empty
     std::vector<Orbsrc> sources;
