@@ -25,7 +25,8 @@ int stream_leader(const std::vector<std::string>& urls, const char* stream) {
     jsCtx* js = nullptr;
     jsStreamInfo* si = nullptr;
     int leader = -1;
-    if (natsConnection_ConnectTo(&nc, list.c_str()) == NATS_OK && natsConnection_JetStream(&js, nc, nullptr) == NATS_OK &&
+    if (natsConnection_ConnectTo(&nc, list.c_str()) == NATS_OK &&
+        natsConnection_JetStream(&js, nc, nullptr) == NATS_OK &&
         js_GetStreamInfo(&si, js, stream, nullptr, nullptr) == NATS_OK && si->Cluster && si->Cluster->Leader)
         leader = si->Cluster->Leader[1] - '0';
     jsStreamInfo_Destroy(si);
@@ -76,16 +77,18 @@ TEST(JetStreamFerrant, FilesCrossTwoFrontEndsWhileALeaderNodeAndAFrontEndDie) {
         bool seen = false;
         if (orbclients(orb, &when, &list, &n) == 0)
             for (int i = 0; i < n; i++)
-                seen |= list[i].perm == 'r' && std::string(list[i].what).find(receiving.name()) != std::string::npos;
+                seen |= list[i].perm == 'r' &&
+                        std::string(list[i].what).find(receiving.name()) != std::string::npos;
         return seen;
     }));
     orbclose(orb);
     // So do its status page and metrics, beside the stream that keeps the ring.
-    auto doc = nlohmann::json::parse(testsupport::http_get(testsupport::http_port(sending.log()), "/status.json").body);
+    int http = testsupport::http_port(sending.log());
+    auto doc = nlohmann::json::parse(testsupport::http_get(http, "/status.json").body);
     EXPECT_EQ(doc["ring"]["store"], "stream 'e2e' on nats://" + cluster.urls()[0] + ",nats://" + cluster.urls()[1] +
                                         ",nats://" + cluster.urls()[2]);
     EXPECT_GE(doc["ring"]["nclients"], 2);
-    std::string metrics = testsupport::http_get(testsupport::http_port(sending.log()), "/metrics").body;
+    std::string metrics = testsupport::http_get(http, "/metrics").body;
     EXPECT_NE(metrics.find("orbserver_ring_info{name=\"e2e\",store=\"stream 'e2e' on nats://"), std::string::npos)
         << metrics;
     int leader = stream_leader(cluster.urls(), "e2e");
@@ -114,6 +117,27 @@ TEST(JetStreamFerrant, FilesCrossTwoFrontEndsWhileALeaderNodeAndAFrontEndDie) {
         if (e->d_name[0] != '.') files++;
     closedir(d);
     EXPECT_EQ(files, sent.size()) << r.err() << sending.log();  // no interim file left
+}
+
+}  // namespace
+
+namespace {
+
+// What stops a front end on a stream at start, and says why.
+TEST(JetStreamFrontEnd, BadStartsAreFatalWithTheReason) {
+    struct Case { std::vector<std::string> args; const char* says; };
+    for (const Case& c : {Case{{"-J", "127.0.0.1:1,127.0.0.1:2", "r"},
+                               "can't reach a NATS server at nats://127.0.0.1:1,nats://127.0.0.1:2"},
+                          Case{{"-J", "", "r"}, "bad JetStream URL list ''"},
+                          Case{{"-J", "127.0.0.1:1,", "r"}, "bad JetStream URL list"},
+                          Case{{"-J", "127.0.0.1:1", "no.dots"}, "stream name 'no.dots' must be 1 to 200 letters"}}) {
+        TempDir tmp;
+        std::vector<std::string> argv = {FERRANT_BUILD_DIR "/bin/orbserver", "-P", "127.0.0.1:0"};
+        argv.insert(argv.end(), c.args.begin(), c.args.end());
+        Child s(argv, tmp.path);
+        EXPECT_EQ(s.wait(), 1) << c.says;
+        EXPECT_NE(s.err().find(c.says), std::string::npos) << s.err();
+    }
 }
 
 }  // namespace
