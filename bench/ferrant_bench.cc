@@ -22,6 +22,7 @@
 #include <string>
 #include <thread>
 #include <vector>
+#include "support/nats_cluster.h"
 
 namespace {
 
@@ -32,13 +33,6 @@ std::string Tmp;
 bool Failed = false;  // keeps Tmp's logs for a look afterwards
 
 double seconds_since(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
-
-std::string slurp(const std::string& path) {
-    std::ifstream f(path, std::ios::binary);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
 
 size_t count(const std::string& hay, const std::string& needle) {
     size_t n = 0;
@@ -153,12 +147,14 @@ bool wait_for(const std::string& file, const std::string& text, size_t n, double
     return false;
 }
 
-void write_pf(const std::string& path, const std::string& dir, const std::string& start, long bpp = 1000000) {
+// wait_match: the readers whose lag holds the sender back ("": none).
+void write_pf(const std::string& path, const std::string& dir, const std::string& start, long bpp = 1000000,
+              const std::string& wait_match = "") {
     std::ofstream f(path);
     f << "directory " << dir << "\nstarting_position " << start
       << "\nmatch\nreject\npreserve_directories yes\nbytes_per_packet " << bpp << "\nfile_match\nfile_reject\n"
-         "test_freq 0.1\nlag_trigger 0.5\nlag_reset 0.2\nwait_seconds 1\nwait_match\nwait_reject\n"
-         "use_orbputx no\n";
+         "test_freq 0.1\nlag_trigger 0.5\nlag_reset 0.2\nwait_seconds 1\nwait_match " << wait_match
+      << "\nwait_reject\nuse_orbputx no\n";
 }
 
 void row(const std::string& figure, double mbs, double ref, double bar, const std::string& note = "") {
@@ -218,6 +214,37 @@ struct Rsyncd {
 };
 
 }  // namespace
+
+// ferrant2 through two orbservers on a JetStream stream of a 3-node loopback
+// cluster (3 replicas): sent through one front end, received through the other.
+template <class E2e>
+void jetstream_row(const std::string& many, size_t nfiles, E2e& e2e) {
+    if (nats_test::server_binary().empty()) return;
+    nats_test::Cluster cluster;
+    if (std::string why = cluster.wait_ready(); !why.empty()) {
+        printf("| ferrant2 end to end through orbserver -J | failed: %s | | | |\n", why.c_str());
+        return;
+    }
+    std::string urls, names[2];
+    for (const auto& u : cluster.urls()) urls += (urls.empty() ? "" : ",") + u;
+    Proc fe[2];
+    for (int i = 0; i < 2; i++) {
+        std::string port = Tmp + "/js-port" + std::to_string(i);
+        fe[i] = start({Build + "/bin/orbserver", "-J", urls, "-s", "1400M", "-P", "127.0.0.1:0", "-o", port, "files"}, Tmp,
+                      Tmp + "/js-orbserver" + std::to_string(i) + ".log");
+        for (int k = 0; k < 3000 && (names[i].empty() || names[i].back() != '\n'); k++) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            names[i] = slurp(port);
+        }
+        if (!names[i].empty()) names[i].pop_back();
+    }
+    double secs = e2e(many + "/", nfiles, 1000000, std::to_string(nfiles) + " files through orbserver -J",
+                      names[0], names[1]);
+    if (secs > 0)
+        printf("| ferrant2 end to end through two orbserver -J front ends (3 replicas, loopback cluster), %zu files, "
+               "1000000-byte packets | %.2f s | | | reported |\n", nfiles, secs);
+    for (Proc& p : fe) stop(p);
+}
 
 int main() {
     long mb = getenv("FERRANT_BENCH_MB") ? atol(getenv("FERRANT_BENCH_MB")) : 1024;
@@ -291,14 +318,17 @@ int main() {
     if (!name.empty()) name.pop_back();
     double e2e_sender_mb = 0, e2e_receiver_mb = 0;
     // Seconds from the sender's start to the receiver's nth file, or 0.
-    auto e2e = [&](const std::string& arg, size_t n, long bpp, const std::string& label) -> double {
-        write_pf(Tmp + "/e.pf", Tmp + "/e2e", "newest", bpp);
+    // The sender writes to send_to and the receiver reads from recv_from ("": name).
+    auto e2e = [&](const std::string& arg, size_t n, long bpp, const std::string& label,
+                   const std::string& send_to = "", const std::string& recv_from = "") -> double {
+        // Through another front end the sender is held back by the receiver's lag, as an operator would run it.
+        write_pf(Tmp + "/e.pf", Tmp + "/e2e", "newest", bpp, recv_from.empty() ? "" : ".*ferrant2.*");
         std::string log = Tmp + "/e2e-" + std::to_string(bpp) + ".log";
-        Proc rr = start({ferrant, "-p", Tmp + "/e.pf", name}, Tmp, log);
+        Proc rr = start({ferrant, "-p", Tmp + "/e.pf", recv_from.empty() ? name : recv_from}, Tmp, log);
         bool ok = wait_for(rr.err, "Starting at pktid", 1, 30);
         auto t0 = Clock::now();
         Proc ss;
-        if (ok) ss = start({ferrant, "-p", Tmp + "/e.pf", arg, name}, Tmp, log + "-sender");
+        if (ok) ss = start({ferrant, "-p", Tmp + "/e.pf", arg, send_to.empty() ? name : send_to}, Tmp, log + "-sender");
         ok = ok && wait_for(rr.err, "ferrant2: received ", n, 900);
         double et = seconds_since(t0);
         e2e_receiver_mb = std::max(e2e_receiver_mb, vmhwm(rr.pid));
@@ -353,6 +383,7 @@ int main() {
     compare(many, many + "/", size_t(nfiles), std::to_string(nfiles) + " files", 1.3);
     server_mb = std::max(server_mb, server.pid > 0 ? vmhwm(server.pid) : 0);
     stop(server);
+    jetstream_row(many, size_t(nfiles), e2e);
 
     printf("| ferrant2 peak resident memory, %ld MiB file | sender with its forbserver %.0f MiB, receiver %.0f MiB, orbserver %.0f MiB "
            "(end to end through orbserver: sender %.0f, receiver %.0f); the forbserver and orbserver figures "

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "orb/orb.h"
+#include "support/nats_cluster.h"
 #include "stock/epoch.h"
 
 namespace {
@@ -34,8 +35,11 @@ struct Server {
     std::string name;
 };
 
-Server start_server(const std::string& dir, const std::string& size, const std::vector<std::string>& extra = {}) {
-    std::string portfile = dir + "/port", ring = dir + "/ring";
+// ring: a path under dir, or (with -J among extra) a stream name.
+Server start_server(const std::string& dir, const std::string& size, const std::vector<std::string>& extra = {},
+                    const std::string& ring_name = "ring") {
+    std::string portfile = dir + "/port", ring = ring_name.find('/') == 0 ? ring_name : dir + "/" + ring_name;
+    if (std::find(extra.begin(), extra.end(), "-J") != extra.end()) ring = ring_name;
     std::filesystem::remove(portfile);
     std::filesystem::remove(ring);
     Server s;
@@ -168,14 +172,16 @@ void warm(const std::string& name, long bytes) {
 }
 
 // One writer and `readers` readers at once; returns each reader's packets/s.
-std::vector<double> stream(const std::string& name, int n, int size, int readers) {
+// The readers open read_name when given (another front end of the ring).
+std::vector<double> stream(const std::string& name, int n, int size, int readers, const std::string& read_name = "") {
+    const std::string& rname = read_name.empty() ? name : read_name;
     std::vector<Child> kids;
     for (int r = 0; r < readers; r++) {
         int p[2];
         if (pipe(p) != 0) std::exit(1);
         kids.push_back(spawn([&, p] {
             close(p[0]);
-            int orb = orbopen(name.c_str(), "r");
+            int orb = orbopen(rname.c_str(), "r");
             char c = orb >= 0 ? 'y' : 'n';
             if (write(p[1], &c, 1) != 1) return -1.0;
             close(p[1]);
@@ -198,7 +204,7 @@ std::vector<double> stream(const std::string& name, int n, int size, int readers
 
 }  // namespace
 
-// Arguments name the figures to run (512, 64k, tls, alone, fanout, latency); none: all.
+// Arguments name the figures to run (512, 64k, js, tls, alone, fanout, latency); none: all.
 int main(int argc, char** argv) {
     auto want = [&](const char* k) {
         if (argc < 2) return true;
@@ -229,6 +235,33 @@ int main(int argc, char** argv) {
         row("orbserver 64 KiB packets, 1 writer + 1 reader, put → reaped (client library)",
             fmt("%.2f GB/s", gbs), "1.36 GB/s", fmt("%.2f", gbs / 1.36), "≥ 1.4 GB/s");
         stop_server(s);
+    }
+    // A ring on a JetStream stream of a 3-node loopback cluster (3 replicas):
+    // the writer puts through one front end, the reader reaps through another.
+    if (want("js") && !nats_test::server_binary().empty()) {
+        nats_test::Cluster cluster;
+        if (std::string why = cluster.wait_ready(); !why.empty()) {
+            row("orbserver on JetStream", "failed: " + why, "", "", "");
+        } else {
+            std::string urls;
+            for (const auto& u : cluster.urls()) urls += (urls.empty() ? "" : ",") + u;
+            std::string a_dir = dir + "/a", b_dir = dir + "/b";
+            std::filesystem::create_directories(a_dir);
+            std::filesystem::create_directories(b_dir);
+            struct Fig { const char* what; int n, size; const char* file_ring; };
+            for (Fig f : {Fig{"512-byte", 20000, 512, "141,000 packets/s"}, Fig{"64 KiB", 3000, 65536, "1.36 GB/s"}}) {
+                std::string stream_name = std::string("bench") + std::to_string(f.size);
+                Server a = start_server(a_dir, "256M", {"-J", urls}, stream_name);
+                Server b = start_server(b_dir, "256M", {"-J", urls}, stream_name);
+                double r = stream(a.name, f.n, f.size, 1, b.name)[0];
+                std::string measured = f.size == 512 ? fmt("%.0f packets/s", r) : fmt("%.3f GB/s", r * f.size / 1e9);
+                row(std::string("orbserver -J (3 replicas, loopback cluster) ") + f.what +
+                        " packets, writer and reader on two front ends, put → reaped",
+                    measured, std::string("file ring: ") + f.file_ring, "—", "reported");
+                stop_server(a);
+                stop_server(b);
+            }
+        }
     }
     // 64 KiB packets over TLS through a named port, beside plain TCP in the same run.
     if (want("tls")) {

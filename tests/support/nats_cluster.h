@@ -55,7 +55,7 @@ public:
                       "server_name: n" + std::to_string(i) + "\nlisten: 127.0.0.1:" +
                           std::to_string(nodes_[i].port) + "\njetstream {\n  store_dir: \"" +
                           dir_.sub("n" + std::to_string(i)) +
-                          "\"\n  max_memory_store: 64MB\n  max_file_store: 1GB\n}\ncluster {\n  name: ferrant\n"
+                          "\"\n  max_memory_store: 64MB\n  max_file_store: 8GB\n}\ncluster {\n  name: ferrant\n"
                           "  listen: 127.0.0.1:" + std::to_string(nodes_[i].route_port) + "\n  routes: [" +
                           routes + "\n  ]\n}\n");
         }
