@@ -73,6 +73,7 @@ Frontend::Impl::~Impl() {
     ring->wake_all();
     waiter.join();
     clients.clear();
+    ring.reset();  // while wake_fd and puts_done still take what its last puts report
     if (listen_fd >= 0) close(listen_fd);
     close(wake_fd);
     close(epfd);

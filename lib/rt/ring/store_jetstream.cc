@@ -19,6 +19,7 @@
 #include <future>
 #include <map>
 #include <mutex>
+#include <set>
 #include <thread>
 #include <unordered_map>
 
@@ -32,6 +33,7 @@ constexpr char kDescPrefix[] = "orb ring, pktid modulus ";
 constexpr int32_t kHole = -2;               // a sequence this front end never saw
 constexpr uint64_t kMaxHoles = 1u << 16;    // a larger jump restarts the index
 constexpr size_t kCachePackets = 1024, kCacheBytes = 32u << 20;
+constexpr uint64_t kReadAhead = 32;            // packets asked for at once after a missed read
 constexpr size_t kWindow = 256;            // puts in flight at most
 
 std::string escape_name(std::string_view s) {
@@ -302,6 +304,13 @@ private:
     natsStatus publish(const Pending& p);   // under pub_mu_
     void republish();
     natsSubscription* ack_sub_ = nullptr;
+    // Read-ahead: a missed read asks for the next kReadAhead packets at once
+    // (direct gets answered to inbox_.r.<seq>), so a reader that streams
+    // pays one round trip per batch rather than per packet.
+    natsSubscription* ahead_sub_ = nullptr;
+    mutable std::set<uint64_t> asked_;   // under cache_mu_
+    static void on_ahead(natsConnection*, natsSubscription*, natsMsg* msg, void* closure);
+    void read_ahead(uint64_t from) const;
     std::string inbox_;
     std::mutex pub_mu_, deliver_mu_;
     std::condition_variable pub_cv_;
@@ -424,6 +433,8 @@ void JetStreamStore::open(const JetStreamOptions& o, std::string* limits) {
         inbox_ = inbox;
         natsInbox_Destroy(inbox);
         s = natsConnection_Subscribe(&ack_sub_, nc_, (inbox_ + ".*").c_str(), on_ack, this);
+        if (s == NATS_OK && direct_)
+            s = natsConnection_Subscribe(&ahead_sub_, nc_, (inbox_ + ".r.*").c_str(), on_ahead, this);
     }
     if (s != NATS_OK) throw Error("can't take acknowledgements from " + urls_ + ": " + nats_text(s));
 
@@ -466,9 +477,10 @@ JetStreamStore::~JetStreamStore() {
         if (natsSubscription_Drain(sub_) == NATS_OK) natsSubscription_WaitForDrainCompletion(sub_, timeout_ms_);
         natsSubscription_Destroy(sub_);
     }
-    if (ack_sub_) {
-        if (natsSubscription_Drain(ack_sub_) == NATS_OK) natsSubscription_WaitForDrainCompletion(ack_sub_, timeout_ms_);
-        natsSubscription_Destroy(ack_sub_);
+    for (natsSubscription* sub : {ahead_sub_, ack_sub_}) {
+        if (!sub) continue;
+        if (natsSubscription_Drain(sub) == NATS_OK) natsSubscription_WaitForDrainCompletion(sub, timeout_ms_);
+        natsSubscription_Destroy(sub);
     }
     {
         std::lock_guard lk(pub_mu_);
@@ -816,7 +828,45 @@ Bytes JetStreamStore::fetch(uint64_t seq) const {
     auto b = std::make_shared<const std::vector<char>>(d, d + natsMsg_GetDataLength(m));
     natsMsg_Destroy(m);
     cache(seq, b);
+    if (direct_) read_ahead(seq + 1);
     return b;
+}
+
+void JetStreamStore::read_ahead(uint64_t from) const {
+    uint64_t head;
+    {
+        std::lock_guard lk(mu_);
+        head = head_;
+    }
+    std::string subject = "$JS.API.DIRECT.GET." + name_;
+    std::lock_guard lk(cache_mu_);
+    for (uint64_t seq = from; seq < std::min(head, from + kReadAhead); seq++) {
+        if (cache_.count(seq) || !asked_.insert(seq).second) continue;
+        std::string body = "{\"seq\":" + std::to_string(seq + 1) + "}";
+        std::string reply = inbox_ + ".r." + std::to_string(seq);
+        natsConnection_PublishRequest(nc_, subject.c_str(), reply.c_str(), body.data(), int(body.size()));
+    }
+    if (asked_.size() > 4 * kReadAhead) asked_.erase(asked_.begin(), asked_.lower_bound(from));
+}
+
+void JetStreamStore::on_ahead(natsConnection*, natsSubscription*, natsMsg* msg, void* closure) {
+    auto* self = static_cast<const JetStreamStore*>(closure);
+    const char* subj = natsMsg_GetSubject(msg);
+    const char* dot = std::strrchr(subj, '.');
+    uint64_t seq = std::strtoull(dot ? dot + 1 : "", nullptr, 10);
+    const char* status = nullptr;
+    bool found = natsMsgHeader_Get(msg, "Status", &status) != NATS_OK;   // a status reply carries no packet
+    Bytes b;
+    if (found) {
+        const char* d = natsMsg_GetData(msg);
+        b = std::make_shared<const std::vector<char>>(d, d + natsMsg_GetDataLength(msg));
+    }
+    natsMsg_Destroy(msg);
+    {
+        std::lock_guard lk(self->cache_mu_);
+        self->asked_.erase(seq);
+    }
+    if (b) self->cache(seq, std::move(b));
 }
 
 void JetStreamStore::cache(uint64_t seq, Bytes b) const {
