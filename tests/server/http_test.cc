@@ -1,15 +1,11 @@
-// orbserver's status port against what a hostile or clumsy HTTP client does:
-// wrong paths and methods, requests that are malformed or too large, clients
-// that stall, addresses it must refuse, and source names that need escaping
-// in JSON, in Prometheus labels and in HTML.
+// orbserver's status port against what a hostile or clumsy HTTP client does: wrong paths and
+// methods, requests that are malformed or too large, clients that stall, addresses it must refuse,
+// and source names that need escaping in JSON, in Prometheus labels and in HTML.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
-
-#include <string>
-#include <vector>
 
 #include "ferrant/harness.h"
 #include "orb/orb.h"
@@ -18,22 +14,11 @@
 using testsupport::http_get;
 using testsupport::OrbServer;
 
-namespace {
-
-class Http : public ::testing::Test {
-protected:
-    void start(const std::string& pf = "") {
-        server = std::make_unique<OrbServer>(testsupport::with_status_port(pf));
-        ASSERT_TRUE(server->up()) << server->log();
-        port = testsupport::http_port(server->log());
-        ASSERT_GT(port, 0) << server->log();
-    }
-    std::unique_ptr<OrbServer> server;
-    int port = 0;
-};
-
-TEST_F(Http, RefusesWhatItDoesNotServe) {
-    start();
+TEST(Http, RefusesEscapesAndOutlastsStalledClients) {
+    OrbServer server(testsupport::with_status_port());
+    ASSERT_TRUE(server.up()) << server.log();
+    int port = testsupport::http_port(server.log());
+    ASSERT_GT(port, 0) << server.log();
     struct Case {
         std::string request;
         int code;  // 0: the connection closes without an answer
@@ -49,14 +34,10 @@ TEST_F(Http, RefusesWhatItDoesNotServe) {
     };
     for (const auto& c : cases)
         EXPECT_EQ(testsupport::http_request(port, c.request).code, c.code) << c.request.substr(0, 40);
-    EXPECT_EQ(http_get(port, "/status.json").code, 200);
-    EXPECT_TRUE(server->running()) << server->log();
-}
 
-TEST_F(Http, EscapesSourceNamesInEveryOutput) {
-    start();
+    // Source names that need escaping, in every output.
     const std::vector<std::string> names = {"q\"uote", "back\\slash", "<b>x</b>", "bad\xff\xfe", "new\nline"};
-    int orb = orbopen(server->name().c_str(), "w");
+    int orb = orbopen(server.name().c_str(), "w");
     for (const auto& n : names) ASSERT_EQ(orbput(orb, n.c_str(), 1e9, "data", 4), 0) << n;
     orbclose(orb);
     nlohmann::json doc;
@@ -67,44 +48,40 @@ TEST_F(Http, EscapesSourceNamesInEveryOutput) {
     std::string all = doc["sources"].dump();  // the names, escaped again for JSON
     for (const char* n : {"q\\\"uote", "back\\\\slash", "<b>x</b>", "bad\xef\xbf\xbd\xef\xbf\xbd\"", "new\\nline"})
         EXPECT_NE(all.find(n), std::string::npos) << n << all;
-    std::string metrics = http_get(port, "/metrics").body;
-    for (const char* label : {"srcname=\"q\\\"uote\"", "srcname=\"back\\\\slash\"", "srcname=\"new\\nline\"",
-                              "srcname=\"<b>x</b>\""})
+    std::string metrics = http_get(port, "/metrics").body, html = http_get(port, "/").body;
+    for (const char* label :
+         {"srcname=\"q\\\"uote\"", "srcname=\"back\\\\slash\"", "srcname=\"new\\nline\"", "srcname=\"<b>x</b>\""})
         EXPECT_NE(metrics.find(label), std::string::npos) << label;
     EXPECT_EQ(ferrant_test::count(metrics, "\norbserver_source_packets{"), names.size()) << metrics;
-
-    std::string html = http_get(port, "/").body;
     EXPECT_NE(html.find("&lt;b&gt;x&lt;/b&gt;"), std::string::npos);
     EXPECT_NE(html.find("q&quot;uote"), std::string::npos);
     EXPECT_EQ(html.find("<b>x"), std::string::npos);
     for (const std::string& body : {metrics, html}) EXPECT_EQ(body.find('\xff'), std::string::npos);
-}
 
-TEST_F(Http, RefusesAddressesThatMayNotRead) {
-    start("read_allow &Tbl{\n10.0.0.0/8\n}\n");
-    EXPECT_EQ(http_get(port, "/status.json").code, 0);
-}
-
-// Stalled HTTP clients hold neither the page nor packet service, and are
-// dropped in the end.
-TEST_F(Http, StalledClientsDelayNothing) {
-    start();
+    // Stalled HTTP clients hold neither the page nor packet service, and are dropped in the end.
     std::vector<int> stalled;
     for (int i = 0; i < 20; i++) {
         stalled.push_back(testsupport::connect_loopback(port));
         if (i % 2) send(stalled.back(), "GET / HTTP/1.0\r\nX-Slow: ", 24, MSG_NOSIGNAL);
     }
-    int w = orbopen(server->name().c_str(), "w");
+    int w = orbopen(server.name().c_str(), "w");
     ASSERT_GE(w, 0);
     EXPECT_GE(orbputx(w, "net_sta/xfer", 2e9, "hello", 5), 0);  // answered while they stall
     orbclose(w);
     EXPECT_EQ(http_get(port, "/metrics").code, 200);
-
     char c;
     timeval bound{120, 0};
     setsockopt(stalled[1], SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
     EXPECT_EQ(recv(stalled[1], &c, 1, 0), 0);  // closed by the server's time-out
     for (int fd : stalled) close(fd);
+    EXPECT_EQ(http_get(port, "/status.json").code, 200);
+    EXPECT_TRUE(server.running()) << server.log();
 }
 
-}  // namespace
+TEST(Http, RefusesAddressesThatMayNotRead) {
+    OrbServer server(testsupport::with_status_port("read_allow &Tbl{\n10.0.0.0/8\n}\n"));
+    ASSERT_TRUE(server.up()) << server.log();
+    int port = testsupport::http_port(server.log());
+    ASSERT_GT(port, 0) << server.log();
+    EXPECT_EQ(http_get(port, "/status.json").code, 0);
+}

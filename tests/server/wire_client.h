@@ -1,18 +1,20 @@
-// A bare protocol client for the server tests: requests encoded and responses
-// decoded with our own records, over TCP or over a socketpair to a forbserver
-// child, with nothing of the client library in between (so the tests see
-// exactly what the server answers).
+// A bare protocol client for the server tests: requests encoded and responses decoded with our
+// own records, over TCP or over a socketpair to a forbserver child, with nothing of the client
+// library in between (so the tests see exactly what the server answers).
 #pragma once
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
+#include <initializer_list>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,56 +23,54 @@
 
 namespace testsupport {
 
+// The values joined by spaces, to compare several fields at once.
+template <class... T>
+std::string words(const T&... v) {
+    std::ostringstream o;
+    o.precision(17);
+    ((o << v << ' '), ...);
+    std::string s = o.str();
+    return s.substr(0, s.size() - 1);
+}
+
 struct Pkt {
     int pktid = -1;
     double time = 0;
-    std::string srcname;
-    std::string data;
+    std::string srcname, data;
+    std::string str() const { return words(pktid, time, srcname, data); }
 };
 
 class WireClient {
 public:
+    static constexpr int kFailed = -1000;
     WireClient() = default;
     ~WireClient() { disconnect(); }
     WireClient(const WireClient&) = delete;
     WireClient& operator=(const WireClient&) = delete;
 
-    static constexpr int kFailed = -1000;
-
-    // Connects to "host:port"; false on failure.
+    // Connects to "host:port" (from local_addr when given); false on failure.
     bool connect_tcp(const std::string& name, const char* local_addr = nullptr) {
         auto colon = name.rfind(':');
-        sockaddr_in sa{};
-        sa.sin_family = AF_INET;
-        sa.sin_port = htons(uint16_t(std::stoi(name.substr(colon + 1))));
+        sockaddr_in sa{AF_INET, htons(uint16_t(std::stoi(name.substr(colon + 1)))), {}, {}};
+        sockaddr_in la{AF_INET, 0, {}, {}};
         inet_pton(AF_INET, name.substr(0, colon).c_str(), &sa.sin_addr);
         int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (local_addr) {
-            sockaddr_in la{};
-            la.sin_family = AF_INET;
-            inet_pton(AF_INET, local_addr, &la.sin_addr);
+        if (local_addr && inet_pton(AF_INET, local_addr, &la.sin_addr) == 1)
             bind(fd, reinterpret_cast<sockaddr*>(&la), sizeof la);
-        }
-        if (::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) < 0) {
-            close(fd);
-            return false;
-        }
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) < 0) return close(fd), false;
         attach(fd);
         return true;
     }
-
-    // Starts forbserver with args (e.g. {"-s64M", "./ring"}) on a socketpair,
-    // its standard error appended to logfile.
-    bool spawn_forb(const std::vector<std::string>& args, const std::string& logfile) {
+    // Starts forbserver with args (e.g. {"-s64M", "./ring"}) on a socketpair, its standard error
+    // appended to logfile.
+    bool spawn_forb(std::vector<std::string> args, const std::string& logfile) {
         int sv[2];
         if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) < 0) return false;
-        std::vector<std::string> all = {std::string(FERRANT_BUILD_DIR) + "/bin/forbserver"};
-        all.insert(all.end(), args.begin(), args.end());
+        args.insert(args.begin(), std::string(FERRANT_BUILD_DIR) + "/bin/forbserver");
         std::vector<char*> argv;
-        for (auto& a : all) argv.push_back(a.data());
+        for (auto& a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
-        child_ = fork();
-        if (child_ == 0) {
+        if ((child_ = fork()) == 0) {
             dup2(sv[1], 0);
             dup2(sv[1], 1);
             int log = ::open(logfile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
@@ -82,53 +82,34 @@ public:
         attach(sv[0]);
         return child_ > 0;
     }
-
     void disconnect() {
         if (fd_ >= 0) close(fd_);
         fd_ = -1;
-        bnsfree(in_);
-        bnsfree(out_);
-        freeOrbrequest(req_);
-        freeOrbresponse(resp_);
-        in_ = out_ = nullptr;
-        req_ = nullptr;
-        resp_ = nullptr;
-        if (child_ > 0) {
-            // forbserver ends when its client leaves; make sure of it.
-            int status;
-            for (int i = 0; i < 2000 && waitpid(child_, &status, WNOHANG) == 0; i++) usleep(2000);
-            if (waitpid(child_, &status, WNOHANG) == 0) {
-                kill(child_, SIGKILL);
-                waitpid(child_, &status, 0);
-            }
-            child_exit_ = status;
+        bnsfree(in_), bnsfree(out_), freeOrbrequest(req_), freeOrbresponse(resp_);
+        in_ = out_ = nullptr, req_ = nullptr, resp_ = nullptr;
+        if (child_ > 0) {  // forbserver ends when its client leaves; make sure of it
+            for (int i = 0; i < 2000 && waitpid(child_, &child_exit_, WNOHANG) == 0; i++) usleep(2000);
+            if (waitpid(child_, &child_exit_, WNOHANG) == 0) kill(child_, SIGKILL), waitpid(child_, &child_exit_, 0);
         }
         child_ = -1;
     }
     int child_status() const { return child_exit_; }
-
     int fd() const { return fd_; }
     Orbrequest* req() { return req_; }
     Orbresponse* resp() { return resp_; }
     void set_timeout(int ms) { bnstimeout(in_, ms); }
 
     // Sends raw bytes as they are.
-    bool raw(const std::string& s) {
-        return ::send(fd_, s.data(), s.size(), MSG_NOSIGNAL) == ssize_t(s.size());
-    }
-
+    bool raw(const std::string& s) { return ::send(fd_, s.data(), s.size(), MSG_NOSIGNAL) == ssize_t(s.size()); }
     // Sends req_ (what set by the caller) preceded by the marker.
     bool send() {
         buf2bns(out_, "orbm", 4);
         return pbnsOrbrequest(out_, req_) == 0 && bnsflush(out_) == 0;
     }
     // Reads the next response whatever it is: 0, or -1.
-    int recv_any() {
-        if (gbnsSync(in_, "orbm", 4, 1) != 0) return -1;
-        return gbnsOrbresponse(in_, resp_);
-    }
-    // Reads responses until one answers `what` (streamed pushes before it are
-    // skipped, as the library does). Result field, or kFailed when reading fails.
+    int recv_any() { return gbnsSync(in_, "orbm", 4, 1) != 0 ? -1 : gbnsOrbresponse(in_, resp_); }
+    // Reads responses until one answers `what` (streamed pushes before it are skipped, as the
+    // library does). Result field, or kFailed when reading fails.
     int recv(int what) {
         for (;;) {
             if (recv_any() < 0) return kFailed;
@@ -140,18 +121,14 @@ public:
         }
     }
     int skipped() const { return skipped_; }
-
     int exchange(int what) {
         req_->what = what;
         return send() ? recv(what) : kFailed;
     }
 
-    // ---- requests -------------------------------------------------------
+    // ---- requests ----
     int open(char perm = 'r', const char* what = "server_test") {
-        if (!req_->hello) {
-            req_->hello = newOrbOpenString();
-            req_->sZhello = 1;
-        }
+        if (!req_->hello) req_->hello = newOrbOpenString(), req_->sZhello = 1;
         std::memcpy(&req_->hello->handshake, "orbm", 4);
         req_->hello->pid = getpid();
         req_->hello->perm = perm;
@@ -192,16 +169,13 @@ public:
         char*& field = sel ? req_->select : req_->reject;
         std::free(field);
         field = strdup(pattern.c_str());
-        (sel ? req_->sZselect : req_->sZreject) = int(pattern.size() + 1);
-        (sel ? req_->nselect : req_->nreject) = int(pattern.size() + 1);
+        (sel ? req_->sZselect : req_->sZreject) = (sel ? req_->nselect : req_->nreject) = int(pattern.size() + 1);
         return exchange(what) == 0 ? resp_->nselections : kFailed;
     }
     int reject(const std::string& pattern) { return select(pattern, ORBREJECT); }
     // Starts a stream; read it with next().
     bool reap(int maxpkts = -1, int maxbytes = -1, double maxtime = 0) {
-        req_->reap_maxpkts = maxpkts;
-        req_->reap_maxbytes = maxbytes;
-        req_->reap_maxtime = maxtime;
+        req_->reap_maxpkts = maxpkts, req_->reap_maxbytes = maxbytes, req_->reap_maxtime = maxtime;
         req_->what = ORBREAP;
         return send();
     }
@@ -217,18 +191,28 @@ public:
     int get_id(int code) { return get(code) == 0 ? resp_->pkg->pktid : kFailed; }
     Pkt packet() const {
         Pktpkg* g = resp_->pkg;
-        std::string data(g->packet ? g->packet : "", size_t(g->packetsize));
-        return {g->pktid, g->time, g->srcname, data};
+        return {g->pktid, g->time, g->srcname, std::string(g->packet ? g->packet : "", size_t(g->packetsize))};
+    }
+    // One positioning step, 's'eek, 'g'et, 't'ell or 'a'fter: the pktid it yields, or kFailed.
+    int step(char op, double arg) {
+        return op == 's' ? seek(int(arg)) : op == 'g' ? get_id(int(arg)) : op == 't' ? tell() : after(arg);
+    }
+    struct Step {
+        char op;
+        double arg;
+        int want;
+    };
+    // Runs steps in order, each expected to yield its pktid.
+    void expect_steps(std::initializer_list<Step> steps) {
+        int i = 0;
+        for (const Step& s : steps) EXPECT_EQ(step(s.op, s.arg), s.want) << "step " << i++ << ": " << s.op << s.arg;
     }
 
 private:
     int pktid_or_failed(int r) const { return r == 0 ? resp_->pktid : kFailed; }
     // The packet is sent from data itself and forgotten before the request is reused.
     bool send_pkg(int what, const std::string& src, double time, const std::string& data, int pktid) {
-        if (!req_->pkg) {
-            req_->pkg = newPktpkg();
-            req_->sZpkg = 1;
-        }
+        if (!req_->pkg) req_->pkg = newPktpkg(), req_->sZpkg = 1;
         Pktpkg* p = req_->pkg;
         p->pktid = pktid;
         p->time = time;
@@ -243,24 +227,18 @@ private:
         return ok;
     }
     void attach(int fd) {
-        // A server killed under a test must fail its writes, not kill it.
-        signal(SIGPIPE, SIG_IGN);
+        signal(SIGPIPE, SIG_IGN);  // a server killed under a test must fail its writes, not kill it
         fd_ = fd;
-        in_ = bnsnew(fd, 8192);
-        out_ = bnsnew(fd, 8192);
+        in_ = bnsnew(fd, 8192), out_ = bnsnew(fd, 8192);
         bnstimeout(in_, 10000);
-        req_ = newOrbrequest();
-        resp_ = newOrbresponse();
+        req_ = newOrbrequest(), resp_ = newOrbresponse();
     }
 
-    int fd_ = -1;
+    int fd_ = -1, child_exit_ = 0, skipped_ = 0;
     pid_t child_ = -1;
-    int child_exit_ = 0;
-    Bns* in_ = nullptr;
-    Bns* out_ = nullptr;
+    Bns *in_ = nullptr, *out_ = nullptr;
     Orbrequest* req_ = nullptr;
     Orbresponse* resp_ = nullptr;
-    int skipped_ = 0;
 };
 
 }  // namespace testsupport
