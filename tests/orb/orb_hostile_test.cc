@@ -1,37 +1,30 @@
-// The client library against bad names and hostile peers: a plain socket in the test
-// that answers garbage, closes mid-response or says nothing. Every failure must come
-// back as a failure with its message, never a crash or a hang past the time-out.
+// The client library against bad names and hostile peers: a plain socket in the test that answers
+// garbage, closes mid-response or says nothing. Every failure must come back as a failure with its
+// message, never a crash or a hang past the time-out.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <string>
 #include <thread>
 
-#include "orb/orb.h"
 #include "orb/orb_support.h"
 #include "stock/bns.h"
 
-using orbtest::Got;
-using orbtest::stderr_of;
+using namespace orbtest;
 
 namespace {
 
 // A TCP socket bound to an ephemeral loopback port; *name is "127.0.0.1:PORT".
 int loopback_socket(std::string* name) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t len = sizeof a;
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
     getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
     *name = "127.0.0.1:" + std::to_string(ntohs(a.sin_port));
     return fd;
@@ -40,16 +33,13 @@ int loopback_socket(std::string* name) {
 // A one-connection peer on an ephemeral loopback port running a script.
 class Peer {
   public:
-    explicit Peer(std::function<void(int fd)> script) : script_(std::move(script)) {
+    explicit Peer(std::function<void(int fd)> script) {
         lfd_ = loopback_socket(&name_);
         EXPECT_EQ(listen(lfd_, 4), 0);
-        thread_ = std::thread([this] {
+        thread_ = std::thread([this, script] {
             pollfd p{lfd_, POLLIN, 0};
-            if (poll(&p, 1, 10000) != 1) return;
-            int fd = accept(lfd_, nullptr, nullptr);
-            if (fd < 0) return;
-            script_(fd);
-            close(fd);
+            int fd = poll(&p, 1, 10000) == 1 ? accept(lfd_, nullptr, nullptr) : -1;
+            if (fd >= 0) script(fd), close(fd);
         });
     }
     ~Peer() {
@@ -60,7 +50,6 @@ class Peer {
     const std::string& name() const { return name_; }
 
   private:
-    std::function<void(int)> script_;
     int lfd_ = -1;
     std::string name_;
     std::thread thread_;
@@ -68,40 +57,37 @@ class Peer {
 
 // The peer's end of a connection, speaking with our own encoders and decoders.
 struct PeerSide {
-    Bns* in;
-    Bns* out;
+    Bns *in, *out;
     Orbrequest* req = newOrbrequest();
     Orbresponse* resp = newOrbresponse();
     explicit PeerSide(int fd) : in(bnsnew(fd, 0)), out(bnsnew(fd, 0)) {}
     ~PeerSide() {
-        freeOrbrequest(req);
-        freeOrbresponse(resp);
-        bnsfree(in);
-        bnsfree(out);
+        freeOrbrequest(req), freeOrbresponse(resp);
+        bnsfree(in), bnsfree(out);
     }
     // Reads one request (marker and record); false when none came.
     bool read() { return gbnsSync(in, "orbm", 4, 1) == 0 && gbnsOrbrequest(in, req) == 0; }
-    void put_response() {
+    // Sends resp, the last cut bytes short.
+    void send(int cut = 0) {
         bnsput(out, "orbm", BNS_BYTES, 4);
         pbnsOrbresponse(out, resp);
+        out->lp -= cut;
+        bnsflush(out);
     }
-    // Answers the open properly, so that a test can be hostile later in the exchange.
-    void answer_open() {
+    // Answers the open (result 0 or a refusal), so that a test can be hostile later in the exchange.
+    void answer_open(const char* refusal = nullptr) {
         ASSERT_TRUE(read());
         ASSERT_EQ(req->what, ORBOPEN);
         resp->what = ORBOPEN;
-        resp->result = 0;
-        resp->orb_start = 1000;
-        resp->server_start = 2000;
-        resp->latest_pktid = 41;
-        put_response();
-        bnsflush(out);
+        resp->result = refusal ? -1 : 0;
+        resp->orb_start = 1000, resp->server_start = 2000, resp->latest_pktid = 41;
+        if (refusal) resp->nerr = static_cast<int>(strlen(strcpy(resp->errmsg, refusal)));
+        send();
     }
 };
 
 struct Fixture : ::testing::Test {
-    void SetUp() override { setenv("BNS_TIMEOUT", "300", 1); }
-    void TearDown() override { unsetenv("BNS_TIMEOUT"); }
+    SetEnv timeout{"BNS_TIMEOUT", "300"};
 };
 
 }  // namespace
@@ -118,8 +104,7 @@ TEST_F(OrbOpen, BadNamesAndHostilePeersFailWithTheirMessages) {
         const char* perm;
         std::string message;
     } cases[] = {
-        {"port too large", "127.0.0.1:70000", nullptr, "r",
-         "port number is 70000, but must be less than 65535"},
+        {"port too large", "127.0.0.1:70000", nullptr, "r", "port number is 70000, but must be less than 65535"},
         {"port name unknown", "127.0.0.1:no_such_port_name", nullptr, "r",
          "Don't understand orbserver port 'no_such_port_name'"},
         {"nobody listening", closed_port, nullptr, "r", "Can't connect to server '"},
@@ -127,29 +112,20 @@ TEST_F(OrbOpen, BadNamesAndHostilePeersFailWithTheirMessages) {
         {"silent peer", "",
          [](int fd) {
              char b[512];
-             pollfd p{fd, POLLIN, 0};
-             while (poll(&p, 1, 2000) == 1 && read(fd, b, sizeof b) > 0) {
+             for (pollfd p{fd, POLLIN, 0}; poll(&p, 1, 2000) == 1 && read(fd, b, sizeof b) > 0;) {
              }
          },
          "r", "open negotiation fails: errno = 0 eof=false"},
         {"garbage instead of a response", "",
          [](int fd) {
-             std::string junk(200, '\x5a');
-             junk += "orbmorbm\xff\xff";
+             std::string junk = std::string(200, '\x5a') + "orbmorbm\xff\xff";
              send(fd, junk.data(), junk.size(), MSG_NOSIGNAL);
              usleep(500000);
          },
          "r", "open negotiation fails"},
         {"refusal carries the server's reason", "",
          [](int fd) {
-             PeerSide s(fd);
-             if (!s.read()) return;
-             s.resp->what = ORBOPEN;
-             s.resp->result = -1;
-             strcpy(s.resp->errmsg, "address 127.0.0.1 may not write");
-             s.resp->nerr = static_cast<int>(strlen(s.resp->errmsg));
-             s.put_response();
-             bnsflush(s.out);
+             PeerSide(fd).answer_open("address 127.0.0.1 may not write");
              usleep(200000);
          },
          "w", "orbserver: address 127.0.0.1 may not write"},
@@ -158,8 +134,7 @@ TEST_F(OrbOpen, BadNamesAndHostilePeersFailWithTheirMessages) {
         SCOPED_TRACE(c.what);
         std::unique_ptr<Peer> peer(c.peer ? new Peer(c.peer) : nullptr);
         std::string name = peer ? peer->name() : c.name;
-        std::string err = stderr_of([&] { EXPECT_EQ(orbopen(name.c_str(), c.perm), -1); });
-        EXPECT_NE(err.find(c.message), std::string::npos) << err;
+        EXPECT_TRUE(has(stderr_of([&] { EXPECT_EQ(orbopen(name.c_str(), c.perm), -1); }), c.message));
     }
 }
 
@@ -174,13 +149,13 @@ TEST_F(OrbOpen, UnknownDescriptorsAreRefused) {
         EXPECT_EQ(orbput(12345, "a/b", 0, "x", 1), -1);
     });
     EXPECT_EQ(v, -1);
-    EXPECT_NE(err.find("called with no open orb buffers"), std::string::npos) << err;
+    EXPECT_TRUE(has(err, "called with no open orb buffers"));
 }
 
 using OrbHostile = Fixture;
 
-// After a proper open the peer sends one whole packet and half of the next, then closes:
-// the first is delivered, the read of the second fails, nothing hangs.
+// After a proper open the peer sends one whole packet and half of the next, then closes: the
+// first is delivered, the read of the second fails, nothing hangs.
 TEST_F(OrbHostile, HalfAPacketThenClose) {
     Peer peer([](int fd) {
         PeerSide s(fd);
@@ -193,33 +168,19 @@ TEST_F(OrbHostile, HalfAPacketThenClose) {
         p->pkg->packet = static_cast<char*>(calloc(1000, 1));
         p->pkg->sZpacket = p->pkg->packetsize = 1000;
         p->pkg->pktid = 7;
-        strcpy(p->pkg->srcname, "AA_BB/xfer");
-        p->pkg->srcnamesize = 10;
-        s.put_response();
-        bnsflush(s.out);
-        s.put_response();
-        s.out->lp -= 500;
-        bnsflush(s.out);
+        p->pkg->srcnamesize = static_cast<unsigned short>(strlen(strcpy(p->pkg->srcname, "AA_BB/xfer")));
+        s.send();
+        s.send(500);
         usleep(100000);
     });
     int orb = orbopen(peer.name().c_str(), "r");
     ASSERT_GE(orb, 0);
     Orbfile* of = orb2orbfile(orb);
     ASSERT_NE(of, nullptr);
-    EXPECT_EQ(of->lastpktid, 41);
-    EXPECT_EQ(of->orb_start, 1000);
-    EXPECT_EQ(of->server_start, 2000);
-
-    orbtest::Reader rd(orb);
-    Got g = rd.reap();
-    EXPECT_EQ(g.rc, 0);
-    EXPECT_EQ(g.pktid, 7);
-    EXPECT_EQ(g.src, "AA_BB/xfer");
-    EXPECT_EQ(g.body, std::string(1000, '\0'));
-    g = rd.reap();
-    EXPECT_EQ(g.rc, -1);
-    EXPECT_EQ(g.pktid, -1);
-    EXPECT_EQ(g.src, "");
+    EXPECT_EQ(words(of->lastpktid, of->orb_start, of->server_start), "41 1000 2000");
+    Reader rd(orb);
+    EXPECT_EQ(rd.reap().str(), "0 7 AA_BB/xfer 0 " + std::string(1000, '\0'));
+    EXPECT_EQ(rd.reap().str(), "-1 -1  0 ");
     EXPECT_EQ(of->lastpktid, 7);
     orbclose(orb);
 }

@@ -1,40 +1,29 @@
-// The client library against a real orbserver (and forbserver) on loopback: naming,
-// positioning, select and reject, streaming and bounded reads, writes.
+// The client library against a real orbserver (and forbserver) on loopback: naming, positioning,
+// select and reject, streaming and bounded reads, writes, status tools, the lag throttle.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "orb/orb.h"
 #include "orb/orb_support.h"
 #include "stock/epoch.h"
+#include "stock/tbl.h"
 #include "support/orbserver.h"
 
-using orbtest::Got;
-using orbtest::put_run;
-using orbtest::Reader;
-using orbtest::stderr_of;
+using namespace orbtest;
 using testsupport::OrbServer;
 using testsupport::slurp;
 
 namespace {
 
 struct OrbServerTest : ::testing::Test {
-    void SetUp() override {
-        setenv("BNS_TIMEOUT", "2000", 1);
-        ASSERT_TRUE(server.up()) << server.log();
-    }
+    void SetUp() override { ASSERT_TRUE(server.up()) << server.log(); }
     void TearDown() override {
         for (int orb : opened) orbclose(orb);
-        unsetenv("BNS_TIMEOUT");
     }
     // Opens the server's ring; closed in TearDown.
     int open(const char* perm) {
@@ -43,26 +32,23 @@ struct OrbServerTest : ::testing::Test {
         opened.push_back(orb);
         return orb;
     }
+    SetEnv timeout{"BNS_TIMEOUT", "2000"};
     OrbServer server;
     std::vector<int> opened;
 };
 
 }  // namespace
 
-// ---- naming ----
-
-TEST_F(OrbServerTest, HostPortAndNamedPortsConnect) {
-    std::string dir = server.dir() + "/pf";
+TEST_F(OrbServerTest, HostPortsNamedPortsAndFilePaths) {
+    std::string dir = server.dir() + "/pf", port = std::to_string(server.port());
     std::filesystem::create_directories(dir);
-    std::string port = std::to_string(server.port());
     std::ofstream(dir + "/orbserver_names.pf") << "testring " << port << "\nsigned " << port << " somebody\n";
-    setenv("PFPATH", dir.c_str(), 1);
+    SetEnv pfpath("PFPATH", dir);
     for (std::string name : {server.name(), "localhost:" + port, std::string("localhost:testring")}) {
-        int orb = orbopen(name.c_str(), "r");
+        int orb = orbopen(name.c_str(), "r"), version = -1;
         ASSERT_GE(orb, 0) << name;
         ASSERT_NE(orb2orbfile(orb), nullptr);
         EXPECT_STREQ(orb2orbfile(orb)->name, name.c_str());
-        int version = -1;
         EXPECT_EQ(orbping(orb, &version), 0);
         EXPECT_GT(version, 0);
         EXPECT_EQ(orbclose(orb), 0);
@@ -70,47 +56,36 @@ TEST_F(OrbServerTest, HostPortAndNamedPortsConnect) {
     }
     // A port that names a signer asks for a signed open, which this server has no signers for.
     std::string err = stderr_of([] { EXPECT_EQ(orbopen("localhost:signed", "r"), -1); });
-    EXPECT_NE(err.find("signed opens are not supported by this server"), std::string::npos) << err;
-    unsetenv("PFPATH");
-}
+    EXPECT_TRUE(has(err, "signed opens are not supported by this server"));
 
-TEST_F(OrbServerTest, FilePathsStartAForbserver) {
-    // An absolute path with an option for forbserver, which creates the ring; started
-    // under a stand-in debugger that runs the program with the joined arguments.
-    std::string dbg = server.dir() + "/dbg.sh";
+    // An absolute path with an option for forbserver, which creates the ring; started under a
+    // stand-in debugger that runs the program with the joined arguments.
+    std::string dbg = server.dir() + "/dbg.sh", ring = server.dir() + "/local";
     std::ofstream(dbg) << "#!/bin/sh\nprog=\"$1\"\nshift 2\nexec \"$prog\" $1\n";
     chmod(dbg.c_str(), 0755);
-    setenv("FORB_DEBUGGER", dbg.c_str(), 1);
-    std::string ring = server.dir() + "/local";
     int w = -1;
-    std::string err = stderr_of([&] { w = orbopen((ring + "@s1M").c_str(), "w&"); });
-    unsetenv("FORB_DEBUGGER");
+    {
+        SetEnv debugger("FORB_DEBUGGER", dbg);
+        err = stderr_of([&] { w = orbopen((ring + "@s1M").c_str(), "w&"); });
+    }
     ASSERT_GE(w, 0) << err;
-    EXPECT_NE(err.find(">> spawning \"" + dbg + " "), std::string::npos) << err;
-    EXPECT_NE(err.find("forbserver -a '-s1M " + ring + "'\""), std::string::npos) << err;
+    EXPECT_TRUE(has(err, ">> spawning \"" + dbg + " "));
+    EXPECT_TRUE(has(err, "forbserver -a '-s1M " + ring + "'\""));
     EXPECT_EQ(orb2orbfile(w)->reopen, 0);  // a file-backed server is never reconnected
     ASSERT_GE(orbputx(w, "AA_X/test", 10, "abc", 3), 0);
     EXPECT_EQ(orbclose(w), 0);
-
     // The same ring through a relative path, read back.
-    char cwd[4096];
-    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-    ASSERT_EQ(chdir(server.dir().c_str()), 0);
+    auto cwd = std::filesystem::current_path();
+    std::filesystem::current_path(server.dir());
     int r = orbopen("./local", "r");
-    ASSERT_EQ(chdir(cwd), 0);
+    std::filesystem::current_path(cwd);
     ASSERT_GE(r, 0);
     ASSERT_GE(orbseek(r, ORBOLDEST), 0);
-    Reader rd(r);
-    Got g = rd.reap();
-    EXPECT_EQ(g.rc, 0);
-    EXPECT_EQ(g.src, "AA_X/test");
-    EXPECT_EQ(g.body, "abc");
+    EXPECT_EQ(Reader(r).reap().str(), "0 0 AA_X/test 10 abc");
     EXPECT_EQ(orbclose(r), 0);
-
     // forbserver refuses a ring in a directory that does not exist; the open fails.
-    std::string missing = server.dir() + "/no/such/dir/ring";
-    err = stderr_of([&] { EXPECT_EQ(orbopen(missing.c_str(), "r"), -1); });
-    EXPECT_NE(err.find("open negotiation fails"), std::string::npos) << err;
+    err = stderr_of([&] { EXPECT_EQ(orbopen((server.dir() + "/no/such/dir/ring").c_str(), "r"), -1); });
+    EXPECT_TRUE(has(err, "open negotiation fails"));
 }
 
 TEST_F(OrbServerTest, WaitingOpenRetriesUntilTheServerComes) {
@@ -120,137 +95,97 @@ TEST_F(OrbServerTest, WaitingOpenRetriesUntilTheServerComes) {
     std::atomic<int> orb{-2};
     testing::internal::CaptureStderr();
     std::thread opener([&] { orb = orbopen((name + "@").c_str(), "r"); });
-    // Let it fail at least nine times before the server returns.
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // nine failures or more
     bool restarted = server.start();
     opener.join();
     std::string err = testing::internal::GetCapturedStderr();
     ASSERT_TRUE(restarted) << server.log();
     ASSERT_GE(orb.load(), 0);
     for (int n : {1, 2, 4, 8})
-        EXPECT_NE(err.find("can't open orbserver '" + name + "': attempt #" + std::to_string(n) + "\n"),
-                  std::string::npos)
-            << err;
-    for (int n : {3, 5, 6, 7})
-        EXPECT_EQ(err.find("attempt #" + std::to_string(n) + "\n"), std::string::npos) << err;
-    EXPECT_EQ(err.find("Can't connect"), std::string::npos) << err;  // the retries stay quiet
-    EXPECT_STREQ(orb2orbfile(orb)->name, name.c_str());              // without the "@"
+        EXPECT_TRUE(has(err, "can't open orbserver '" + name + "': attempt #" + std::to_string(n) + "\n"));
+    for (int n : {3, 5, 6, 7}) EXPECT_FALSE(has(err, "attempt #" + std::to_string(n) + "\n"));
+    EXPECT_FALSE(has(err, "Can't connect"));             // the retries stay quiet
+    EXPECT_STREQ(orb2orbfile(orb)->name, name.c_str());  // without the "@"
     orbclose(orb);
 }
 
 TEST_F(OrbServerTest, PacketSizeLimitsAndLocalAddressFromTheEnvironment) {
-    setenv("ORB_IP_ADDRESS", "127.0.0.1", 1);
+    SetEnv local("ORB_IP_ADDRESS", "127.0.0.1");
     setenv("ORB_MAX_DATA_BYTES", "100", 1);
     int w = open("w");
     unsetenv("ORB_MAX_DATA_BYTES");
     EXPECT_EQ(Orb_max_data_bytes, 100);
     std::string body(101, 'b');
     std::string err = stderr_of([&] { EXPECT_EQ(orbput(w, "AA/lim", 1, body.data(), 101), -1); });
-    EXPECT_NE(err.find("maximum packet size is 100"), std::string::npos) << err;
+    EXPECT_TRUE(has(err, "maximum packet size is 100"));
     EXPECT_EQ(orbput(w, "AA/lim", 1, body.data(), 100), 0);
     Orb_max_data_bytes = 4000000;
     err = stderr_of([&] { EXPECT_EQ(orbput(w, "AA/lim", 1, "x", -1), -1); });
-    EXPECT_NE(err.find("minimum packet size is 0"), std::string::npos) << err;
-
+    EXPECT_TRUE(has(err, "minimum packet size is 0"));
     setenv("ORB_IP_ADDRESS", "not-an-address", 1);
     err = stderr_of([&] { EXPECT_EQ(orbopen(server.name().c_str(), "r"), -1); });
-    unsetenv("ORB_IP_ADDRESS");
-    EXPECT_NE(err.find("Failed to bind ip address 'not-an-address'"), std::string::npos) << err;
+    EXPECT_TRUE(has(err, "Failed to bind ip address 'not-an-address'"));
 }
-
-// ---- positioning ----
 
 TEST_F(OrbServerTest, PositioningByWordTimeAndGarbage) {
-    int w = open("w");
+    int w = open("w"), r = open("r");
     std::vector<int> ids = put_run(w, "AA_B/pos", 1000, 5);
-    ASSERT_GE(ids[0], 0);
-    int r = open("r");
+    ASSERT_EQ(ids, (std::vector<int>{0, 1, 2, 3, 4}));
     Reader rd(r);
-
     EXPECT_GE(orbposition(r, "OlDeSt"), 0);
-    Got g = rd.reap();
-    EXPECT_EQ(g.pktid, ids[0]);
-    EXPECT_EQ(g.body, "p0");
-
-    EXPECT_EQ(orbposition(r, "newest"), ids[4]);
+    EXPECT_EQ(rd.reap().str(), "0 0 AA_B/pos 1000 p0");
+    EXPECT_EQ(orbposition(r, "newest"), 4);
     put_run(w, "AA_B/pos", 1005, 1, "new");
-    g = rd.reap();
-    EXPECT_EQ(g.body, "new0");
-
+    EXPECT_EQ(rd.reap().str(), "0 5 AA_B/pos 1005 new0");
     // A time stands at the first packet later than it; reading goes on after that one.
     char* when = epoch2str(1001.5, "%Y-%m-%d %H:%M:%S.%u");
-    EXPECT_EQ(orbposition(r, when), ids[2]);
+    EXPECT_EQ(orbposition(r, when), 2);
     free(when);
     EXPECT_EQ(orb2orbfile(r)->lastpkttime, 1001.5);
-    g = rd.reap();
-    EXPECT_EQ(g.pktid, ids[3]);
-
-    // Garbage leaves the position where it was. (Seek first: a request sent while a
-    // stream runs drops what the server pushed meanwhile, and moves the position.)
-    EXPECT_EQ(orbseek(r, ids[1]), ids[1]);
-    EXPECT_EQ(orbposition(r, "the day after tomorrow"), ids[1]);
-    EXPECT_EQ(orbtell(r), ids[1]);
-    g = rd.reap();
-    EXPECT_EQ(g.rc, 0);
-    EXPECT_EQ(g.pktid, ids[2]);
+    EXPECT_EQ(rd.reap().pktid, 3);
+    // Garbage leaves the position where it was. (Seek first: a request sent while a stream runs
+    // drops what the server pushed meanwhile, and moves the position.)
+    EXPECT_EQ(orbseek(r, 1), 1);
+    EXPECT_EQ(orbposition(r, "the day after tomorrow"), 1);
+    EXPECT_EQ(orbtell(r), 1);
+    EXPECT_EQ(rd.reap().str(), "0 2 AA_B/pos 1002 p2");
 }
 
-// ---- select and reject ----
-
 TEST_F(OrbServerTest, SelectRejectAndPatternFiles) {
-    int w = open("w");
+    int w = open("w"), r = open("r");
     for (int i = 0; i < 3; i++)
-        for (const char* src : {"AA_ONE/x", "BB_TWO/x", "CC_THREE/y"})
-            ASSERT_GE(orbputx(w, src, 100 + i, "x", 1), 0);
-    int r = open("r");
-    Reader rd(r);
-
+        for (const char* src : {"AA_ONE/x", "BB_TWO/x", "CC_THREE/y"}) ASSERT_GE(orbputx(w, src, 100 + i, "x", 1), 0);
     // A pattern file: its lines, trimmed, joined as alternatives.
-    std::string file = server.dir() + "/patterns";
+    std::string file = server.dir() + "/patterns", none = server.dir() + "/nothing-here";
     std::ofstream(file) << "  CC_THREE/y  \n\nBB_TWO/x\n";
     EXPECT_EQ(orbselect(r, ("@" + file).c_str()), 2);
     EXPECT_EQ(orbreject(r, ("@" + file).c_str()), 0);  // the same file rejects both
     EXPECT_EQ(orbreject(r, "XX"), 2);
     orbseek(r, ORBOLDEST);
+    Reader rd(r);
     for (int i = 0; i < 6; i++) EXPECT_NE(rd.reap().src, "AA_ONE/x");
-
-    std::string none = server.dir() + "/nothing-here";
     std::string err = stderr_of([&] { EXPECT_EQ(orbselect(r, ("@" + none).c_str()), -1); });
-    EXPECT_NE(err.find("Can't open '" + none + "'"), std::string::npos) << err;
+    EXPECT_TRUE(has(err, "Can't open '" + none + "'"));
     EXPECT_EQ(orbselect(r, "(unclosed"), -1);  // the server refuses a bad pattern
 }
 
-// ---- streaming and bounded reads ----
-
 TEST_F(OrbServerTest, ReapnEndsItsStreamAndTheNextCallStartsAnother) {
-    std::vector<int> ids = put_run(open("w"), "AA/n", 50, 8);
+    put_run(open("w"), "AA/n", 50, 8);
     int r = open("r");
     orbseek(r, ORBOLDEST);
     Reader rd(r);
-    for (int i = 0; i < 3; i++) {
-        Got g = rd.reapn(3);
-        ASSERT_EQ(g.rc, 0);
-        EXPECT_EQ(g.pktid, ids[i]);
-    }
-    Got end = rd.reapn(3);
-    EXPECT_EQ(end.rc, 0);
-    EXPECT_EQ(end.pktid, -32);
-    EXPECT_EQ(orb2orbfile(r)->reaped, 0);
-    EXPECT_EQ(orb2orbfile(r)->lastpktid, ids[2]);  // the end marker moves nothing
-    Got next = rd.reapn(3);
-    EXPECT_EQ(next.rc, 0);
-    EXPECT_EQ(next.pktid, ids[3]);
-    EXPECT_EQ(orb2orbfile(r)->reaped, 1);
-
+    for (int i = 0; i < 3; i++) EXPECT_EQ(rd.reapn(3).str(), words(0, i, "AA/n", 50 + i, "p" + std::to_string(i)));
+    Got g = rd.reapn(3);  // the end marker moves nothing
+    EXPECT_EQ(words(g.rc, g.pktid, orb2orbfile(r)->reaped, orb2orbfile(r)->lastpktid), "0 -32 0 2");
+    g = rd.reapn(3);
+    EXPECT_EQ(words(g.rc, g.pktid, orb2orbfile(r)->reaped), "0 3 1");
     // Headers only.
     int pktid;
     char src[ORB_SRCNAME_SIZE + 1];
     double t;
     orbseek(r, ORBOLDEST);
     EXPECT_EQ(orbreaphdr(r, &pktid, src, &t), 0);
-    EXPECT_EQ(pktid, ids[0]);
-    EXPECT_STREQ(src, "AA/n");
-    EXPECT_EQ(t, 50);
+    EXPECT_EQ(words(pktid, src, t), "0 AA/n 50");
 }
 
 TEST_F(OrbServerTest, BoundedReadsGiveUpQuietly) {
@@ -263,54 +198,36 @@ TEST_F(OrbServerTest, BoundedReadsGiveUpQuietly) {
     EXPECT_EQ(err, "");
     EXPECT_GT(orb2orbfile(r)->first_nd_failure, 0);
     EXPECT_EQ(orb2orbfile(r)->reopen, 1);  // restored after the read
-
     put_run(open("w"), "AA/nd", 7, 2);
-    Got g = rd.reap_timeout(10);
-    EXPECT_EQ(g.rc, 0);
-    EXPECT_EQ(g.body, "p0");
+    EXPECT_EQ(rd.reap_timeout(10).str(), "0 0 AA/nd 7 p0");
     EXPECT_EQ(orb2orbfile(r)->first_nd_failure, 0);
     Got k;
     for (int i = 0; i < 1000 && (k = rd.reap_nd()).rc == -2; i++) usleep(2000);
-    EXPECT_EQ(k.rc, 0);
-    EXPECT_EQ(k.body, "p1");
+    EXPECT_EQ(k.str(), "0 1 AA/nd 8 p1");
 }
 
-// ---- writes, status, stash ----
-
-TEST_F(OrbServerTest, LongEmptyAndLongNamedPacketsAndRup) {
-    int w = open("w");
-    int r = open("r");
-    std::string big(70000, '\0');
+TEST_F(OrbServerTest, LongEmptyAndLongNamedPacketsRupStashAndElog) {
+    int w = open("w"), r = open("r");
+    std::string big(70000, '\0'), longname(80, 'L');
     for (size_t i = 0; i < big.size(); i++) big[i] = static_cast<char>(i * 7);
     ASSERT_EQ(orbput(w, "AA_BIG/xfer", 5, big.data(), static_cast<int>(big.size())), 0);
     EXPECT_EQ(orbput(w, "AA_SMALL/xfer", 6, "", 0), 0);
-    // A source name past 63 characters is cut.
-    std::string longname(80, 'L');
-    EXPECT_GE(orbputx(w, longname.c_str(), 7, "q", 1), 0);
+    EXPECT_GE(orbputx(w, longname.c_str(), 7, "q", 1), 0);  // a source name past 63 characters is cut
     Reader rd(r);
     orbseek(r, ORBOLDEST);
     Got g = rd.reap();
     EXPECT_EQ(g.src, "AA_BIG/xfer");
-    EXPECT_EQ(g.body, big);
-    g = rd.reap();
-    EXPECT_EQ(g.src, "AA_SMALL/xfer");
-    EXPECT_EQ(g.body, "");
-    g = rd.reap();
-    EXPECT_EQ(g.src, std::string(63, 'L'));
+    EXPECT_TRUE(g.body == big);
+    EXPECT_EQ(rd.reap().str(), "0 1 AA_SMALL/xfer 6 ");
+    EXPECT_EQ(rd.reap().src, std::string(63, 'L'));
     EXPECT_EQ(orbrange(r), 3);
-
     // (Status, sources and clients are read through orbstat below.)
-    int id = -1;
+    int id = -1, latest;
     EXPECT_EQ(orbid(r, &id), 0);
     double os, ss;
-    int latest;
     EXPECT_EQ(orbrup(server.name().c_str(), id, &os, &ss, &latest), 1);
-    EXPECT_EQ(os, orb2orbfile(r)->orb_start);
-    EXPECT_EQ(ss, orb2orbfile(r)->server_start);
-}
+    EXPECT_EQ(words(os, ss), words(orb2orbfile(r)->orb_start, orb2orbfile(r)->server_start));
 
-TEST_F(OrbServerTest, StashSelectAndAMissingStash) {
-    int r = open("r");
     EXPECT_EQ(orbstashselect(r, 1), 1);
     EXPECT_EQ(orbstashselect(r, 3), 1);  // nothing sent; the last flag stands
     char src[ORB_SRCNAME_SIZE + 1] = "AA/none";
@@ -320,46 +237,158 @@ TEST_F(OrbServerTest, StashSelectAndAMissingStash) {
     stderr_of([&] { EXPECT_EQ(orbgetstash(r, src, &pktid, &t, &buf, &nbytes, &size), -1); });
     EXPECT_STREQ(src, "");  // nothing stashed
     free(buf);
-}
 
-// ---- orbstat, orbelog, exchange logs ----
-
-TEST_F(OrbServerTest, OrbstatShowsStatusSourcesAndClients) {
-    put_run(open("w"), "AA_STAT/xfer", 1e9, 3);
-    std::string out = server.dir() + "/orbstat.out";
-    std::string orbstat = std::string(FERRANT_BUILD_DIR) + "/bin/orbstat";
-    EXPECT_EQ(system((orbstat + " -s -c " + server.name() + " >" + out + " 2>&1").c_str()), 0);
-    std::string text = slurp(out);
-    EXPECT_NE(text.find("holding     3 packets from 1 sources"), std::string::npos) << text;
-    EXPECT_NE(text.find("AA_STAT/xfer"), std::string::npos) << text;
-    EXPECT_NE(text.find("orb_server_test"), std::string::npos) << text;  // this process's writer
-    EXPECT_NE(system((orbstat + " -x >" + out + " 2>&1").c_str()), 0);
-    EXPECT_NE(slurp(out).find("Usage: orbstat [-s] [-c] [-j] orb"), std::string::npos);
-}
-
-TEST_F(OrbServerTest, OrbelogPutsLogTextIntoARing) {
-    Reader rd(open("r"));
+    // orbelog puts log text into a ring, keeping its connection.
     EXPECT_EQ(orbelog(server.name().c_str(), "prog", "something happened"), 0);
-    EXPECT_EQ(orbelog(server.name().c_str(), "prog", "and again"), 0);  // the connection is kept
-    Got g = rd.reap();
-    EXPECT_EQ(g.src, "prog/log");
-    EXPECT_EQ(g.body, "something happened");
+    EXPECT_EQ(orbelog(server.name().c_str(), "prog", "and again"), 0);
+    g = rd.reap();
+    EXPECT_EQ(words(g.src, g.body), "prog/log something happened");
     EXPECT_EQ(rd.reap().body, "and again");
 }
 
-TEST_F(OrbServerTest, ExchangeLogsUnderOrbDump) {
-    std::string dir = server.dir() + "/dumps";
-    setenv("ORB_DUMP", dir.c_str(), 1);
-    int orb = orbopen(server.name().c_str(), "w");
-    unsetenv("ORB_DUMP");
-    ASSERT_GE(orb, 0);
-    std::string path = orb2orbfile(orb)->PacketDump;
+TEST_F(OrbServerTest, OrbstatAndExchangeLogsUnderOrbDump) {
+    std::string dir = server.dir() + "/dumps", out = server.dir() + "/orbstat.out";
+    int w;
+    {
+        SetEnv dump("ORB_DUMP", dir);
+        w = open("w");
+    }
+    std::string path = orb2orbfile(w)->PacketDump;
     EXPECT_EQ(path.rfind(dir + "/", 0), 0u) << path;
     EXPECT_EQ(path.find(':', dir.size()), std::string::npos) << path;  // the port's ":" became "#"
-    EXPECT_GE(orbputx(orb, "AA/dump", 1, "hello", 5), 0);
-    orbclose(orb);
-    std::string text = slurp(path);
-    EXPECT_NE(text.find("#orb x output-" + server.name() + " "), std::string::npos) << text;
-    EXPECT_NE(text.find("#orb x input-" + server.name() + " "), std::string::npos) << text;
-    EXPECT_NE(text.find("AA/dump"), std::string::npos) << text;
+    put_run(w, "AA_STAT/xfer", 1e9, 3);
+    std::string orbstat = std::string(FERRANT_BUILD_DIR) + "/bin/orbstat";
+    EXPECT_EQ(system((orbstat + " -s -c " + server.name() + " >" + out + " 2>&1").c_str()), 0);
+    std::string text = slurp(out);
+    EXPECT_TRUE(has(text, "holding     3 packets from 1 sources"));
+    EXPECT_TRUE(has(text, "AA_STAT/xfer"));
+    EXPECT_TRUE(has(text, "orb_server_test"));  // this process's writer
+    EXPECT_NE(system((orbstat + " -x >" + out + " 2>&1").c_str()), 0);
+    EXPECT_TRUE(has(slurp(out), "Usage: orbstat [-s] [-c] [-j] orb"));
+    orbclose(w);
+    opened.clear();
+    text = slurp(path);
+    EXPECT_TRUE(has(text, "#orb x output-" + server.name() + " "));
+    EXPECT_TRUE(has(text, "#orb x input-" + server.name() + " "));
+    EXPECT_TRUE(has(text, "AA_STAT/\n") && has(text, "xferp0"));  // the packet, dumped in hex and text
+}
+
+// ---- the lag throttle ----
+
+TEST(OrbLag, LagValueAcrossTheRingAndItsWrap) {
+    struct {
+        int pktid, oldest, newest;
+        double want;
+    } cases[] = {
+        {19, 10, 19, 0.0}, {10, 10, 19, 0.9}, {5, 10, 19, 1.0}, {25, 10, 19, 1.0},  // ids 10..19; 5, 25 gone
+        {4, 95, 4, 0.0}, {0, 95, 4, 0.4}, {97, 95, 4, 0.7}, {50, 95, 4, 1.0},        // wrapped: 95..99, 0..4
+        // With oldest == newest the ids count as wrapped: the range is maxpkt + 1, so a reader one
+        // packet behind a one-packet ring lags 1/101, not 1.
+        {10, 10, 10, 0.0}, {9, 10, 10, 1.0 / 101}, {11, 10, 10, 99.0 / 101},
+    };
+    for (const auto& c : cases)
+        EXPECT_DOUBLE_EQ(lagvalue(c.pktid, c.oldest, c.newest, 100), c.want) << c.pktid << " " << c.oldest << ".." << c.newest;
+}
+
+namespace {
+
+// Measured (nearly) every time; the patterns are freed with the object.
+struct Params : LagParams {
+    explicit Params(const char* match) {
+        lag_trigger = 0.5, lag_reset = 0.2, wait_seconds = 1;
+        wait_match = match ? strdup(match) : nullptr;
+    }
+    ~Params() { free(wait_match); }
+};
+
+// Waits until the count stops moving for a while (bounded), and returns it.
+int settled(const std::atomic<int>& count, const std::atomic<bool>& done) {
+    int last = -1;
+    for (int i = 0; i < 40 && !done; i++) {
+        int now = count;
+        if (now == last) return now;
+        last = now;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    }
+    return count;
+}
+
+}  // namespace
+
+TEST_F(OrbServerTest, LagThrottleHoldsTheWriterWhileAReaderLagsAndReleasesIt) {
+    setenv("BNS_TIMEOUT", "5000", 1);
+    int w = open("w");
+    put_run(w, "AA/lag", 1, 10);
+    int r = open("r");  // stands at the newest: lag 0
+    Laggards* lg = nullptr;
+    EXPECT_EQ(orblag(w, "orb_server_test", nullptr, &lg), 0.0);
+    ASSERT_NE(lg, nullptr);
+    EXPECT_EQ(lg->range, 10);
+    ASSERT_EQ(maxtbl(lg->list), 1);
+    auto* entry = static_cast<ClientLag*>(gettbl(lg->list, 0));
+    EXPECT_EQ(entry->lag, 0.0);
+    EXPECT_TRUE(has(entry->what, "orb_server_test"));
+    EXPECT_TRUE(has(entry->who, "@"));
+    EXPECT_EQ(orblag(w, "someone_else", nullptr, &lg), -1);   // nobody matches
+    EXPECT_EQ(orblag(w, nullptr, "orb_server_test", &lg), -1);  // rejected
+    EXPECT_EQ(orblag(w, "orb_server_t", nullptr, nullptr), -1);  // the whole name must match
+    EXPECT_EQ(orblag(w, "(unclosed", nullptr, nullptr), -3);     // a bad pattern
+    freeLaggards(lg);
+
+    Params p("orb_server_test");
+    std::atomic<int> count{0};
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        for (int i = 0; i < 40; i++, count++) {
+            std::string body = "w" + std::to_string(i);
+            if (orbput_nolag(w, "AA/lag", 100 + i, body.data(), static_cast<int>(body.size()), &p) < 0) break;
+        }
+        done = true;
+    });
+    // The reader reads nothing: the writer stops once the lag passes the trigger.
+    int held = settled(count, done);
+    EXPECT_FALSE(done);
+    EXPECT_TRUE(held > 0 && held < 40) << held;
+    // Catching up below the reset lets it go on.
+    Reader rd(r);
+    for (int got = 0; !done && got < 50 && rd.reap_timeout(5).rc == 0;) got++;
+    writer.join();
+    EXPECT_EQ(count, 40);
+}
+
+TEST_F(OrbServerTest, LagThrottleWithNoReaderWaitsForOneWithOneNoticeAndABadPatternStopsIt) {
+    setenv("BNS_TIMEOUT", "5000", 1);
+    std::string name = server.name();
+    EXPECT_EXIT(
+        {
+            Params bad("(unclosed");
+            orbput_nolag(orbopen(name.c_str(), "w"), "AA/bad", 1, "x", 1, &bad);
+            exit(0);
+        },
+        testing::ExitedWithCode(1), "Error in match or reject parameters");
+    int w = open("w");
+    put_run(w, "AA/lag", 1, 3);
+    // Without patterns nothing is measured: the write goes at once, reader or not.
+    Params unmeasured(nullptr);
+    unmeasured.axe = 1;
+    EXPECT_EQ(orbput_nolag(w, "AA/free", 1, "x", 1, &unmeasured), 0);
+    Params p("orb_server_test");
+    p.verbose = 1;
+    std::atomic<bool> done{false};
+    testing::internal::CaptureStderr();
+    std::thread writer([&] {
+        EXPECT_EQ(orbput_nolag(w, "AA/lag", 9, "x", 1, &p), 0);
+        done = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500));  // two or three checks in vain
+    bool early = done;
+    int r = open("r");
+    writer.join();
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_FALSE(early);
+    ASSERT_GE(r, 0);
+    const std::string notice = "No readers found on output orb; waiting for a reader";
+    EXPECT_TRUE(has(err, notice));
+    EXPECT_EQ(err.find(notice, err.find(notice) + 1), std::string::npos) << err;
+    EXPECT_TRUE(has(err, "waited "));
 }

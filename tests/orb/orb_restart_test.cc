@@ -1,0 +1,262 @@
+// Real orbservers killed and restarted under their clients: readers go on where they were,
+// writers resend what they kept, a quiet reader is left alone, a name listing two front ends
+// moves on to the live one, and a re-created ring is joined by time, by a reader that stayed
+// and by one restarted with its state file.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <set>
+#include <thread>
+
+#include "orb/orb_support.h"
+#include "stock/bury.h"
+#include "stock/epoch.h"
+#include "support/orbserver.h"
+
+using namespace orbtest;
+using testsupport::OrbServer;
+
+namespace {
+
+// Standard error into a file for the life of the object, so that a test can watch the log while
+// other threads write to it.
+class StderrToFile {
+  public:
+    explicit StderrToFile(const std::string& path) : path_(path) {
+        fflush(stderr);
+        saved_ = dup(2);
+        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        dup2(fd, 2);
+        close(fd);
+    }
+    ~StderrToFile() {
+        fflush(stderr);
+        dup2(saved_, 2);
+        close(saved_);
+    }
+    std::string text() const { return testsupport::slurp(path_); }
+
+  private:
+    std::string path_;
+    int saved_;
+};
+
+struct Life {
+    int resurrected = -99;   // orbresurrect's result
+    double first_time = -1;  // time of the first packet read after it
+};
+
+// One life of a reader process: exhume, open, resurrect, read two packets, bury.
+Life reader_process(const std::string& orbname, const std::string& statefile) {
+    int fds[2];
+    EXPECT_EQ(pipe(fds), 0);
+    pid_t pid = fork();
+    if (pid == 0) {
+        Life run;
+        if (exhume(statefile.c_str(), nullptr, 0, nullptr) < 0) _exit(2);
+        int orb = orbopen(orbname.c_str(), "r&"), pktid = -1;
+        if (orb < 0) _exit(3);
+        double pkttime = 0;
+        run.resurrected = orbresurrect(orb, &pktid, &pkttime);
+        if (pktid < 0) orbseek(orb, ORBOLDEST);
+        Reader rd(orb);
+        for (int i = 0; i < 2; i++) {
+            Got g = rd.reap();
+            if (g.rc != 0) _exit(4);
+            if (i == 0) run.first_time = g.time;
+            pktid = g.pktid, pkttime = g.time;
+        }
+        if (bury() != 0) _exit(5);
+        _exit(write(fds[1], &run, sizeof run) == sizeof run ? 0 : 6);
+    }
+    close(fds[1]);
+    Life run;
+    EXPECT_EQ(read(fds[0], &run, sizeof run), static_cast<ssize_t>(sizeof run));
+    close(fds[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+    return run;
+}
+
+}  // namespace
+
+TEST(OrbRestart, ReaderAndWriterGoOnAcrossAServerRestart) {
+    SetEnv timeout("BNS_TIMEOUT", "500");
+    OrbServer server;
+    ASSERT_TRUE(server.up()) << server.log();
+    int w = orbopen(server.name().c_str(), "w&"), r = orbopen(server.name().c_str(), "r&");
+    ASSERT_TRUE(w >= 0 && r >= 0);
+    auto put = [&](int i) {
+        std::string body = "s" + std::to_string(i);
+        return orbput(w, "AA/re", i, body.data(), static_cast<int>(body.size()));
+    };
+    for (int i = 0; i < 10; i++) ASSERT_EQ(put(i), 0);
+    // Patterns and the stash flag are set again on the new connection.
+    orbreject(r, "AA/no");
+    orbstashselect(r, 1);
+    Reader rd(r);
+    for (int i = 0; i < 10; i++) ASSERT_EQ(rd.reap().body, "s" + std::to_string(i));
+    int last = orb2orbfile(r)->lastpktid;
+    double old_server_start = orb2orbfile(r)->server_start;
+    server.kill();
+    std::atomic<int> written{0};
+    std::thread writer([&] {
+        for (int i = 10; i < 20; i++) {
+            if (put(i) == 0) written++;
+            orbput(w, "AA/no", i, "rejected", 8);
+        }
+    });
+    std::vector<Got> after;
+    std::thread reader([&] {
+        for (int n = 0; n < 40; n++) {
+            after.push_back(rd.reap());
+            if (after.back().rc != 0 || after.back().body == "s19") break;
+        }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    bool restarted = server.start();
+    writer.join();
+    reader.join();
+    ASSERT_TRUE(restarted) << server.log();
+    EXPECT_EQ(written, 10);
+    // The reader saw every packet after the last one it had read, in order (the writer may send
+    // its last one again after reconnecting), and none rejected.
+    std::set<std::string> bodies;
+    for (const Got& g : after) {
+        ASSERT_EQ(g.rc, 0);
+        EXPECT_GT(g.pktid, last) << g.body;
+        last = g.pktid;
+        bodies.insert(g.body);
+    }
+    EXPECT_EQ(bodies.count("rejected"), 0u);
+    for (int i = 10; i < 20; i++) EXPECT_TRUE(bodies.count("s" + std::to_string(i))) << "s" << i;
+    EXPECT_NE(orb2orbfile(r)->server_start, old_server_start);
+    EXPECT_EQ(orb2orbfile(r)->fd, r);  // the descriptor kept its number
+    orbclose(r);
+    orbclose(w);
+}
+
+TEST(OrbRestart, QuietReaderIsLeftAloneForTenTimeouts) {
+    SetEnv timeout("BNS_TIMEOUT", "100");
+    OrbServer server;
+    ASSERT_TRUE(server.up()) << server.log();
+    // Verbose notes are on while ./verbose exists: work in the server's directory.
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+    ASSERT_EQ(chdir(server.dir().c_str()), 0);
+    fclose(fopen("verbose", "w"));
+    int w0 = orbopen(server.name().c_str(), "w");
+    orbput(w0, "AA/quiet", 0, "old", 3);  // an empty ring would never look stale
+    orbclose(w0);
+    int r = orbopen(server.name().c_str(), "r&");
+    ASSERT_GE(r, 0);
+    std::string text;
+    {
+        StderrToFile capture(server.dir() + "/stderr");
+        Got g;
+        std::thread reader([&] { g = Reader(r).reap(); });
+        for (int i = 0; i < 250 && !has(capture.text(), "reconnecting anyway"); i++)
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        int w = orbopen(server.name().c_str(), "w");
+        orbput(w, "AA/quiet", 1, "wake", 4);
+        reader.join();
+        orbclose(w);
+        text = capture.text();
+        EXPECT_EQ(words(g.rc, g.body), "0 wake");
+    }
+    unlink("verbose");
+    ASSERT_EQ(chdir(cwd), 0);
+    size_t first_reconnect = text.find("reconnecting anyway");
+    ASSERT_NE(first_reconnect, std::string::npos) << text;
+    std::string head = text.substr(0, first_reconnect);
+    int ok = 0;
+    for (size_t at = 0; (at = head.find("no reopen necessary", at)) != std::string::npos; at++) ok++;
+    EXPECT_EQ(ok, 11) << text;
+    EXPECT_TRUE(has(text, "orbserver looks ok, reconnecting anyway cnt=11"));
+    orbclose(r);
+}
+
+TEST(OrbRestart, ARecreatedRingIsJoinedByTimeByALiveReaderAndAResurrectedOne) {
+    SetEnv timeout("BNS_TIMEOUT", "500");
+    OrbServer server;
+    ASSERT_TRUE(server.up()) << server.log();
+    int w = orbopen(server.name().c_str(), "w");
+    ASSERT_GE(w, 0);
+    put_run(w, "AA/old", 100, 5, "o");  // times 100..104
+    orbclose(w);
+    int r = orbopen(server.name().c_str(), "r&");
+    ASSERT_GE(r, 0);
+    double old_start = orb2orbfile(r)->orb_start;
+    ASSERT_GE(orbseek(r, ORBOLDEST), 0);
+    Reader rd(r);
+    for (int i = 0; i < 5; i++) EXPECT_EQ(rd.reap().body, "o" + std::to_string(i));
+    // A reader process restarted with the same state file goes on from the packet it saved.
+    std::string state = server.dir() + "/state/reader";
+    Life first = reader_process(server.name(), state);
+    EXPECT_EQ(words(first.resurrected, first.first_time), "0 100");  // nothing saved: from the oldest
+    Life second = reader_process(server.name(), state);
+    EXPECT_EQ(words(second.resurrected, second.first_time), "0 102");  // after the saved one (101)
+    std::string text = testsupport::slurp(state);
+    EXPECT_TRUE(has(text, server.name() + "{last_pktid"));
+    EXPECT_TRUE(has(text, server.name() + "{orb_start"));
+
+    server.kill();
+    unlink(server.ring().c_str());
+    wait_for_time(old_start, 1.2);  // a new ring must start a second or more later
+    // The new ring gets packets whose ids would mislead a seek by id.
+    int f = orbopen((server.ring() + "@s8M").c_str(), "w");
+    ASSERT_GE(f, 0);
+    put_run(f, "AA/new", 90, 6, "early");  // times 90..95, ids 0..5
+    put_run(f, "AA/new", 103, 4, "n");     // times 103..106
+    orbclose(f);
+    ASSERT_TRUE(server.start()) << server.log();
+    // The live reader goes on at the first packet later than the last one it read (104).
+    EXPECT_EQ(rd.reap().str(), "0 8 AA/new 105 n2");
+    EXPECT_EQ(rd.reap().body, "n3");
+    EXPECT_GE(orb2orbfile(r)->orb_start - old_start, 1.0);
+    orbclose(r);
+    // The resurrected one by time too: the right time, another packet; after the saved 103.
+    Life third = reader_process(server.name(), state);
+    EXPECT_EQ(words(third.resurrected, third.first_time), "-2 104");
+}
+
+TEST(OrbRestart, ReaderAndWriterGoOnThroughTheOtherFrontEnd) {
+    SetEnv timeout("BNS_TIMEOUT", "500");
+    OrbServer a, b([&] {
+        OrbServer::Options o;
+        o.ring = a.ring();
+        return o;
+    }());
+    ASSERT_TRUE(a.up() && b.up()) << a.log() << b.log();
+    std::string both = a.name() + "," + b.name();
+    int w = orbopen(both.c_str(), "w&"), r = orbopen(both.c_str(), "r&");
+    ASSERT_GE(r, 0);
+    std::vector<int> ids = put_run(w, "AA/fo", 1000, 3, "a");
+    Reader rd(r);
+    for (int id : ids) ASSERT_EQ(rd.reap().pktid, id);
+    a.kill();
+    // orbputx waits for each answer: what reached no live server is sent once, again.
+    ids = put_run(w, "AA/fo", 2000, 3, "b");
+    for (int i = 0; i < 3; i++) EXPECT_EQ(rd.reap().str(), words(0, ids[i], "AA/fo", 2000 + i, "b" + std::to_string(i)));
+    // The third open passes over the dead first address.
+    for (int orb : {r, w, orbopen(both.c_str(), "r")}) EXPECT_EQ(orbclose(orb), 0);
+}
+
+TEST(OrbRestart, BadServerListsAreRefusedNamingTheName) {
+    const char* cases[][2] = {
+        {"localhost:1,,localhost:2", "empty address in server list 'localhost:1,,localhost:2'"},
+        {"localhost:1,", "empty address in server list 'localhost:1,'"},
+        {",localhost:1@", "empty address in server list ',localhost:1'"},
+        {"localhost:1,./ring", "file path './ring' can't be one of the addresses in server list 'localhost:1,./ring'"},
+    };
+    for (auto& c : cases) {
+        int orb = 0;
+        std::string err = stderr_of([&] { orb = orbopen(c[0], "r&"); });
+        EXPECT_EQ(orb, -1) << c[0];
+        EXPECT_TRUE(has(err, c[1]));
+    }
+}
