@@ -84,28 +84,41 @@ Life reader_process(const std::string& orbname, const std::string& statefile) {
 
 }  // namespace
 
-TEST(OrbRestart, ReaderAndWriterGoOnAcrossAServerRestart) {
+TEST(OrbRestart, ReaderAndWriterGoOnThroughTheOtherFrontEndAndAcrossARestart) {
     SetEnv timeout("BNS_TIMEOUT", "500");
-    OrbServer server;
-    ASSERT_TRUE(server.up()) << server.log();
-    int w = orbopen(server.name().c_str(), "w&"), r = orbopen(server.name().c_str(), "r&");
+    OrbServer a, b([&] {
+        OrbServer::Options o;
+        o.ring = a.ring();
+        return o;
+    }());
+    ASSERT_TRUE(a.up() && b.up()) << a.log() << b.log();
+    std::string both = a.name() + "," + b.name();  // two front ends of one ring
+    int w = orbopen(both.c_str(), "w&"), r = orbopen(both.c_str(), "r&");
     ASSERT_TRUE(w >= 0 && r >= 0);
+    // Patterns and the stash flag are set again on every new connection.
+    orbreject(r, "AA/no");
+    orbstashselect(r, 1);
+    Reader rd(r);
+    std::vector<int> ids = put_run(w, "AA/fo", 1000, 3, "a");
+    for (int id : ids) ASSERT_EQ(rd.reap().pktid, id);
+    a.kill();
+    // orbputx waits for each answer: what reached no live server is sent once, again.
+    ids = put_run(w, "AA/fo", 2000, 3, "b");
+    for (int i = 0; i < 3; i++) EXPECT_EQ(rd.reap().str(), words(0, ids[i], "AA/fo", 2000 + i, "b" + std::to_string(i)));
+    int third = orbopen(both.c_str(), "r");  // passes over the dead first address
+    EXPECT_EQ(orbclose(third), 0);
+
+    // No server at all for a while, then the first one back.
+    int last = orb2orbfile(r)->lastpktid;
+    double old_server_start = orb2orbfile(r)->server_start;
+    b.kill();
     auto put = [&](int i) {
         std::string body = "s" + std::to_string(i);
         return orbput(w, "AA/re", i, body.data(), static_cast<int>(body.size()));
     };
-    for (int i = 0; i < 10; i++) ASSERT_EQ(put(i), 0);
-    // Patterns and the stash flag are set again on the new connection.
-    orbreject(r, "AA/no");
-    orbstashselect(r, 1);
-    Reader rd(r);
-    for (int i = 0; i < 10; i++) ASSERT_EQ(rd.reap().body, "s" + std::to_string(i));
-    int last = orb2orbfile(r)->lastpktid;
-    double old_server_start = orb2orbfile(r)->server_start;
-    server.kill();
     std::atomic<int> written{0};
     std::thread writer([&] {
-        for (int i = 10; i < 20; i++) {
+        for (int i = 0; i < 10; i++) {
             if (put(i) == 0) written++;
             orbput(w, "AA/no", i, "rejected", 8);
         }
@@ -114,14 +127,14 @@ TEST(OrbRestart, ReaderAndWriterGoOnAcrossAServerRestart) {
     std::thread reader([&] {
         for (int n = 0; n < 40; n++) {
             after.push_back(rd.reap());
-            if (after.back().rc != 0 || after.back().body == "s19") break;
+            if (after.back().rc != 0 || after.back().body == "s9") break;
         }
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    bool restarted = server.start();
+    bool restarted = a.start();
     writer.join();
     reader.join();
-    ASSERT_TRUE(restarted) << server.log();
+    ASSERT_TRUE(restarted) << a.log();
     EXPECT_EQ(written, 10);
     // The reader saw every packet after the last one it had read, in order (the writer may send
     // its last one again after reconnecting), and none rejected.
@@ -133,11 +146,10 @@ TEST(OrbRestart, ReaderAndWriterGoOnAcrossAServerRestart) {
         bodies.insert(g.body);
     }
     EXPECT_EQ(bodies.count("rejected"), 0u);
-    for (int i = 10; i < 20; i++) EXPECT_TRUE(bodies.count("s" + std::to_string(i))) << "s" << i;
+    for (int i = 0; i < 10; i++) EXPECT_TRUE(bodies.count("s" + std::to_string(i))) << "s" << i;
     EXPECT_NE(orb2orbfile(r)->server_start, old_server_start);
     EXPECT_EQ(orb2orbfile(r)->fd, r);  // the descriptor kept its number
-    orbclose(r);
-    orbclose(w);
+    for (int orb : {r, w}) EXPECT_EQ(orbclose(orb), 0);
 }
 
 TEST(OrbRestart, QuietReaderIsLeftAloneForTenTimeouts) {
@@ -224,28 +236,6 @@ TEST(OrbRestart, ARecreatedRingIsJoinedByTimeByALiveReaderAndAResurrectedOne) {
     EXPECT_EQ(words(third.resurrected, third.first_time), "-2 104");
 }
 
-TEST(OrbRestart, ReaderAndWriterGoOnThroughTheOtherFrontEnd) {
-    SetEnv timeout("BNS_TIMEOUT", "500");
-    OrbServer a, b([&] {
-        OrbServer::Options o;
-        o.ring = a.ring();
-        return o;
-    }());
-    ASSERT_TRUE(a.up() && b.up()) << a.log() << b.log();
-    std::string both = a.name() + "," + b.name();
-    int w = orbopen(both.c_str(), "w&"), r = orbopen(both.c_str(), "r&");
-    ASSERT_GE(r, 0);
-    std::vector<int> ids = put_run(w, "AA/fo", 1000, 3, "a");
-    Reader rd(r);
-    for (int id : ids) ASSERT_EQ(rd.reap().pktid, id);
-    a.kill();
-    // orbputx waits for each answer: what reached no live server is sent once, again.
-    ids = put_run(w, "AA/fo", 2000, 3, "b");
-    for (int i = 0; i < 3; i++) EXPECT_EQ(rd.reap().str(), words(0, ids[i], "AA/fo", 2000 + i, "b" + std::to_string(i)));
-    // The third open passes over the dead first address.
-    for (int orb : {r, w, orbopen(both.c_str(), "r")}) EXPECT_EQ(orbclose(orb), 0);
-}
-
 TEST(OrbRestart, BadServerListsAreRefusedNamingTheName) {
     const char* cases[][2] = {
         {"localhost:1,,localhost:2", "empty address in server list 'localhost:1,,localhost:2'"},
@@ -253,10 +243,5 @@ TEST(OrbRestart, BadServerListsAreRefusedNamingTheName) {
         {",localhost:1@", "empty address in server list ',localhost:1'"},
         {"localhost:1,./ring", "file path './ring' can't be one of the addresses in server list 'localhost:1,./ring'"},
     };
-    for (auto& c : cases) {
-        int orb = 0;
-        std::string err = stderr_of([&] { orb = orbopen(c[0], "r&"); });
-        EXPECT_EQ(orb, -1) << c[0];
-        EXPECT_TRUE(has(err, c[1]));
-    }
+    for (auto& c : cases) EXPECT_TRUE(fails_saying([&] { return orbopen(c[0], "r&"); }, c[1])) << c[0];
 }

@@ -72,6 +72,15 @@ std::string stderr_of(F f) {
     return testing::internal::GetCapturedStderr();
 }
 
+// Success when f() returns -1 and writes part to standard error.
+template <class F>
+testing::AssertionResult fails_saying(F f, const std::string& part) {
+    int rc = 0;
+    std::string err = stderr_of([&] { rc = f(); });
+    if (rc != -1) return testing::AssertionFailure() << "returned " << rc << ", not -1; stderr:\n" << err;
+    return has(err, part);
+}
+
 // Puts count packets from src with times t0, t0+1, ... and bodies "<prefix><i>"; returns their ids.
 inline std::vector<int> put_run(int orb, const char* src, double t0, int count, std::string prefix = "p") {
     std::vector<int> ids;

@@ -14,24 +14,16 @@
 #include <cstdio>
 #include <cstring>
 #include <initializer_list>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "orb/orb_support.h"
 #include "orb/orbfile.h"
 #include "stock/bns.h"
 
 namespace testsupport {
 
-// The values joined by spaces, to compare several fields at once.
-template <class... T>
-std::string words(const T&... v) {
-    std::ostringstream o;
-    o.precision(17);
-    ((o << v << ' '), ...);
-    std::string s = o.str();
-    return s.substr(0, s.size() - 1);
-}
+using orbtest::words;
 
 struct Pkt {
     int pktid = -1;
