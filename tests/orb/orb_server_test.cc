@@ -37,13 +37,34 @@ struct OrbServerTest : ::testing::Test {
     std::vector<int> opened;
 };
 
+// Measured (nearly) every time; the patterns are freed with the object.
+struct Params : LagParams {
+    explicit Params(const char* match) {
+        lag_trigger = 0.5, lag_reset = 0.2, wait_seconds = 1;
+        wait_match = match ? strdup(match) : nullptr;
+    }
+    ~Params() { free(wait_match); }
+};
+
+// Waits until the count stops moving for a while (bounded), and returns it.
+int settled(const std::atomic<int>& count, const std::atomic<bool>& done) {
+    int last = -1;
+    for (int i = 0; i < 40 && !done; i++) {
+        int now = count;
+        if (now == last) return now;
+        last = now;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    }
+    return count;
+}
+
 }  // namespace
 
-TEST_F(OrbServerTest, HostPortsNamedPortsAndFilePaths) {
-    std::string dir = server.dir() + "/pf", port = std::to_string(server.port());
+TEST_F(OrbServerTest, HostPortsNamedPortsFilePathsAndAWaitingOpen) {
+    std::string dir = server.dir() + "/pf", port = std::to_string(server.port()), name = server.name();
     std::filesystem::create_directories(dir);
     std::ofstream(dir + "/orbserver_names.pf") << "testring " << port << "\nsigned " << port << " somebody\n";
-    SetEnv pfpath("PFPATH", dir);
+    SetEnv pfpath("PFPATH", dir), local("ORB_IP_ADDRESS", "127.0.0.1");
     for (std::string name : {server.name(), "localhost:" + port, std::string("localhost:testring")}) {
         int orb = orbopen(name.c_str(), "r"), version = -1;
         ASSERT_GE(orb, 0) << name;
@@ -83,11 +104,12 @@ TEST_F(OrbServerTest, HostPortsNamedPortsAndFilePaths) {
     // forbserver refuses a ring in a directory that does not exist; the open fails.
     std::string missing = server.dir() + "/no/such/dir/ring";
     EXPECT_TRUE(fails_saying([&] { return orbopen(missing.c_str(), "r"); }, "open negotiation fails"));
-}
+    setenv("ORB_IP_ADDRESS", "not-an-address", 1);
+    EXPECT_TRUE(fails_saying([&] { return orbopen(name.c_str(), "r"); }, "Failed to bind ip address 'not-an-address'"));
+    unsetenv("ORB_IP_ADDRESS");
 
-TEST_F(OrbServerTest, WaitingOpenRetriesUntilTheServerComes) {
+    // A waiting open ("@") retries, quietly, until the server comes.
     setenv("BNS_TIMEOUT", "100", 1);
-    std::string name = server.name();
     server.stop();
     std::atomic<int> orb{-2};
     testing::internal::CaptureStderr();
@@ -95,7 +117,7 @@ TEST_F(OrbServerTest, WaitingOpenRetriesUntilTheServerComes) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // nine failures or more
     bool restarted = server.start();
     opener.join();
-    std::string err = testing::internal::GetCapturedStderr();
+    err = testing::internal::GetCapturedStderr();
     ASSERT_TRUE(restarted) << server.log();
     ASSERT_GE(orb.load(), 0);
     for (int n : {1, 2, 4, 8})
@@ -104,21 +126,6 @@ TEST_F(OrbServerTest, WaitingOpenRetriesUntilTheServerComes) {
     EXPECT_FALSE(has(err, "Can't connect"));             // the retries stay quiet
     EXPECT_STREQ(orb2orbfile(orb)->name, name.c_str());  // without the "@"
     orbclose(orb);
-}
-
-TEST_F(OrbServerTest, PacketSizeLimitsAndLocalAddressFromTheEnvironment) {
-    SetEnv local("ORB_IP_ADDRESS", "127.0.0.1");
-    setenv("ORB_MAX_DATA_BYTES", "100", 1);
-    int w = open("w");
-    unsetenv("ORB_MAX_DATA_BYTES");
-    EXPECT_EQ(Orb_max_data_bytes, 100);
-    std::string body(101, 'b');
-    EXPECT_TRUE(fails_saying([&] { return orbput(w, "AA/lim", 1, body.data(), 101); }, "maximum packet size is 100"));
-    EXPECT_EQ(orbput(w, "AA/lim", 1, body.data(), 100), 0);
-    Orb_max_data_bytes = 4000000;
-    EXPECT_TRUE(fails_saying([&] { return orbput(w, "AA/lim", 1, "x", -1); }, "minimum packet size is 0"));
-    setenv("ORB_IP_ADDRESS", "not-an-address", 1);
-    EXPECT_TRUE(fails_saying([&] { return orbopen(server.name().c_str(), "r"); }, "Failed to bind ip address 'not-an"));
 }
 
 TEST_F(OrbServerTest, PositioningByWordTimeAndGarbageAndCountedReads) {
@@ -193,21 +200,29 @@ TEST_F(OrbServerTest, BoundedReadsGiveUpQuietly) {
     EXPECT_EQ(k.str(), "0 1 AA/nd 8 p1");
 }
 
-TEST_F(OrbServerTest, LongEmptyAndLongNamedPacketsRupStashAndElog) {
+TEST_F(OrbServerTest, LongEmptyLongNamedAndOversizePacketsRupStashAndElog) {
+    setenv("ORB_MAX_DATA_BYTES", "100", 1);
     int w = open("w"), r = open("r");
-    std::string big(70000, '\0'), longname(80, 'L');
-    for (size_t i = 0; i < big.size(); i++) big[i] = static_cast<char>(i * 7);
-    ASSERT_EQ(orbput(w, "AA_BIG/xfer", 5, big.data(), static_cast<int>(big.size())), 0);
+    unsetenv("ORB_MAX_DATA_BYTES");
+    EXPECT_EQ(Orb_max_data_bytes, 100);
+    std::string big(70000, 'b'), longname(80, 'L');
+    EXPECT_TRUE(fails_saying([&] { return orbput(w, "AA/lim", 1, big.data(), 101); }, "maximum packet size is 100"));
+    EXPECT_EQ(orbput(w, "AA/lim", 1, big.data(), 100), 0);
+    Orb_max_data_bytes = 4000000;
+    EXPECT_TRUE(fails_saying([&] { return orbput(w, "AA/lim", 1, "x", -1); }, "minimum packet size is 0"));
+    for (size_t i = 0; i < 70000; i++) big[i] = static_cast<char>(i * 7);
+    ASSERT_EQ(orbput(w, "AA_BIG/xfer", 5, big.data(), 70000), 0);
     EXPECT_EQ(orbput(w, "AA_SMALL/xfer", 6, "", 0), 0);
     EXPECT_GE(orbputx(w, longname.c_str(), 7, "q", 1), 0);  // a source name past 63 characters is cut
     Reader rd(r);
     orbseek(r, ORBOLDEST);
+    EXPECT_EQ(rd.reap().str(), "0 0 AA/lim 1 " + std::string(100, 'b'));
     Got g = rd.reap();
     EXPECT_EQ(g.src, "AA_BIG/xfer");
     EXPECT_TRUE(g.body == big);
-    EXPECT_EQ(rd.reap().str(), "0 1 AA_SMALL/xfer 6 ");
+    EXPECT_EQ(rd.reap().str(), "0 2 AA_SMALL/xfer 6 ");
     EXPECT_EQ(rd.reap().src, std::string(63, 'L'));
-    EXPECT_EQ(orbrange(r), 3);
+    EXPECT_EQ(orbrange(r), 4);
     // (Status, sources and clients are read through orbstat below.)
     int id = -1, latest;
     EXPECT_EQ(orbid(r, &id), 0);
@@ -277,73 +292,7 @@ TEST(OrbLag, LagValueAcrossTheRingAndItsWrap) {
         EXPECT_DOUBLE_EQ(lagvalue(c.pktid, c.oldest, c.newest, 100), c.want) << c.pktid << " " << c.oldest << ".." << c.newest;
 }
 
-namespace {
-
-// Measured (nearly) every time; the patterns are freed with the object.
-struct Params : LagParams {
-    explicit Params(const char* match) {
-        lag_trigger = 0.5, lag_reset = 0.2, wait_seconds = 1;
-        wait_match = match ? strdup(match) : nullptr;
-    }
-    ~Params() { free(wait_match); }
-};
-
-// Waits until the count stops moving for a while (bounded), and returns it.
-int settled(const std::atomic<int>& count, const std::atomic<bool>& done) {
-    int last = -1;
-    for (int i = 0; i < 40 && !done; i++) {
-        int now = count;
-        if (now == last) return now;
-        last = now;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    }
-    return count;
-}
-
-}  // namespace
-
-TEST_F(OrbServerTest, LagThrottleHoldsTheWriterWhileAReaderLagsAndReleasesIt) {
-    setenv("BNS_TIMEOUT", "5000", 1);
-    int w = open("w");
-    put_run(w, "AA/lag", 1, 10);
-    int r = open("r");  // stands at the newest: lag 0
-    Laggards* lg = nullptr;
-    EXPECT_EQ(orblag(w, "orb_server_test", nullptr, &lg), 0.0);
-    ASSERT_NE(lg, nullptr);
-    EXPECT_EQ(lg->range, 10);
-    ASSERT_EQ(maxtbl(lg->list), 1);
-    auto* entry = static_cast<ClientLag*>(gettbl(lg->list, 0));
-    EXPECT_EQ(entry->lag, 0.0);
-    EXPECT_TRUE(has(entry->what, "orb_server_test"));
-    EXPECT_TRUE(has(entry->who, "@"));
-    EXPECT_EQ(orblag(w, "someone_else", nullptr, &lg), -1);   // nobody matches
-    EXPECT_EQ(orblag(w, nullptr, "orb_server_test", &lg), -1);  // rejected
-    EXPECT_EQ(orblag(w, "orb_server_t", nullptr, nullptr), -1);  // the whole name must match
-    EXPECT_EQ(orblag(w, "(unclosed", nullptr, nullptr), -3);     // a bad pattern
-    freeLaggards(lg);
-
-    Params p("orb_server_test");
-    std::atomic<int> count{0};
-    std::atomic<bool> done{false};
-    std::thread writer([&] {
-        for (int i = 0; i < 40; i++, count++) {
-            std::string body = "w" + std::to_string(i);
-            if (orbput_nolag(w, "AA/lag", 100 + i, body.data(), static_cast<int>(body.size()), &p) < 0) break;
-        }
-        done = true;
-    });
-    // The reader reads nothing: the writer stops once the lag passes the trigger.
-    int held = settled(count, done);
-    EXPECT_FALSE(done);
-    EXPECT_TRUE(held > 0 && held < 40) << held;
-    // Catching up below the reset lets it go on.
-    Reader rd(r);
-    for (int got = 0; !done && got < 50 && rd.reap_timeout(5).rc == 0;) got++;
-    writer.join();
-    EXPECT_EQ(count, 40);
-}
-
-TEST_F(OrbServerTest, LagThrottleWithNoReaderWaitsForOneWithOneNoticeAndABadPatternStopsIt) {
+TEST_F(OrbServerTest, LagThrottleWaitsForAReaderThenHoldsTheWriterWhileItLags) {
     setenv("BNS_TIMEOUT", "5000", 1);
     std::string name = server.name();
     EXPECT_EXIT(
@@ -356,26 +305,59 @@ TEST_F(OrbServerTest, LagThrottleWithNoReaderWaitsForOneWithOneNoticeAndABadPatt
     int w = open("w");
     put_run(w, "AA/lag", 1, 3);
     // Without patterns nothing is measured: the write goes at once, reader or not.
-    Params unmeasured(nullptr);
+    Params unmeasured(nullptr), p("orb_server_test");
     unmeasured.axe = 1;
     EXPECT_EQ(orbput_nolag(w, "AA/free", 1, "x", 1, &unmeasured), 0);
-    Params p("orb_server_test");
+    // With no reader the writer waits for one, with one notice.
     p.verbose = 1;
     std::atomic<bool> done{false};
     testing::internal::CaptureStderr();
-    std::thread writer([&] {
+    std::thread waiting([&] {
         EXPECT_EQ(orbput_nolag(w, "AA/lag", 9, "x", 1, &p), 0);
         done = true;
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(2500));  // two or three checks in vain
     bool early = done;
-    int r = open("r");
-    writer.join();
+    int r = open("r");  // stands at the newest, and lets the waiting write go
+    waiting.join();
     std::string err = testing::internal::GetCapturedStderr();
     EXPECT_FALSE(early);
-    ASSERT_GE(r, 0);
     const std::string notice = "No readers found on output orb; waiting for a reader";
     EXPECT_TRUE(has(err, notice));
     EXPECT_EQ(err.find(notice, err.find(notice) + 1), std::string::npos) << err;
     EXPECT_TRUE(has(err, "waited "));
+
+    Laggards* lg = nullptr;  // the reader is one packet behind of five
+    EXPECT_DOUBLE_EQ(orblag(w, "orb_server_test", nullptr, &lg), 0.2);
+    ASSERT_NE(lg, nullptr);
+    EXPECT_EQ(lg->range, 5);
+    ASSERT_EQ(maxtbl(lg->list), 1);
+    auto* entry = static_cast<ClientLag*>(gettbl(lg->list, 0));
+    EXPECT_DOUBLE_EQ(entry->lag, 0.2);
+    EXPECT_TRUE(has(entry->what, "orb_server_test"));
+    EXPECT_TRUE(has(entry->who, "@"));
+    EXPECT_EQ(orblag(w, "someone_else", nullptr, &lg), -1);     // nobody matches
+    EXPECT_EQ(orblag(w, nullptr, "orb_server_test", &lg), -1);  // rejected
+    EXPECT_EQ(orblag(w, "orb_server_t", nullptr, nullptr), -1);  // the whole name must match
+    EXPECT_EQ(orblag(w, "(unclosed", nullptr, nullptr), -3);     // a bad pattern
+    freeLaggards(lg);
+    // The reader reads nothing: the writer stops once the lag passes the trigger.
+    p.verbose = 0;
+    std::atomic<int> count{0};
+    done = false;
+    std::thread writer([&] {
+        for (int i = 0; i < 40; i++, count++) {
+            std::string body = "w" + std::to_string(i);
+            if (orbput_nolag(w, "AA/lag", 100 + i, body.data(), static_cast<int>(body.size()), &p) < 0) break;
+        }
+        done = true;
+    });
+    int held = settled(count, done);
+    EXPECT_FALSE(done);
+    EXPECT_TRUE(held > 0 && held < 40) << held;
+    // Catching up below the reset lets it go on.
+    Reader rd(r);
+    for (int got = 0; !done && got < 50 && rd.reap_timeout(5).rc == 0;) got++;
+    writer.join();
+    EXPECT_EQ(count, 40);
 }
