@@ -1,12 +1,14 @@
-// TLS and signed opens against real orbservers: every refusal says why, on
-// the client and in the server's log, and the server goes on serving.
+// TLS and signed opens against real orbservers: every refusal says why, on the client and in the
+// server's log, and the server goes on serving; a signed open cannot be replayed.
 #include "ferrant/harness.h"
 #include "orb/orbsign.h"
+#include "orb/orb_support.h"
 #include "server/wire_client.h"
 #include "support/orbserver.h"
 #include "support/pki.h"
 
 using namespace ferrant_test;
+using orbtest::SetEnv;
 using testsupport::OrbServer;
 
 namespace {
@@ -16,10 +18,11 @@ std::string signers(const Pki& pki) {
            "\n}\nsigned_opens w\nrequest_timeout 2\n";
 }
 
-TEST(Tls, RefusalsSayWhyAndTheServerServesOn) {
+TEST(Tls, RefusalsSayWhyTheServerServesOnAndSignedOpensCannotBeReplayed) {
     Pki pki;
     ASSERT_TRUE(pki.ok) << slurp(pki / "log");
-    OrbServer sec({signers(pki), pki.serve("server"), "127.0.0.1", "", true}), plain;
+    OrbServer sec({signers(pki), pki.serve("server"), "127.0.0.1", "", true});
+    OrbServer plain({signers(pki), {}, "127.0.0.1", "", true});
     OrbServer expired({"", pki.serve("expired"), "127.0.0.1", "", true});
     OrbServer wrong({"", pki.serve("wrongname"), "127.0.0.1", "", true});
     for (auto* s : {&sec, &plain, &expired, &wrong}) ASSERT_TRUE(s->up()) << s->log();
@@ -76,16 +79,9 @@ TEST(Tls, RefusalsSayWhyAndTheServerServesOn) {
     EXPECT_TRUE(eventually([&] { return sec.log().find("TLS handshake not completed in time") != std::string::npos; }))
         << sec.log();
     EXPECT_EQ(sec.sanitizer_report(), "");
-}
 
-// A signature is good for the one challenge it was made for, and a challenge
-// for one open.
-TEST(Tls, SignedOpensCannotBeReplayed) {
-    Pki pki;
-    ASSERT_TRUE(pki.ok) << slurp(pki / "log");
-    setenv("ORB_KEYS", pki.dir.path.c_str(), 1);
-    OrbServer server({signers(pki), {}, "127.0.0.1", "", true});
-    ASSERT_TRUE(server.up()) << server.log();
+    // A signature is good for the one challenge it was made for, and a challenge for one open.
+    SetEnv keys("ORB_KEYS", pki.dir.path);
     using Signed = std::pair<std::string, std::string>;  // challenge, signature
     auto hello = [](testsupport::WireClient& w) {
         OrbOpenString* h = w.req()->hello = w.req()->hello ? w.req()->hello : newOrbOpenString();
@@ -110,19 +106,19 @@ TEST(Tls, SignedOpensCannotBeReplayed) {
         return w.exchange(ORBSIGNEDOPEN) == 0 ? std::string() : std::string(w.resp()->errmsg);
     };
     testsupport::WireClient first;
-    ASSERT_TRUE(first.connect_tcp(server.name()));
+    ASSERT_TRUE(first.connect_tcp(plain.name()));
     Signed good = ask(first);
     EXPECT_EQ(open(first, good), "");
     EXPECT_NE(open(first, good).find("no challenge outstanding"), std::string::npos);
 
-    struct Case { bool challenge_first, fresh_challenge, fresh_signature; const char* why; } cases[] = {
+    struct Replay { bool challenge_first, fresh_challenge, fresh_signature; const char* why; } replays[] = {
         {true, false, false, "the challenge does not match"},
         {true, true, false, "does not verify"},
         {false, false, false, "no challenge outstanding"},
     };
-    for (const Case& c : cases) {
+    for (const Replay& c : replays) {
         testsupport::WireClient w;
-        ASSERT_TRUE(w.connect_tcp(server.name()));
+        ASSERT_TRUE(w.connect_tcp(plain.name()));
         Signed fresh = c.challenge_first ? ask(w) : good;
         Signed sent{c.fresh_challenge ? fresh.first : good.first, c.fresh_signature ? fresh.second : good.second};
         EXPECT_NE(open(w, sent).find(c.why), std::string::npos) << c.why;
