@@ -1,13 +1,11 @@
 // Every request code against a real orbserver over loopback, with requests made by our own
-// encoders. Every test ends with the server stopped by SIGTERM (or halted), which must be clean.
+// encoders.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
-#include "support/orbserver.h"
 #include "wire_client.h"
 
-using testsupport::OrbServer;
 using testsupport::Pkt;
 using testsupport::WireClient;
 using testsupport::words;
@@ -22,21 +20,9 @@ std::string payload(int i) {
     return s;
 }
 
-class Requests : public ::testing::Test {
+class Requests : public testsupport::ServerTest {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(server.up()) << server.log();
-        ASSERT_TRUE(join(writer, 'w', "writer"));
-    }
-    void TearDown() override {
-        writer.disconnect();
-        int status = server.stop();
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-        EXPECT_EQ(server.sanitizer_report(), "");
-    }
-    bool join(WireClient& c, char perm = 'r', const char* what = "server_test") {
-        return c.connect_tcp(server.name()) && c.open(perm, what) == 0;
-    }
+    void SetUp() override { ASSERT_TRUE(start() && join(writer, 'w', "writer")) << server->log(); }
     // Puts n packets of AA_X/pf with times 1000+i; returns their pktids.
     std::vector<int> put_n(int n) {
         std::vector<int> ids;
@@ -44,13 +30,12 @@ protected:
         return ids;
     }
     static int thread_id(WireClient& c) { return c.exchange(ORBID) == 0 ? c.resp()->thread : kFailed; }
-    OrbServer server;
     WireClient writer;
 };
 
 TEST_F(Requests, OpenIdSessionsAndTheEmptyRing) {
     WireClient c, asker;
-    ASSERT_TRUE(c.connect_tcp(server.name()));
+    ASSERT_TRUE(c.connect_tcp(server->name()));
     // Before the open only a ping is answered.
     EXPECT_EQ(c.exchange(ORBPING), 0);
     EXPECT_NE(c.exchange(ORBSTAT), 0);
@@ -154,8 +139,8 @@ TEST_F(Requests, ReapStreams) {
     writer.putx("AA_X/pf", 4000, "late");
     ASSERT_EQ(r.next(&p), 0);
     EXPECT_EQ(p.str(), "201 4000 AA_X/pf late");
-    server.stop();  // SIGTERM with a client in mid-stream
-    EXPECT_NE(server.log().find("stopping on a signal"), std::string::npos);
+    server->stop();  // SIGTERM with a client in mid-stream
+    expect_logged({"stopping on a signal"});
 }
 
 TEST_F(Requests, SelectAndRejectMatchWholeNames) {
@@ -182,7 +167,7 @@ TEST_F(Requests, SelectAndRejectMatchWholeNames) {
     ASSERT_TRUE(r.reap(1));
     writer.putx("DD/x", 5, "no");
     writer.putx("CC/x", 6, "yes");
-    ASSERT_EQ(r.next(&p), 0) << server.log();
+    ASSERT_EQ(r.next(&p), 0) << server->log();
     EXPECT_EQ(p.data, "yes");
 }
 
@@ -195,7 +180,7 @@ TEST_F(Requests, StatSourcesClientsAndStash) {
     ASSERT_EQ(r.select("AA/x"), 1);
     ASSERT_EQ(r.exchange(ORBSTAT), 0);
     const Orbstat& st = r.resp()->orbstat;
-    EXPECT_EQ(words(st.nsources, st.port, st.pid), words(2, server.port(), server.pid()));
+    EXPECT_EQ(words(st.nsources, st.port, st.pid), words(2, server->port(), server->pid()));
     EXPECT_GE(st.nclients, 2);
     ASSERT_EQ(r.exchange(ORBSOURCES), 0);
     std::vector<std::string> sources;  // name, packets, bytes, oldest and latest ids and times
@@ -275,11 +260,11 @@ TEST_F(Requests, UnknownCodesKillPriorityCloseAndHalt) {
     // ORBCLOSE is answered and the connection then closed.
     EXPECT_EQ(writer.exchange(ORBCLOSE), 0);
     EXPECT_EQ(writer.exchange(ORBPING), kFailed);
-    EXPECT_NE(server.log().find("killed"), std::string::npos);
+    expect_logged({"killed"});
     // ORBHALT ends the server cleanly (its exit status is checked on tear-down).
     ASSERT_TRUE(join(admin, 'w'));
     EXPECT_EQ(admin.exchange(ORBHALT), 0);
-    server.wait_exit();
+    server->wait_exit();
 }
 
 }  // namespace

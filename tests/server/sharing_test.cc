@@ -6,10 +6,8 @@
 #include <thread>
 
 #include "ring/ring.h"
-#include "support/orbserver.h"
 #include "wire_client.h"
 
-using testsupport::OrbServer;
 using testsupport::Pkt;
 using testsupport::slurp;
 using testsupport::WireClient;
@@ -27,7 +25,7 @@ std::string body(int i) {
 // Index of the packet a body was made for, or -1.
 int index_of(const std::string& data) { return data.size() < 2 || data[0] != '#' ? -1 : std::atoi(data.c_str() + 1); }
 
-class Sharing : public ::testing::Test {
+class Sharing : public testsupport::ServerTest {
 protected:
     // A forbserver on the ring over a socketpair, opened with perm.
     bool forb(WireClient& c, char perm, const char* what = "server_test", std::vector<std::string> extra = {}) {
@@ -35,16 +33,9 @@ protected:
         return c.spawn_forb(extra, log) && c.open(perm, what) == 0;
     }
     // Starts an orbserver on the ring file (or another).
-    bool up(std::vector<std::string> args = {}, std::string path = "") {
-        server = std::make_unique<OrbServer>(OrbServer::Options{"", args, "127.0.0.1", path.empty() ? ring : path, true});
-        return server->up();
-    }
-    bool tcp(WireClient& c, char perm, const char* what = "server_test") {
-        return c.connect_tcp(server->name()) && c.open(perm, what) == 0;
-    }
+    bool up(std::vector<std::string> args = {}, std::string path = "") { return start("", args, path.empty() ? ring : path); }
     TempDir dir{"forb-test"};
     std::string ring = dir / "ring", log = dir / "forbserver.log";
-    std::unique_ptr<OrbServer> server;
 };
 
 TEST_F(Sharing, AForbserverServesItsOneClientToTheEnd) {
@@ -105,11 +96,11 @@ TEST_F(Sharing, ForbserversAndAnOrbserverShareTheRing) {
     constexpr int kPackets = 2000;
     ASSERT_TRUE(up({"-s", "64M"})) << server->log();
     WireClient tcp_reader, forb_reader, forb_writer, tcp_writer;
-    ASSERT_TRUE(tcp(tcp_reader, 'r', "tcp_reader"));
+    ASSERT_TRUE(join(tcp_reader, 'r', "tcp_reader"));
     ASSERT_TRUE(forb(forb_reader, 'r', "forb_reader"));
     ASSERT_EQ(forb_reader.select("B/.*"), 0);
     ASSERT_TRUE(forb(forb_writer, 'w', "forb_writer"));
-    ASSERT_TRUE(tcp(tcp_writer, 'w', "tcp_writer"));
+    ASSERT_TRUE(join(tcp_writer, 'w', "tcp_writer"));
     // Each front end's clients appear in every front end's client list.
     for (WireClient* c : {&tcp_reader, &forb_reader}) {
         ASSERT_EQ(c->exchange(ORBCLIENTS), 0);
@@ -164,7 +155,7 @@ TEST_F(Sharing, ForbserversAndAnOrbserverShareTheRing) {
 TEST_F(Sharing, AKillMidAppendsLeavesTheRingConsistentAndRestartsKeepIt) {
     ASSERT_TRUE(up({"-s", "256k"})) << server->log();
     WireClient w, r;
-    ASSERT_TRUE(tcp(w, 'w'));
+    ASSERT_TRUE(join(w, 'w'));
     double orb_start = w.resp()->orb_start;
     // Puts stream in without answers; the server dies somewhere among them.
     std::thread killer([&] {
@@ -176,7 +167,7 @@ TEST_F(Sharing, AKillMidAppendsLeavesTheRingConsistentAndRestartsKeepIt) {
     killer.join();
     w.disconnect();
     ASSERT_TRUE(server->start()) << server->log();
-    ASSERT_TRUE(tcp(r, 'r'));
+    ASSERT_TRUE(join(r, 'r'));
     EXPECT_EQ(r.resp()->orb_start, orb_start);
     double server_start = r.resp()->server_start;
     int latest = r.resp()->latest_pktid;
@@ -192,7 +183,7 @@ TEST_F(Sharing, AKillMidAppendsLeavesTheRingConsistentAndRestartsKeepIt) {
         ASSERT_EQ(r.get(ORBNEXT, &p), 0);
     }
     // And the ring takes new packets after the last one.
-    ASSERT_TRUE(tcp(w, 'w'));
+    ASSERT_TRUE(join(w, 'w'));
     int base = latest + 1;
     for (int i = 0; i < 50; i++) ASSERT_EQ(w.putx("P/x", 10 + i, body(i)), base + i);
     w.disconnect();
@@ -204,7 +195,7 @@ TEST_F(Sharing, AKillMidAppendsLeavesTheRingConsistentAndRestartsKeepIt) {
     EXPECT_EQ(server->name(), old_name);
     for (int pass = 0; pass < 2; pass++) {  // through TCP, then a forbserver on the same ring
         WireClient c;
-        ASSERT_TRUE(pass == 0 ? tcp(c, 'r') : forb(c, 'r'));
+        ASSERT_TRUE(pass == 0 ? join(c, 'r') : forb(c, 'r'));
         EXPECT_EQ(c.resp()->orb_start, orb_start);
         EXPECT_NE(c.resp()->server_start, server_start);
         EXPECT_EQ(c.resp()->latest_pktid, base + 49);
@@ -220,8 +211,8 @@ TEST_F(Sharing, AKillMidAppendsLeavesTheRingConsistentAndRestartsKeepIt) {
 TEST_F(Sharing, EvictionMovesAnEvictedReaderToTheOldest) {
     ASSERT_TRUE(up({"-s", "64k"})) << server->log();
     WireClient w, r, late;
-    ASSERT_TRUE(tcp(w, 'w'));
-    ASSERT_TRUE(tcp(r, 'r'));
+    ASSERT_TRUE(join(w, 'w'));
+    ASSERT_TRUE(join(r, 'r'));
     std::string big(1000, 'x');
     for (int i = 0; i < 5; i++) w.putx("E/x", i, big);
     ASSERT_EQ(r.seek(1), 1);  // the reader stands at packet 1
@@ -230,7 +221,7 @@ TEST_F(Sharing, EvictionMovesAnEvictedReaderToTheOldest) {
     int oldest = r.seek(ORBOLDEST);
     ASSERT_GT(oldest, 5);
     r.expect_steps({{'s', 1, kFailed}, {'t', 0, oldest}});  // the failed seek left it at the oldest
-    ASSERT_TRUE(tcp(late, 'r'));
+    ASSERT_TRUE(join(late, 'r'));
     late.expect_steps({{'s', ORBOLDEST, oldest}, {'s', ORBNEXT, oldest}});
     // Stand the late reader at a packet and let it be evicted under it.
     for (int i = 300; i < 600; i++) w.putx("E/x", i, big);
@@ -244,8 +235,8 @@ TEST_F(Sharing, EvictionMovesAnEvictedReaderToTheOldest) {
 TEST_F(Sharing, PacketIdsWrapAtTheModulus) {
     ASSERT_TRUE(up({"-m", "16", "-n", "8"})) << server->log();
     WireClient w, r;
-    ASSERT_TRUE(tcp(w, 'w'));
-    ASSERT_TRUE(tcp(r, 'r'));
+    ASSERT_TRUE(join(w, 'w'));
+    ASSERT_TRUE(join(r, 'r'));
     ASSERT_EQ(r.exchange(ORBSTAT), 0);
     EXPECT_EQ(r.resp()->orbstat.maxpkts, 16);
     ASSERT_TRUE(r.reap());

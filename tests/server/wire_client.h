@@ -1,25 +1,21 @@
 // A bare protocol client for the server tests: requests encoded and responses decoded with our
 // own records, over TCP or over a socketpair to a forbserver child, with nothing of the client
-// library in between (so the tests see exactly what the server answers).
+// library in between (so the tests see exactly what the server answers). And a fixture that runs
+// one orbserver at a time.
 #pragma once
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
 #include <initializer_list>
-#include <string>
-#include <vector>
 
 #include "orb/orb_support.h"
 #include "orb/orbfile.h"
 #include "stock/bns.h"
+#include "support/orbserver.h"
 
 namespace testsupport {
 
@@ -50,8 +46,7 @@ public:
         if (local_addr && inet_pton(AF_INET, local_addr, &la.sin_addr) == 1)
             bind(fd, reinterpret_cast<sockaddr*>(&la), sizeof la);
         if (::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) < 0) return close(fd), false;
-        attach(fd);
-        return true;
+        return attach(fd), true;
     }
     // Starts forbserver with args (e.g. {"-s64M", "./ring"}) on a socketpair, its standard error
     // appended to logfile.
@@ -59,20 +54,18 @@ public:
         int sv[2];
         if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) < 0) return false;
         args.insert(args.begin(), std::string(FERRANT_BUILD_DIR) + "/bin/forbserver");
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
         if ((child_ = fork()) == 0) {
-            dup2(sv[1], 0);
-            dup2(sv[1], 1);
+            dup2(sv[1], 0), dup2(sv[1], 1);
             int log = ::open(logfile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
             if (log >= 0) dup2(log, 2);
+            std::vector<char*> argv;
+            for (auto& a : args) argv.push_back(a.data());
+            argv.push_back(nullptr);
             execv(argv[0], argv.data());
             _exit(127);
         }
         close(sv[1]);
-        attach(sv[0]);
-        return child_ > 0;
+        return attach(sv[0]), child_ > 0;
     }
     void disconnect() {
         if (fd_ >= 0) close(fd_);
@@ -81,7 +74,8 @@ public:
         in_ = out_ = nullptr, req_ = nullptr, resp_ = nullptr;
         if (child_ > 0) {  // forbserver ends when its client leaves; make sure of it
             for (int i = 0; i < 2000 && waitpid(child_, &child_exit_, WNOHANG) == 0; i++) usleep(2000);
-            if (waitpid(child_, &child_exit_, WNOHANG) == 0) kill(child_, SIGKILL), waitpid(child_, &child_exit_, 0);
+            if (waitpid(child_, &child_exit_, WNOHANG) == 0)
+                kill(child_, SIGKILL), waitpid(child_, &child_exit_, 0);
         }
         child_ = -1;
     }
@@ -92,38 +86,32 @@ public:
     void set_timeout(int ms) { bnstimeout(in_, ms); }
 
     // Sends raw bytes as they are.
-    bool raw(const std::string& s) { return ::send(fd_, s.data(), s.size(), MSG_NOSIGNAL) == ssize_t(s.size()); }
-    // Sends req_ (what set by the caller) preceded by the marker.
-    bool send() {
-        buf2bns(out_, "orbm", 4);
-        return pbnsOrbrequest(out_, req_) == 0 && bnsflush(out_) == 0;
+    bool raw(const std::string& s) {
+        return ::send(fd_, s.data(), s.size(), MSG_NOSIGNAL) == ssize_t(s.size());
     }
+    // Sends req_ (what set by the caller) preceded by the marker.
+    bool send() { return buf2bns(out_, "orbm", 4), pbnsOrbrequest(out_, req_) == 0 && bnsflush(out_) == 0; }
     // Reads the next response whatever it is: 0, or -1.
     int recv_any() { return gbnsSync(in_, "orbm", 4, 1) != 0 ? -1 : gbnsOrbresponse(in_, resp_); }
     // Reads responses until one answers `what` (streamed pushes before it are skipped, as the
-    // library does). Result field, or kFailed when reading fails.
+    // library does, and counted). Result field, or kFailed when reading fails.
     int recv(int what) {
-        for (;;) {
+        for (;; skipped_++) {
             if (recv_any() < 0) return kFailed;
             int w = resp_->what;
             if (w == what || (what == ORBGET && w == ORBGETL) || (what == ORBREAP && w == ORBREAPL) ||
                 (what == ORBPUTX && w == ORBPUTXL))
                 return resp_->result;
-            skipped_++;
         }
     }
     int skipped() const { return skipped_; }
-    int exchange(int what) {
-        req_->what = what;
-        return send() ? recv(what) : kFailed;
-    }
+    int exchange(int what) { return req_->what = what, send() ? recv(what) : kFailed; }
 
     // ---- requests ----
     int open(char perm = 'r', const char* what = "server_test") {
         if (!req_->hello) req_->hello = newOrbOpenString(), req_->sZhello = 1;
         std::memcpy(&req_->hello->handshake, "orbm", 4);
-        req_->hello->pid = getpid();
-        req_->hello->perm = perm;
+        req_->hello->pid = getpid(), req_->hello->perm = perm;
         std::snprintf(req_->hello->what, sizeof req_->hello->what, "%s", what);
         std::snprintf(req_->hello->who, sizeof req_->hello->who, "tester");
         return exchange(ORBOPEN);
@@ -134,8 +122,7 @@ public:
     }
     // ORBPUTX: the new pktid, or a negative failure.
     int putx(const std::string& src, double time, const std::string& data) {
-        if (!send_pkg(ORBPUTX, src, time, data, -1)) return kFailed;
-        int r = recv(ORBPUTX);
+        int r = send_pkg(ORBPUTX, src, time, data, -1) ? recv(ORBPUTX) : kFailed;
         return r == 0 ? resp_->pktid : r;
     }
     // ORBGET: 0 with pkt filled, else the failure.
@@ -146,30 +133,24 @@ public:
         return r;
     }
     // ORBSEEK/ORBTELL/ORBAFTER: the pktid, or kFailed.
-    int seek(int code) {
-        req_->pktcode = code;
-        return pktid_or_failed(exchange(ORBSEEK));
-    }
+    int seek(int code) { return req_->pktcode = code, pktid_or_failed(exchange(ORBSEEK)); }
     int tell() { return pktid_or_failed(exchange(ORBTELL)); }
-    int after(double t) {
-        req_->time = t;
-        return pktid_or_failed(exchange(ORBAFTER));
-    }
+    int after(double t) { return req_->time = t, pktid_or_failed(exchange(ORBAFTER)); }
     // ORBSELECT/ORBREJECT: the number of sources selected, or kFailed.
     int select(const std::string& pattern, int what = ORBSELECT) {
         bool sel = what == ORBSELECT;
         char*& field = sel ? req_->select : req_->reject;
         std::free(field);
         field = strdup(pattern.c_str());
-        (sel ? req_->sZselect : req_->sZreject) = (sel ? req_->nselect : req_->nreject) = int(pattern.size() + 1);
+        int n = int(pattern.size() + 1);
+        (sel ? req_->sZselect : req_->sZreject) = (sel ? req_->nselect : req_->nreject) = n;
         return exchange(what) == 0 ? resp_->nselections : kFailed;
     }
     int reject(const std::string& pattern) { return select(pattern, ORBREJECT); }
     // Starts a stream; read it with next().
     bool reap(int maxpkts = -1, int maxbytes = -1, double maxtime = 0) {
         req_->reap_maxpkts = maxpkts, req_->reap_maxbytes = maxbytes, req_->reap_maxtime = maxtime;
-        req_->what = ORBREAP;
-        return send();
+        return req_->what = ORBREAP, send();
     }
     // Next streamed packet: 0 and pkt, -1 when reading fails, -2 for another answer.
     int next(Pkt* pkt) {
@@ -183,21 +164,22 @@ public:
     int get_id(int code) { return get(code) == 0 ? resp_->pkg->pktid : kFailed; }
     Pkt packet() const {
         Pktpkg* g = resp_->pkg;
-        return {g->pktid, g->time, g->srcname, std::string(g->packet ? g->packet : "", size_t(g->packetsize))};
+        return {g->pktid, g->time, g->srcname,
+                std::string(g->packet ? g->packet : "", size_t(g->packetsize))};
     }
-    // One positioning step, 's'eek, 'g'et, 't'ell or 'a'fter: the pktid it yields, or kFailed.
-    int step(char op, double arg) {
-        return op == 's' ? seek(int(arg)) : op == 'g' ? get_id(int(arg)) : op == 't' ? tell() : after(arg);
-    }
+    // Positioning steps, each 's'eek, 'g'et, 't'ell or 'a'fter with its argument, and the pktid
+    // (or kFailed) it must yield; run in order.
     struct Step {
         char op;
         double arg;
         int want;
     };
-    // Runs steps in order, each expected to yield its pktid.
     void expect_steps(std::initializer_list<Step> steps) {
         int i = 0;
-        for (const Step& s : steps) EXPECT_EQ(step(s.op, s.arg), s.want) << "step " << i++ << ": " << s.op << s.arg;
+        for (auto [op, x, want] : steps) {
+            int got = op == 's' ? seek(int(x)) : op == 'g' ? get_id(int(x)) : op == 't' ? tell() : after(x);
+            EXPECT_EQ(got, want) << "step " << i++ << ": " << op << x;
+        }
     }
 
 private:
@@ -206,13 +188,10 @@ private:
     bool send_pkg(int what, const std::string& src, double time, const std::string& data, int pktid) {
         if (!req_->pkg) req_->pkg = newPktpkg(), req_->sZpkg = 1;
         Pktpkg* p = req_->pkg;
-        p->pktid = pktid;
-        p->time = time;
+        p->pktid = pktid, p->time = time;
         std::snprintf(p->srcname, sizeof p->srcname, "%s", src.c_str());
         p->srcnamesize = static_cast<unsigned short>(std::strlen(p->srcname));
-        p->packet = const_cast<char*>(data.data());
-        p->packetsize = int(data.size());
-        p->sZpacket = 0;
+        p->packet = const_cast<char*>(data.data()), p->packetsize = int(data.size()), p->sZpacket = 0;
         req_->what = what;
         bool ok = send();
         p->packet = nullptr;
@@ -231,6 +210,32 @@ private:
     Bns *in_ = nullptr, *out_ = nullptr;
     Orbrequest* req_ = nullptr;
     Orbresponse* resp_ = nullptr;
+};
+
+// A fixture with one orbserver at a time, started by start(). On tear-down a server that came up
+// must stop cleanly on SIGTERM (or have halted cleanly), with no sanitizer report in its log.
+class ServerTest : public ::testing::Test {
+protected:
+    void TearDown() override {
+        if (!server) return;
+        int status = server->stop();
+        EXPECT_TRUE(server->port() == 0 || (WIFEXITED(status) && WEXITSTATUS(status) == 0)) << status;
+        EXPECT_EQ(server->sanitizer_report(), "");
+    }
+    // Starts a server (on ring, when given); false when it does not come up.
+    bool start(const std::string& pf = "", std::vector<std::string> args = {}, const std::string& ring = "") {
+        server = std::make_unique<OrbServer>(OrbServer::Options{pf, std::move(args), "127.0.0.1", ring});
+        return server->up();
+    }
+    // Connects c (from the local address, when given) and opens it; false if either fails.
+    bool join(WireClient& c, char perm = 'r', const char* what = "server_test", const char* local = nullptr) {
+        return c.connect_tcp(server->name(), local) && c.open(perm, what) == 0;
+    }
+    void expect_logged(std::initializer_list<const char*> lines) {
+        std::string log = server->log();
+        for (const char* line : lines) EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
+    }
+    std::unique_ptr<OrbServer> server;
 };
 
 }  // namespace testsupport
