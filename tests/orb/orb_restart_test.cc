@@ -8,12 +8,14 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <set>
 #include <thread>
 
 #include "orb/orb_support.h"
 #include "stock/bury.h"
 #include "stock/epoch.h"
+#include "support/child.h"
 #include "support/orbserver.h"
 
 using namespace orbtest;
@@ -21,65 +23,35 @@ using testsupport::OrbServer;
 
 namespace {
 
-// Standard error into a file for the life of the object, so that a test can watch the log while
-// other threads write to it.
-class StderrToFile {
-  public:
-    explicit StderrToFile(const std::string& path) : path_(path) {
-        fflush(stderr);
-        saved_ = dup(2);
+// Standard error into a file while the object lives, so that a test can watch it as other
+// threads write to it.
+struct StderrToFile {
+    std::string path;
+    int saved = (fflush(stderr), dup(2));
+    explicit StderrToFile(std::string p) : path(std::move(p)) {
         int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(fd, 2);
-        close(fd);
+        dup2(fd, 2), close(fd);
     }
-    ~StderrToFile() {
-        fflush(stderr);
-        dup2(saved_, 2);
-        close(saved_);
-    }
-    std::string text() const { return testsupport::slurp(path_); }
-
-  private:
-    std::string path_;
-    int saved_;
+    ~StderrToFile() { fflush(stderr), dup2(saved, 2), close(saved); }
 };
 
-struct Life {
-    int resurrected = -99;   // orbresurrect's result
-    double first_time = -1;  // time of the first packet read after it
-};
-
-// One life of a reader process: exhume, open, resurrect, read two packets, bury.
-Life reader_process(const std::string& orbname, const std::string& statefile) {
-    int fds[2];
-    EXPECT_EQ(pipe(fds), 0);
-    pid_t pid = fork();
-    if (pid == 0) {
-        Life run;
-        if (exhume(statefile.c_str(), nullptr, 0, nullptr) < 0) _exit(2);
-        int orb = orbopen(orbname.c_str(), "r&"), pktid = -1;
-        if (orb < 0) _exit(3);
+// One life of a reader process: exhume, open, resurrect, read two packets, bury. It tells
+// orbresurrect's result and the time of the first packet read after it.
+std::string reader_life(const std::string& orbname, const std::string& statefile) {
+    child::Result life = child::run([&] {
+        int pktid = -1, orb = exhume(statefile.c_str(), nullptr, 0, nullptr) < 0 ? -1 : orbopen(orbname.c_str(), "r&");
         double pkttime = 0;
-        run.resurrected = orbresurrect(orb, &pktid, &pkttime);
+        if (orb < 0) _exit(2);
+        int resurrected = orbresurrect(orb, &pktid, &pkttime);
         if (pktid < 0) orbseek(orb, ORBOLDEST);
         Reader rd(orb);
-        for (int i = 0; i < 2; i++) {
-            Got g = rd.reap();
-            if (g.rc != 0) _exit(4);
-            if (i == 0) run.first_time = g.time;
-            pktid = g.pktid, pkttime = g.time;
-        }
-        if (bury() != 0) _exit(5);
-        _exit(write(fds[1], &run, sizeof run) == sizeof run ? 0 : 6);
-    }
-    close(fds[1]);
-    Life run;
-    EXPECT_EQ(read(fds[0], &run, sizeof run), static_cast<ssize_t>(sizeof run));
-    close(fds[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
-    return run;
+        Got first = rd.reap(), second = rd.reap();
+        pktid = second.pktid, pkttime = second.time;  // what bury saves
+        if (first.rc != 0 || second.rc != 0 || bury() != 0) _exit(3);
+        printf("%s", words(resurrected, first.time).c_str());
+    });
+    EXPECT_TRUE(life.exited(0)) << life.status << life.err;
+    return life.out;
 }
 
 }  // namespace
@@ -152,36 +124,36 @@ TEST(OrbRestart, ReaderAndWriterGoOnThroughTheOtherFrontEndAndAcrossARestart) {
     for (int orb : {r, w}) EXPECT_EQ(orbclose(orb), 0);
 }
 
-TEST(OrbRestart, QuietReaderIsLeftAloneForTenTimeouts) {
+TEST(OrbRestart, AQuietReaderIsLeftAloneAndARecreatedRingIsJoinedByTimeByItAndAResurrectedOne) {
     SetEnv timeout("BNS_TIMEOUT", "100");
     OrbServer server;
     ASSERT_TRUE(server.up()) << server.log();
-    // Verbose notes are on while ./verbose exists: work in the server's directory.
-    char cwd[4096];
-    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-    ASSERT_EQ(chdir(server.dir().c_str()), 0);
+    int w = orbopen(server.name().c_str(), "w"), r = orbopen(server.name().c_str(), "r&");
+    ASSERT_TRUE(w >= 0 && r >= 0);
+    put_run(w, "AA/old", 100, 5, "o");  // times 100..104
+    double old_start = orb2orbfile(r)->orb_start;
+    ASSERT_GE(orbseek(r, ORBOLDEST), 0);
+    Reader rd(r);
+    for (int i = 0; i < 5; i++) EXPECT_EQ(rd.reap().body, "o" + std::to_string(i));
+    // A quiet reader is left alone for ten time-outs, then reconnects anyway. Verbose notes are on
+    // while ./verbose exists: work in the server's directory.
+    auto cwd = std::filesystem::current_path();
+    std::filesystem::current_path(server.dir());
     fclose(fopen("verbose", "w"));
-    int w0 = orbopen(server.name().c_str(), "w");
-    orbput(w0, "AA/quiet", 0, "old", 3);  // an empty ring would never look stale
-    orbclose(w0);
-    int r = orbopen(server.name().c_str(), "r&");
-    ASSERT_GE(r, 0);
     std::string text;
     {
         StderrToFile capture(server.dir() + "/stderr");
         Got g;
-        std::thread reader([&] { g = Reader(r).reap(); });
-        for (int i = 0; i < 250 && !has(capture.text(), "reconnecting anyway"); i++)
+        std::thread reader([&] { g = rd.reap(); });
+        for (int i = 0; i < 250 && !has(testsupport::slurp(capture.path), "reconnecting anyway"); i++)
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        int w = orbopen(server.name().c_str(), "w");
-        orbput(w, "AA/quiet", 1, "wake", 4);
+        put_run(w, "AA/old", 105, 1, "wake");
         reader.join();
-        orbclose(w);
-        text = capture.text();
-        EXPECT_EQ(words(g.rc, g.body), "0 wake");
+        text = testsupport::slurp(capture.path);
+        EXPECT_EQ(words(g.rc, g.body), "0 wake0");
     }
     unlink("verbose");
-    ASSERT_EQ(chdir(cwd), 0);
+    std::filesystem::current_path(cwd);
     size_t first_reconnect = text.find("reconnecting anyway");
     ASSERT_NE(first_reconnect, std::string::npos) << text;
     std::string head = text.substr(0, first_reconnect);
@@ -189,33 +161,16 @@ TEST(OrbRestart, QuietReaderIsLeftAloneForTenTimeouts) {
     for (size_t at = 0; (at = head.find("no reopen necessary", at)) != std::string::npos; at++) ok++;
     EXPECT_EQ(ok, 11) << text;
     EXPECT_TRUE(has(text, "orbserver looks ok, reconnecting anyway cnt=11"));
-    orbclose(r);
-}
 
-TEST(OrbRestart, ARecreatedRingIsJoinedByTimeByALiveReaderAndAResurrectedOne) {
-    SetEnv timeout("BNS_TIMEOUT", "500");
-    OrbServer server;
-    ASSERT_TRUE(server.up()) << server.log();
-    int w = orbopen(server.name().c_str(), "w");
-    ASSERT_GE(w, 0);
-    put_run(w, "AA/old", 100, 5, "o");  // times 100..104
-    orbclose(w);
-    int r = orbopen(server.name().c_str(), "r&");
-    ASSERT_GE(r, 0);
-    double old_start = orb2orbfile(r)->orb_start;
-    ASSERT_GE(orbseek(r, ORBOLDEST), 0);
-    Reader rd(r);
-    for (int i = 0; i < 5; i++) EXPECT_EQ(rd.reap().body, "o" + std::to_string(i));
     // A reader process restarted with the same state file goes on from the packet it saved.
     std::string state = server.dir() + "/state/reader";
-    Life first = reader_process(server.name(), state);
-    EXPECT_EQ(words(first.resurrected, first.first_time), "0 100");  // nothing saved: from the oldest
-    Life second = reader_process(server.name(), state);
-    EXPECT_EQ(words(second.resurrected, second.first_time), "0 102");  // after the saved one (101)
-    std::string text = testsupport::slurp(state);
+    EXPECT_EQ(reader_life(server.name(), state), "0 100");  // nothing saved: from the oldest
+    EXPECT_EQ(reader_life(server.name(), state), "0 102");  // after the saved one (101)
+    text = testsupport::slurp(state);
     EXPECT_TRUE(has(text, server.name() + "{last_pktid"));
     EXPECT_TRUE(has(text, server.name() + "{orb_start"));
 
+    orbclose(w);
     server.kill();
     unlink(server.ring().c_str());
     wait_for_time(old_start, 1.2);  // a new ring must start a second or more later
@@ -223,17 +178,16 @@ TEST(OrbRestart, ARecreatedRingIsJoinedByTimeByALiveReaderAndAResurrectedOne) {
     int f = orbopen((server.ring() + "@s8M").c_str(), "w");
     ASSERT_GE(f, 0);
     put_run(f, "AA/new", 90, 6, "early");  // times 90..95, ids 0..5
-    put_run(f, "AA/new", 103, 4, "n");     // times 103..106
+    put_run(f, "AA/new", 103, 5, "n");     // times 103..107
     orbclose(f);
     ASSERT_TRUE(server.start()) << server.log();
-    // The live reader goes on at the first packet later than the last one it read (104).
-    EXPECT_EQ(rd.reap().str(), "0 8 AA/new 105 n2");
-    EXPECT_EQ(rd.reap().body, "n3");
+    // The live reader goes on at the first packet later than the last one it read (105).
+    EXPECT_EQ(rd.reap().str(), "0 9 AA/new 106 n3");
+    EXPECT_EQ(rd.reap().body, "n4");
     EXPECT_GE(orb2orbfile(r)->orb_start - old_start, 1.0);
     orbclose(r);
-    // The resurrected one by time too: the right time, another packet; after the saved 103.
-    Life third = reader_process(server.name(), state);
-    EXPECT_EQ(words(third.resurrected, third.first_time), "-2 104");
+    // The resurrected one by time too (the right time, another packet): after the saved 103.
+    EXPECT_EQ(reader_life(server.name(), state), "-2 104");
 }
 
 TEST(OrbRestart, BadServerListsAreRefusedNamingTheName) {
