@@ -67,13 +67,7 @@ TEST_F(Hostile, MalformedTruncatedOverLongAndStalledRequests) {
     std::string junk, put = "orbm" + be32(ORBPUT) + be32(-1);
     for (int i = 0; i < 5000; i++) junk += char("xyz\001\377"[i % 5]);
     // then: 'c' the client closes at once, 'd' the server drops it, 'p' a ping is still answered.
-    struct {
-        const char* what;
-        bool open;
-        std::string bytes;
-        char then;
-        const char* logged;
-    } rows[] = {
+    struct { const char* what; bool open; std::string bytes; char then; const char* logged; } rows[] = {
         {"a put cut short", true, put + std::string("\x01\x00", 2), 'c', "connection lost mid-request"},
         {"a marker alone", false, "orbm", 'c', ""},
         {"half a marker", false, "or", 'c', ""},
@@ -219,11 +213,7 @@ TEST_F(Hostile, ClientsBeyondTheLimitAreTurnedAway) {
 }
 
 TEST_F(Hostile, BadParameterFilesAndOptionsAreReported) {
-    struct {
-        std::string pf;
-        std::vector<std::string> args;
-        const char* says;
-    } cases[] = {
+    struct { std::string pf; std::vector<std::string> args; const char* says; } cases[] = {
         {"write_allow 300.1.1.1/8\n", {}, "bad address '300.1.1.1/8'"},
         {"ring_size lots\n", {}, "bad value 'lots' for ring_size"},
         {"", {"-s", "12Q"}, "bad ring size '12Q'"},

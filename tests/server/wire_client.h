@@ -169,11 +169,7 @@ public:
     }
     // Positioning steps, each 's'eek, 'g'et, 't'ell or 'a'fter with its argument, and the pktid
     // (or kFailed) it must yield; run in order.
-    struct Step {
-        char op;
-        double arg;
-        int want;
-    };
+    struct Step { char op; double arg; int want; };
     void expect_steps(std::initializer_list<Step> steps) {
         int i = 0;
         for (auto [op, x, want] : steps) {
