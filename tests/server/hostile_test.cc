@@ -55,9 +55,7 @@ protected:
         ASSERT_TRUE(server->running()) << server->log();
         int id = good.putx("G/x", 1, "still here");
         EXPECT_GE(id, 0);
-        Pkt p;
-        ASSERT_EQ(good.get(id, &p), 0);
-        EXPECT_EQ(p.data, "still here");
+        EXPECT_EQ(good.get_pkt(id).data, "still here");
     }
     WireClient good;
 };
@@ -140,8 +138,7 @@ TEST_F(Hostile, CostlyPatternsAPutArrivingInPiecesAndAThousandConnections) {
             std::this_thread::sleep_for(std::chrono::milliseconds(30));
         }
         ASSERT_EQ(w.exchange(ORBPING), 0);
-        Pkt p;
-        ASSERT_EQ(w.get(ORBNEWEST, &p), 0);
+        Pkt p = w.get_pkt(ORBNEWEST);
         EXPECT_EQ(words(p.srcname, p.time), "P/pieces 42.5");
         EXPECT_TRUE(p.data == data);
     }
@@ -235,9 +232,7 @@ TEST_F(Hostile, IdleClientsAreDroppedWhenAsked) {
     // The streaming reader is not idle: it gets the packet when it comes.
     ASSERT_TRUE(join(w, 'w'));
     ASSERT_EQ(w.putx("I/x", 1, "for the reader"), 0);
-    Pkt p;
-    ASSERT_EQ(streaming.next(&p), 0);
-    EXPECT_EQ(p.data, "for the reader");
+    EXPECT_EQ(streaming.next_pkt().data, "for the reader");
 }
 
 TEST(Http, RefusesEscapesAndOutlastsStalledClients) {

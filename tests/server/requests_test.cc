@@ -86,9 +86,7 @@ TEST_F(Requests, ReadPositionRules) {
     // Open stands at the newest: nothing to read until something arrives.
     r.expect_steps({{'t', 0, 4}, {'g', ORBNEXT, kFailed}});
     writer.putx("AA_X/pf", 1005, body(5));
-    Pkt p;
-    ASSERT_EQ(r.get(ORBNEXT, &p), 0);
-    EXPECT_EQ(p.str(), "5 1005 AA_X/pf " + body(5));
+    EXPECT_EQ(r.get_pkt(ORBNEXT).str(), "5 1005 AA_X/pf " + body(5));
     r.expect_steps({
         {'s', ORBOLDEST, 0}, {'g', ORBCURRENT, 0},  // the next read yields the oldest itself
         {'s', ORBOLDEST, 0}, {'g', ORBNEXT, 0},     // and so does ORBNEXT
@@ -127,14 +125,12 @@ TEST_F(Requests, ReapStreams) {
     // Counted: n packets, then the end package, standing at the last packet delivered.
     ASSERT_EQ(r.seek(ORBOLDEST), 0);
     ASSERT_TRUE(r.reap(3));
-    Pkt p;
-    for (int i = 0; i < 3 && r.next(&p) == 0; i++) EXPECT_EQ(p.str(), words(i, 1000 + i, "AA_X/pf", body(i)));
-    ASSERT_EQ(r.next(&p), 0);
-    EXPECT_EQ(words(p.pktid, p.data), "-32 ");
+    for (int i = 0; i < 3; i++) EXPECT_EQ(r.next_pkt().str(), words(i, 1000 + i, "AA_X/pf", body(i)));
+    Pkt end = r.next_pkt();
+    EXPECT_EQ(words(end.pktid, end.data), "-32 ");
     EXPECT_EQ(r.tell(), 2);
     ASSERT_TRUE(r.reap(2, 0));  // headers only
-    ASSERT_EQ(r.next(&p), 0);
-    EXPECT_EQ(p.str(), "3 1003 AA_X/pf ");
+    EXPECT_EQ(r.next_pkt().str(), "3 1003 AA_X/pf ");
     for (int want : {4, -32}) ASSERT_EQ(r.next_id(), want);
     // Up to a time: the stream ends at the first later packet, which stays unread.
     ASSERT_EQ(r.seek(ORBOLDEST), 0);
@@ -146,8 +142,7 @@ TEST_F(Requests, ReapStreams) {
     ASSERT_TRUE(r.reap());
     ASSERT_EQ(r.next_id(), 200);
     writer.putx("AA_X/pf", 4000, "late");
-    ASSERT_EQ(r.next(&p), 0);
-    EXPECT_EQ(p.str(), "201 4000 AA_X/pf late");
+    EXPECT_EQ(r.next_pkt().str(), "201 4000 AA_X/pf late");
     server->stop();  // SIGTERM with a client in mid-stream
     expect_logged({"stopping on a signal"});
 }
@@ -164,10 +159,10 @@ TEST_F(Requests, SelectAndRejectMatchWholeNames) {
     EXPECT_NE(std::string(r.resp()->errmsg).find("bad pattern"), std::string::npos);
     ASSERT_EQ(r.seek(ORBOLDEST), 0);
     ASSERT_TRUE(r.reap(2));
-    Pkt p;
-    std::vector<std::string> got;
-    for (int i = 0; i < 3 && r.next(&p) == 0; i++) got.push_back(p.data + "@" + std::to_string(p.pktid));
-    EXPECT_EQ(got, (std::vector<std::string>{"1@0", "4@3", "@-32"}));
+    for (auto want : {"1@0", "4@3", "@-32"}) {
+        Pkt p = r.next_pkt();
+        EXPECT_EQ(p.data + "@" + std::to_string(p.pktid), want);
+    }
     r.expect_steps({{'s', 0, 0}, {'s', ORBNEXT, 3}, {'s', ORBPREV, 0}});  // selected steps skip the others
     EXPECT_EQ(r.select(""), 2);  // cleared; the reject still holds
     EXPECT_EQ(r.reject(""), 3);
@@ -176,8 +171,7 @@ TEST_F(Requests, SelectAndRejectMatchWholeNames) {
     ASSERT_TRUE(r.reap(1));
     writer.putx("DD/x", 5, "no");
     writer.putx("CC/x", 6, "yes");
-    ASSERT_EQ(r.next(&p), 0) << server->log();
-    EXPECT_EQ(p.data, "yes");
+    EXPECT_EQ(r.next_pkt().data, "yes");
 }
 
 TEST_F(Requests, StatSourcesClientsAndStash) {
@@ -210,16 +204,18 @@ TEST_F(Requests, StatSourcesClientsAndStash) {
     ASSERT_EQ(writer.exchange(ORBPING), 0);  // the put has been handled
     ASSERT_TRUE(join(s));                    // the stash is kept outside the sequence
     EXPECT_EQ(s.resp()->latest_pktid, 2);
-    std::snprintf(r.req()->srcname, sizeof r.req()->srcname, "BB/y");
-    ASSERT_EQ(r.exchange(ORBGETSTASH), 0);
-    EXPECT_EQ(r.packet().data, "stashed");
-    std::snprintf(r.req()->srcname, sizeof r.req()->srcname, "T/none");
-    EXPECT_NE(r.exchange(ORBGETSTASH), 0);
-    r.req()->stashflag = 2;
-    ASSERT_EQ(r.exchange(ORBSTASHSELECT), 0);
-    EXPECT_EQ(r.resp()->stashflag, 2);
-    r.req()->stashflag = 3;
-    EXPECT_NE(r.exchange(ORBSTASHSELECT), 0);
+    auto stash = [&](const char* src) {
+        std::snprintf(r.req()->srcname, sizeof r.req()->srcname, "%s", src);
+        return r.exchange(ORBGETSTASH) == 0 ? r.packet().data : "none";
+    };
+    EXPECT_EQ(stash("BB/y"), "stashed");
+    EXPECT_EQ(stash("T/none"), "none");
+    auto stashflag = [&](int flag) {
+        r.req()->stashflag = flag;
+        return r.exchange(ORBSTASHSELECT) == 0 ? r.resp()->stashflag : -1;
+    };
+    EXPECT_EQ(stashflag(2), 2);
+    EXPECT_EQ(stashflag(3), -1);
 }
 
 TEST_F(Requests, LongPacketsUseTheLongForms) {
@@ -230,21 +226,17 @@ TEST_F(Requests, LongPacketsUseTheLongForms) {
     EXPECT_EQ(writer.putx("L/x", 3, edge), 2);
     WireClient r;
     ASSERT_TRUE(join(r));
-    Pkt p;
-    ASSERT_EQ(r.get(0, &p), 0);
+    EXPECT_TRUE(r.get_pkt(0).data == big);
     EXPECT_EQ(r.resp()->what, ORBGETL);
-    EXPECT_TRUE(p.data == big);
     ASSERT_TRUE(r.reap(3));
     for (auto [what, data] : {std::pair{ORBREAPL, big + "!"}, {ORBREAP, edge}}) {
-        ASSERT_EQ(r.next(&p), 0);
+        EXPECT_TRUE(r.next_pkt().data == data);
         EXPECT_EQ(r.resp()->what, what);
-        EXPECT_TRUE(p.data == data);
     }
     // A reap that asks for fewer bytes gets packets cut to that size.
     ASSERT_EQ(r.seek(ORBOLDEST), 0);
     ASSERT_TRUE(r.reap(1, 10));
-    ASSERT_EQ(r.next(&p), 0);
-    EXPECT_EQ(p.data, big.substr(0, 10));
+    EXPECT_EQ(r.next_pkt().data, big.substr(0, 10));
 }
 
 TEST_F(Requests, UnknownCodesKillPriorityCloseAndHalt) {
@@ -290,17 +282,10 @@ protected:
 };
 
 TEST_F(Sharing, AForbserverServesItsOneClientToTheEnd) {
-    // A bad ring file is reported, not served: orbserver does not start, a forbserver exits 1.
-    std::string bad = dir.file("bad", std::string(100000, 'j')), bad_log = dir / "bad.log";
+    // A bad ring file is reported, not served (a forbserver's refusal: DamagedRing, tests/ferrant).
+    std::string bad = dir.file("bad", std::string(100000, 'j'));
     EXPECT_FALSE(up({}, bad));
-    EXPECT_NE(server->log().find(bad), std::string::npos) << server->log();
-    WireClient b;
-    ASSERT_TRUE(b.spawn_forb({bad}, bad_log));
-    EXPECT_NE(b.open('r'), 0);
-    b.disconnect();
-    EXPECT_TRUE(WIFEXITED(b.child_status()) && WEXITSTATUS(b.child_status()) == 1) << b.child_status();
-    EXPECT_NE(slurp(bad_log).find(bad), std::string::npos);
-
+    expect_logged({bad.c_str()});
     // Only the ring itself takes a packet above what the protocol carries (another writer of the
     // file, or damage); a stream must not stick on it.
     {
@@ -317,9 +302,7 @@ TEST_F(Sharing, AForbserverServesItsOneClientToTheEnd) {
     EXPECT_EQ(w.resp()->orbstat.maxdata, 16u << 20);
     ASSERT_NE(w.seek(ORBOLDEST), kFailed);
     ASSERT_TRUE(w.reap());
-    Pkt p;
-    ASSERT_EQ(w.next(&p), 0);
-    EXPECT_EQ(p.srcname + " " + p.data, "F/small after");
+    EXPECT_EQ(w.next_pkt().str(), "1 2 F/small after");
 
     // Every answer is read only after the last request and the end of input have been sent, so
     // the answers back up far past what the server keeps pending before it reads on.
@@ -396,9 +379,8 @@ TEST_F(Sharing, ForbserversAndAnOrbserverShareTheRing) {
     for (WireClient* c : {&tcp_reader, &forb_reader}) {
         for (int i = 0; i < 12; i++) {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            ASSERT_EQ(c->next(&p), 0) << i;
-            EXPECT_EQ(p.time, i);
-            EXPECT_TRUE(p.data == big(i)) << "packet " << i << " differs";
+            p = c->next_pkt();
+            EXPECT_TRUE(p.time == i && p.data == big(i)) << "packet " << i << " differs";
         }
     }
 }
@@ -425,25 +407,20 @@ TEST_F(Sharing, AKillMidAppendsLeavesTheRingConsistentAndRestartsKeepIt) {
     ASSERT_GE(latest, 0);
     ASSERT_GE(r.seek(ORBOLDEST), 0);
     // Every packet left is whole, in order and consecutive up to the newest.
-    Pkt p;
-    ASSERT_EQ(r.get(ORBNEXT, &p), 0);
-    for (int id = p.pktid, i = index_of(p.data);; id++, i++) {
-        ASSERT_EQ(p.pktid, id);
-        ASSERT_EQ(p.data, body(i)) << "pktid " << id;
+    Pkt p = r.get_pkt(ORBNEXT);
+    for (int id = p.pktid, i = index_of(p.data);; id++, i++, p = r.get_pkt(ORBNEXT)) {
+        ASSERT_EQ(words(p.pktid, p.data), words(id, body(i)));
         if (id == latest) break;
-        ASSERT_EQ(r.get(ORBNEXT, &p), 0);
     }
     // And the ring takes new packets after the last one.
     ASSERT_TRUE(join(w, 'w'));
     int base = latest + 1;
     for (int i = 0; i < 50; i++) ASSERT_EQ(w.putx("P/x", 10 + i, body(i)), base + i);
     w.disconnect();
-    // A restart keeps the packets, the ring's start and the port.
-    std::string old_name = server->name();
+    // A clean restart keeps the packets and the ring's start.
     server->stop();
     usleep(20000);  // a new server start time, to the clock's resolution and beyond
     ASSERT_TRUE(server->start()) << server->log();
-    EXPECT_EQ(server->name(), old_name);
     for (int pass = 0; pass < 2; pass++) {  // through TCP, then a forbserver on the same ring
         WireClient c;
         ASSERT_TRUE(pass == 0 ? join(c, 'r') : forb(c, 'r'));
@@ -452,10 +429,7 @@ TEST_F(Sharing, AKillMidAppendsLeavesTheRingConsistentAndRestartsKeepIt) {
         EXPECT_EQ(c.resp()->latest_pktid, base + 49);
         ASSERT_EQ(c.seek(base - 1), base - 1);
         ASSERT_TRUE(c.reap(50));
-        for (int i = 0; i < 50; i++) {
-            ASSERT_EQ(c.next(&p), 0);
-            EXPECT_EQ(p.str(), std::to_string(base + i) + " " + std::to_string(10 + i) + " P/x " + body(i));
-        }
+        for (int i = 0; i < 50; i++) EXPECT_EQ(c.next_pkt().str(), words(base + i, 10 + i, "P/x", body(i)));
     }
 }
 
@@ -477,10 +451,9 @@ TEST_F(Sharing, EvictionMovesAnEvictedReaderToTheOldest) {
     // Stand the late reader at a packet and let it be evicted under it.
     for (int i = 300; i < 600; i++) w.putx("E/x", i, big);
     ASSERT_TRUE(late.reap(1));
-    Pkt p;
-    ASSERT_EQ(late.next(&p), 0);
-    EXPECT_GT(p.pktid, oldest + 5);
-    EXPECT_EQ(p.pktid, r.seek(ORBOLDEST));
+    int got = late.next_id();
+    EXPECT_GT(got, oldest + 5);
+    EXPECT_EQ(got, r.seek(ORBOLDEST));
 }
 
 TEST_F(Sharing, PacketIdsWrapAtTheModulus) {
@@ -492,21 +465,13 @@ TEST_F(Sharing, PacketIdsWrapAtTheModulus) {
     EXPECT_EQ(r.resp()->orbstat.maxpkts, 16);
     ASSERT_TRUE(r.reap());
     for (int i = 0; i < 40; i++) EXPECT_EQ(w.putx("M/x", i, body(i)), i % 16) << i;
-    Pkt p;
-    for (int i = 0; i < 40; i++) {
-        ASSERT_EQ(r.next(&p), 0);
-        EXPECT_EQ(p.pktid, i % 16);
-        EXPECT_EQ(p.data, body(i));
-    }
+    for (int i = 0; i < 40; i++) EXPECT_EQ(r.next_pkt().str(), words(i % 16, i, "M/x", body(i)));
     // Positions by pktid work across the wrap: 36..39 are 4..7.
     EXPECT_EQ(r.seek(5), 5);
-    ASSERT_EQ(r.get(ORBCURRENT, &p), 0);
-    EXPECT_EQ(p.data, body(37));
-    ASSERT_EQ(r.get(ORBNEXT, &p), 0);
-    EXPECT_EQ(p.data, body(38));
+    EXPECT_EQ(r.get_pkt(ORBCURRENT).data, body(37));
+    EXPECT_EQ(r.get_pkt(ORBNEXT).data, body(38));
     EXPECT_EQ(r.seek(ORBOLDEST), 0);  // 32 % 16: the 8 newest are kept
-    ASSERT_EQ(r.get(ORBCURRENT, &p), 0);
-    EXPECT_EQ(p.data, body(32));
+    EXPECT_EQ(r.get_pkt(ORBCURRENT).data, body(32));
     EXPECT_EQ(r.seek(10), kFailed);  // 26 is gone, 42 not yet there
 }
 

@@ -159,9 +159,11 @@ public:
         if (pkt) *pkt = packet();
         return resp_->result;
     }
-    // The pktid of the next streamed packet, or of what ORBGET code yields; kFailed when none.
-    int next_id() { return next(nullptr) == 0 ? resp_->pkg->pktid : kFailed; }
-    int get_id(int code) { return get(code) == 0 ? resp_->pkg->pktid : kFailed; }
+    // The next streamed packet, or what ORBGET code yields; its pktid is kFailed when there is none.
+    Pkt next_pkt() { return next(nullptr) == 0 ? packet() : Pkt{kFailed, 0, {}, {}}; }
+    Pkt get_pkt(int code) { return get(code) == 0 ? packet() : Pkt{kFailed, 0, {}, {}}; }
+    int next_id() { return next_pkt().pktid; }
+    int get_id(int code) { return get_pkt(code).pktid; }
     Pkt packet() const {
         Pktpkg* g = resp_->pkg;
         return {g->pktid, g->time, g->srcname,
