@@ -274,25 +274,8 @@ TEST_F(OrbServerTest, PositioningByWordTimeAndGarbageAndCountedReads) {
     EXPECT_EQ(words(pktid, src, t), "0 AA_B/pos 1000");
 }
 
-TEST_F(OrbServerTest, SelectRejectAndPatternFiles) {
-    int w = open("w"), r = open("r");
-    for (int i = 0; i < 3; i++)
-        for (const char* src : {"AA_ONE/x", "BB_TWO/x", "CC_THREE/y"}) ASSERT_GE(orbputx(w, src, 100 + i, "x", 1), 0);
-    // A pattern file: its lines, trimmed, joined as alternatives.
-    std::string file = server.dir() + "/patterns", none = server.dir() + "/nothing-here";
-    std::ofstream(file) << "  CC_THREE/y  \n\nBB_TWO/x\n";
-    EXPECT_EQ(orbselect(r, ("@" + file).c_str()), 2);
-    EXPECT_EQ(orbreject(r, ("@" + file).c_str()), 0);  // the same file rejects both
-    EXPECT_EQ(orbreject(r, "XX"), 2);
-    orbseek(r, ORBOLDEST);
-    Reader rd(r);
-    for (int i = 0; i < 6; i++) EXPECT_NE(rd.reap().src, "AA_ONE/x");
-    EXPECT_TRUE(fails_saying([&] { return orbselect(r, ("@" + none).c_str()); }, "Can't open '" + none + "'"));
-    EXPECT_EQ(orbselect(r, "(unclosed"), -1);  // the server refuses a bad pattern
-}
-
-TEST_F(OrbServerTest, BoundedReadsGiveUpQuietly) {
-    int r = open("r&");
+TEST_F(OrbServerTest, BoundedReadsGiveUpQuietlyAndPatternsSelect) {
+    int r = open("r&"), w = open("w");
     Reader rd(r);
     std::string err = stderr_of([&] {
         EXPECT_EQ(rd.reap_nd().rc, -2);
@@ -301,18 +284,36 @@ TEST_F(OrbServerTest, BoundedReadsGiveUpQuietly) {
     EXPECT_EQ(err, "");
     EXPECT_GT(orb2orbfile(r)->first_nd_failure, 0);
     EXPECT_EQ(orb2orbfile(r)->reopen, 1);  // restored after the read
-    put_run(open("w"), "AA/nd", 7, 2);
+    put_run(w, "AA/nd", 7, 2);
     EXPECT_EQ(rd.reap_timeout(10).str(), "0 0 AA/nd 7 p0");
     EXPECT_EQ(orb2orbfile(r)->first_nd_failure, 0);
     Got k;
     for (int i = 0; i < 1000 && (k = rd.reap_nd()).rc == -2; i++) usleep(2000);
     EXPECT_EQ(k.str(), "0 1 AA/nd 8 p1");
+    // Select and reject, with a pattern file: its lines, trimmed, joined as alternatives.
+    for (int i = 0; i < 3; i++)
+        for (const char* src : {"AA_ONE/x", "BB_TWO/x", "CC_THREE/y"}) ASSERT_GE(orbputx(w, src, 100 + i, "x", 1), 0);
+    std::string file = server.dir() + "/patterns", none = server.dir() + "/nothing-here";
+    std::ofstream(file) << "  CC_THREE/y  \n\nBB_TWO/x\n";
+    EXPECT_EQ(orbselect(r, ("@" + file).c_str()), 2);
+    EXPECT_EQ(orbreject(r, ("@" + file).c_str()), 0);  // the same file rejects both
+    EXPECT_EQ(orbreject(r, "XX"), 2);
+    orbseek(r, ORBOLDEST);
+    for (int i = 0; i < 6; i++) EXPECT_NE(rd.reap().src, "AA_ONE/x");
+    EXPECT_TRUE(fails_saying([&] { return orbselect(r, ("@" + none).c_str()); }, "Can't open '" + none + "'"));
+    EXPECT_EQ(orbselect(r, "(unclosed"), -1);  // the server refuses a bad pattern
 }
 
-TEST_F(OrbServerTest, LongEmptyLongNamedAndOversizePacketsRupStashAndElog) {
-    setenv("ORB_MAX_DATA_BYTES", "100", 1);
-    int w = open("w"), r = open("r");
-    unsetenv("ORB_MAX_DATA_BYTES");
+TEST_F(OrbServerTest, WritesAndStatusUnderOrbDumpRupStashAndElog) {
+    std::string dir = server.dir() + "/dumps", out = server.dir() + "/orbstat.out";
+    int r = open("r"), w;
+    {
+        SetEnv dump("ORB_DUMP", dir), limit("ORB_MAX_DATA_BYTES", "100");
+        w = open("w");
+    }
+    std::string path = orb2orbfile(w)->PacketDump;
+    EXPECT_EQ(path.rfind(dir + "/", 0), 0u) << path;
+    EXPECT_EQ(path.find(':', dir.size()), std::string::npos) << path;  // the port's ":" became "#"
     EXPECT_EQ(Orb_max_data_bytes, 100);
     std::string big(70000, 'b'), longname(80, 'L');
     EXPECT_TRUE(fails_saying([&] { return orbput(w, "AA/lim", 1, big.data(), 101); }, "maximum packet size is 100"));
@@ -332,7 +333,18 @@ TEST_F(OrbServerTest, LongEmptyLongNamedAndOversizePacketsRupStashAndElog) {
     EXPECT_EQ(rd.reap().str(), "0 2 AA_SMALL/xfer 6 ");
     EXPECT_EQ(rd.reap().src, std::string(63, 'L'));
     EXPECT_EQ(orbrange(r), 4);
-    // (Status, sources and clients are read through orbstat below.)
+    std::string orbstat = std::string(FERRANT_BUILD_DIR) + "/bin/orbstat";
+    EXPECT_EQ(system((orbstat + " -s -c " + server.name() + " >" + out + " 2>&1").c_str()), 0);
+    std::string text = slurp(out);
+    EXPECT_TRUE(has(text, "holding     4 packets from 4 sources"));
+    EXPECT_TRUE(has(text, "AA_SMALL/xfer"));
+    EXPECT_TRUE(has(text, "orb_server_test"));  // this process's clients
+    EXPECT_NE(system((orbstat + " -x >" + out + " 2>&1").c_str()), 0);
+    EXPECT_TRUE(has(slurp(out), "Usage: orbstat [-s] [-c] [-j] orb"));
+    text = slurp(path);  // the exchange log
+    EXPECT_TRUE(has(text, "#orb x output-" + server.name() + " "));
+    EXPECT_TRUE(has(text, "#orb x input-" + server.name() + " "));
+    EXPECT_TRUE(has(text, "41 41 2f 6c 69 6d 62 62  ?.......AA/limbb"));  // a packet, in hex and text
     int id = -1, latest;
     EXPECT_EQ(orbid(r, &id), 0);
     double os, ss;
@@ -355,33 +367,6 @@ TEST_F(OrbServerTest, LongEmptyLongNamedAndOversizePacketsRupStashAndElog) {
     g = rd.reap();
     EXPECT_EQ(words(g.src, g.body), "prog/log something happened");
     EXPECT_EQ(rd.reap().body, "and again");
-}
-
-TEST_F(OrbServerTest, OrbstatAndExchangeLogsUnderOrbDump) {
-    std::string dir = server.dir() + "/dumps", out = server.dir() + "/orbstat.out";
-    int w;
-    {
-        SetEnv dump("ORB_DUMP", dir);
-        w = open("w");
-    }
-    std::string path = orb2orbfile(w)->PacketDump;
-    EXPECT_EQ(path.rfind(dir + "/", 0), 0u) << path;
-    EXPECT_EQ(path.find(':', dir.size()), std::string::npos) << path;  // the port's ":" became "#"
-    put_run(w, "AA_STAT/xfer", 1e9, 3);
-    std::string orbstat = std::string(FERRANT_BUILD_DIR) + "/bin/orbstat";
-    EXPECT_EQ(system((orbstat + " -s -c " + server.name() + " >" + out + " 2>&1").c_str()), 0);
-    std::string text = slurp(out);
-    EXPECT_TRUE(has(text, "holding     3 packets from 1 sources"));
-    EXPECT_TRUE(has(text, "AA_STAT/xfer"));
-    EXPECT_TRUE(has(text, "orb_server_test"));  // this process's writer
-    EXPECT_NE(system((orbstat + " -x >" + out + " 2>&1").c_str()), 0);
-    EXPECT_TRUE(has(slurp(out), "Usage: orbstat [-s] [-c] [-j] orb"));
-    orbclose(w);
-    opened.clear();
-    text = slurp(path);
-    EXPECT_TRUE(has(text, "#orb x output-" + server.name() + " "));
-    EXPECT_TRUE(has(text, "#orb x input-" + server.name() + " "));
-    EXPECT_TRUE(has(text, "AA_STAT/\n") && has(text, "xferp0"));  // the packet, dumped in hex and text
 }
 
 // ---- the lag throttle ----
