@@ -216,7 +216,6 @@ TEST_F(OrbServerTest, HostPortsNamedPortsFilePathsAndAWaitingOpen) {
     setenv("ORB_IP_ADDRESS", "not-an-address", 1);
     EXPECT_TRUE(fails_saying([&] { return orbopen(name.c_str(), "r"); }, "Failed to bind ip address 'not-an-address'"));
     unsetenv("ORB_IP_ADDRESS");
-
     // A waiting open ("@") retries, quietly, until the server comes.
     setenv("BNS_TIMEOUT", "100", 1);
     server.stop();
@@ -360,7 +359,6 @@ TEST_F(OrbServerTest, WritesAndStatusUnderOrbDumpRupStashAndElog) {
     stderr_of([&] { EXPECT_EQ(orbgetstash(r, src, &pktid, &t, &buf, &nbytes, &size), -1); });
     EXPECT_STREQ(src, "");  // nothing stashed
     free(buf);
-
     // orbelog puts log text into a ring, keeping its connection.
     EXPECT_EQ(orbelog(server.name().c_str(), "prog", "something happened"), 0);
     EXPECT_EQ(orbelog(server.name().c_str(), "prog", "and again"), 0);
@@ -458,42 +456,29 @@ TEST(OrbHostile, BadNamesHostilePeersAndUnknownDescriptorsFailWithTheirMessages)
     SetEnv timeout("BNS_TIMEOUT", "300");
     std::string closed_port;
     close(loopback_socket(&closed_port));  // nobody listens there now
-    struct {
-        const char* what;
-        std::string name;  // opened when there is no peer
-        std::function<void(PeerSide&)> peer;
-        const char* perm;
-        std::string message;
-    } cases[] = {
-        {"port too large", "127.0.0.1:70000", nullptr, "r", "port number is 70000, but must be less than 65535"},
-        {"port name unknown", "127.0.0.1:no_such_port_name", nullptr, "r",
+    // peer: ' ' none (the name is opened), 'c' closes at once, 's' says nothing, 'g' answers garbage,
+    // 'r' refuses the open with a reason.
+    struct { const char* what; std::string name; char peer; const char* perm; std::string message; } cases[] = {
+        {"port too large", "127.0.0.1:70000", ' ', "r", "port number is 70000, but must be less than 65535"},
+        {"port name unknown", "127.0.0.1:no_such_port_name", ' ', "r",
          "Don't understand orbserver port 'no_such_port_name'"},
-        {"nobody listening", closed_port, nullptr, "r", "Can't connect to server '"},
-        {"peer closing at once", "", [](PeerSide&) {}, "r", "open negotiation fails: errno = "},
-        {"silent peer", "",
-         [](PeerSide& s) {
-             char b[512];
-             for (pollfd p{s.fd, POLLIN, 0}; poll(&p, 1, 2000) == 1 && ::read(s.fd, b, sizeof b) > 0;) {
-             }
-         },
-         "r", "open negotiation fails: errno = 0 eof=false"},
-        {"garbage instead of a response", "",
-         [](PeerSide& s) {
-             std::string junk = std::string(200, '\x5a') + "orbmorbm\xff\xff";
-             ::send(s.fd, junk.data(), junk.size(), MSG_NOSIGNAL);
-             usleep(500000);
-         },
-         "r", "open negotiation fails"},
-        {"refusal carries the server's reason", "",
-         [](PeerSide& s) {
-             s.answer_open("address 127.0.0.1 may not write");
-             usleep(200000);
-         },
-         "w", "orbserver: address 127.0.0.1 may not write"},
+        {"nobody listening", closed_port, ' ', "r", "Can't connect to server '"},
+        {"peer closing at once", "", 'c', "r", "open negotiation fails: errno = "},
+        {"silent peer", "", 's', "r", "open negotiation fails: errno = 0 eof=false"},
+        {"garbage instead of a response", "", 'g', "r", "open negotiation fails"},
+        {"refusal carries the server's reason", "", 'r', "w", "orbserver: address 127.0.0.1 may not write"},
     };
     for (auto& c : cases) {
         SCOPED_TRACE(c.what);
-        std::unique_ptr<Peer> peer(c.peer ? new Peer(c.peer) : nullptr);
+        std::unique_ptr<Peer> peer(c.peer == ' ' ? nullptr : new Peer([kind = c.peer](PeerSide& s) {
+            char b[512];
+            std::string junk = std::string(200, '\x5a') + "orbmorbm\xff\xff";
+            if (kind == 's')
+                for (pollfd p{s.fd, POLLIN, 0}; poll(&p, 1, 2000) == 1 && ::read(s.fd, b, sizeof b) > 0;) {
+                }
+            if (kind == 'g') ::send(s.fd, junk.data(), junk.size(), MSG_NOSIGNAL), usleep(500000);
+            if (kind == 'r') s.answer_open("address 127.0.0.1 may not write"), usleep(200000);
+        }));
         std::string name = peer ? peer->name() : c.name;
         EXPECT_TRUE(fails_saying([&] { return orbopen(name.c_str(), c.perm); }, c.message));
     }
@@ -574,7 +559,6 @@ TEST(OrbRestart, ReaderAndWriterGoOnThroughTheOtherFrontEndAndAcrossARestart) {
     for (int i = 0; i < 3; i++) EXPECT_EQ(rd.reap().str(), words(0, ids[i], "AA/fo", 2000 + i, "b" + std::to_string(i)));
     int third = orbopen(both.c_str(), "r");  // passes over the dead first address
     EXPECT_EQ(orbclose(third), 0);
-
     // No server at all for a while, then the first one back.
     int last = orb2orbfile(r)->lastpktid;
     double old_server_start = orb2orbfile(r)->server_start;
@@ -656,7 +640,6 @@ TEST(OrbRestart, AQuietReaderIsLeftAloneAndARecreatedRingIsJoinedByTimeByItAndAR
     for (size_t at = 0; (at = head.find("no reopen necessary", at)) != std::string::npos; at++) ok++;
     EXPECT_EQ(ok, 11) << text;
     EXPECT_TRUE(has(text, "orbserver looks ok, reconnecting anyway cnt=11"));
-
     // A reader process restarted with the same state file goes on from the packet it saved.
     std::string state = server.dir() + "/state/reader";
     EXPECT_EQ(reader_life(server.name(), state), "0 100");  // nothing saved: from the oldest

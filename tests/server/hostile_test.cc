@@ -256,7 +256,6 @@ TEST(Http, RefusesEscapesAndOutlastsStalledClients) {
     };
     for (const auto& c : cases)
         EXPECT_EQ(testsupport::http_request(port, c.request).code, c.code) << c.request.substr(0, 40);
-
     // Source names that need escaping, in every output.
     const std::vector<std::string> names = {"q\"uote", "back\\slash", "<b>x</b>", "bad\xff\xfe", "new\nline"};
     int orb = orbopen(server.name().c_str(), "w");
@@ -279,7 +278,6 @@ TEST(Http, RefusesEscapesAndOutlastsStalledClients) {
     EXPECT_NE(html.find("q&quot;uote"), std::string::npos);
     EXPECT_EQ(html.find("<b>x"), std::string::npos);
     for (const std::string& body : {metrics, html}) EXPECT_EQ(body.find('\xff'), std::string::npos);
-
     // Stalled HTTP clients hold neither the page nor packet service, and are dropped in the end.
     std::vector<int> stalled;
     for (int i = 0; i < 20; i++) {
@@ -324,12 +322,10 @@ TEST(Tls, RefusalsSayWhyTheServerServesOnAndSignedOpensCannotBeReplayed) {
     spit(tmp.sub("forged") + "/alice.key", slurp(pki / "mallory.key"));
     std::string pf = write_pf(tmp / "t.pf");
     make_old(tmp / "src/f", "data\n");
-
     // A handshake cut short stays open throughout; it must not hold up anyone.
     testsupport::WireClient cut;
     ASSERT_TRUE(cut.connect_tcp(sec.name()));
     ASSERT_TRUE(cut.raw(std::string("\x16\x03\x01\x02\x00\x01\x00", 7)));
-
     // perm 'r': orbstat reads the status, 'w': ferrant2 sends a file.
     struct Case { const char* name; char perm; std::string var, value, client, server; } cases[] = {
         {"sec", 'w', "", "", "", ""},
@@ -367,7 +363,6 @@ TEST(Tls, RefusalsSayWhyTheServerServesOnAndSignedOpensCannotBeReplayed) {
     EXPECT_TRUE(eventually([&] { return sec.log().find("TLS handshake not completed in time") != std::string::npos; }))
         << sec.log();
     EXPECT_EQ(sec.sanitizer_report(), "");
-
     // A signature is good for the one challenge it was made for, and a challenge for one open.
     SetEnv keys("ORB_KEYS", pki.dir.path);
     using Signed = std::pair<std::string, std::string>;  // challenge, signature

@@ -303,7 +303,6 @@ TEST_F(Sharing, AForbserverServesItsOneClientToTheEnd) {
     ASSERT_NE(w.seek(ORBOLDEST), kFailed);
     ASSERT_TRUE(w.reap());
     EXPECT_EQ(w.next_pkt().str(), "1 2 F/small after");
-
     // Every answer is read only after the last request and the end of input have been sent, so
     // the answers back up far past what the server keeps pending before it reads on.
     std::string big(900000, 'b');
@@ -366,7 +365,6 @@ TEST_F(Sharing, ForbserversAndAnOrbserverShareTheRing) {
     a.join();
     b.join();
     EXPECT_EQ(only_b, kPackets);
-
     // Large packets go out straight from the ring as far as the socket takes them and the rest is
     // queued; a reader that lags behind must still see every byte in order.
     auto big = [](int i) {
