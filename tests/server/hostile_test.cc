@@ -74,10 +74,12 @@ TEST_F(Hostile, MalformedTruncatedOverLongAndStalledRequests) {
         {"a long put", true, "orbm" + be32(ORBPUTL) + be32(-1) + be32(100000000), 'd',
          "packet size 100000000 beyond the limit"},
         {"a negative put", true, "orbm" + be32(ORBPUTXL) + be32(-1) + be32(-5), 'd', ""},
-        {"a long select", true, "orbm" + be32(ORBSELECT) + be32(16385), 'd', "pattern length 16385 beyond the limit"},
+        {"a long select", true, "orbm" + be32(ORBSELECT) + be32(16385), 'd',
+         "pattern length 16385 beyond the limit"},
         {"a negative reject", true, "orbm" + be32(ORBREJECT) + be32(-1), 'd', ""},
         {"a source-name length beyond what is read (the rest is skipped)", true,
-         put + std::string("\x00\x01\x00\xc8", 4) + std::string(8, '\0') + std::string(200, 's') + "p", 'p', ""},
+         put + std::string("\x00\x01\x00\xc8", 4) + std::string(8, '\0') + std::string(200, 's') + "p", 'p',
+         ""},
         {"a stall mid-request", true, put, 'd', "stalled in the middle of a request"},
     };
     for (const auto& row : rows) {
@@ -116,10 +118,8 @@ TEST_F(Hostile, CostlyPatternsAPutArrivingInPiecesAndAThousandConnections) {
         WireClient c, w;
         ASSERT_TRUE(join(c, 'r'));
         ASSERT_TRUE(good.put("A/b", 1, "x"));
-        for (const char* bad : {"(a)\\1", "(.*)*\\1x", "((a|b){1,100}){1,100}", "(x{0,70}){70}"}) {
-            EXPECT_EQ(c.select(bad), WireClient::kFailed) << bad;
-            EXPECT_EQ(c.reject(bad), WireClient::kFailed) << bad;
-        }
+        for (const char* bad : {"(a)\\1", "(.*)*\\1x", "((a|b){1,100}){1,100}", "(x{0,70}){70}"})
+            EXPECT_TRUE(c.select(bad) == WireClient::kFailed && c.reject(bad) == WireClient::kFailed) << bad;
         // Escaped braces, small counts and unbounded ones are fine.
         EXPECT_EQ(c.select("A/b{1,3}"), 1);
         EXPECT_EQ(c.select("A/(b|c){1,}|A/b\\{1"), 1);
@@ -132,7 +132,8 @@ TEST_F(Hostile, CostlyPatternsAPutArrivingInPiecesAndAThousandConnections) {
         uint64_t bits;
         std::memcpy(&bits, &when, 8);
         std::string msg = "orbm" + be32(ORBPUTL) + be32(-1) + be32(int32_t(data.size())) +
-                          std::string{0, char(src.size())} + be32(int32_t(bits >> 32)) + be32(int32_t(bits)) + src + data;
+                          std::string{0, char(src.size())} + be32(int32_t(bits >> 32)) + be32(int32_t(bits)) +
+                          src + data;
         for (size_t at = 0; at < msg.size(); at += 70001) {
             w.raw(msg.substr(at, 70001));
             std::this_thread::sleep_for(std::chrono::milliseconds(30));
@@ -267,15 +268,15 @@ TEST(Http, RefusesEscapesAndOutlastsStalledClients) {
         return !doc.is_discarded() && doc["sources"].size() == names.size();
     }));
     std::string all = doc["sources"].dump();  // the names, escaped again for JSON
-    for (const char* n : {"q\\\"uote", "back\\\\slash", "<b>x</b>", "bad\xef\xbf\xbd\xef\xbf\xbd\"", "new\\nline"})
+    for (const char* n :
+         {"q\\\"uote", "back\\\\slash", "<b>x</b>", "bad\xef\xbf\xbd\xef\xbf\xbd\"", "new\\nline"})
         EXPECT_NE(all.find(n), std::string::npos) << n << all;
     std::string metrics = http_get(port, "/metrics").body, html = http_get(port, "/").body;
-    for (const char* label :
-         {"srcname=\"q\\\"uote\"", "srcname=\"back\\\\slash\"", "srcname=\"new\\nline\"", "srcname=\"<b>x</b>\""})
+    for (const char* label : {"srcname=\"q\\\"uote\"", "srcname=\"back\\\\slash\"", "srcname=\"new\\nline\"",
+                              "srcname=\"<b>x</b>\""})
         EXPECT_NE(metrics.find(label), std::string::npos) << label;
     EXPECT_EQ(ferrant_test::count(metrics, "\norbserver_source_packets{"), names.size()) << metrics;
-    EXPECT_NE(html.find("&lt;b&gt;x&lt;/b&gt;"), std::string::npos);
-    EXPECT_NE(html.find("q&quot;uote"), std::string::npos);
+    for (const char* s : {"&lt;b&gt;x&lt;/b&gt;", "q&quot;uote"}) EXPECT_TRUE(orbtest::has(html, s));
     EXPECT_EQ(html.find("<b>x"), std::string::npos);
     for (const std::string& body : {metrics, html}) EXPECT_EQ(body.find('\xff'), std::string::npos);
     // Stalled HTTP clients hold neither the page nor packet service, and are dropped in the end.
@@ -330,7 +331,8 @@ TEST(Tls, RefusalsSayWhyTheServerServesOnAndSignedOpensCannotBeReplayed) {
     struct Case { const char* name; char perm; std::string var, value, client, server; } cases[] = {
         {"sec", 'w', "", "", "", ""},
         {"anon", 'r', "", "", "", ""},
-        {"anon", 'w', "", "", "opens for writing must be signed on this server", "(unsigned): opens for writing"},
+        {"anon", 'w', "", "", "opens for writing must be signed on this server",
+         "(unsigned): opens for writing"},
         {"sec", 'w', "ORB_KEYS", tmp / "forged", "the signature of signer 'alice' does not verify",
          "(signer 'alice'): the signature"},
         {"sec", 'w', "ORB_KEYS", tmp / "none", "failed to create signature for orb open request", ""},
@@ -360,7 +362,7 @@ TEST(Tls, RefusalsSayWhyTheServerServesOnAndSignedOpensCannotBeReplayed) {
             EXPECT_TRUE(eventually([&] { return count(sec.log(), c.server) == 1; })) << sec.log();
         }
     }
-    EXPECT_TRUE(eventually([&] { return sec.log().find("TLS handshake not completed in time") != std::string::npos; }))
+    EXPECT_TRUE(eventually([&] { return count(sec.log(), "TLS handshake not completed in time") > 0; }))
         << sec.log();
     EXPECT_EQ(sec.sanitizer_report(), "");
     // A signature is good for the one challenge it was made for, and a challenge for one open.
@@ -403,7 +405,8 @@ TEST(Tls, RefusalsSayWhyTheServerServesOnAndSignedOpensCannotBeReplayed) {
         testsupport::WireClient w;
         ASSERT_TRUE(w.connect_tcp(plain.name()));
         Signed fresh = c.challenge_first ? ask(w) : good;
-        Signed sent{c.fresh_challenge ? fresh.first : good.first, c.fresh_signature ? fresh.second : good.second};
+        Signed sent{c.fresh_challenge ? fresh.first : good.first,
+                    c.fresh_signature ? fresh.second : good.second};
         EXPECT_NE(open(w, sent).find(c.why), std::string::npos) << c.why;
     }
 }
