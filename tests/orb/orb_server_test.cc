@@ -118,8 +118,10 @@ class Peer {
             pollfd p{lfd_, POLLIN, 0};
             int fd = poll(&p, 1, 10000) == 1 ? accept(lfd_, nullptr, nullptr) : -1;
             if (fd < 0) return;
-            PeerSide side{fd};
-            script(side);
+            {
+                PeerSide side{fd};
+                script(side);
+            }
             close(fd);
         });
     }
@@ -355,7 +357,6 @@ TEST_F(OrbServerTest, WritesAndStatusUnderOrbDumpRupStashAndElog) {
     double os, ss;
     EXPECT_EQ(orbrup(server.name().c_str(), id, &os, &ss, &latest), 1);
     EXPECT_EQ(words(os, ss), words(orb2orbfile(r)->orb_start, orb2orbfile(r)->server_start));
-
     EXPECT_EQ(orbstashselect(r, 1), 1);
     EXPECT_EQ(orbstashselect(r, 3), 1);  // nothing sent; the last flag stands
     char src[ORB_SRCNAME_SIZE + 1] = "AA/none";
