@@ -1,11 +1,10 @@
-// Helpers shared by the client-library tests that run against a real server.
+// Helpers shared by the client-library and server tests that run against a real server.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -13,13 +12,23 @@
 
 namespace orbtest {
 
-// A packet as a test sees it.
+// The values joined by spaces, to compare several fields at once.
+template <class... T>
+std::string words(const T&... v) {
+    std::ostringstream o;
+    o.precision(17);
+    ((o << v << ' '), ...);
+    std::string s = o.str();
+    return s.substr(0, s.size() - 1);
+}
+
+// A packet as a test sees it; str() is "rc pktid src time body".
 struct Got {
-    int rc = -1;
-    int pktid = -1;
+    int rc = -1, pktid = -1;
     std::string src;
     double time = 0;
     std::string body;
+    std::string str() const { return words(rc, pktid, src, time, body); }
 };
 
 // Reads with a caller buffer that the library grows and may move.
@@ -49,6 +58,12 @@ class Reader {
     int size_ = 0;
 };
 
+// Success when text contains part; the failure shows the text.
+inline testing::AssertionResult has(const std::string& text, const std::string& part) {
+    if (text.find(part) != std::string::npos) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
+}
+
 // What f writes to standard error.
 template <class F>
 std::string stderr_of(F f) {
@@ -57,8 +72,16 @@ std::string stderr_of(F f) {
     return testing::internal::GetCapturedStderr();
 }
 
-// Puts count packets from src with times t0, t0+1, ... and bodies "<prefix><i>";
-// returns their ids.
+// Success when f() returns -1 and writes part to standard error.
+template <class F>
+testing::AssertionResult fails_saying(F f, const std::string& part) {
+    int rc = 0;
+    std::string err = stderr_of([&] { rc = f(); });
+    if (rc != -1) return testing::AssertionFailure() << "returned " << rc << ", not -1; stderr:\n" << err;
+    return has(err, part);
+}
+
+// Puts count packets from src with times t0, t0+1, ... and bodies "<prefix><i>"; returns their ids.
 inline std::vector<int> put_run(int orb, const char* src, double t0, int count, std::string prefix = "p") {
     std::vector<int> ids;
     for (int i = 0; i < count; i++) {
@@ -67,5 +90,12 @@ inline std::vector<int> put_run(int orb, const char* src, double t0, int count, 
     }
     return ids;
 }
+
+// Sets an environment variable for the life of the object.
+struct SetEnv {
+    std::string name;
+    SetEnv(const char* n, const std::string& value) : name(n) { setenv(n, value.c_str(), 1); }
+    ~SetEnv() { unsetenv(name.c_str()); }
+};
 
 }  // namespace orbtest
