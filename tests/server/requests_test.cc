@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "ring/ring.h"
+#include "support/nats_cluster.h"
 #include "wire_client.h"
 
 using testsupport::Pkt;
@@ -31,9 +32,24 @@ int index_of(const std::string& data) {
     return data.size() < 2 || data[0] != '#' ? -1 : std::atoi(data.c_str() + 1);
 }
 
-class Requests : public testsupport::ServerTest {
+// The same requests against a ring file and against a JetStream stream of a
+// real 3-node cluster on loopback: the answers must not tell them apart.
+class Requests : public testsupport::ServerTest, public ::testing::WithParamInterface<std::string> {
 protected:
-    void SetUp() override { ASSERT_TRUE(start() && join(writer, 'w', "writer")) << server->log(); }
+    void SetUp() override {
+        if (GetParam() == "jetstream") {
+            if (nats_test::server_binary().empty()) GTEST_SKIP() << "nats-server is not installed (scripts/deps.sh)";
+            static nats_test::Cluster cluster;   // one per test program, gone with it
+            ASSERT_EQ(cluster.wait_ready(), "");
+            std::string urls;
+            for (const auto& u : cluster.urls()) urls += (urls.empty() ? "" : ",") + u;
+            static int serial = 0;
+            ASSERT_TRUE(start("", {"-J", urls}, "requests" + std::to_string(serial++))) << server->log();
+        } else {
+            ASSERT_TRUE(start()) << server->log();
+        }
+        ASSERT_TRUE(join(writer, 'w', "writer")) << server->log();
+    }
     // Puts n packets of AA_X/pf with times 1000+i; returns their pktids.
     std::vector<int> put_n(int n) {
         std::vector<int> ids;
@@ -44,7 +60,7 @@ protected:
     WireClient writer;
 };
 
-TEST_F(Requests, OpenIdSessionsAndTheEmptyRing) {
+TEST_P(Requests, OpenIdSessionsAndTheEmptyRing) {
     WireClient c, asker;
     ASSERT_TRUE(c.connect_tcp(server->name()));
     // Before the open only a ping is answered.
@@ -80,7 +96,7 @@ TEST_F(Requests, OpenIdSessionsAndTheEmptyRing) {
     EXPECT_EQ(active(99999), 0);
 }
 
-TEST_F(Requests, ReadPositionRules) {
+TEST_P(Requests, ReadPositionRules) {
     ASSERT_EQ(put_n(5), (std::vector<int>{0, 1, 2, 3, 4}));
     WireClient r;
     ASSERT_TRUE(join(r));
@@ -107,7 +123,7 @@ TEST_F(Requests, ReadPositionRules) {
                     {'s', ORBPREVT, kFailed}});
 }
 
-TEST_F(Requests, ReapStreams) {
+TEST_P(Requests, ReapStreams) {
     WireClient r;
     ASSERT_TRUE(join(r));
     ASSERT_TRUE(r.reap());
@@ -149,7 +165,7 @@ TEST_F(Requests, ReapStreams) {
     expect_logged({"stopping on a signal"});
 }
 
-TEST_F(Requests, SelectAndRejectMatchWholeNames) {
+TEST_P(Requests, SelectAndRejectMatchWholeNames) {
     const char* srcs[] = {"AA_X/pf", "BB_Y/pf", "AA_Z/wf", "AA_X/pf"};
     for (int i = 0; i < 4; i++) writer.putx(srcs[i], i + 1, std::to_string(i + 1));
     WireClient r;
@@ -174,7 +190,7 @@ TEST_F(Requests, SelectAndRejectMatchWholeNames) {
     EXPECT_EQ(r.next_pkt().data, "yes");
 }
 
-TEST_F(Requests, StatSourcesClientsAndStash) {
+TEST_P(Requests, StatSourcesClientsAndStash) {
     writer.putx("AA/x", 10, "12345");
     writer.putx("AA/x", 11, "123");
     writer.putx("BB/y", 12, "1");
@@ -219,7 +235,7 @@ TEST_F(Requests, StatSourcesClientsAndStash) {
     EXPECT_EQ(stashflag(3), -1);
 }
 
-TEST_F(Requests, LongPacketsUseTheLongForms) {
+TEST_P(Requests, LongPacketsUseTheLongForms) {
     std::string big(100000, 'L'), edge(65535, 'e');
     big[0] = 'A', big[99999] = 'Z';
     EXPECT_EQ(writer.putx("L/x", 1, big), 0);
@@ -240,7 +256,7 @@ TEST_F(Requests, LongPacketsUseTheLongForms) {
     EXPECT_EQ(r.next_pkt().data, big.substr(0, 10));
 }
 
-TEST_F(Requests, UnknownCodesKillPriorityCloseAndHalt) {
+TEST_P(Requests, UnknownCodesKillPriorityCloseAndHalt) {
     for (int code : {13, 15, 19, 22, 26, 33, 34, 35, 99, -4, 0x7fffffff})
         EXPECT_TRUE(writer.exchange(code) != 0 && writer.resp()->nerr > 0) << "code " << code;
     // Still served after all that.
@@ -266,6 +282,9 @@ TEST_F(Requests, UnknownCodesKillPriorityCloseAndHalt) {
     EXPECT_EQ(admin.exchange(ORBHALT), 0);
     server->wait_exit();
 }
+
+INSTANTIATE_TEST_SUITE_P(Stores, Requests, ::testing::Values("file", "jetstream"),
+                         [](const auto& info) { return info.param; });
 
 class Sharing : public testsupport::ServerTest {
 protected:

@@ -241,6 +241,7 @@ private:
     static void on_msg(natsConnection*, natsSubscription*, natsMsg* msg, void* closure);
     static void on_ack(natsConnection*, natsSubscription*, natsMsg* msg, void* closure);
     void deliver();
+    void release(bool all = false);
     void expire();
     void add(uint64_t seq, double time, uint32_t size, const std::string& name);
     void evict_front();
@@ -317,6 +318,17 @@ private:
     std::deque<Pending> inflight_;
     uint64_t next_put_ = 0;
     std::atomic<size_t> ninflight_{0};
+    // Finished puts whose done waits until this front end's index has the
+    // packet, so that a client sees its put once answered; in call order,
+    // under deliver_mu_.
+    struct Finished {
+        PutDone done;
+        int64_t seq;
+        std::string why;
+        std::chrono::steady_clock::time_point at;
+    };
+    std::deque<Finished> unseen_;
+    std::atomic<bool> any_unseen_{false};
 
     mutable std::mutex cache_mu_;
     mutable std::map<uint64_t, Bytes> cache_;
@@ -488,6 +500,7 @@ JetStreamStore::~JetStreamStore() {
             if (!p.finished) p.finished = true, p.why = "stream '" + name_ + "' closed before the packet was stored";
     }
     deliver();
+    release(true);
     if (js_) jsCtx_Destroy(js_);
     if (nc_) {
         natsConnection_Close(nc_);
@@ -514,6 +527,7 @@ void JetStreamStore::on_msg(natsConnection*, natsSubscription*, natsMsg* msg, vo
         else size = uint32_t(natsMsg_GetDataLength(msg));
         if (name.size() >= kNameBytes) name.resize(kNameBytes - 1);
         self->add(meta->Sequence.Stream - 1, time, size, name);
+        if (self->any_unseen_) self->release();
     }
     if (meta) jsMsgMetaData_Destroy(meta);
     natsMsg_Destroy(msg);
@@ -764,7 +778,7 @@ void JetStreamStore::on_ack(natsConnection*, natsSubscription*, natsMsg* msg, vo
 
 // Runs the done of every finished put at the front, in call order.
 void JetStreamStore::deliver() {
-    std::lock_guard order(deliver_mu_);
+    std::unique_lock order(deliver_mu_);
     while (true) {
         Pending p;
         {
@@ -776,8 +790,29 @@ void JetStreamStore::deliver() {
             pub_cv_.notify_all();
         }
         if (p.seq >= 0) cache(uint64_t(p.seq), std::move(p.data));
-        p.done(p.seq, p.why);
+        unseen_.push_back({std::move(p.done), p.seq, std::move(p.why), std::chrono::steady_clock::now()});
+        any_unseen_ = true;   // before head_ is looked at: an index update from now on releases it
     }
+    order.unlock();
+    release();
+}
+
+// Runs the done of each finished put at the front that failed or that the
+// index holds (or that has waited the time limit: the stream has it anyway).
+void JetStreamStore::release(bool all) {
+    std::lock_guard order(deliver_mu_);
+    auto limit = std::chrono::steady_clock::now() - std::chrono::milliseconds(timeout_ms_);
+    while (!unseen_.empty()) {
+        Finished& f = unseen_.front();
+        if (!all && f.seq >= 0 && f.at > limit) {
+            std::lock_guard lk(mu_);
+            if (uint64_t(f.seq) >= head_) break;
+        }
+        Finished done = std::move(f);
+        unseen_.pop_front();
+        done.done(done.seq, done.why);
+    }
+    any_unseen_ = !unseen_.empty();
 }
 
 void JetStreamStore::expire() {
@@ -799,7 +834,12 @@ void JetStreamStore::flush() {
     std::unique_lock lk(pub_mu_);
     pub_cv_.wait_for(lk, std::chrono::milliseconds(2 * timeout_ms_), [&] { return inflight_.empty(); });
     lk.unlock();
-    std::lock_guard done(deliver_mu_);   // the last ones popped have run their done
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms_);
+    while (any_unseen_ && std::chrono::steady_clock::now() < end) {
+        release();
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    release(true);   // the last ones popped have run their done
 }
 
 Bytes JetStreamStore::fetch(uint64_t seq) const {
@@ -886,13 +926,14 @@ void JetStreamStore::cache(uint64_t seq, Bytes b) const {
 void JetStreamStore::refresh_loop() {
     std::unique_lock lk(mu_);
     while (!closing_) {
-        auto nap = ninflight_ ? std::chrono::milliseconds(100) : std::chrono::milliseconds(3000);
+        auto nap = ninflight_ || any_unseen_ ? std::chrono::milliseconds(100) : std::chrono::milliseconds(3000);
         cv_.wait_for(lk, nap, [&] { return closing_ || refresh_wanted_; });
         if (closing_) break;
         refresh_wanted_ = false;
         lk.unlock();
         expire();
         republish();
+        if (any_unseen_) release();
         jsStreamInfo* si = nullptr;
         jsErrCode jerr = jsErrCode(0);
         natsStatus s = js_GetStreamInfo(&si, js_, name_.c_str(), nullptr, &jerr);

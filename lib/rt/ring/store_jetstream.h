@@ -19,8 +19,9 @@
 //   mirror's tail follows the stream's first sequence, refreshed after puts
 //   and when a read finds its packet discarded.
 // - put_async() keeps up to 256 puts in flight, published in call order, each
-//   done only once the cluster acknowledged it (or failed at its deadline),
-//   in call order. A put nobody took (the stream has no leader, as during an
+//   done only once the cluster acknowledged it and this front end's index
+//   holds it, so that its client reads what it was told is stored (or failed
+//   at its deadline), in call order. A put nobody took (the stream has no leader, as during an
 //   election) is published again until its deadline; puts after it wait and
 //   follow one at a time, so the stream keeps the order of the calls.
 //   put() is put_async() waited for, and returns once this
