@@ -39,7 +39,7 @@ std::string chunk(const std::string& data, int k, size_t n) { return data.substr
 
 class Forger {
 public:
-    explicit Forger(const std::string& ring) { orb_ = orbopen(ring.c_str(), "w"); }
+    explicit Forger(const std::string& ring) : orb_(orbopen(ring.c_str(), "w")) {}
     ~Forger() {
         if (orb_ >= 0) orbclose(orb_);
         free(buf_);
@@ -61,10 +61,9 @@ public:
         char srcname[PKT_SRCNAMESIZE];
         double t;
         int nbytes = 0;
-        int r = stuffPkt(pkt, srcname, &t, &buf_, &nbytes, &bufsize_);
+        EXPECT_EQ(stuffPkt(pkt, srcname, &t, &buf_, &nbytes, &bufsize_), 0);
         pkt->string = pkt->dfile = nullptr;
         freePkt(pkt);
-        EXPECT_EQ(r, 0);
         return orbputx(orb_, srcname, 1000.0 + seq, buf_, nbytes);
     }
     int raw(const std::string& srcname, const std::string& body) {
@@ -79,8 +78,7 @@ public:
     int final(const std::string& tag, int seq, const std::string& hex) { return put(tag, seq, hex, nullptr); }
 
     // A whole run of data in chunks of n bytes, but chunk number bad carries the first one's key.
-    void run(const std::string& tag, const std::string& name, const std::string& data, size_t n,
-             int bad = 0) {
+    void run(const std::string& tag, const std::string& name, const std::string& data, size_t n, int bad = 0) {
         auto k = keys(data, n);
         initial(tag, name, md5hex(data));
         for (int i = 1; i <= int(k.size()); i++) {
@@ -96,17 +94,35 @@ private:
     int bufsize_ = 0;
 };
 
-TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
+// A receiver on a ring of its own, writing below tmp/top/in (through a limit
+// on the size of the files it writes when limit > 0), and a forger of packets
+// for the ring, made before the receiver opens it.
+struct Receiver {
+    explicit Receiver(long limit = 0)
+        : r(command(limit, {ferrant2(), "-p", write_pf(tmp / "r.pf", {{"directory", in}}), ring}), tmp.path,
+            tmp.path) {}
+    static std::vector<std::string> command(long limit, std::vector<std::string> argv) {
+        if (limit > 0)
+            argv.insert(argv.begin(), {"/bin/sh", "-c", "trap '' XFSZ; exec prlimit --fsize=" +
+                                       std::to_string(limit) + " \"$@\"", "sh"});
+        return argv;
+    }
+    bool received(const std::string& name) {
+        return eventually([&] { return r.err().find("received " + name) != std::string::npos; });
+    }
     TempDir tmp;
-    std::string ring = tmp / "ring";
-    std::string in = tmp / "in";
-    mkdirs(in);
-    spit(in + "/blocker", "a plain file where a directory is wanted\n");
+    std::string ring = tmp / "ring@s64M", in = tmp / "top/in";
+    Forger f{ring};
+    Child r;
+};
+
+TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
+    Receiver rc;
+    ASSERT_TRUE(rc.f.ok());
+    auto [f, r, in] = std::tie(rc.f, rc.r, rc.in);  // references
     mkdirs(in + "/taken-");  // the interim name is taken by a directory
-    std::string pf = write_pf(tmp / "r.pf", {{"directory", in}});
-    Forger f(ring);  // makes the ring before the receiver opens it
-    ASSERT_TRUE(f.ok());
-    Child r({ferrant2(), "-p", pf, ring}, tmp.path, tmp.path);
+    mkdirs(in + "/isdir/x");  // and the final name by one that is not empty
+    spit(in + "/blocker", "a plain file where a directory is wanted\n");
     const size_t B = 100;
     std::string data = pattern(350, 42);  // chunks 1..4, the last one short
     auto k = keys(data, B);
@@ -168,9 +184,10 @@ TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
     f.raw("forge/waveform/x", "whatever");
 
     // And after all that, a good file.
+    f.run("15/isdir", "isdir", data, B);
     f.run("14/good.txt", "good.txt", data, B);
 
-    ASSERT_TRUE(eventually([&] { return r.err().find("received good.txt") != std::string::npos; })) << r.err();
+    ASSERT_TRUE(rc.received("good.txt")) << r.err();
     std::string log = r.err();
     auto id = [](int pktid) { return std::to_string(pktid); };
     for (const std::string& said : {
@@ -192,6 +209,7 @@ TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
              "failed to unstuff xfer packet #" + id(junk) + " forge/xfer/11/junk",
              "pktid #" + id(orphan) + " is sequence #1 of forge/xfer/12/orphan, but no previous packets seen",
              "received duplicate sequence 0 pktid #" + id(dup) + " packet 'forge/xfer/13/dup.txt'",
+             "failed to rename completed file isdir-"s,
              "received good.txt (350 bytes, 5 packets)"s,
          }) {
         EXPECT_NE(log.find(said), std::string::npos) << said << "\n---\n" << log;
@@ -214,16 +232,13 @@ TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
 // Whoever writes to the ring names the files: nothing may land outside the
 // receive directory, go through a link waiting there, or keep privilege bits.
 TEST(FerrantReceiver, StaysInsideItsReceiveDirectory) {
-    TempDir tmp;
-    std::string ring = tmp / "ring", in = tmp / "top/in";
+    Receiver rc;
+    ASSERT_TRUE(rc.f.ok());
+    auto [f, r, in, tmp] = std::tie(rc.f, rc.r, rc.in, rc.tmp);  // references
     mkdirs(in);
     spit(tmp / "victim", "precious\n");
     symlink((tmp / "victim").c_str(), (in + "/interim.txt-").c_str());
     symlink((tmp / "victim").c_str(), (in + "/final.txt").c_str());
-    std::string pf = write_pf(tmp / "r.pf", {{"directory", in}});
-    Forger f(ring);
-    ASSERT_TRUE(f.ok());
-    Child r({ferrant2(), "-p", pf, ring}, tmp.path, tmp.path);
     std::string data = pattern(300, 5);
     int tag = 0;
     auto send = [&](const std::string& name) { f.run(std::to_string(++tag) + "/x", name, data, 100); };
@@ -233,7 +248,7 @@ TEST(FerrantReceiver, StaysInsideItsReceiveDirectory) {
     send("final.txt");
     f.mode = S_IFREG | 07755;
     send("/abs/setid");
-    ASSERT_TRUE(eventually([&] { return r.err().find("received abs/setid") != std::string::npos; })) << r.err();
+    ASSERT_TRUE(rc.received("abs/setid")) << r.err();
     std::string log = r.err();
     for (const char* name : refused)
         EXPECT_NE(log.find("received packet with invalid filename '"s + name + "'"), std::string::npos) << name;
@@ -250,30 +265,12 @@ TEST(FerrantReceiver, StaysInsideItsReceiveDirectory) {
     EXPECT_FALSE(exists(in + "/interim.txt-"));
 }
 
-// A receiver whose writes fail past limit bytes of a file, and a forger of
-// packets for its ring.
-struct LimitedReceiver {
-    explicit LimitedReceiver(long limit)
-        : in(tmp / "in"), f(tmp / "ring@s64M"),
-          r({"/bin/sh", "-c", "trap '' XFSZ; exec prlimit --fsize=" + std::to_string(limit) + " \"$@\"", "sh",
-             ferrant2(), "-p", write_pf(tmp / "r.pf", {{"directory", in}}), tmp / "ring@s64M"},
-            tmp.path, tmp.path) {}
-    bool received(const std::string& name) {
-        return eventually([&] { return r.err().find("received " + name) != std::string::npos; });
-    }
-    TempDir tmp;
-    std::string in;
-    Forger f;
-    Child r;
-};
-
 // Packets large enough to be written in the background while the next one
 // is digested: a bad key and a failed write still give up just their file.
 TEST(FerrantReceiver, LargePacketFailuresGiveUpOnlyTheirFile) {
-    LimitedReceiver lr(512000);
+    Receiver lr(512000);
     ASSERT_TRUE(lr.f.ok());
-    Forger& f = lr.f;
-    const std::string& in = lr.in;
+    auto [f, in] = std::tie(lr.f, lr.in);  // references
     const size_t B = 300000;
     std::string small = pattern(B + 100000, 8);
     f.run("1/badkey.bin", "badkey.bin", pattern(3 * B, 9), B, 2);
@@ -322,7 +319,7 @@ TEST(FerrantReceiver, LargePacketFailuresGiveUpOnlyTheirFile) {
 // Bytes still in the stream's buffer at the end are lost when the last flush
 // fails; that file must not be renamed into place as if whole.
 TEST(FerrantReceiver, FailedLastFlushKeepsTheFileOut) {
-    LimitedReceiver lr(1000);
+    Receiver lr(1000);
     ASSERT_TRUE(lr.f.ok());
     std::string ok = pattern(500, 2);
     lr.f.run("1/over.bin", "over.bin", pattern(2000, 1), 2000);
