@@ -47,15 +47,15 @@ TEST(FerrantOrbserver, SignedFilesArriveWholeTheStatusAgreesAndARestartLosesNoth
     Child r({ferrant2(), "-p", pf, "127.0.0.1:recv"}, tmp.path, tmp.path, "", env);
     ASSERT_TRUE(started(r)) << r.err();
 
-    make_old(src + "/empty", "", 0600);
-    make_old(src + "/one.txt", "one\n", 0755);
-    make_old(src + "/exact.bin", pattern(5000, 1));
-    make_old(src + "/deep/er/odd.bin", pattern(123457, 2), 0640);
-    Child s({ferrant2(), "-p", pf, "empty", "one.txt", "exact.bin", "deep", "127.0.0.1:send"}, tmp.path, src, "", env);
-    EXPECT_EQ(s.wait(), 0) << s.err();
-    ASSERT_TRUE(received(r, 4)) << r.err();
-    for (auto n : {"/empty", "/one.txt", "/exact.bin", "/deep/er/odd.bin"}) expect_same(src + n, in + n);
-    EXPECT_SAID(r.err(), "received exact.bin (5000 bytes, 6 packets)");
+    // The watching sender deletes what it sent, so the copies are kept here.
+    Child w({ferrant2(), "-p", pf, "-w", spool, "127.0.0.1:send"}, tmp.path, tmp.path, "", env);
+    std::map<std::string, std::string> sent;
+    auto drop = [&](const std::string& name, const std::string& data) {
+        sent[name] = data;
+        ASSERT_EQ(rename(make_old(src + "/" + name, data).c_str(), (spool + "/" + name).c_str()), 0);
+    };
+    drop("before", pattern(300000, 1));
+    ASSERT_TRUE(received(r, 1)) << r.err() << w.err();
 
     // The receiver has caught up once the page shows it at the newest packet.
     int http = testsupport::http_port(server.log());
@@ -126,19 +126,10 @@ TEST(FerrantOrbserver, SignedFilesArriveWholeTheStatusAgreesAndARestartLosesNoth
         EXPECT_SAID(parsed, "orbserver_packets_written_total None " + std::to_string(npkts) + ".0");
     }
 
-    // The watching sender deletes what it sent, so the copies are kept here.
-    Child w({ferrant2(), "-p", pf, "-w", spool, "127.0.0.1:send"}, tmp.path, tmp.path, "", env);
-    std::map<std::string, std::string> sent;
-    auto drop = [&](const std::string& name, const std::string& data) {
-        sent[name] = data;
-        ASSERT_EQ(rename(make_old(src + "/" + name, data).c_str(), (spool + "/" + name).c_str()), 0);
-    };
-    drop("before", pattern(300000, 1));
-    ASSERT_TRUE(received(r, 5)) << r.err() << w.err();
     ASSERT_TRUE(server.restart()) << server.log();
     drop("after1", pattern(200000, 2));
     drop("after2", pattern(1, 3));
-    ASSERT_TRUE(received(r, 7)) << r.err() << "\n---\n" << w.err() << server.log();
+    ASSERT_TRUE(received(r, 3)) << r.err() << "\n---\n" << w.err() << server.log();
     EXPECT_TRUE(r.running());
     EXPECT_TRUE(w.running());
     for (auto& [name, data] : sent) {

@@ -43,20 +43,22 @@ protected:
 // is sent only once it has been quiet for a while, and then whole.
 TEST_F(FerrantTransfer, FilesOfEveryKindArriveWhole) {
     ring = tmp / "ring@s160M";
-    std::vector<std::string> small = {"growing.log", "a.txt", "empty.dat", "exact.bin", "odd.bin", "tree/one.txt",
-                                      "tree/deeper/two.txt", "tree/name with spaces;&'.txt", "listed.txt"};
-    make("a.txt", "alpha\n", 0640);
-    make("empty.dat", "", 0600);
-    make("exact.bin", pattern(3000, 1));       // exactly three packets of 1000
-    make("odd.bin", pattern(10001, 2), 0755);  // ten full packets and one byte
-    make("tree/one.txt", pattern(1500, 3));
-    make("tree/deeper/two.txt", pattern(999, 4), 0444);
-    make("tree/name with spaces;&'.txt", "odd name\n");
-    make("listed.txt", pattern(2048, 5));
+    struct File {
+        std::string name, data;
+        mode_t mode = 0644;
+    };
+    std::vector<File> small = {
+        {"a.txt", "alpha\n", 0640}, {"empty.dat", "", 0600},
+        {"exact.bin", pattern(3000, 1)},       // exactly three packets of 1000
+        {"odd.bin", pattern(10001, 2), 0755},  // ten full packets and one byte
+        {"tree/one.txt", pattern(1500, 3)}, {"tree/deeper/two.txt", pattern(999, 4), 0444},
+        {"tree/name with spaces;&'.txt", "odd name\n"}, {"listed.txt", pattern(2048, 5)}};
+    for (auto& f : small) make(f.name, f.data, f.mode);
     make("listed dir/inside.txt", "not walked\n");
     std::string absolute = make("abs/x.txt", "absolute\n");
     std::string growing = src + "/growing.log";
     spit(growing, "line 0\n");
+    small.push_back({"growing.log", ""});
     auto s = send({"growing.log", "a.txt", "empty.dat", "exact.bin", "odd.bin", "tree", absolute, "-"},
                   pf("t.pf"), "listed.txt\nlisted dir\nno such file\n");
     for (int i = 1; i <= 6; i++) {
@@ -82,11 +84,11 @@ TEST_F(FerrantTransfer, FilesOfEveryKindArriveWhole) {
     s = send({"keep"}, patterns);
     EXPECT_EQ(s->wait(), 0) << s->err();
 
-    std::vector<std::pair<std::string, std::string>> large = {
-        {"exact.bin", pattern(3000000, 1)},  {"tail.bin", pattern(2500001, 2)},  {"long/a.bin", pattern(17000003, 3)},
-        {"long/b.bin", pattern(16000000, 4)}, {"long/c.bin", pattern(9000000, 5)}, {"small.txt", "small\n"},
-        {"empty.bin", ""}};
-    for (auto& [name, data] : large) make("large/" + name, data, name == "small.txt" ? 0600 : 0644);
+    std::vector<File> large = {
+        {"large/exact.bin", pattern(3000000, 1)},   {"large/tail.bin", pattern(2500001, 2)},
+        {"large/long/a.bin", pattern(17000003, 3)}, {"large/long/b.bin", pattern(16000000, 4)},
+        {"large/long/c.bin", pattern(9000000, 5)},  {"large/small.txt", "small\n", 0600}, {"large/empty.bin", ""}};
+    for (auto& f : large) make(f.name, f.data, f.mode);
     s = send({"large"}, pf("l.pf", {{"bytes_per_packet", "1000000"}}));
     EXPECT_EQ(s->wait(120), 0) << s->err();
 
@@ -101,23 +103,19 @@ TEST_F(FerrantTransfer, FilesOfEveryKindArriveWhole) {
 
     auto r = receive(pf("t.pf"));
     ASSERT_TRUE(received(*r, small.size() + 1 + 3 + large.size() + 1)) << r->err();
-    for (auto& f : small) {
-        same(f);
-        EXPECT_FALSE(exists(in + "/" + f + "-")) << f;
-    }
+    for (auto& f : small) EXPECT_FALSE(exists(in + "/" + f.name + "-")) << f.name;
+    small.insert(small.end(), large.begin(), large.end());
+    for (auto& f : small) same(f.name);
     for (auto& f : {"b.dat", "keep/c.dat", "after.txt"}) same(f);
-    for (auto& [name, data] : large) same("large/" + name);
     // An absolute name loses its leading "/" and lands below the receive directory.
     expect_same(absolute, in + absolute);
+    // Directories on standard input are not walked.
     for (auto& f : {"listed dir", "refused.txt", "keep/skip.dat", "huge.bin", "huge.bin-"})
-        EXPECT_FALSE(exists(in + "/" + f)) << f;  // directories on standard input are not walked
-    std::string log = r->err();
-    EXPECT_SAID(log, "received exact.bin (3000 bytes, 4 packets)");
-    EXPECT_SAID(log, "received empty.dat (0 bytes, 1 packets)");
-    EXPECT_SAID(log, "received odd.bin (10001 bytes, 12 packets)");
-    EXPECT_SAID(log, "receiving 'tree/deeper/two.txt'");
-    EXPECT_SAID(log, "received large/long/a.bin (17000003 bytes, 19 packets)");
-    EXPECT_SAID(log, "/huge.bin:  #-1 -> #-1");
+        EXPECT_FALSE(exists(in + "/" + f)) << f;
+    for (auto said : {"received exact.bin (3000 bytes, 4 packets)", "received empty.dat (0 bytes, 1 packets)",
+                      "received odd.bin (10001 bytes, 12 packets)", "receiving 'tree/deeper/two.txt'",
+                      "received large/long/a.bin (17000003 bytes, 19 packets)", "/huge.bin:  #-1 -> #-1"})
+        EXPECT_SAID(r->err(), said);
 }
 
 // Everything in the ring from the oldest packet on, until nothing more
