@@ -22,13 +22,6 @@ inline void spit(const std::string& path, const std::string& data, mode_t mode =
     chmod(path.c_str(), mode);
 }
 
-// Files older than the sender's quiet time are taken at once.
-inline void age(const std::string& path, int seconds = 3600) {
-    std::error_code ec;
-    auto then = std::filesystem::file_time_type::clock::now() - std::chrono::seconds(seconds);
-    std::filesystem::last_write_time(path, then, ec);
-}
-
 inline mode_t mode_of(const std::string& path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
@@ -70,11 +63,12 @@ inline void mkdirs(const std::string& path) {
     std::filesystem::create_directories(path, ec);
 }
 
-// A file old enough for the sender to take at once, its directories made.
+// A file an hour old, so that the sender takes it at once; its directories made.
 inline std::string make_old(const std::string& path, const std::string& data, mode_t mode = 0644) {
     mkdirs(path.substr(0, path.rfind('/')));
     spit(path, data, mode);
-    age(path);
+    std::error_code ec;
+    std::filesystem::last_write_time(path, std::filesystem::file_time_type::clock::now() - std::chrono::hours(1), ec);
     return path;
 }
 
