@@ -75,6 +75,8 @@ TEST(FerrantOrbserver, SignedFilesArriveWholeTheStatusAgreesAndARestartLosesNoth
     ASSERT_FALSE(theirs.is_discarded());
     for (const char* key : {"size", "maxpkts", "npkts", "bytes", "nsources", "oldest", "newest", "orb_start"})
         EXPECT_EQ(doc["ring"][key], theirs["ring"][key]) << key;
+    EXPECT_EQ(doc["ring"]["oldest"]["pktid"], 0);  // the very first packet, whose time is known too
+    for (const char* end : {"oldest", "newest"}) EXPECT_GT(doc["ring"][end]["time"].get<double>(), 1e9) << end;
     auto without_latency = [](json sources) {
         for (json& s : sources) s.erase("latency");
         return sources;
@@ -102,6 +104,7 @@ TEST(FerrantOrbserver, SignedFilesArriveWholeTheStatusAgreesAndARestartLosesNoth
         };
         std::string sources = table("sources"), clients = table("clients");
         ASSERT_FALSE(sources.empty()) << dom;
+        EXPECT_LT(dom.find("</table>", dom.find("<table id=\"sources\"")), dom.find("<h2>Clients</h2>")) << dom;
         for (const json& s : doc["sources"])
             EXPECT_NE(sources.find("<td>" + s["srcname"].get<std::string>() + "</td>"), std::string::npos) << sources;
         EXPECT_NE(clients.find("ferrant2"), std::string::npos) << clients;

@@ -177,6 +177,7 @@ TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
 
     // And after all that, a good file.
     f.run("15/isdir", "isdir", data, B);
+    f.run("2/repeat.txt", "again.txt", data, B);  // the tag of a run dropped and ended is free again
     f.run("14/good.txt", "good.txt", data, B);
 
     ASSERT_TRUE(f.received("good.txt")) << r.err();
@@ -202,6 +203,7 @@ TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
              "pktid #" + id(orphan) + " is sequence #1 of forge/xfer/12/orphan, but no previous packets seen",
              "received duplicate sequence 0 pktid #" + id(dup) + " packet 'forge/xfer/13/dup.txt'",
              "failed to rename completed file isdir-"s,
+             "received again.txt (350 bytes, 5 packets)"s,
              "received good.txt (350 bytes, 5 packets)"s,
          }) {
         EXPECT_SAID(log, said);
