@@ -6,10 +6,9 @@
 //   orbopen(server.name().c_str(), "r");           // "127.0.0.1:PORT"
 //   server.kill(); server.start();                 // same ring file, same port
 //
-// Options: extra parameter-file lines, extra command-line arguments (e.g.
-// {"-s", "1M"}), the address to bind and the ring path (default <dir>/ring,
-// 8 MiB of data). Standard error goes to <dir>/orbserver.log (log()). The
-// destructor stops the server (SIGKILL if SIGTERM is not enough).
+// The ring has 8 MiB of data unless the options say otherwise. Standard error
+// goes to <dir>/orbserver.log (log()). The destructor stops the server
+// (SIGKILL if SIGTERM is not enough).
 #pragma once
 
 #include <sys/stat.h>
