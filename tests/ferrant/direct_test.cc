@@ -5,11 +5,8 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 
-#include <cerrno>
-
 #include "direct.h"
 #include "harness.h"
-#include "support/child.h"
 
 using namespace ferrant_test;
 
@@ -19,14 +16,13 @@ namespace {
 // for regular files only): then the appender must start there.
 bool takes_direct_writes(const std::string& dir) {
 #ifdef STATX_DIOALIGN
-    std::string probe = dir + "/probe";
-    int fd = open(probe.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) return false;
+    int fd = open((dir + "/probe").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     struct statx sx{};
-    bool yes = statx(fd, "", AT_EMPTY_PATH, STATX_DIOALIGN, &sx) == 0 && (sx.stx_mask & STATX_DIOALIGN) &&
-               sx.stx_dio_offset_align > 0 && sx.stx_dio_offset_align <= 4096 && sx.stx_dio_mem_align <= 4096;
+    bool yes = fd >= 0 && statx(fd, "", AT_EMPTY_PATH, STATX_DIOALIGN, &sx) == 0 &&
+               (sx.stx_mask & STATX_DIOALIGN) && sx.stx_dio_offset_align > 0 && sx.stx_dio_offset_align <= 4096 &&
+               sx.stx_dio_mem_align <= 4096;
     close(fd);
-    unlink(probe.c_str());
+    unlink((dir + "/probe").c_str());
     return yes;
 #else
     (void)dir;
@@ -36,10 +32,9 @@ bool takes_direct_writes(const std::string& dir) {
 
 // Pages of the file's first n bytes that are in the page cache.
 size_t cached_pages(int fd, size_t n) {
-    size_t page = size_t(sysconf(_SC_PAGESIZE)), pages = (n + page - 1) / page;
     void* m = mmap(nullptr, n, PROT_READ, MAP_SHARED, fd, 0);
     if (m == MAP_FAILED) return size_t(-1);
-    std::vector<unsigned char> in(pages);
+    std::vector<unsigned char> in((n + sysconf(_SC_PAGESIZE) - 1) / sysconf(_SC_PAGESIZE));
     size_t cached = 0;
     if (mincore(m, n, in.data()) == 0)
         for (unsigned char c : in) cached += c & 1;
@@ -55,15 +50,13 @@ struct DirectAppenderTest : ::testing::Test {
 };
 
 TEST_F(DirectAppenderTest, PiecesOfAnySizeLandWholeAroundThePageCache) {
-    std::string path = tmp / "out";
-    FILE* f = fopen(path.c_str(), "w+");
+    FILE* f = fopen((tmp / "out").c_str(), "w+");
     ASSERT_NE(f, nullptr);
     auto d = DirectAppender::start(fileno(f));
     ASSERT_TRUE(d);
     std::string all;
     unsigned seed = 0;
-    // Larger than the bounce buffer, too.
-    for (size_t n : {1, 4095, 4097, 0, 300000, 7, 3 << 20, 3}) {
+    for (size_t n : {1, 4095, 4097, 0, 300000, 7, 3 << 20, 3}) {  // larger than the bounce buffer, too
         std::string p = pattern(n, ++seed);
         ASSERT_TRUE(d->append(p.data(), p.size())) << n;
         all += p;
@@ -80,7 +73,7 @@ TEST_F(DirectAppenderTest, PiecesOfAnySizeLandWholeAroundThePageCache) {
     ASSERT_EQ(fwrite(rest.data(), 1, rest.size(), f), rest.size());
     all += rest;
     ASSERT_EQ(fclose(f), 0);
-    EXPECT_TRUE(slurp(path) == all) << slurp(path).size() << " bytes, expected " << all.size();
+    EXPECT_TRUE(slurp(tmp / "out") == all) << slurp(tmp / "out").size() << " bytes, expected " << all.size();
 }
 
 // A limit that falls inside a block makes the direct write invalid; the

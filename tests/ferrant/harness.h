@@ -3,25 +3,14 @@
 // parameter files with every key written out, and checks of what arrived.
 #pragma once
 
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <functional>
 #include <map>
-#include <string>
-#include <thread>
-#include <vector>
 
+#include "support/child.h"
 #include "support/tempdir.h"
 
 namespace ferrant_test {
@@ -33,17 +22,9 @@ inline void spit(const std::string& path, const std::string& data, mode_t mode =
     chmod(path.c_str(), mode);
 }
 
-// Files older than the sender's quiet time are taken at once.
-inline void age(const std::string& path, int seconds = 3600) {
-    std::error_code ec;
-    auto then = std::filesystem::file_time_type::clock::now() - std::chrono::seconds(seconds);
-    std::filesystem::last_write_time(path, then, ec);
-}
-
 inline mode_t mode_of(const std::string& path) {
     struct stat st;
-    if (stat(path.c_str(), &st) != 0) return 0;
-    return st.st_mode & 07777;
+    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
 }
 
 inline bool exists(const std::string& path) {
@@ -72,10 +53,8 @@ inline size_t count(const std::string& hay, const std::string& needle) {
 // broken run from hanging, it is not a measurement.
 inline bool eventually(const std::function<bool()>& pred, double seconds = 25) {
     auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (std::chrono::steady_clock::now() < end) {
+    for (; std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(std::chrono::milliseconds(50)))
         if (pred()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
     return pred();
 }
 
@@ -84,11 +63,12 @@ inline void mkdirs(const std::string& path) {
     std::filesystem::create_directories(path, ec);
 }
 
-// A file old enough for the sender to take at once, its directories made.
+// A file an hour old, so that the sender takes it at once; its directories made.
 inline std::string make_old(const std::string& path, const std::string& data, mode_t mode = 0644) {
     mkdirs(path.substr(0, path.rfind('/')));
     spit(path, data, mode);
-    age(path);
+    std::error_code ec;
+    std::filesystem::last_write_time(path, std::filesystem::file_time_type::clock::now() - std::chrono::hours(1), ec);
     return path;
 }
 
@@ -99,18 +79,16 @@ inline void expect_same(const std::string& from, const std::string& to) {
     EXPECT_EQ(mode_of(from), mode_of(to)) << to;
 }
 
+// The text appears in the log.
+#define EXPECT_SAID(log, text) EXPECT_NE((log).find(text), std::string::npos) << (text) << "\n---\n" << (log)
+
 // A parameter file with every key; overrides replace the defaults below.
 inline std::string write_pf(const std::string& path, const std::map<std::string, std::string>& overrides = {}) {
     std::map<std::string, std::string> keys = {
-        {"directory", ""},          {"starting_position", "oldest"},
-        {"match", ""},              {"reject", ""},
-        {"preserve_directories", "yes"}, {"bytes_per_packet", "1000"},
-        {"file_match", ""},         {"file_reject", ""},
-        {"test_freq", "0.1"},       {"lag_trigger", "0.5"},
-        {"lag_reset", "0.2"},       {"wait_seconds", "1"},
-        {"wait_match", ""},         {"wait_reject", ""},
-        {"use_orbputx", "no"},
-    };
+        {"directory", ""}, {"starting_position", "oldest"}, {"match", ""}, {"reject", ""},
+        {"preserve_directories", "yes"}, {"bytes_per_packet", "1000"}, {"file_match", ""}, {"file_reject", ""},
+        {"test_freq", "0.1"}, {"lag_trigger", "0.5"}, {"lag_reset", "0.2"}, {"wait_seconds", "1"},
+        {"wait_match", ""}, {"wait_reject", ""}, {"use_orbputx", "no"}};
     for (auto& [k, v] : overrides) keys[k] = v;
     std::string text;
     for (auto& [k, v] : keys) text += k + (v.empty() ? "" : " " + v) + "\n";
@@ -126,29 +104,12 @@ public:
           const std::string& input = "", const std::map<std::string, std::string>& env = {}) {
         static int serial = 0;
         std::string tag = std::to_string(getpid()) + "." + std::to_string(serial++);
-        err_ = logdir + "/stderr." + tag;
-        out_ = logdir + "/stdout." + tag;
-        std::string in = logdir + "/stdin." + tag;
-        spit(in, input);
-        pid_ = fork();
-        if (pid_ == 0) {
-            setpgid(0, 0);
-            int fd0 = open(in.c_str(), O_RDONLY);
-            int fd1 = open(out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            int fd2 = open(err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            dup2(fd0, 0), dup2(fd1, 1), dup2(fd2, 2);
-            if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(127);
-            setenv("QUORVANE", FERRANT_BUILD_DIR, 1);
-            setenv("ELOG_MAXMSG", "0", 1);
-            for (auto& [k, v] : env) setenv(k.c_str(), v.c_str(), 1);
-            std::vector<char*> args;
-            for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-            args.push_back(nullptr);
-            execv(args[0], args.data());
-            _exit(127);
-        }
-        setpgid(pid_, pid_);
-        group_ = pid_;
+        out_ = logdir + "/stdout." + tag, err_ = logdir + "/stderr." + tag;
+        child::Io io{logdir + "/stdin." + tag, out_, err_, cwd,
+                     {{"QUORVANE", FERRANT_BUILD_DIR}, {"ELOG_MAXMSG", "0"}}, true};
+        io.env.insert(io.env.end(), env.begin(), env.end());
+        spit(io.in, input);
+        group_ = pid_ = child::spawn(argv, io);
     }
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
@@ -156,43 +117,27 @@ public:
 
     // Exit status (or 128 + signal); -1 when it is still running at the bound.
     int wait(double seconds = 25) {
-        if (pid_ <= 0) return status_;
-        bool done = eventually([&] {
-            int st;
-            pid_t r = waitpid(pid_, &st, WNOHANG);
-            if (r == pid_) {
-                status_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-                pid_ = 0;
-                return true;
-            }
-            return false;
-        }, seconds);
-        if (done) reap_group();
-        return done ? status_ : -1;
+        if (pid_ > 0) settle(child::reap(pid_, seconds));
+        return pid_ > 0 ? -1 : status_;
     }
     void stop(int sig = SIGTERM) {
-        if (pid_ > 0) {
-            kill(-pid_, sig);
-            kill(pid_, sig);
-            if (wait(10) < 0) {
-                kill(-pid_, SIGKILL);
-                wait(10);
-            }
-        }
-        reap_group();
+        if (pid_ > 0) settle(child::end(pid_, sig, true));
     }
     bool running() const { return pid_ > 0; }
     std::string err() const { return slurp(err_); }
+    std::string out() const { return slurp(out_); }
 
 private:
-    // Helpers the program started (forbserver) leave with it.
-    void reap_group() {
-        if (group_ > 0) kill(-group_, SIGKILL);
+    // Once it has ended, helpers it started (forbserver) go with it.
+    void settle(int st) {
+        if (st == -1) return;
+        status_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+        pid_ = 0;
+        kill(-group_, SIGKILL);
     }
-    pid_t pid_ = -1;
-    pid_t group_ = -1;
+    pid_t pid_ = -1, group_ = -1;
     int status_ = -1;
-    std::string err_, out_;
+    std::string out_, err_;
 };
 
 // Files a receiver has completed, by its log; and waiting for n of them.

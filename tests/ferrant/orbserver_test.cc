@@ -1,50 +1,131 @@
-// ferrant2 through a real orbserver on loopback: files arrive whole, and a
-// server restarted under a running sender and receiver loses nothing.
+// ferrant2 through a real orbserver on loopback, over TLS through named ports,
+// writing with signed opens and reading unsigned: files arrive whole; the
+// status port tells what orbstat tells about the same ring, in /status.json,
+// in /metrics (which a Prometheus parser reads) and on the page a browser
+// renders; and a server restarted under a running sender and receiver loses
+// nothing and repeats nothing.
+#include <nlohmann/json.hpp>
+
 #include "harness.h"
-#include "support/orbserver.h"
+#include "support/http.h"
+#include "support/pki.h"
 
 using namespace ferrant_test;
+using nlohmann::json;
 
 namespace {
 
-TEST(FerrantOrbserver, FilesArriveWholeAndAServerRestartLosesNothing) {
-    TempDir tmp;
-    testsupport::OrbServer server;
+TEST(FerrantOrbserver, SignedFilesArriveWholeTheStatusAgreesAndARestartLosesNothing) {
+    Pki pki;
+    ASSERT_TRUE(pki.ok) << slurp(pki / "log");
+    auto options = testsupport::with_status_port("signers &Tbl{\nalice " + pki / "alice.pub" + "\n}\nsigned_opens w\n");
+    for (auto& a : pki.serve("server")) options.args.push_back(a);
+    testsupport::OrbServer server(options);
     ASSERT_TRUE(server.up()) << server.log();
-    std::string src = tmp / "src", in = tmp / "in", spool = tmp / "spool";
-    mkdirs(spool);
+    TempDir tmp;
+    std::string port = std::to_string(server.port());
+    spit(tmp.sub("pf") + "/orbserver_names.pf", "send " + port + " alice tls\nrecv " + port + " tls\n");
     // Reconnection waits at least a second; keep the client's time-out short too.
-    std::map<std::string, std::string> env = {{"BNS_TIMEOUT", "2000"}};
+    std::map<std::string, std::string> env = {{"PFPATH", tmp / "pf:" FERRANT_BUILD_DIR "/data/pf"},
+                                              {"ORB_TLS_CA", pki / "ca.pem"},
+                                              {"ORB_KEYS", pki.dir.path},
+                                              {"BNS_TIMEOUT", "2000"}};
+    std::string in = tmp / "in", spool = tmp.sub("spool"), src = tmp / "src";
     std::string pf = write_pf(tmp / "t.pf", {{"directory", in}, {"starting_position", "newest"}});
-    Child r({ferrant2(), "-p", pf, server.name()}, tmp.path, tmp.path, "", env);
+    Child r({ferrant2(), "-p", pf, "127.0.0.1:recv"}, tmp.path, tmp.path, "", env);
     ASSERT_TRUE(started(r)) << r.err();
 
-    make_old(src + "/empty", "", 0600);
-    make_old(src + "/one.txt", "one\n", 0755);
-    make_old(src + "/exact.bin", pattern(5000, 1));
-    make_old(src + "/deep/er/odd.bin", pattern(123457, 2), 0640);
-    Child s({ferrant2(), "-p", pf, "empty", "one.txt", "exact.bin", "deep", server.name()},
-            tmp.path, src, "", env);
-    EXPECT_EQ(s.wait(), 0) << s.err();
-    ASSERT_TRUE(received(r, 4)) << r.err();
-    for (auto n : {"/empty", "/one.txt", "/exact.bin", "/deep/er/odd.bin"}) expect_same(src + n, in + n);
-    EXPECT_NE(r.err().find("received exact.bin (5000 bytes, 6 packets)"), std::string::npos) << r.err();
-
     // The watching sender deletes what it sent, so the copies are kept here.
-    Child w({ferrant2(), "-p", pf, "-w", spool, server.name()}, tmp.path, tmp.path, "", env);
+    Child w({ferrant2(), "-p", pf, "-w", spool, "127.0.0.1:send"}, tmp.path, tmp.path, "", env);
     std::map<std::string, std::string> sent;
     auto drop = [&](const std::string& name, const std::string& data) {
         sent[name] = data;
         ASSERT_EQ(rename(make_old(src + "/" + name, data).c_str(), (spool + "/" + name).c_str()), 0);
     };
-    drop("before", pattern(40000, 1));
-    ASSERT_TRUE(received(r, 5)) << r.err() << w.err();
+    drop("before", pattern(300000, 1));
+    ASSERT_TRUE(received(r, 1)) << r.err() << w.err();
+
+    // The receiver has caught up once the page shows it at the newest packet.
+    int http = testsupport::http_port(server.log());
+    json doc;
+    ASSERT_TRUE(eventually([&] {
+        doc = json::parse(testsupport::http_get(http, "/status.json").body, nullptr, false);
+        for (const json& c : doc.is_discarded() ? json::array() : doc["clients"])
+            if (c["perm"] == "r" && c["pktid"] == doc["ring"]["newest"]["pktid"]) return true;
+        return false;
+    })) << doc.dump(2);
+    auto output_of = [&](const std::string& command) {
+        Child c({"/bin/sh", "-c", command}, tmp.path, tmp.path);
+        c.wait(300);
+        return c.out();
+    };
+    auto orbstat = [&](const std::string& flag) {
+        Child o({FERRANT_BUILD_DIR "/bin/orbstat", flag, "127.0.0.1:recv"}, tmp.path, tmp.path, "", env);
+        EXPECT_EQ(o.wait(), 0) << o.err();
+        return o.out();
+    };
+    json theirs = json::parse(orbstat("-j"), nullptr, false);
+    ASSERT_FALSE(theirs.is_discarded());
+    for (const char* key : {"size", "maxpkts", "npkts", "bytes", "nsources", "oldest", "newest", "orb_start"})
+        EXPECT_EQ(doc["ring"][key], theirs["ring"][key]) << key;
+    EXPECT_EQ(doc["ring"]["oldest"]["pktid"], 0);  // the very first packet, whose time is known too
+    for (const char* end : {"oldest", "newest"}) EXPECT_GT(doc["ring"][end]["time"].get<double>(), 1e9) << end;
+    auto without_latency = [](json sources) {
+        for (json& s : sources) s.erase("latency");
+        return sources;
+    };
+    EXPECT_EQ(without_latency(doc["sources"]), without_latency(theirs["sources"]));
+    std::string text = orbstat("-s");
+    for (const json& s : doc["sources"])
+        EXPECT_NE(text.find(s["npkts"].dump() + " " + std::string(12 - s["nbytes"].dump().size(), ' ') +
+                            s["nbytes"].dump()), std::string::npos) << text;
+    const json* mine = nullptr;
+    for (const json& c : theirs["clients"])
+        if (c["perm"] == "r" && c["what"].get<std::string>().find("ferrant2") != std::string::npos) mine = &c;
+    ASSERT_TRUE(mine) << theirs.dump(2);
+    EXPECT_EQ((*mine)["lag"], 0.0);
+
+    if (!output_of("command -v chromium").empty()) {
+        // A generous bound: a browser starts slowly on a busy machine.
+        std::string dom = output_of("timeout 240 chromium --headless --no-sandbox --disable-gpu --disable-quic "
+                                    "--no-first-run --disable-background-networking --disable-component-update "
+                                    "--disable-sync --user-data-dir=" + tmp.sub("chromium") +
+                                    " --dump-dom http://127.0.0.1:" + std::to_string(http) + "/ 2>/dev/null");
+        auto table = [&](const std::string& id) {
+            auto at = dom.find("<table id=\"" + id + "\"");
+            return at == std::string::npos ? std::string() : dom.substr(at, dom.find("</table>", at) - at);
+        };
+        std::string sources = table("sources"), clients = table("clients");
+        ASSERT_FALSE(sources.empty()) << dom;
+        EXPECT_LT(dom.find("</table>", dom.find("<table id=\"sources\"")), dom.find("<h2>Clients</h2>")) << dom;
+        for (const json& s : doc["sources"])
+            EXPECT_NE(sources.find("<td>" + s["srcname"].get<std::string>() + "</td>"), std::string::npos) << sources;
+        EXPECT_NE(clients.find("ferrant2"), std::string::npos) << clients;
+        EXPECT_NE(clients.find("<td>0.00</td>"), std::string::npos) << clients;  // the caught-up receiver's lag
+    }
+
+    // Every sample as the parser read it: "name srcname value".
+    std::string metrics = testsupport::http_get(http, "/metrics").body;
+    spit(tmp / "metrics", metrics);
+    std::string parsed = output_of(
+        "/usr/bin/python3 -c 'import sys\nfrom prometheus_client.parser import text_string_to_metric_families as p\n"
+        "for f in p(sys.stdin.read()):\n for s in f.samples: print(s.name, repr(s.labels.get(\"srcname\")), s.value)'"
+        " < " + tmp / "metrics" + " 2>&1");
+    if (parsed.find("No module named") == std::string::npos) {  // else no Prometheus parser here
+        EXPECT_EQ(parsed.find("Traceback"), std::string::npos) << parsed << metrics;
+        int npkts = 0;
+        for (const json& s : doc["sources"]) {
+            std::string name = s["srcname"], n = std::to_string(s["npkts"].get<int>());
+            npkts += s["npkts"].get<int>();
+            EXPECT_SAID(parsed, "orbserver_source_packets_written_total '" + name + "' " + n + ".0");
+        }
+        EXPECT_SAID(parsed, "orbserver_packets_written_total None " + std::to_string(npkts) + ".0");
+    }
 
     ASSERT_TRUE(server.restart()) << server.log();
-
-    drop("after1", pattern(40000, 2));
+    drop("after1", pattern(200000, 2));
     drop("after2", pattern(1, 3));
-    ASSERT_TRUE(received(r, 7)) << r.err() << "\n---\n" << w.err();
+    ASSERT_TRUE(received(r, 3)) << r.err() << "\n---\n" << w.err() << server.log();
     EXPECT_TRUE(r.running());
     EXPECT_TRUE(w.running());
     for (auto& [name, data] : sent) {
@@ -53,6 +134,9 @@ TEST(FerrantOrbserver, FilesArriveWholeAndAServerRestartLosesNothing) {
         EXPECT_EQ(count(r.err(), "ferrant2: received ./" + name + " "), 1u) << r.err();
     }
     EXPECT_EQ(r.err().find("out of sequence"), std::string::npos) << r.err();
+    EXPECT_EQ(server.log().find("refused"), std::string::npos) << server.log();
+
+    EXPECT_EQ(server.sanitizer_report(), "");
 }
 
 }  // namespace

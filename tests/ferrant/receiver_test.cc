@@ -37,15 +37,28 @@ std::vector<std::string> keys(const std::string& data, size_t n) {
 
 std::string chunk(const std::string& data, int k, size_t n) { return data.substr((k - 1) * n, n); }
 
-class Forger {
-public:
-    explicit Forger(const std::string& ring) { orb_ = orbopen(ring.c_str(), "w"); }
-    ~Forger() {
+// A receiver on a ring of its own, writing below tmp/top/in (through a limit
+// on the size of the files it writes when limit > 0), and a forger of packets
+// for that ring, which it makes before the receiver opens it.
+struct Forged {
+    explicit Forged(long limit = 0)
+        : orb_(orbopen(ring.c_str(), "w")),
+          r(command(limit, {ferrant2(), "-p", write_pf(tmp / "r.pf", {{"directory", in}}), ring}), tmp.path,
+            tmp.path) {}
+    ~Forged() {
         if (orb_ >= 0) orbclose(orb_);
         free(buf_);
     }
+    static std::vector<std::string> command(long limit, std::vector<std::string> argv) {
+        if (limit > 0)
+            argv.insert(argv.begin(), {"/bin/sh", "-c", "trap '' XFSZ; exec prlimit --fsize=" +
+                                       std::to_string(limit) + " \"$@\"", "sh"});
+        return argv;
+    }
     bool ok() const { return orb_ >= 0; }
-    int mode = S_IFREG | 0640;  // st_mode sent with the next runs
+    bool received(const std::string& name) {
+        return eventually([&] { return r.err().find("received " + name) != std::string::npos; });
+    }
 
     // One xfer packet; the key must hold 16 bytes. Returns the pktid.
     int put(const std::string& tag, int seq, const std::string& key, const std::string* data) {
@@ -61,26 +74,22 @@ public:
         char srcname[PKT_SRCNAMESIZE];
         double t;
         int nbytes = 0;
-        int r = stuffPkt(pkt, srcname, &t, &buf_, &nbytes, &bufsize_);
+        EXPECT_EQ(stuffPkt(pkt, srcname, &t, &buf_, &nbytes, &bufsize_), 0);
         pkt->string = pkt->dfile = nullptr;
         freePkt(pkt);
-        EXPECT_EQ(r, 0);
         return orbputx(orb_, srcname, 1000.0 + seq, buf_, nbytes);
     }
     int raw(const std::string& srcname, const std::string& body) {
         return orbputx(orb_, srcname.c_str(), 1000.0, body.data(), int(body.size()));
     }
-
     // A run whose initial, data and final packets are each given.
     int initial(const std::string& tag, const std::string& name, const std::string& hex) {
         std::string named = name + '\0';
         return put(tag, 0, hex, &named);
     }
     int final(const std::string& tag, int seq, const std::string& hex) { return put(tag, seq, hex, nullptr); }
-
     // A whole run of data in chunks of n bytes, but chunk number bad carries the first one's key.
-    void run(const std::string& tag, const std::string& name, const std::string& data, size_t n,
-             int bad = 0) {
+    void run(const std::string& tag, const std::string& name, const std::string& data, size_t n, int bad = 0) {
         auto k = keys(data, n);
         initial(tag, name, md5hex(data));
         for (int i = 1; i <= int(k.size()); i++) {
@@ -90,23 +99,22 @@ public:
         final(tag, int(k.size()) + 1, md5hex(data));
     }
 
-private:
+    TempDir tmp;
+    std::string ring = tmp / "ring@s64M", in = tmp / "top/in";
+    int mode = S_IFREG | 0640;  // st_mode sent with the next runs
     int orb_ = -1;
     char* buf_ = nullptr;
     int bufsize_ = 0;
+    Child r;
 };
 
 TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
-    TempDir tmp;
-    std::string ring = tmp / "ring";
-    std::string in = tmp / "in";
-    mkdirs(in);
-    spit(in + "/blocker", "a plain file where a directory is wanted\n");
-    mkdirs(in + "/taken-");  // the interim name is taken by a directory
-    std::string pf = write_pf(tmp / "r.pf", {{"directory", in}});
-    Forger f(ring);  // makes the ring before the receiver opens it
+    Forged f;
     ASSERT_TRUE(f.ok());
-    Child r({ferrant2(), "-p", pf, ring}, tmp.path, tmp.path);
+    auto [r, in] = std::tie(f.r, f.in);  // references
+    mkdirs(in + "/taken-");  // the interim name is taken by a directory
+    mkdirs(in + "/isdir/x");  // and the final name by one that is not empty
+    spit(in + "/blocker", "a plain file where a directory is wanted\n");
     const size_t B = 100;
     std::string data = pattern(350, 42);  // chunks 1..4, the last one short
     auto k = keys(data, B);
@@ -168,9 +176,11 @@ TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
     f.raw("forge/waveform/x", "whatever");
 
     // And after all that, a good file.
+    f.run("15/isdir", "isdir", data, B);
+    f.run("2/repeat.txt", "again.txt", data, B);  // the tag of a run dropped and ended is free again
     f.run("14/good.txt", "good.txt", data, B);
 
-    ASSERT_TRUE(eventually([&] { return r.err().find("received good.txt") != std::string::npos; })) << r.err();
+    ASSERT_TRUE(f.received("good.txt")) << r.err();
     std::string log = r.err();
     auto id = [](int pktid) { return std::to_string(pktid); };
     for (const std::string& said : {
@@ -192,9 +202,11 @@ TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
              "failed to unstuff xfer packet #" + id(junk) + " forge/xfer/11/junk",
              "pktid #" + id(orphan) + " is sequence #1 of forge/xfer/12/orphan, but no previous packets seen",
              "received duplicate sequence 0 pktid #" + id(dup) + " packet 'forge/xfer/13/dup.txt'",
+             "failed to rename completed file isdir-"s,
+             "received again.txt (350 bytes, 5 packets)"s,
              "received good.txt (350 bytes, 5 packets)"s,
          }) {
-        EXPECT_NE(log.find(said), std::string::npos) << said << "\n---\n" << log;
+        EXPECT_SAID(log, said);
     }
     for (std::string name : {"bad\001name", "caf\xc3\xa9", ""})  // refused names are no system error
         EXPECT_EQ(log.find("invalid filename '" + name + "'\n\t##=>"), std::string::npos) << name;
@@ -214,16 +226,13 @@ TEST(FerrantReceiver, BrokenRunsAreReportedAndTheNextFileArrives) {
 // Whoever writes to the ring names the files: nothing may land outside the
 // receive directory, go through a link waiting there, or keep privilege bits.
 TEST(FerrantReceiver, StaysInsideItsReceiveDirectory) {
-    TempDir tmp;
-    std::string ring = tmp / "ring", in = tmp / "top/in";
+    Forged f;
+    ASSERT_TRUE(f.ok());
+    auto [r, in, tmp] = std::tie(f.r, f.in, f.tmp);  // references
     mkdirs(in);
     spit(tmp / "victim", "precious\n");
     symlink((tmp / "victim").c_str(), (in + "/interim.txt-").c_str());
     symlink((tmp / "victim").c_str(), (in + "/final.txt").c_str());
-    std::string pf = write_pf(tmp / "r.pf", {{"directory", in}});
-    Forger f(ring);
-    ASSERT_TRUE(f.ok());
-    Child r({ferrant2(), "-p", pf, ring}, tmp.path, tmp.path);
     std::string data = pattern(300, 5);
     int tag = 0;
     auto send = [&](const std::string& name) { f.run(std::to_string(++tag) + "/x", name, data, 100); };
@@ -233,10 +242,10 @@ TEST(FerrantReceiver, StaysInsideItsReceiveDirectory) {
     send("final.txt");
     f.mode = S_IFREG | 07755;
     send("/abs/setid");
-    ASSERT_TRUE(eventually([&] { return r.err().find("received abs/setid") != std::string::npos; })) << r.err();
+    ASSERT_TRUE(f.received("abs/setid")) << r.err();
     std::string log = r.err();
     for (const char* name : refused)
-        EXPECT_NE(log.find("received packet with invalid filename '"s + name + "'"), std::string::npos) << name;
+        EXPECT_SAID(log, "received packet with invalid filename '"s + name + "'");
     EXPECT_EQ(slurp(tmp / "victim"), "precious\n");
     for (const char* name : {"escape", "escape-", "top/escape", "top/escape-", "in/escape"})
         EXPECT_FALSE(exists(tmp / name)) << name;
@@ -250,30 +259,12 @@ TEST(FerrantReceiver, StaysInsideItsReceiveDirectory) {
     EXPECT_FALSE(exists(in + "/interim.txt-"));
 }
 
-// A receiver whose writes fail past limit bytes of a file, and a forger of
-// packets for its ring.
-struct LimitedReceiver {
-    explicit LimitedReceiver(long limit)
-        : in(tmp / "in"), f(tmp / "ring@s64M"),
-          r({"/bin/sh", "-c", "trap '' XFSZ; exec prlimit --fsize=" + std::to_string(limit) + " \"$@\"", "sh",
-             ferrant2(), "-p", write_pf(tmp / "r.pf", {{"directory", in}}), tmp / "ring@s64M"},
-            tmp.path, tmp.path) {}
-    bool received(const std::string& name) {
-        return eventually([&] { return r.err().find("received " + name) != std::string::npos; });
-    }
-    TempDir tmp;
-    std::string in;
-    Forger f;
-    Child r;
-};
-
 // Packets large enough to be written in the background while the next one
 // is digested: a bad key and a failed write still give up just their file.
 TEST(FerrantReceiver, LargePacketFailuresGiveUpOnlyTheirFile) {
-    LimitedReceiver lr(512000);
-    ASSERT_TRUE(lr.f.ok());
-    Forger& f = lr.f;
-    const std::string& in = lr.in;
+    Forged f(512000);
+    ASSERT_TRUE(f.ok());
+    const std::string& in = f.in;
     const size_t B = 300000;
     std::string small = pattern(B + 100000, 8);
     f.run("1/badkey.bin", "badkey.bin", pattern(3 * B, 9), B, 2);
@@ -294,9 +285,9 @@ TEST(FerrantReceiver, LargePacketFailuresGiveUpOnlyTheirFile) {
     f.run("5/both.bin", "both.bin", pattern(5 * B, 11), B, 4);
     f.run("4/fits.bin", "fits.bin", small, B);
 
-    ASSERT_TRUE(lr.received("fits.bin")) << lr.r.err();
-    std::string log = lr.r.err();
-    EXPECT_NE(log.find("digest mismatch at sequence #2 for file badkey.bin-"), std::string::npos) << log;
+    ASSERT_TRUE(f.received("fits.bin")) << f.r.err();
+    std::string log = f.r.err();
+    EXPECT_SAID(log, "digest mismatch at sequence #2 for file badkey.bin-");
     // Only the first write of a file to fail is told, though later ones
     // were queued behind it.
     auto told = [&](const std::string& file) {
@@ -316,23 +307,23 @@ TEST(FerrantReceiver, LargePacketFailuresGiveUpOnlyTheirFile) {
     EXPECT_TRUE(slurp(in + "/fits.bin") == small);
     EXPECT_TRUE(slurp(in + "/mixed.bin") == mixed);
     EXPECT_EQ(mode_of(in + "/mixed.bin"), 0640u);
-    EXPECT_TRUE(lr.r.running());
+    EXPECT_TRUE(f.r.running());
 }
 
 // Bytes still in the stream's buffer at the end are lost when the last flush
 // fails; that file must not be renamed into place as if whole.
 TEST(FerrantReceiver, FailedLastFlushKeepsTheFileOut) {
-    LimitedReceiver lr(1000);
-    ASSERT_TRUE(lr.f.ok());
+    Forged f(1000);
+    ASSERT_TRUE(f.ok());
     std::string ok = pattern(500, 2);
-    lr.f.run("1/over.bin", "over.bin", pattern(2000, 1), 2000);
-    lr.f.run("2/ok.bin", "ok.bin", ok, 500);
-    ASSERT_TRUE(lr.received("ok.bin")) << lr.r.err();
-    EXPECT_NE(lr.r.err().find("failed to close file over.bin-"), std::string::npos) << lr.r.err();
-    EXPECT_FALSE(exists(lr.in + "/over.bin"));
-    EXPECT_FALSE(exists(lr.in + "/over.bin-"));
-    EXPECT_EQ(slurp(lr.in + "/ok.bin"), ok);
-    EXPECT_EQ(mode_of(lr.in + "/ok.bin"), 0640u);
+    f.run("1/over.bin", "over.bin", pattern(2000, 1), 2000);
+    f.run("2/ok.bin", "ok.bin", ok, 500);
+    ASSERT_TRUE(f.received("ok.bin")) << f.r.err();
+    EXPECT_SAID(f.r.err(), "failed to close file over.bin-");
+    EXPECT_FALSE(exists(f.in + "/over.bin"));
+    EXPECT_FALSE(exists(f.in + "/over.bin-"));
+    EXPECT_EQ(slurp(f.in + "/ok.bin"), ok);
+    EXPECT_EQ(mode_of(f.in + "/ok.bin"), 0640u);
 }
 
 }  // namespace

@@ -9,28 +9,23 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <cstdlib>
-#include <string>
 
 #include "auth.h"
+#include "fuzz.h"
 
 static std::unique_ptr<TlsContext> Tls;
 static std::unique_ptr<Auth> Signers;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    setenv("ELOG_DELIVER", "/dev/null@lncDa stderr@df", 1);
-    char tmpl[] = "/tmp/auth_fuzz.XXXXXX";
-    if (!mkdtemp(tmpl)) std::abort();
-    std::string d = tmpl;
+    fuzz::quiet_log();
+    std::string d = fuzz::scratch_dir(), why;
     std::string make = "cd " + d + " && openssl req -x509 -newkey ed25519 -nodes -keyout k -subj /CN=f -days 1 "
                        "-out c >/dev/null 2>&1 && openssl pkey -in k -pubout -out p";
     Settings s;
     s.signers = {{"alice", d + "/p"}};
-    std::string why;
     if (std::system(make.c_str()) != 0 || !(Tls = tls_server_context(d + "/c", d + "/k", &why)) ||
         !(Signers = Auth::make(s, &why)))
         std::abort();
-    std::system(("rm -rf " + d).c_str());
     return 0;
 }
 
@@ -50,8 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             ssize_t r = session->read(buf, sizeof buf);
             if (r == 0 || (r < 0 && errno != EAGAIN)) break;
         }
-        close(sv[0]);
-        close(sv[1]);
+        close(sv[0]), close(sv[1]);
         return 0;
     }
     Bns* in = bnsnew(-1, n + 1);

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "frontend.h"
+#include "fuzz.h"
 
 namespace {
 
@@ -45,15 +46,8 @@ void client(int fd, const uint8_t* data, size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // Quiet log, no limit on kept messages, and no signal handlers in the way
-    // of the sanitizers.
-    setenv("ELOG_DELIVER", "/dev/null@lncDa stderr@df", 1);
-    setenv("ELOG_MAXMSG", "0", 1);
-    setenv("ELOG_SIGNALS", "", 1);
-    setenv("ELOG_DEBUG", "", 1);
-    char tmpl[] = "/tmp/frontend_fuzz.XXXXXX";
-    if (!mkdtemp(tmpl)) std::abort();
-    Ring_path = std::string(tmpl) + "/ring";
+    fuzz::quiet_log();
+    Ring_path = fuzz::scratch_dir() + "/ring";
     Ring_settings = new Settings;
     Ring_settings->ring_size = 1 << 20;
     Ring_settings->ring_packets = 512;
@@ -61,11 +55,6 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     Ring_settings->request_timeout = 2;
     std::string why;
     if (!open_ring(Ring_path, *Ring_settings, &why)) std::abort();
-    static std::string Dir = tmpl;
-    std::atexit([] {
-        unlink(Ring_path.c_str());
-        rmdir(Dir.c_str());
-    });
     return 0;
 }
 
@@ -75,12 +64,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!ring) std::abort();
     int sv[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) std::abort();
-    {
-        Frontend server(*Ring_settings, std::move(ring), Ring_path);
-        server.add_stdio_client(sv[0], sv[0]);
-        std::thread peer(client, sv[1], data, size);
-        server.run();
-        peer.join();
-    }
+    Frontend server(*Ring_settings, std::move(ring), Ring_path);
+    server.add_stdio_client(sv[0], sv[0]);
+    std::thread peer(client, sv[1], data, size);
+    server.run();
+    peer.join();
     return 0;
 }

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "fuzz.h"
 #include "stock/pf.h"
 
 namespace {
@@ -41,37 +42,26 @@ bool same(Pf* a, Pf* b) {
     return strcmp(sa ? sa : "", sb ? sb : "") == 0;
 }
 
-bool has_function(Pf* pf) {
+// Whether test holds for pf or anything below it, tried in order until it does.
+using Test = bool (*)(Pf*);
+bool any(Pf* pf, Test test) {
     if (!pf) return false;
-    if (pf->type == PF_FUNCTION) return true;
+    if (test(pf)) return true;
     if (pf->type == PF_ROOT || pf->type == PF_ARR)
         return applyarr(
-                   pf->value.arr, [](const char*, void* v, void*) { return has_function(static_cast<Pf*>(v)) ? 1 : 0; },
-                   nullptr) != 0;
+                   pf->value.arr,
+                   [](const char*, void* v, void* t) { return int(any(static_cast<Pf*>(v), *static_cast<Test*>(t))); },
+                   &test) != 0;
     if (pf->type == PF_TBL)
         for (long i = 0; i < pfmaxtbl(pf); i++)
-            if (has_function(static_cast<Pf*>(gettbl(pf->value.tbl, i)))) return true;
+            if (any(static_cast<Pf*>(gettbl(pf->value.tbl, i)), test)) return true;
     return false;
-}
-
-void expand_all(Pf* pf) {
-    if (!pf) return;
-    if (pf->type == PF_STRING) {
-        pfexpand(pf);
-    } else if (pf->type == PF_ROOT || pf->type == PF_ARR) {
-        applyarr(
-            pf->value.arr, [](const char*, void* v, void*) { expand_all(static_cast<Pf*>(v)); return 0; }, nullptr);
-    } else if (pf->type == PF_TBL) {
-        for (long i = 0; i < pfmaxtbl(pf); i++) expand_all(static_cast<Pf*>(gettbl(pf->value.tbl, i)));
-    }
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // Complaints about bad input are expected by the thousand; keep them off the terminal.
-    setenv("ELOG_DELIVER", "/dev/null", 1);
-    setenv("ELOG_MAXMSG", "0", 1);
+    fuzz::quiet_log();
     return 0;
 }
 
@@ -88,7 +78,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!same(pf, again)) abort();
     char* text2 = pf2string(again);
     if (strcmp(text, text2) != 0) abort();
-    if (!has_function(pf)) expand_all(pf);
+    if (!any(pf, [](Pf* p) { return p->type == PF_FUNCTION; }))
+        any(pf, [](Pf* p) {
+            if (p->type == PF_STRING) pfexpand(p);
+            return false;  // on to every node
+        });
     free(text);
     free(text2);
     pffree(pf);

@@ -2,18 +2,16 @@
 // the file, all chosen by the input. Until damage is done every packet still
 // present must read back as it was put and the bookkeeping must add up; after
 // damage, nothing may crash or read outside the file.
-#include "ring/ring.h"
-
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <algorithm>
-#include <cstring>
+#include <cstdio>
 #include <map>
-#include <string>
 #include <vector>
+
+#include "fuzz.h"
+#include "ring/ring.h"
 
 namespace {
 
@@ -37,22 +35,9 @@ std::vector<char> payload(uint64_t seq, size_t size) {
     return b;
 }
 
-struct Scratch {
-    std::string dir, file;
-    Scratch() {
-        char t[] = "/tmp/ringfuzz.XXXXXX";
-        dir = mkdtemp(t);
-        file = dir + "/ring";
-    }
-    ~Scratch() {
-        ::unlink(file.c_str());
-        ::rmdir(dir.c_str());
-    }
-};
-
 const std::string& path() {
-    static Scratch s;
-    return s.file;
+    static std::string file = fuzz::scratch_dir() + "/ring";
+    return file;
 }
 
 // Where to start walking the ring: damaged bounds may span far more than
@@ -89,9 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     while (in.n) {
         switch (in.byte() % 8) {
-        case 0:
-        case 1:
-        case 2: {   // put
+        case 0: case 1: case 2: {  // put
             size_t n = in.u16() % (g.data_bytes + 64);
             time += double(int(in.byte() % 16) - 3);
             uint64_t seq = r->head();

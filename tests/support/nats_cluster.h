@@ -7,11 +7,7 @@
 
 #include <nats/nats.h>
 #include <netinet/in.h>
-#include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <fstream>
@@ -19,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/child.h"
 #include "support/tempdir.h"
 
 namespace nats_test {
@@ -31,9 +28,7 @@ inline std::string server_binary() {
 // A loopback port free at the moment of asking.
 inline int free_port() {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t n = sizeof a;
     int port = -1;
     if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
@@ -48,22 +43,17 @@ public:
     explicit Cluster(int nodes = 3) : dir_("ferrant_nats") {
         for (int i = 0; i < nodes; i++) nodes_.push_back({free_port(), free_port(), -1});
         for (int i = 0; i < nodes; i++) {
-            std::string routes;
+            std::string n = "n" + std::to_string(i), routes;
             for (int j = 0; j < nodes; j++)
                 if (j != i) routes += "\n    nats-route://127.0.0.1:" + std::to_string(nodes_[j].route_port);
-            dir_.file("n" + std::to_string(i) + ".conf",
-                      "server_name: n" + std::to_string(i) + "\nlisten: 127.0.0.1:" +
-                          std::to_string(nodes_[i].port) + "\njetstream {\n  store_dir: \"" +
-                          dir_.sub("n" + std::to_string(i)) +
-                          "\"\n  max_memory_store: 64MB\n  max_file_store: 8GB\n}\ncluster {\n  name: ferrant\n"
-                          "  listen: 127.0.0.1:" + std::to_string(nodes_[i].route_port) + "\n  routes: [" +
-                          routes + "\n  ]\n}\n");
+            dir_.file(n + ".conf", "server_name: " + n + "\nlisten: 127.0.0.1:" + std::to_string(nodes_[i].port) +
+                      "\njetstream {\n  store_dir: \"" + dir_.sub(n) + "\"\n  max_memory_store: 64MB\n"
+                      "  max_file_store: 8GB\n}\ncluster {\n  name: ferrant\n  listen: 127.0.0.1:" +
+                      std::to_string(nodes_[i].route_port) + "\n  routes: [" + routes + "\n  ]\n}\n");
         }
         for (int i = 0; i < nodes; i++) start(i);
     }
-    ~Cluster() {
-        for (int i = 0; i < int(nodes_.size()); i++) kill(i);
-    }
+    ~Cluster() { for (int i = 0; i < int(nodes_.size()); i++) kill(i); }
     Cluster(const Cluster&) = delete;
     Cluster& operator=(const Cluster&) = delete;
 
@@ -76,25 +66,15 @@ public:
 
     void start(int i) {
         if (nodes_[i].pid > 0) return;
-        std::string conf = dir_ / ("n" + std::to_string(i) + ".conf");
-        std::string log = dir_ / ("n" + std::to_string(i) + ".log");
-        std::string bin = server_binary();
-        pid_t pid = fork();
-        if (pid == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);   // no server outlives a crashed test
-            FILE* f = std::freopen(log.c_str(), "a", stdout);
-            if (f) dup2(1, 2);
-            execl(bin.c_str(), bin.c_str(), "-js", "-c", conf.c_str(), static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        nodes_[i].pid = pid;
+        std::string n = dir_ / ("n" + std::to_string(i));
+        child::Io io;
+        io.out = io.err = n + ".log";
+        io.die_with_parent = true;
+        nodes_[i].pid = child::spawn({server_binary(), "-js", "-c", n + ".conf"}, io);
     }
 
     void kill(int i) {
-        if (nodes_[i].pid <= 0) return;
-        ::kill(nodes_[i].pid, SIGKILL);
-        while (waitpid(nodes_[i].pid, nullptr, 0) < 0 && errno == EINTR) {
-        }
+        if (nodes_[i].pid > 0) child::end(nodes_[i].pid, SIGKILL);
         nodes_[i].pid = -1;
     }
 

@@ -6,31 +6,18 @@
 //   orbopen(server.name().c_str(), "r");           // "127.0.0.1:PORT"
 //   server.kill(); server.start();                 // same ring file, same port
 //
-// Options: extra parameter-file lines (e.g. "maxpkts 100\nwrite_allow 10.0.0.0/8\n"),
-// extra command-line arguments (e.g. {"-s", "1M"}), the address to bind and
-// the ring path. The ring defaults to <dir>/ring with 8 MiB of data.
-// The server's standard error goes to <dir>/orbserver.log (log()).
-// sanitizer_report() gives what a sanitizer said in that log, if anything.
-// The destructor stops the server (SIGKILL if SIGTERM is not enough); the
-// directory goes with it. One object, one server.
+// The ring has 8 MiB of data unless the options say otherwise. Standard error
+// goes to <dir>/orbserver.log (log()). The destructor stops the server
+// (SIGKILL if SIGTERM is not enough).
 #pragma once
 
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "support/child.h"
 #include "support/tempdir.h"
 
 #ifndef FERRANT_BUILD_DIR
@@ -52,10 +39,9 @@ public:
     };
 
     OrbServer() : OrbServer(Options{}) {}
-    explicit OrbServer(Options o) : opt_(std::move(o)) {
-        dir_ = tmp_.path;
+    explicit OrbServer(Options o) : opt_(std::move(o)), dir_(tmp_.path) {
         ring_ = opt_.ring.empty() ? dir_ + "/ring" : opt_.ring;
-        std::ofstream(dir_ + "/orbserver.pf") << opt_.pf;
+        std::ofstream(pf_path()) << opt_.pf;
         if (opt_.start) start();
     }
     ~OrbServer() { stop(); }
@@ -68,30 +54,22 @@ public:
         if (pid_ > 0) return true;
         std::string portfile = dir_ + "/port";
         unlink(portfile.c_str());
-        std::vector<std::string> args = {std::string(FERRANT_BUILD_DIR) + "/bin/orbserver",
-                                         "-p", dir_ + "/orbserver.pf",
-                                         "-P", opt_.bind + ":" + std::to_string(port_ > 0 ? port_ : 0),
-                                         "-o", portfile, "-s", "8M"};
+        std::vector<std::string> args = {FERRANT_BUILD_DIR "/bin/orbserver", "-p", pf_path(), "-P",
+                                         opt_.bind + ":" + std::to_string(port_), "-o", portfile, "-s", "8M"};
         args.insert(args.end(), opt_.args.begin(), opt_.args.end());
         args.push_back(ring_);
-        pid_ = spawn(args, dir_ + "/orbserver.log");
-        if (pid_ < 0) return false;
-        // Ready once the port file appears; give up if the server exits.
-        auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (std::chrono::steady_clock::now() < give_up) {
+        child::Io io;
+        io.out = io.err = dir_ + "/orbserver.log";
+        if ((pid_ = child::spawn(args, io)) < 0) return false;
+        // Ready once the port file is written; give up if the server exits.
+        for (int tries = 0; tries < 4000; tries++) {  // 5 ms each at least
             std::string text = slurp(portfile);
             if (!text.empty() && text.back() == '\n') {
                 name_ = text.substr(0, text.size() - 1);
                 port_ = std::atoi(name_.substr(name_.rfind(':') + 1).c_str());
                 return true;
             }
-            int status;
-            if (waitpid(pid_, &status, WNOHANG) == pid_) {
-                pid_ = -1;
-                status_ = status;
-                return false;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            if (!running()) return false;
         }
         kill();
         return false;
@@ -99,28 +77,17 @@ public:
     // SIGTERM, then SIGKILL when it lingers; returns the wait status.
     int stop() { return end(SIGTERM); }
     int kill() { return end(SIGKILL); }
-    bool restart() {
-        stop();
-        return start();
-    }
+    bool restart() { return stop(), start(); }
     bool up() const { return pid_ > 0; }
     // True while the process exists (reaps it when it has exited).
     bool running() {
-        if (pid_ <= 0) return false;
-        int status;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            status_ = status;
-            return false;
-        }
-        return true;
+        int status = pid_ > 0 ? child::reap(pid_, 0.005) : -1;
+        if (status != -1) status_ = status, pid_ = -1;
+        return pid_ > 0;
     }
     // Waits (without a time limit) for the server to exit by itself.
     int wait_exit() {
-        if (pid_ > 0) {
-            waitpid(pid_, &status_, 0);
-            pid_ = -1;
-        }
+        if (pid_ > 0) status_ = child::reap(pid_, 1e9), pid_ = -1;
         return status_;
     }
 
@@ -133,55 +100,17 @@ public:
     std::string log() const { return slurp(dir_ + "/orbserver.log"); }
     // Lines of the log that a sanitizer wrote ("" when there are none).
     std::string sanitizer_report() const {
-        std::string all = log(), found;
-        std::istringstream in(all);
+        std::istringstream in(log());
+        std::string found;
         for (std::string line; std::getline(in, line);)
             if (line.find("Sanitizer") != std::string::npos || line.find("runtime error:") != std::string::npos)
                 found += line + "\n";
         return found;
     }
 
-    // Starts a program with stdin from /dev/null and stderr (and stdout) to
-    // logfile; -1 when it cannot be started.
-    static pid_t spawn(const std::vector<std::string>& args, const std::string& logfile) {
-        std::vector<char*> argv;
-        for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        pid_t pid = fork();
-        if (pid == 0) {
-            int null = open("/dev/null", O_RDONLY);
-            int log = open(logfile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-            if (null >= 0) dup2(null, 0);
-            if (log >= 0) {
-                dup2(log, 1);
-                dup2(log, 2);
-            }
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        return pid;
-    }
-
 private:
     int end(int sig) {
-        if (pid_ <= 0) return status_;
-        ::kill(pid_, sig);
-        auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        for (;;) {
-            int status = 0;
-            pid_t r = waitpid(pid_, &status, WNOHANG);
-            if (r == pid_ || (r < 0 && errno == ECHILD)) {
-                status_ = status;
-                break;
-            }
-            if (std::chrono::steady_clock::now() > give_up) {
-                ::kill(pid_, SIGKILL);
-                waitpid(pid_, &status_, 0);
-                break;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        pid_ = -1;
+        if (pid_ > 0) status_ = child::end(pid_, sig), pid_ = -1;
         return status_;
     }
 

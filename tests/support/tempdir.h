@@ -33,15 +33,13 @@ struct TempDir {
     std::string operator/(const std::string& name) const { return path + "/" + name; }
     // Writes text to the file name in the directory; returns its path.
     std::string file(const std::string& name, const std::string& text) const {
-        std::string p = *this / name;
-        std::ofstream(p) << text;
-        return p;
+        std::ofstream(*this / name) << text;
+        return *this / name;
     }
     // Makes the subdirectory name (and its parents); returns its path.
     std::string sub(const std::string& name) const {
-        std::string p = *this / name;
         std::error_code ec;
-        std::filesystem::create_directories(p, ec);
-        return p;
+        std::filesystem::create_directories(*this / name, ec);
+        return *this / name;
     }
 };
