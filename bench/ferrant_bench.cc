@@ -324,6 +324,10 @@ int main() {
         // Through another front end the sender is held back by the receiver's lag, as an operator would run it.
         write_pf(Tmp + "/e.pf", Tmp + "/e2e", "newest", bpp, recv_from.empty() ? "" : ".*ferrant2.*");
         std::string log = Tmp + "/e2e-" + std::to_string(bpp) + ".log";
+        // A log left by an earlier run would be read before the child truncates it:
+        // its "Starting at" and "received" lines would count for this run.
+        unlink(log.c_str());
+        unlink((log + "-sender").c_str());
         Proc rr = start({ferrant, "-p", Tmp + "/e.pf", recv_from.empty() ? name : recv_from}, Tmp, log);
         bool ok = wait_for(rr.err, "Starting at pktid", 1, 30);
         auto t0 = Clock::now();
