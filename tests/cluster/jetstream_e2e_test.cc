@@ -5,6 +5,8 @@
 // no interim file is left behind.
 #include <dirent.h>
 
+#include <algorithm>
+
 #include "ferrant/harness.h"
 #include "orb/orb.h"
 #include "support/nats_cluster.h"
@@ -88,6 +90,9 @@ TEST(JetStreamFerrant, FilesCrossTwoFrontEndsWhileALeaderNodeAndAFrontEndDie) {
     EXPECT_EQ(doc["ring"]["store"], "stream 'e2e' on nats://" + cluster.urls()[0] + ",nats://" + cluster.urls()[1] +
                                         ",nats://" + cluster.urls()[2]);
     EXPECT_GE(doc["ring"]["nclients"], 2);
+    EXPECT_TRUE(std::any_of(doc["clients"].begin(), doc["clients"].end(), [&](const nlohmann::json& c) {
+        return c["perm"] == "r" && c["what"].get<std::string>().find(receiving.name()) != std::string::npos;
+    })) << doc["clients"].dump();
     std::string metrics = testsupport::http_get(http, "/metrics").body;
     EXPECT_NE(metrics.find("orbserver_ring_info{name=\"e2e\",store=\"stream 'e2e' on nats://"), std::string::npos)
         << metrics;
