@@ -8,14 +8,12 @@
 
 #include <cmath>
 #include <string>
+#include <tuple>
 
 #include "deviants/swap.h"
 #include "stock/h2e.h"
-#include "support/orbserver.h"  // slurp
 #include "support/tempdir.h"
 #include "wire/wire_support.h"
-
-using testsupport::slurp;
 
 namespace {
 
@@ -27,56 +25,47 @@ struct BnsSocket : testing::Test {
         b = bnsnew(sp.fd[0], size);
         if (timeout_ms != -2) bnstimeout(b, timeout_ms);
     }
+    // Puts a message and flushes it.
+    void message(const std::string& m) {
+        buf2bns(b, m.data(), int(m.size()));
+        ASSERT_EQ(bnsflush(b), 0);
+    }
     void TearDown() override { bnsfree(b); }
 };
 
-TEST(BnsCreate, BadSizeAndTimeoutFromTheEnvironment) {
+TEST(Bns, BadSizeAndTimeoutFromTheEnvironment) {
     int saved = Bns_timeout;
     setenv("BNS_TIMEOUT", "1234", 1);
     Bns* c = bnsnew(-1, -5);
     unsetenv("BNS_TIMEOUT");
-    EXPECT_EQ(c->sz, 32767);
-    EXPECT_EQ(c->timeout, 1234);
+    EXPECT_EQ(std::pair(c->sz, c->timeout), std::pair(32767, 1234));
     Bns_timeout = saved;
     bnsfree(c);
     bnsfree(nullptr);
 }
 
-TEST(BnsPut, BigEndianForEveryTypeAndBack) {
+TEST(Bns, PutsEveryTypeBigEndianAndGetsItBack) {
     OutStream o;
     short s = -2;
     int i = INT32_MIN;
     int64_t l = 0x0102030405060708LL;
     float f = 1.0f;
     double d = -2.0;
-    ASSERT_EQ(bnsput(o.b, &s, BNS_SHORT, 1), 0);
-    ASSERT_EQ(bnsput(o.b, &i, BNS_INT, 1), 0);
-    ASSERT_EQ(bnsput(o.b, &l, BNS_LONG, 1), 0);
-    ASSERT_EQ(bnsput(o.b, &f, BNS_FLOAT, 1), 0);
-    ASSERT_EQ(bnsput(o.b, &d, BNS_DOUBLE, 1), 0);
+    void* at[] = {&s, &i, &l, &f, &d};  // in the order of the type codes BNS_SHORT .. BNS_DOUBLE
+    for (int t = BNS_SHORT; t <= BNS_DOUBLE; t++) ASSERT_EQ(bnsput(o.b, at[t - 1], t, 1), 0);
     ASSERT_EQ(buf2bns(o.b, "xyz", 3), 0);
     std::string bytes = pending(o.b);
-    EXPECT_EQ(bytes, std::string("\xff\xfe" "\x80\x00\x00\x00" "\x01\x02\x03\x04\x05\x06\x07\x08"
-                                 "\x3f\x80\x00\x00" "\xc0\x00\x00\x00\x00\x00\x00\x00" "xyz",
-                                 2 + 4 + 8 + 4 + 8 + 3));
+    EXPECT_EQ(bytes, "\xff\xfe" "\x80\x00\x00\x00" "\x01\x02\x03\x04\x05\x06\x07\x08"
+                     "\x3f\x80\x00\x00" "\xc0\x00\x00\x00\x00\x00\x00\x00" "xyz"s);
     EXPECT_EQ(bnsout(o.b), 29);
     EXPECT_EQ(bnsout(o.b), 0);
     EXPECT_EQ(bnsput(o.b, &i, 6, 1), -1);
     EXPECT_EQ(bnsput(o.b, &i, -1, 1), -1);
     EXPECT_EQ(bnscnt(o.b), 29);
-
     InStream in(bytes);
     s = 0, i = 0, l = 0, f = 0, d = 0;
-    ASSERT_EQ(bnsget(in.b, &s, BNS_SHORT, 1), 0);
-    ASSERT_EQ(bnsget(in.b, &i, BNS_INT, 1), 0);
-    ASSERT_EQ(bnsget(in.b, &l, BNS_LONG, 1), 0);
-    ASSERT_EQ(bnsget(in.b, &f, BNS_FLOAT, 1), 0);
-    ASSERT_EQ(bnsget(in.b, &d, BNS_DOUBLE, 1), 0);
-    EXPECT_EQ(s, -2);
-    EXPECT_EQ(i, INT32_MIN);
-    EXPECT_EQ(l, 0x0102030405060708LL);
-    EXPECT_EQ(f, 1.0f);
-    EXPECT_EQ(d, -2.0);
+    for (int t = BNS_SHORT; t <= BNS_DOUBLE; t++) ASSERT_EQ(bnsget(in.b, at[t - 1], t, 1), 0);
+    EXPECT_EQ(std::tuple(s, i, l, f, d), std::tuple(short(-2), INT32_MIN, 0x0102030405060708LL, 1.0f, -2.0));
     EXPECT_EQ(bnsin(in.b), 26);
     EXPECT_EQ(bnsget(in.b, &i, 9, 1), -1);
 }
@@ -89,18 +78,14 @@ TEST_F(BnsSocket, FlushWritesEverythingInOneCallAndAFailureKeepsTheBytes) {
         expect += Wire().i(k).s;
     }
     ASSERT_EQ(bnsflush(b), 0);
-    EXPECT_EQ(b->nsys, 1);
     EXPECT_EQ(sp.drain(), expect);
-    EXPECT_EQ(bnsflush(b), 0);  // nothing to write
+    EXPECT_EQ(bnsflush(b), 0);  // nothing to write, and no call made for it
     EXPECT_EQ(b->nsys, 1);
-
     sp.closeend(1);
     signal(SIGPIPE, SIG_IGN);
     buf2bns(b, "abc", 3);
     EXPECT_EQ(bnsflush(b), -1);
-    EXPECT_EQ(b->err, 1);
-    EXPECT_EQ(b->syserrno, EPIPE);
-    EXPECT_EQ(pending(b), "abc");
+    EXPECT_EQ(std::tuple(b->err, b->syserrno, pending(b)), std::tuple(1, EPIPE, "abc"s));
 }
 
 // A time-out is not the end of the input: what has arrived stays for the next call.
@@ -109,41 +94,53 @@ TEST_F(BnsSocket, PartialArrivalSurvivesTheTimeoutAndEndOfFileIsToldApart) {
     int v = 0;
     EXPECT_EQ(bnsget(b, &v, BNS_INT, 1), -1);  // nothing at all
     EXPECT_EQ(b->eof + b->err, 0);
-
-    sp.send(std::string("\x12\x34", 2));
+    sp.send("\x12\x34");
     EXPECT_EQ(bnsget(b, &v, BNS_INT, 1), -1);
-    EXPECT_EQ(b->eof + b->err, 0);
-    EXPECT_EQ(bnscnt(b), 2);
-
-    sp.send(std::string("\x56\x78", 2));
+    EXPECT_EQ(std::pair(b->eof + b->err, bnscnt(b)), std::pair(0, 2));
+    sp.send("\x56\x78");
     ASSERT_EQ(bnsget(b, &v, BNS_INT, 1), 0);
     EXPECT_EQ(v, 0x12345678);
-
     bnstimeout(b, 5000);
     sp.send("ab");
     sp.closeend(1);
     EXPECT_EQ(bnsget(b, &v, BNS_INT, 1), -1);
-    EXPECT_EQ(b->eof, 1);
-    EXPECT_EQ(b->err, 0);
-    EXPECT_EQ(bnscnt(b), 2);  // still there
+    EXPECT_EQ(std::tuple(b->eof, b->err, bnscnt(b)), std::tuple(1, 0, 2));  // what came is still there
     char c[2];
     EXPECT_EQ(bnsget(b, c, BNS_BYTES, 2), 0);
+}
 
-    // A pipe whose writer is gone reports a hang-up without input.
+// A pipe whose writer is gone reports a hang-up without input; a closed
+// descriptor is an error, not an end of file.
+TEST(Bns, HangUpAndClosedDescriptor) {
     int p[2];
     ASSERT_EQ(pipe(p), 0);
-    Bns* pb = bnsnew(p[0], 64);
-    bnstimeout(pb, 5000);
+    Bns* b = bnsnew(p[0], 64);
+    bnstimeout(b, 5000);
     close(p[1]);
-    EXPECT_EQ(bnsget(pb, c, BNS_BYTES, 1), -1);
-    EXPECT_EQ(pb->eof, 1);
-    bnsfree(pb);
+    char c;
+    EXPECT_EQ(bnsget(b, &c, BNS_BYTES, 1), -1);
+    EXPECT_EQ(b->eof, 1);
+    bnsfree(b);
     close(p[0]);
+    b = bnsnew(p[0], 64);
+    EXPECT_EQ(bnswait(b), -1);
+    EXPECT_EQ(b->err, 1);
+    EXPECT_EQ(bnsget(b, &c, BNS_BYTES, 1), -1);
+    EXPECT_EQ(std::pair(b->eof, b->err), std::pair(0, 2));
+    bnsfree(b);
+}
+
+TEST_F(BnsSocket, WaitTellsReadyAndTimeout) {
+    stream(64, 0);
+    EXPECT_EQ(bnswait(b), 0);
+    sp.send("x");
+    EXPECT_EQ(bnswait(b), 1);
+    EXPECT_NE(b->revents & POLLRDNORM, 0);
 }
 
 // A large run read straight into the destination still consumes nothing
 // when it cannot complete, on its own or behind a marked message head.
-TEST(BnsGet, DirectRunSurvivesTheTimeoutAndTheMark) {
+TEST(Bns, DirectRunSurvivesTheTimeoutAndTheMark) {
     std::string body(300000, '\0');
     for (size_t i = 0; i < body.size(); i++) body[i] = char(i * 7 + i / 251);
     for (bool marked : {false, true}) {
@@ -159,8 +156,7 @@ TEST(BnsGet, DirectRunSurvivesTheTimeoutAndTheMark) {
         if (marked) b->mark = 0;
         std::string got(body.size(), 'x');
         EXPECT_EQ(bnsget(b, got.data(), BNS_BYTES, int(got.size())), -1);
-        EXPECT_EQ(b->eof + b->err, 0);
-        EXPECT_EQ(bnscnt(b), 100000);
+        EXPECT_EQ(std::pair(b->eof + b->err, bnscnt(b)), std::pair(0, 100000));
         if (marked) {
             EXPECT_EQ(std::string(b->data, 4), "HEAD");
             b->fp = b->mark;  // start the message again, as the client does
@@ -177,7 +173,9 @@ TEST(BnsGet, DirectRunSurvivesTheTimeoutAndTheMark) {
     }
 }
 
-TEST_F(BnsSocket, ViewGivesBytesInPlaceOrNothing) {
+// bnsview gives bytes in place or nothing, bns2buf hands out what is buffered
+// and empties the buffer, bnsclose flushes before it closes.
+TEST_F(BnsSocket, ViewBns2bufAndClose) {
     stream(16, 30);
     sp.send("abcdefghij");
     EXPECT_EQ(bnsview(b, 20), nullptr);  // not all there
@@ -188,27 +186,17 @@ TEST_F(BnsSocket, ViewGivesBytesInPlaceOrNothing) {
     EXPECT_EQ(std::string(v, 20), "abcdefghijklmnopqrst");
     EXPECT_EQ(bnscnt(b), 6);
     EXPECT_EQ(bnsview(b, -1), nullptr);
-}
-
-TEST_F(BnsSocket, WaitTellsReadyTimeoutAndError) {
-    stream(64, 0);
-    EXPECT_EQ(bnswait(b), 0);
-    sp.send("x");
-    EXPECT_EQ(bnswait(b), 1);
-    EXPECT_NE(b->revents & POLLRDNORM, 0);
-    bnsfree(b);
-
-    int p[2];
-    ASSERT_EQ(pipe(p), 0);
-    close(p[0]);
-    close(p[1]);
-    b = bnsnew(p[0], 64);  // a closed descriptor
-    EXPECT_EQ(bnswait(b), -1);
-    EXPECT_EQ(b->err, 1);
-    char c;
-    EXPECT_EQ(bnsget(b, &c, BNS_BYTES, 1), -1);
-    EXPECT_EQ(b->eof, 0);
-    EXPECT_EQ(b->err, 2);
+    char buf[8];
+    EXPECT_EQ(bns2buf(b, buf, 4), 4);
+    EXPECT_EQ(std::string(buf, 4), "uvwx");
+    EXPECT_EQ(std::pair(bnscnt(b), b->fp), std::pair(0, 0));
+    EXPECT_EQ(bns2buf(b, buf, 4), 0);
+    buf2bns(b, "bye", 3);
+    EXPECT_EQ(bnsclose(b), 0);
+    b = nullptr;
+    EXPECT_EQ(fcntl(sp.fd[0], F_GETFD), -1);
+    sp.fd[0] = -1;
+    EXPECT_EQ(sp.drain(), "bye");
 }
 
 // Reads take all there is in one call, and grow the buffer by twice the
@@ -223,46 +211,31 @@ TEST_F(BnsSocket, ReadsFillTheFreeSpaceAndGrowByTwiceTheShortfall) {
     EXPECT_EQ(std::string(buf, 100), msg);
     sp.send(std::string(150, 'h'));
     ASSERT_EQ(bnsget(b, buf, BNS_BYTES, 100), 0);
-    EXPECT_EQ(b->sz, 184);
-    EXPECT_EQ(b->nsys, 2);
-    EXPECT_EQ(bnscnt(b), 50);
+    EXPECT_EQ(std::tuple(b->sz, b->nsys, bnscnt(b)), std::tuple(184, 2L, 50));
 }
 
 TEST_F(BnsSocket, ResendWritesExactlyTheLastMessagesKept) {
     stream(8);
-    // Nothing kept, nothing resent.
-    buf2bns(b, "once", 4);
-    ASSERT_EQ(bnsflush(b), 0);
+    message("once");  // nothing kept, nothing resent
     sp.drain();
     long calls = b->nsys;
     EXPECT_EQ(bnsresend(b), 0);
     EXPECT_EQ(b->nsys, calls);
     EXPECT_EQ(sp.drain(), "");
-
     bnskeep(b, 2);
-    for (const char* m : {"aaa", "bbbb", "ccccc"}) {
-        buf2bns(b, m, (int)strlen(m));
-        ASSERT_EQ(bnsflush(b), 0);
-    }
+    for (const char* m : {"aaa", "bbbb", "ccccc"}) message(m);
     EXPECT_EQ(sp.drain(), "aaabbbbccccc");
     ASSERT_EQ(bnsresend(b), 0);
     EXPECT_EQ(sp.drain(), "bbbbccccc");
-
     // The kept bytes stay bounded however many messages pass.
-    for (int k = 0; k < 200; k++) {
-        buf2bns(b, "0123456789", 10);
-        ASSERT_EQ(bnsflush(b), 0);
-    }
+    for (int k = 0; k < 200; k++) message("0123456789");
     EXPECT_EQ(b->lp - b->mark, 20);
     EXPECT_LE(b->sz, 64);
     sp.drain();
-    buf2bns(b, "tail", 4);
-    ASSERT_EQ(bnsflush(b), 0);
+    message("tail");
     ASSERT_EQ(bnsresend(b), 0);
     EXPECT_EQ(sp.drain(), "tail0123456789tail");
-
-    // After a clear nothing is resent either.
-    bnsclr(b);
+    bnsclr(b);  // after a clear nothing is resent either
     EXPECT_EQ(bnsresend(b), 0);
     EXPECT_EQ(sp.drain(), "");
 }
@@ -272,18 +245,14 @@ TEST_F(BnsSocket, ResendWritesExactlyTheLastMessagesKept) {
 TEST_F(BnsSocket, APutNeverMovesKeptOrBufferedBytes) {
     stream(1000);
     bnskeep(b, 2);
-    for (int i = 0; i < 3; i++) {
-        std::string m(300, char('a' + i));
-        buf2bns(b, m.data(), 300);
-        ASSERT_EQ(bnsflush(b), 0);
-    }
+    for (char c : {'a', 'b', 'c'}) message(std::string(300, c));
     buf2bns(b, "pending", 7);
     int end = b->lp;
     std::string big(5000, 'B');
     buf2bns(b, "orbmHEAD", 8);
     buf2bns(b, big.data(), int(big.size()));
     b->lp = end;
-    EXPECT_EQ(std::string(b->data + b->fp, size_t(b->lp - b->fp)), "pending");
+    EXPECT_EQ(pending(b), "pending");
     ASSERT_EQ(bnsflush(b), 0);
     sp.drain();
     ASSERT_EQ(bnsresend(b), 0);
@@ -293,18 +262,15 @@ TEST_F(BnsSocket, APutNeverMovesKeptOrBufferedBytes) {
 TEST_F(BnsSocket, GetcLeavesTheTerminatorAndDropsTheOverflow) {
     stream(4, 5000);  // smaller than a line: the terminator comes in a later read
     sp.send("abcdefghij\ndef");
-    char buf[16] = {};
+    char buf[16] = {}, nl;
     EXPECT_EQ(bnsgetc(b, buf, 16, '\n'), 10);
     EXPECT_EQ(std::string(buf, 10), "abcdefghij");
     EXPECT_EQ(pending(b)[0], '\n');
-
-    char nl;
     bnsget(b, &nl, BNS_BYTES, 1);
     sp.send("ghijkl\nX");
     EXPECT_EQ(bnsgetc(b, buf, 2, '\n'), 2);
     EXPECT_EQ(std::string(buf, 2), "de");
     EXPECT_EQ(pending(b)[0], '\n');
-
     bnsget(b, &nl, BNS_BYTES, 1);
     sp.closeend(1);
     memset(buf, 0, sizeof buf);
@@ -313,20 +279,7 @@ TEST_F(BnsSocket, GetcLeavesTheTerminatorAndDropsTheOverflow) {
     EXPECT_EQ(bnscnt(b), 0);
 }
 
-TEST_F(BnsSocket, Bns2bufHandsOutAndEmpties) {
-    stream(64);
-    sp.send("0123456789");
-    char c;
-    bnsget(b, &c, BNS_BYTES, 1);
-    char buf[8];
-    EXPECT_EQ(bns2buf(b, buf, 4), 4);
-    EXPECT_EQ(std::string(buf, 4), "1234");
-    EXPECT_EQ(bnscnt(b), 0);
-    EXPECT_EQ(b->fp, 0);
-    EXPECT_EQ(bns2buf(b, buf, 4), 0);
-}
-
-TEST(BnsSnoop, TraceRecordsBothDirections) {
+TEST(Bns, SnoopTracesBothDirections) {
     TempDir dir;
     std::string trace = dir / "trace";
     SocketPair sp;
@@ -336,12 +289,10 @@ TEST(BnsSnoop, TraceRecordsBothDirections) {
     buf2bns(out, "hello", 5);
     bnsflush(out);
     bnssnoop(out, nullptr);
-
     Bns* in = bnsnew(sp.fd[1], 64);
     ASSERT_EQ(bnssnoop(in, trace.c_str()), 0);
     char buf[5];
     ASSERT_EQ(bnsget(in, buf, BNS_BYTES, 5), 0);
-
     std::string t = slurp(trace);
     EXPECT_EQ(t.find("\n\n#msg > wire-out 5 "), 0u) << t;
     EXPECT_NE(t.find("\nhello\n\n#msg < anon 5 "), std::string::npos) << t;
@@ -349,7 +300,6 @@ TEST(BnsSnoop, TraceRecordsBothDirections) {
     struct stat st;
     ASSERT_EQ(stat(trace.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777 & ~0664, 0u);
-
     EXPECT_EQ(bnssnoop(in, (dir / "no/such/dir").c_str()), -1);
     EXPECT_EQ(in->snoopfd, -1);
     bnsfree(in);
@@ -370,82 +320,53 @@ TEST_F(BnsSocket, SyncFindsThePatternAfterGarbageOrGivesUp) {
     EXPECT_EQ(sync("xxorbmDATA", 0), 0);
     EXPECT_NE(err.find("skipped 2 bytes looking for sync 'orbm'"), std::string::npos) << err;
     EXPECT_EQ(pending(b), "DATA");
-
     EXPECT_EQ(sync("oorbmZ", 0), 0);  // a repeated first byte begins the match again
     EXPECT_EQ(pending(b), "Z");
-
     EXPECT_EQ(sync("orbm", 1), 0);
     EXPECT_EQ(err, "") << "clean input says nothing";
-
     EXPECT_EQ(sync("xorbm", 1), -2);  // strict: the first stray byte ends it
     EXPECT_EQ(pending(b), "orbm");
-
     EXPECT_EQ(sync(std::string(40, 'z') + "orbm", 0), -2);
     EXPECT_NE(err.find("skipped 32 bytes"), std::string::npos) << err;
-
     sp.send("orb");  // then end of file part way through the pattern
     sp.closeend(1);
     EXPECT_EQ(sync("", 0), -1);
 }
 
-TEST_F(BnsSocket, CloseFlushesAndCloses) {
-    stream(64);
-    buf2bns(b, "bye", 3);
-    EXPECT_EQ(bnsclose(b), 0);
-    b = nullptr;
-    EXPECT_EQ(fcntl(sp.fd[0], F_GETFD), -1);
-    sp.fd[0] = -1;
-    EXPECT_EQ(sp.drain(), "bye");
-}
-
 // The big-endian forms are covered through the stream above.
-TEST(ByteOrder, LittleEndianWideningAndNan) {
-    unsigned char buf[64];
-    unsigned char* c = buf;
+TEST(ByteOrder, LittleEndianWideningNanAndSwaps) {
+    unsigned char buf[64], *c = buf;
+    auto from = [&] { c = buf; return &c; };  // converts from or to the start of buf
+    auto bytes = [&](size_t n, size_t at = 0) { return std::string((char*)buf + at, n); };
     short s[2] = {1, -1}, back[2];
-    EXPECT_EQ(hs2as(s, &c, 2), 0);
+    EXPECT_EQ(hs2as(s, from(), 2), 0);
     EXPECT_EQ(c - buf, 4);
-    EXPECT_EQ(std::string((char*)buf, 4), std::string("\x01\x00\xff\xff", 4));
-    c = buf;
-    as2hs(&c, back, 2);
+    EXPECT_EQ(bytes(4), "\x01\x00\xff\xff"s);
+    as2hs(from(), back, 2);
     EXPECT_EQ(back[1], -1);
-
-    // A 16-bit field widens with or without its sign.
-    c = buf;
-    unsigned short u = 0xfffe;
-    uhs2ms(&u, &c, 1);
-    int wide;
-    c = buf;
-    ums2hi(&c, &wide, 1);
-    EXPECT_EQ(wide, 0xfffe);
-    c = buf;
-    ms2hi(&c, &wide, 1);
-    EXPECT_EQ(wide, -2);
-
-    double d[3] = {1.5, NAN, -0.0};
-    c = buf;
-    EXPECT_EQ(hd2md(d, &c, 3), -1);
+    unsigned short u = 0xfffe;  // a 16-bit field widens with or without its sign
+    int wide[2];
+    uhs2ms(&u, from(), 1);
+    ums2hi(from(), &wide[0], 1);
+    ms2hi(from(), &wide[1], 1);
+    EXPECT_EQ(std::pair(wide[0], wide[1]), std::pair(0xfffe, -2));
+    double d[3] = {1.5, NAN, -0.0}, e[3];
+    EXPECT_EQ(hd2md(d, from(), 3), -1);
     EXPECT_EQ(c - buf, 24);
-    double e[3];
-    c = buf;
-    EXPECT_EQ(md2hd(&c, e, 3), -1);
+    EXPECT_EQ(md2hd(from(), e, 3), -1);
     EXPECT_EQ(e[0], 1.5);
     EXPECT_TRUE(std::isnan(e[1]));
     EXPECT_TRUE(std::signbit(e[2]));
-    c = buf;
-    EXPECT_EQ(hd2md(d, &c, 1), 0);
-}
-
-TEST(ByteOrder, SwapInPlaceAndUnaligned) {
-    unsigned char buf[5] = {0, 1, 2, 3, 4};
+    EXPECT_EQ(hd2md(d, from(), 1), 0);
+    // Byte reversal in place and between unaligned buffers.
+    memcpy(buf, "\0\1\2\3\4", 5);
     swap2(buf + 1, buf + 1, 2);
-    EXPECT_EQ(std::string((char*)buf, 5), std::string("\0\2\1\4\3", 5));
-    unsigned char out[4];
-    swap4(buf + 1, out, 1);
-    EXPECT_EQ(std::string((char*)out, 4), "\3\4\1\2");
-    unsigned char e[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    swap8(e, e, 1);
-    EXPECT_EQ(std::string((char*)e, 8), "\10\7\6\5\4\3\2\1");
+    EXPECT_EQ(bytes(5), "\0\2\1\4\3"s);
+    swap4(buf + 1, buf + 9, 1);
+    EXPECT_EQ(bytes(4, 9), "\3\4\1\2");
+    memcpy(buf, "\1\2\3\4\5\6\7\10", 8);
+    swap8(buf, buf, 1);
+    EXPECT_EQ(bytes(8), "\10\7\6\5\4\3\2\1");
 }
 
 }  // namespace

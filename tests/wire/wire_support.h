@@ -1,5 +1,5 @@
 // Helpers for the stream and protocol tests: expected bytes built by hand, and
-// streams that decode from a fixed byte string.
+// streams over a fixed byte string or one end of a socket pair.
 #pragma once
 
 #include <sys/mman.h>
@@ -13,6 +13,8 @@
 
 #include "stock/bns.h"
 
+using namespace std::string_literals;
+
 // Big-endian bytes, written out independently of the stream code.
 struct Wire {
     std::string s;
@@ -23,15 +25,9 @@ struct Wire {
     Wire& i(uint32_t v) { return be(v, 4); }
     Wire& h(uint16_t v) { return be(v, 2); }
     Wire& d(double v) { return be(std::bit_cast<uint64_t>(v), 8); }
-    Wire& b(const std::string& t) {
-        s += t;
-        return *this;
-    }
-    Wire& text(const char* t, size_t n) {  // a fixed field: t then NULs to n bytes
-        std::string f(t);
-        f.resize(n, '\0');
-        return b(f);
-    }
+    Wire& b(const std::string& t) { s += t; return *this; }
+    // A fixed field: t then NULs to n bytes.
+    Wire& text(const char* t, size_t n) { return b(std::string(t).append(n - strlen(t), '\0')); }
 };
 
 // Bytes appended to the stream's buffer and not yet flushed.
@@ -54,38 +50,30 @@ struct OutStream {
 // An input stream over a memory file holding exactly `bytes`: reads past the
 // end see end of file, never a wait.
 struct InStream {
-    int fd = -1;
+    int fd = memfd_create("wire", MFD_CLOEXEC);
     Bns* b = nullptr;
     explicit InStream(const std::string& bytes, int size = 256) {
-        fd = memfd_create("wire", MFD_CLOEXEC);
         write_all(fd, bytes);
         lseek(fd, 0, SEEK_SET);
         b = bnsnew(fd, size);
         bnstimeout(b, 1000);
     }
-    ~InStream() {
-        bnsfree(b);
-        close(fd);
-    }
+    ~InStream() { bnsfree(b); close(fd); }
     // What is left unread, to the end of the file.
     std::string rest() {
         std::string r = pending(b);
         b->fp = b->lp;
         char buf[4096];
-        ssize_t n;
-        while ((n = read(fd, buf, sizeof buf)) > 0) r.append(buf, n);
+        for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;) r.append(buf, n);
         return r;
     }
 };
 
-// A connected pair of stream sockets, closed on destruction.
+// A connected pair of stream sockets, closed on destruction; the tests play the peer at fd[1].
 struct SocketPair {
     int fd[2] = {-1, -1};
     SocketPair() { socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fd); }
-    ~SocketPair() {
-        closeend(0);
-        closeend(1);
-    }
+    ~SocketPair() { closeend(0); closeend(1); }
     void closeend(int i) {
         if (fd[i] >= 0) close(fd[i]);
         fd[i] = -1;
@@ -95,8 +83,7 @@ struct SocketPair {
     std::string drain() const {
         std::string r;
         char buf[65536];
-        ssize_t n;
-        while ((n = recv(fd[1], buf, sizeof buf, MSG_DONTWAIT)) > 0) r.append(buf, n);
+        for (ssize_t n; (n = recv(fd[1], buf, sizeof buf, MSG_DONTWAIT)) > 0;) r.append(buf, n);
         return r;
     }
 };
