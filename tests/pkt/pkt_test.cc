@@ -16,7 +16,8 @@ struct Stuffed {
     double time = 0;
     std::vector<char> body;
     int unstuff(Packet** got, int n = -1, bool in_place = false) {
-        return (in_place ? unstuffPktInPlace : unstuffPkt)(srcname, 99, body.data(), n < 0 ? int(body.size()) : n, got);
+        auto unstuff = in_place ? unstuffPktInPlace : unstuffPkt;
+        return unstuff(srcname, 99, body.data(), n < 0 ? int(body.size()) : n, got);
     }
 };
 
@@ -24,7 +25,8 @@ struct Stuffed {
 const char Key[16] = {0, 1, 2, '\xff', 0, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, '\x80'};
 
 // Packs an xfer record around the caller's key (null: none) and data.
-Stuffed pack(const char* net, const char* subcode, int seq, int mode, const char* key, const std::string& data) {
+Stuffed pack(const char* net, const char* subcode, int seq, int mode, const char* key,
+             const std::string& data) {
     Packet* pkt = newPkt();
     snprintf(pkt->parts.src_net, PKT_NAMESIZE, "%s", net);
     snprintf(pkt->parts.src_subcode, PKT_NAMESIZE, "%s", subcode);
@@ -252,8 +254,8 @@ TEST(PktShow, DumpsDecodedFieldsAndMalformedBodies) {
     fclose(f);
     std::string out(text, len);
     free(text);
-    for (const char* want : {"#42 host/xfer/43200/report.csv", "sequence 7 mode 100644 data 11 bytes", "some.bytes.",
-                             "malformed xfer body", "type 'ch'"})
+    for (const char* want : {"#42 host/xfer/43200/report.csv", "sequence 7 mode 100644 data 11 bytes",
+                             "some.bytes.", "malformed xfer body", "type 'ch'"})
         EXPECT_NE(out.find(want), std::string::npos) << want;
 }
 

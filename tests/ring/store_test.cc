@@ -21,7 +21,10 @@ std::string cluster_error;
 
 nats_test::Cluster* cluster() {
     if (!the_cluster && cluster_error.empty()) {
-        if (nats_test::server_binary().empty()) return cluster_error = "nats-server is not installed", nullptr;
+        if (nats_test::server_binary().empty()) {
+            cluster_error = "nats-server is not installed";
+            return nullptr;
+        }
         the_cluster = std::make_unique<nats_test::Cluster>();
         if (!(cluster_error = the_cluster->wait_ready()).empty()) the_cluster.reset();
     }
@@ -37,7 +40,8 @@ bool eventually(F cond) {
 
 std::string bytes(int i, size_t n = 100) { return std::string(n, char('a' + i % 26)) + std::to_string(i); }
 
-int64_t put(RingStore& s, const std::string& src, double t, const std::string& d, std::string* why = nullptr) {
+int64_t put(RingStore& s, const std::string& src, double t, const std::string& d,
+            std::string* why = nullptr) {
     return s.put(src, t, d.data(), d.size(), why);
 }
 
@@ -94,7 +98,10 @@ TEST_P(Store, AppendsReadsBackAndWakes) {
     for (int i = 3; i < 303; i++) {  // more than a window
         std::string d = bytes(i);
         want.push_back(i);
-        s->put_async("A", i, d.data(), d.size(), [&](int64_t q, auto&) { std::lock_guard lk(m); seqs.push_back(q); });
+        s->put_async("A", i, d.data(), d.size(), [&](int64_t q, auto&) {
+            std::lock_guard lk(m);
+            seqs.push_back(q);
+        });
     }
     s->flush();
     EXPECT_EQ((std::lock_guard(m), seqs), want);
@@ -104,7 +111,9 @@ TEST_P(Store, AppendsReadsBackAndWakes) {
         return std::async(std::launch::async, [&s, seen, since] { return s->wait_since(seen, since, -1); });
     };
     // 1: woken with a new packet, 0: woken with none, -1: still asleep
-    auto outcome = [](auto& f) { return f.wait_for(std::chrono::seconds(60)) == std::future_status::ready ? int(f.get()) : -1; };
+    auto outcome = [](auto& f) {
+        return f.wait_for(std::chrono::seconds(60)) == std::future_status::ready ? int(f.get()) : -1;
+    };
     ASSERT_TRUE(eventually([&] { return s->head() == 303; }));
     auto woken = waiter(303);
     put(*s, "A", 1, "x");
@@ -163,7 +172,8 @@ class JetStream : public testing::Test {
 protected:
     void SetUp() override {
         if (!cluster()) GTEST_SKIP() << cluster_error;
-        o = {cluster()->urls(), testing::UnitTest::GetInstance()->current_test_info()->name() + std::to_string(getpid())};
+        o = {cluster()->urls(),
+             testing::UnitTest::GetInstance()->current_test_info()->name() + std::to_string(getpid())};
     }
     JetStreamOptions o;
 };
@@ -173,7 +183,12 @@ TEST_F(JetStream, RefusesStreamsARingCannotUse) {
     ASSERT_EQ(natsConnection_ConnectTo(&nc, ("nats://" + o.urls[0]).c_str()), NATS_OK);
     jsCtx* js = nullptr;
     natsConnection_JetStream(&js, nc, nullptr);
-    struct Case { const char* setting; jsRetentionPolicy retention; jsDiscardPolicy discard; const char* subject; };
+    struct Case {
+        const char* setting;
+        jsRetentionPolicy retention;
+        jsDiscardPolicy discard;
+        const char* subject;
+    };
     for (Case c : {Case{"setting retention", js_WorkQueuePolicy, js_DiscardOld, nullptr},
                    Case{"setting discard", js_LimitsPolicy, js_DiscardNew, nullptr},
                    Case{"setting subjects", js_LimitsPolicy, js_DiscardOld, "other.>"}}) {
@@ -203,7 +218,8 @@ TEST_F(JetStream, ServesWithOneNodeKilledAndFailsWithoutQuorumUntilItReturns) {
     std::string limits, why;
     o.timeout_ms = 2000;
     auto s = open_jetstream_store(o, &limits);
-    EXPECT_THAT(limits, HasSubstr("created: max_bytes 67108864, max_msgs 131072, max_age unlimited, replicas 3"));
+    EXPECT_THAT(limits,
+                HasSubstr("created: max_bytes 67108864, max_msgs 131072, max_age unlimited, replicas 3"));
     ASSERT_EQ(put(*s, "A", 1, bytes(1)), 0);
     cluster()->kill(0);
     int64_t seq = -1;
