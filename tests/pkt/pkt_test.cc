@@ -173,38 +173,35 @@ TEST(PktStuff, RefusesWhatCannotBePackedAndGrowsTheBuffer) {
     double t;
     int nbytes = 0, bufsize = 8;
     char* buf = static_cast<char*>(malloc(8));
-    auto stuff = [&] { return stuffPkt(pkt, srcname, &t, &buf, &nbytes, &bufsize); };
+    auto stuff = [&](int size) {
+        pkt->dfile_size = size;
+        return stuffPkt(pkt, srcname, &t, &buf, &nbytes, &bufsize);
+    };
     EXPECT_EQ(stuffPkt(nullptr, srcname, &t, &buf, &nbytes, &bufsize), -1);
-    EXPECT_EQ(stuff(), -1);  // no type
+    EXPECT_EQ(stuff(0), -1);  // no type
     PacketType bogus{"bogus", 0, ""};
     pkt->pkttype = &bogus;
-    EXPECT_EQ(stuff(), -1);
+    EXPECT_EQ(stuff(0), -1);
     pkt->pkttype = suffix2pkttype("ch");
-    EXPECT_EQ(stuff(), 0);
+    EXPECT_EQ(stuff(0), 0);
     EXPECT_EQ(nbytes, 0);
     EXPECT_STREQ(srcname, "/ch");
-
     std::vector<char> big(PKT_XFER_MAXDATA, 'z');
     char key[16] = {};
     strcpy(pkt->parts.src_subcode, "3/b");
     pkt->pkttype = suffix2pkttype("xfer");
     pkt->string = key;
     pkt->dfile = big.data();
-    pkt->dfile_size = PKT_XFER_MAXDATA;
-    ASSERT_EQ(stuff(), 0);
+    ASSERT_EQ(stuff(PKT_XFER_MAXDATA), 0);
     EXPECT_GE(bufsize, PKT_XFER_MAXDATA);
     int grown = bufsize;
-    pkt->dfile_size = 10;  // a smaller packet reuses the buffer
-    ASSERT_EQ(stuff(), 0);
+    ASSERT_EQ(stuff(10), 0);  // a smaller packet reuses the buffer
     EXPECT_EQ(bufsize, grown);
-    pkt->dfile_size = PKT_XFER_MAXDATA + 1;
-    EXPECT_EQ(stuff(), -1);
-    pkt->dfile_size = -1;  // packs as an empty chunk
-    ASSERT_EQ(stuff(), 0);
+    EXPECT_EQ(stuff(PKT_XFER_MAXDATA + 1), -1);
+    ASSERT_EQ(stuff(-1), 0);  // packs as an empty chunk
     EXPECT_EQ(nbytes, 21 + 16);
     pkt->dfile = nullptr;
-    pkt->dfile_size = 1;
-    EXPECT_EQ(stuff(), -1);
+    EXPECT_EQ(stuff(1), -1);
     pkt->string = nullptr;
     free(buf);
     freePkt(pkt);

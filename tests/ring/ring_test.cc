@@ -288,8 +288,6 @@ TEST_F(RingTest, SourceTableOverflowLeavesNewSourcesUncounted) {
     expect_sources_consistent(*r);
 }
 
-// ---------------------------------------------------------------- damaged files
-
 TEST_F(RingTest, OpenRefusesFilesThatAreNotWholeRings) {
     auto refused = [&](const std::string& why) {
         return ThrowsMessage<ring::Error>(HasSubstr(file + ": " + why));
@@ -330,8 +328,6 @@ TEST_F(RingTest, OpenRefusesFilesThatAreNotWholeRings) {
     EXPECT_EQ(Ring::open(file)->head(), 1u);
 }
 
-// ---------------------------------------------------------------- clients
-
 TEST_F(RingTest, ClientTableTracksLiveClientsAndReclaimsDeadOnes) {
     auto r = Ring::create(file, {.data_bytes = 8192, .maxclients = 2});
     ring::Client c;
@@ -366,8 +362,6 @@ TEST_F(RingTest, ClientTableTracksLiveClientsAndReclaimsDeadOnes) {
     EXPECT_GE(Ring::open(file)->client_add(c), 0);
     for (auto& x : r->clients()) EXPECT_NE(x.thread, session);
 }
-
-// ---------------------------------------------------------------- several processes
 
 // Processes create the ring at the same time (one makes it, the others open it)
 // and write it along with a thread of this process, while a reader in another
@@ -417,8 +411,6 @@ TEST_F(RingTest, SimultaneousCreatorsWritersAndAWaitingReader) {
     r->wake_all();
     EXPECT_FALSE(r->wait_since(r->head(), token, -1));
 }
-
-// ---------------------------------------------------------------- a writer dies mid-put
 
 namespace {
 void die_now() { kill(getpid(), SIGKILL); }
