@@ -15,6 +15,10 @@ struct Stuffed {
     char srcname[PKT_SRCNAMESIZE];
     double time = 0;
     std::vector<char> body;
+    int unstuff(Packet** got, int n = -1, bool in_place = false) {
+        auto unstuff = in_place ? unstuffPktInPlace : unstuffPkt;
+        return unstuff(srcname, 99, body.data(), n < 0 ? int(body.size()) : n, got);
+    }
 };
 
 // A binary key with NULs and high bytes, as digests are.
@@ -89,8 +93,8 @@ TEST(PktSrcname, JoinAndSplit) {
     EXPECT_STREQ(p.src_net, "");
 }
 
-// Each kind of xfer packet packs to its exact bytes and unpacks into one
-// reused record, which must forget what the packet before had.
+// Each kind of xfer packet packs to its exact bytes and unpacks, copied or in
+// place, into one reused record, which must forget what the packet before had.
 TEST(PktXfer, PacketsPackToExactBytesAndUnpackIntoAReusedRecord) {
     const char* digest = "0123456789abcdef0123456789abcdef";  // only the first 16 bytes go
     struct Row {
@@ -118,22 +122,35 @@ TEST(PktXfer, PacketsPackToExactBytesAndUnpackIntoAReusedRecord) {
         EXPECT_EQ(s.time, 1234.5);
         std::string body = row.head + (row.key ? std::string(row.key, 16) : "") + row.length + row.data;
         EXPECT_EQ(std::string(s.body.begin(), s.body.end()), body);
-
-        ASSERT_EQ(unstuffPkt(s.srcname, 99.0, s.body.data(), int(s.body.size()), &got), PKT_XFER_TYPE);
-        EXPECT_EQ(got->time, 99.0);
-        EXPECT_STREQ(got->parts.src_net, row.net);
-        EXPECT_STREQ(got->parts.src_subcode, row.subcode);
-        EXPECT_EQ(got->pkttype, suffix2pkttype("xfer"));
-        EXPECT_EQ(got->string_size, row.seq);
-        EXPECT_EQ(got->nchannels, row.mode);
-        if (row.key) {
-            EXPECT_EQ(std::string(got->string, 17), std::string(row.key, 16) + '\0');
-        } else {
-            EXPECT_EQ(got->string, nullptr);
+        for (bool in_place : {true, false}) {
+            ASSERT_EQ(s.unstuff(&got, -1, in_place), PKT_XFER_TYPE);
+            EXPECT_EQ(got->time, 99.0);
+            EXPECT_STREQ(got->parts.src_net, row.net);
+            EXPECT_STREQ(got->parts.src_subcode, row.subcode);
+            EXPECT_EQ(got->pkttype, suffix2pkttype("xfer"));
+            EXPECT_EQ(std::pair(got->string_size, got->nchannels), std::pair(row.seq, row.mode));
+            if (row.key) {
+                EXPECT_EQ(std::string(got->string, 17), std::string(row.key, 16) + '\0');
+            } else {
+                EXPECT_EQ(got->string, nullptr);
+            }
+            ASSERT_EQ(got->dfile_size, int(row.data.size()));
+            if (in_place && !row.data.empty()) {  // the packet's own bytes
+                EXPECT_EQ(got->dfile, s.body.data() + s.body.size() - row.data.size());
+            } else if (!in_place) {  // a NUL-terminated copy
+                EXPECT_NE(got->dfile, s.body.data() + s.body.size() - row.data.size());
+                EXPECT_EQ(std::string(got->dfile, row.data.size() + 1), row.data + '\0');
+            }
         }
-        ASSERT_EQ(got->dfile_size, int(row.data.size()));
-        EXPECT_EQ(std::string(got->dfile, row.data.size() + 1), row.data + '\0');  // a NUL-terminated copy
     }
+    // Freeing a record unpacked in place leaves the packet alone.
+    Stuffed s = dataPacket();
+    std::vector<char> before = s.body;
+    ASSERT_EQ(s.unstuff(&got, -1, true), PKT_XFER_TYPE);
+    freePkt(got);
+    EXPECT_EQ(s.body, before);
+    got = nullptr;
+    EXPECT_EQ(s.unstuff(&got, int(s.body.size()) - 1, true), -1);
 
     // Other types give 0 with the parts filled in; only "xfer" and "ch" are known, as spelt.
     EXPECT_EQ(unstuffPkt("h/ch/ferrant_start", 0, nullptr, 0, &got), 0);
@@ -150,67 +167,41 @@ TEST(PktXfer, PacketsPackToExactBytesAndUnpackIntoAReusedRecord) {
     freePkt(got);
 }
 
-// In place, the data is the packet's own bytes; a record may switch between
-// in-place and copying unpacks and is freed without touching the packet.
-TEST(PktXfer, DataPacketCopiedOrInPlace) {
-    Stuffed s = dataPacket();
-    Packet* got = nullptr;
-    for (int round = 0; round < 2; round++) {
-        ASSERT_EQ(unstuffPktInPlace(s.srcname, 0, s.body.data(), int(s.body.size()), &got), PKT_XFER_TYPE);
-        ASSERT_EQ(got->dfile_size, 11);
-        EXPECT_EQ(got->dfile, s.body.data() + s.body.size() - 11);
-        EXPECT_EQ(got->string_size, 7);
-        ASSERT_EQ(unstuffPkt(s.srcname, 0, s.body.data(), int(s.body.size()), &got), PKT_XFER_TYPE);
-        EXPECT_NE(got->dfile, s.body.data() + s.body.size() - 11);
-        EXPECT_EQ(memcmp(got->dfile, "some\0bytes\n", 12), 0);
-    }
-    ASSERT_EQ(unstuffPktInPlace(s.srcname, 0, s.body.data(), int(s.body.size()), &got), PKT_XFER_TYPE);
-    std::vector<char> before = s.body;
-    freePkt(got);
-    EXPECT_EQ(s.body, before);
-    got = nullptr;
-    EXPECT_EQ(unstuffPktInPlace(s.srcname, 0, s.body.data(), int(s.body.size()) - 1, &got), -1);
-    freePkt(got);
-}
-
 TEST(PktStuff, RefusesWhatCannotBePackedAndGrowsTheBuffer) {
     Packet* pkt = newPkt();
     char srcname[PKT_SRCNAMESIZE];
     double t;
     int nbytes = 0, bufsize = 8;
     char* buf = static_cast<char*>(malloc(8));
-    auto stuff = [&] { return stuffPkt(pkt, srcname, &t, &buf, &nbytes, &bufsize); };
+    auto stuff = [&](int size) {
+        pkt->dfile_size = size;
+        return stuffPkt(pkt, srcname, &t, &buf, &nbytes, &bufsize);
+    };
     EXPECT_EQ(stuffPkt(nullptr, srcname, &t, &buf, &nbytes, &bufsize), -1);
-    EXPECT_EQ(stuff(), -1);  // no type
+    EXPECT_EQ(stuff(0), -1);  // no type
     PacketType bogus{"bogus", 0, ""};
     pkt->pkttype = &bogus;
-    EXPECT_EQ(stuff(), -1);
+    EXPECT_EQ(stuff(0), -1);
     pkt->pkttype = suffix2pkttype("ch");
-    EXPECT_EQ(stuff(), 0);
+    EXPECT_EQ(stuff(0), 0);
     EXPECT_EQ(nbytes, 0);
     EXPECT_STREQ(srcname, "/ch");
-
     std::vector<char> big(PKT_XFER_MAXDATA, 'z');
     char key[16] = {};
     strcpy(pkt->parts.src_subcode, "3/b");
     pkt->pkttype = suffix2pkttype("xfer");
     pkt->string = key;
     pkt->dfile = big.data();
-    pkt->dfile_size = PKT_XFER_MAXDATA;
-    ASSERT_EQ(stuff(), 0);
+    ASSERT_EQ(stuff(PKT_XFER_MAXDATA), 0);
     EXPECT_GE(bufsize, PKT_XFER_MAXDATA);
     int grown = bufsize;
-    pkt->dfile_size = 10;  // a smaller packet reuses the buffer
-    ASSERT_EQ(stuff(), 0);
+    ASSERT_EQ(stuff(10), 0);  // a smaller packet reuses the buffer
     EXPECT_EQ(bufsize, grown);
-    pkt->dfile_size = PKT_XFER_MAXDATA + 1;
-    EXPECT_EQ(stuff(), -1);
-    pkt->dfile_size = -1;  // packs as an empty chunk
-    ASSERT_EQ(stuff(), 0);
+    EXPECT_EQ(stuff(PKT_XFER_MAXDATA + 1), -1);
+    ASSERT_EQ(stuff(-1), 0);  // packs as an empty chunk
     EXPECT_EQ(nbytes, 21 + 16);
     pkt->dfile = nullptr;
-    pkt->dfile_size = 1;
-    EXPECT_EQ(stuff(), -1);
+    EXPECT_EQ(stuff(1), -1);
     pkt->string = nullptr;
     free(buf);
     freePkt(pkt);
@@ -219,28 +210,26 @@ TEST(PktStuff, RefusesWhatCannotBePackedAndGrowsTheBuffer) {
 TEST(PktUnstuff, TruncatedExtendedAndHostileBodiesAreMalformed) {
     Stuffed s = dataPacket();
     Packet* got = nullptr;
-    for (size_t n = 0; n < s.body.size(); n++) {
-        EXPECT_EQ(unstuffPkt(s.srcname, 0, s.body.data(), int(n), &got), -1) << n;
+    for (int n = 0; n < int(s.body.size()); n++) {
+        EXPECT_EQ(s.unstuff(&got, n), -1) << n;
         EXPECT_STREQ(got->parts.src_suffix, "xfer");
     }
-    std::vector<char> longer = s.body;
-    longer.push_back('x');
-    EXPECT_EQ(unstuffPkt(s.srcname, 0, longer.data(), int(longer.size()), &got), -1);
     EXPECT_EQ(unstuffPkt(s.srcname, 0, nullptr, 100, &got), -1);
     EXPECT_EQ(unstuffPkt(s.srcname, 0, s.body.data(), -5, &got), -1);
-
     auto tryit = [&](size_t at, unsigned char v) {
-        std::vector<char> b = s.body;
-        b[at] = char(v);
-        return unstuffPkt(s.srcname, 0, b.data(), int(b.size()), &got);
+        Stuffed t = s;
+        if (at == t.body.size()) t.body.push_back(0);  // a byte after the data
+        t.body[at] = char(v);
+        return t.unstuff(&got);
     };
-    EXPECT_EQ(tryit(0, 'Y'), -1);   // magic
-    EXPECT_EQ(tryit(3, 2), -1);     // body format from the future
-    EXPECT_EQ(tryit(16, 5), -1);    // key length neither 0 nor 16
-    EXPECT_EQ(tryit(16, 0), -1);    // key gone but the bytes still there
-    EXPECT_EQ(tryit(33, 0xff), -1); // data length high byte: huge
-    EXPECT_EQ(tryit(36, 12), -1);   // data length one more than present
-    EXPECT_EQ(tryit(36, 10), -1);   // one less: a trailing byte left over
+    EXPECT_EQ(tryit(s.body.size(), 'x'), -1);
+    EXPECT_EQ(tryit(0, 'Y'), -1);    // magic
+    EXPECT_EQ(tryit(3, 2), -1);      // body format from the future
+    EXPECT_EQ(tryit(16, 5), -1);     // key length neither 0 nor 16
+    EXPECT_EQ(tryit(16, 0), -1);     // key gone but the bytes still there
+    EXPECT_EQ(tryit(33, 0xff), -1);  // data length high byte: huge
+    EXPECT_EQ(tryit(36, 12), -1);    // data length one more than present
+    EXPECT_EQ(tryit(36, 10), -1);    // one less: a trailing byte left over
 
     // A length just over the limit is refused even when the bytes are all there.
     std::vector<char> b(21 + PKT_XFER_MAXDATA + 1, 0);
@@ -262,11 +251,9 @@ TEST(PktShow, DumpsDecodedFieldsAndMalformedBodies) {
     fclose(f);
     std::string out(text, len);
     free(text);
-    EXPECT_NE(out.find("#42 host/xfer/43200/report.csv"), std::string::npos);
-    EXPECT_NE(out.find("sequence 7 mode 100644 data 11 bytes"), std::string::npos);
-    EXPECT_NE(out.find("some.bytes."), std::string::npos);
-    EXPECT_NE(out.find("malformed xfer body"), std::string::npos);
-    EXPECT_NE(out.find("type 'ch'"), std::string::npos);
+    for (const char* want : {"#42 host/xfer/43200/report.csv", "sequence 7 mode 100644 data 11 bytes",
+                             "some.bytes.", "malformed xfer body", "type 'ch'"})
+        EXPECT_NE(out.find(want), std::string::npos) << want;
 }
 
 }  // namespace

@@ -1,0 +1,856 @@
+// The buffered stream over real socket pairs and the byte-order conversions
+// under it; then the protocol records on the wire: exact bytes for every request
+// and response code, decode(encode(x)) == x, and the limits under hostile input.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <bit>
+#include <cmath>
+#include <functional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "deviants/swap.h"
+#include "orb/orbfile.h"
+#include "stock/bns.h"
+#include "stock/h2e.h"
+#include "support/tempdir.h"
+
+using namespace std::string_literals;
+
+namespace {
+
+// Big-endian bytes, written out independently of the stream code.
+struct Wire {
+    std::string s;
+    Wire& be(uint64_t v, int n) {  // the low n bytes of v, most significant first
+        for (int k = n - 1; k >= 0; k--) s.push_back((char)(v >> (8 * k)));
+        return *this;
+    }
+    Wire& i(uint32_t v) { return be(v, 4); }
+    Wire& h(uint16_t v) { return be(v, 2); }
+    Wire& d(double v) { return be(std::bit_cast<uint64_t>(v), 8); }
+    Wire& b(const std::string& t) { s += t; return *this; }
+    // A fixed field: t then NULs to n bytes.
+    Wire& text(const char* t, size_t n) { return b(std::string(t).append(n - strlen(t), '\0')); }
+};
+
+// Bytes appended to the stream's buffer and not yet flushed.
+inline std::string pending(const Bns* b) { return std::string(b->data + b->fp, b->lp - b->fp); }
+
+inline void write_all(int fd, const std::string& bytes) {
+    for (size_t off = 0; off < bytes.size();) {
+        ssize_t w = write(fd, bytes.data() + off, bytes.size() - off);
+        if (w <= 0) break;
+        off += w;
+    }
+}
+
+// An output stream that is never flushed (its descriptor is unused).
+struct OutStream {
+    Bns* b = bnsnew(-1, 256);
+    ~OutStream() { bnsfree(b); }
+};
+
+// An input stream over a memory file holding exactly `bytes`: reads past the
+// end see end of file, never a wait.
+struct InStream {
+    int fd = memfd_create("wire", MFD_CLOEXEC);
+    Bns* b = nullptr;
+    explicit InStream(const std::string& bytes, int size = 256) {
+        write_all(fd, bytes);
+        lseek(fd, 0, SEEK_SET);
+        b = bnsnew(fd, size);
+        bnstimeout(b, 1000);
+    }
+    ~InStream() { bnsfree(b); close(fd); }
+    // What is left unread, to the end of the file.
+    std::string rest() {
+        std::string r = pending(b);
+        b->fp = b->lp;
+        char buf[4096];
+        for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;) r.append(buf, n);
+        return r;
+    }
+};
+
+// A connected pair of stream sockets, closed on destruction; the tests play the peer at fd[1].
+struct SocketPair {
+    int fd[2] = {-1, -1};
+    SocketPair() { socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fd); }
+    ~SocketPair() { closeend(0); closeend(1); }
+    void closeend(int i) {
+        if (fd[i] >= 0) close(fd[i]);
+        fd[i] = -1;
+    }
+    void send(const std::string& s) const { write_all(fd[1], s); }
+    // Everything that can be read from fd[1] right now.
+    std::string drain() const {
+        std::string r;
+        char buf[65536];
+        for (ssize_t n; (n = recv(fd[1], buf, sizeof buf, MSG_DONTWAIT)) > 0;) r.append(buf, n);
+        return r;
+    }
+};
+
+// ---------------------------------------------------------------- the stream
+
+// A stream b over one end of a socket pair; the test plays the peer at sp.fd[1].
+struct BnsSocket : testing::Test {
+    SocketPair sp;
+    Bns* b = nullptr;
+    void stream(int size, int timeout_ms = -2) {
+        b = bnsnew(sp.fd[0], size);
+        if (timeout_ms != -2) bnstimeout(b, timeout_ms);
+    }
+    // Puts a message and flushes it.
+    void message(const std::string& m) {
+        buf2bns(b, m.data(), int(m.size()));
+        ASSERT_EQ(bnsflush(b), 0);
+    }
+    void TearDown() override { bnsfree(b); }
+};
+
+// A stream made with a bad size gets the default one, and its time-out from the environment.
+TEST(Bns, PutsEveryTypeBigEndianAndGetsItBack) {
+    int saved = Bns_timeout;
+    setenv("BNS_TIMEOUT", "1234", 1);
+    OutStream o{bnsnew(-1, -5)};
+    unsetenv("BNS_TIMEOUT");
+    Bns_timeout = saved;
+    EXPECT_EQ(std::pair(o.b->sz, o.b->timeout), std::pair(32767, 1234));
+    bnsfree(nullptr);
+    short s = -2;
+    int i = INT32_MIN;
+    int64_t l = 0x0102030405060708LL;
+    float f = 1.0f;
+    double d = -2.0;
+    void* at[] = {&s, &i, &l, &f, &d};  // in the order of the type codes BNS_SHORT .. BNS_DOUBLE
+    for (int t = BNS_SHORT; t <= BNS_DOUBLE; t++) ASSERT_EQ(bnsput(o.b, at[t - 1], t, 1), 0);
+    ASSERT_EQ(buf2bns(o.b, "xyz", 3), 0);
+    std::string bytes = pending(o.b);
+    EXPECT_EQ(bytes, "\xff\xfe" "\x80\x00\x00\x00" "\x01\x02\x03\x04\x05\x06\x07\x08"
+                     "\x3f\x80\x00\x00" "\xc0\x00\x00\x00\x00\x00\x00\x00" "xyz"s);
+    EXPECT_EQ(bnsout(o.b), 29);
+    EXPECT_EQ(bnsout(o.b), 0);
+    EXPECT_EQ(bnsput(o.b, &i, 6, 1), -1);
+    EXPECT_EQ(bnsput(o.b, &i, -1, 1), -1);
+    EXPECT_EQ(bnscnt(o.b), 29);
+    InStream in(bytes);
+    s = 0, i = 0, l = 0, f = 0, d = 0;
+    for (int t = BNS_SHORT; t <= BNS_DOUBLE; t++) ASSERT_EQ(bnsget(in.b, at[t - 1], t, 1), 0);
+    EXPECT_EQ(std::tuple(s, i, l, f, d), std::tuple(short(-2), INT32_MIN, 0x0102030405060708LL, 1.0f, -2.0));
+    EXPECT_EQ(bnsin(in.b), 26);
+    EXPECT_EQ(bnsget(in.b, &i, 9, 1), -1);
+}
+
+TEST_F(BnsSocket, FlushWritesEverythingInOneCallAndAFailureKeepsTheBytes) {
+    stream(16);
+    std::string expect;
+    for (int k = 0; k < 50; k++) {
+        bnsput(b, &k, BNS_INT, 1);
+        expect += Wire().i(k).s;
+    }
+    ASSERT_EQ(bnsflush(b), 0);
+    EXPECT_EQ(sp.drain(), expect);
+    EXPECT_EQ(bnsflush(b), 0);  // nothing to write, and no call made for it
+    EXPECT_EQ(b->nsys, 1);
+    sp.closeend(1);
+    signal(SIGPIPE, SIG_IGN);
+    buf2bns(b, "abc", 3);
+    EXPECT_EQ(bnsflush(b), -1);
+    EXPECT_EQ(std::tuple(b->err, b->syserrno, pending(b)), std::tuple(1, EPIPE, "abc"s));
+}
+
+// Reads take all there is in one call, and grow the buffer by twice the
+// shortfall once consumed bytes have been moved out. A time-out is not the
+// end of the input: what has arrived stays for the next call.
+TEST_F(BnsSocket, ReadsGrowTheBufferSurviveTheTimeoutAndTellEndOfFileApart) {
+    stream(16, 30);
+    std::string msg(100, 'g');
+    sp.send(msg);
+    char buf[100];
+    ASSERT_EQ(bnsget(b, buf, BNS_BYTES, 100), 0);
+    EXPECT_EQ(b->sz, 16 + 2 * (100 - 16));
+    EXPECT_EQ(std::string(buf, 100), msg);
+    sp.send(std::string(150, 'h'));
+    ASSERT_EQ(bnsget(b, buf, BNS_BYTES, 100), 0);
+    EXPECT_EQ(std::tuple(b->sz, b->nsys, bnscnt(b)), std::tuple(184, 2L, 50));
+    ASSERT_EQ(bnsget(b, buf, BNS_BYTES, 50), 0);
+    int v = 0;
+    EXPECT_EQ(bnsget(b, &v, BNS_INT, 1), -1);  // nothing at all
+    EXPECT_EQ(b->eof + b->err, 0);
+    sp.send("\x12\x34");
+    EXPECT_EQ(bnsget(b, &v, BNS_INT, 1), -1);
+    EXPECT_EQ(std::pair(b->eof + b->err, bnscnt(b)), std::pair(0, 2));
+    sp.send("\x56\x78");
+    ASSERT_EQ(bnsget(b, &v, BNS_INT, 1), 0);
+    EXPECT_EQ(v, 0x12345678);
+    bnstimeout(b, 5000);
+    sp.send("ab");
+    sp.closeend(1);
+    EXPECT_EQ(bnsget(b, &v, BNS_INT, 1), -1);
+    EXPECT_EQ(std::tuple(b->eof, b->err, bnscnt(b)), std::tuple(1, 0, 2));  // what came is still there
+    char c[2];
+    EXPECT_EQ(bnsget(b, c, BNS_BYTES, 2), 0);
+}
+
+// Ready, time-out, then a pipe whose writer is gone (a hang-up without input)
+// and a closed descriptor (an error, not an end of file).
+TEST_F(BnsSocket, WaitAndDeadDescriptors) {
+    stream(64, 0);
+    EXPECT_EQ(bnswait(b), 0);
+    sp.send("x");
+    EXPECT_EQ(bnswait(b), 1);
+    EXPECT_NE(b->revents & POLLRDNORM, 0);
+    bnsfree(b);
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    b = bnsnew(p[0], 64);
+    bnstimeout(b, 5000);
+    close(p[1]);
+    char c;
+    EXPECT_EQ(bnsget(b, &c, BNS_BYTES, 1), -1);
+    EXPECT_EQ(b->eof, 1);
+    bnsfree(b);
+    close(p[0]);
+    b = bnsnew(p[0], 64);
+    EXPECT_EQ(bnswait(b), -1);
+    EXPECT_EQ(b->err, 1);
+    EXPECT_EQ(bnsget(b, &c, BNS_BYTES, 1), -1);
+    EXPECT_EQ(std::pair(b->eof, b->err), std::pair(0, 2));
+}
+
+// A large run read straight into the destination still consumes nothing
+// when it cannot complete, on its own or behind a marked message head.
+TEST(Bns, DirectRunSurvivesTheTimeoutAndTheMark) {
+    std::string body(300000, '\0');
+    for (size_t i = 0; i < body.size(); i++) body[i] = char(i * 7 + i / 251);
+    for (bool marked : {false, true}) {
+        SocketPair sp;
+        int big = 1 << 20;
+        setsockopt(sp.fd[1], SOL_SOCKET, SO_SNDBUF, &big, sizeof big);
+        Bns* b = bnsnew(sp.fd[0], 64);
+        b->direct = 1;
+        bnstimeout(b, 30);
+        sp.send("HEAD" + body.substr(0, 100000));
+        char head[4];
+        ASSERT_EQ(bnsget(b, head, BNS_BYTES, 4), 0);
+        if (marked) b->mark = 0;
+        std::string got(body.size(), 'x');
+        EXPECT_EQ(bnsget(b, got.data(), BNS_BYTES, int(got.size())), -1);
+        EXPECT_EQ(std::pair(b->eof + b->err, bnscnt(b)), std::pair(0, 100000));
+        if (marked) {
+            EXPECT_EQ(std::string(b->data, 4), "HEAD");
+            b->fp = b->mark;  // start the message again, as the client does
+            ASSERT_EQ(bnsget(b, head, BNS_BYTES, 4), 0);
+        }
+        sp.send(body.substr(100000));
+        ASSERT_EQ(bnsget(b, got.data(), BNS_BYTES, int(got.size())), 0);
+        EXPECT_TRUE(got == body);
+        EXPECT_EQ(bnscnt(b), 0);
+        if (marked) {
+            EXPECT_EQ(std::string(b->data + b->mark, 4), "HEAD");
+        }
+        bnsfree(b);
+    }
+}
+
+// bnsview gives bytes in place or nothing, bns2buf hands out what is buffered
+// and empties the buffer, bnsclose flushes before it closes.
+TEST_F(BnsSocket, ViewBns2bufAndClose) {
+    stream(16, 30);
+    sp.send("abcdefghij");
+    EXPECT_EQ(bnsview(b, 20), nullptr);  // not all there
+    EXPECT_EQ(bnscnt(b), 10);
+    sp.send("klmnopqrstuvwxyz");
+    const char* v = bnsview(b, 20);
+    ASSERT_NE(v, nullptr);
+    EXPECT_EQ(std::string(v, 20), "abcdefghijklmnopqrst");
+    EXPECT_EQ(bnscnt(b), 6);
+    EXPECT_EQ(bnsview(b, -1), nullptr);
+    char buf[8];
+    EXPECT_EQ(bns2buf(b, buf, 4), 4);
+    EXPECT_EQ(std::string(buf, 4), "uvwx");
+    EXPECT_EQ(std::pair(bnscnt(b), b->fp), std::pair(0, 0));
+    EXPECT_EQ(bns2buf(b, buf, 4), 0);
+    buf2bns(b, "bye", 3);
+    EXPECT_EQ(bnsclose(b), 0);
+    b = nullptr;
+    EXPECT_EQ(fcntl(sp.fd[0], F_GETFD), -1);
+    sp.fd[0] = -1;
+    EXPECT_EQ(sp.drain(), "bye");
+}
+
+TEST_F(BnsSocket, ResendWritesExactlyTheLastMessagesKept) {
+    stream(8);
+    message("once");  // nothing kept, nothing resent
+    sp.drain();
+    long calls = b->nsys;
+    EXPECT_EQ(bnsresend(b), 0);
+    EXPECT_EQ(b->nsys, calls);
+    EXPECT_EQ(sp.drain(), "");
+    bnskeep(b, 2);
+    for (const char* m : {"aaa", "bbbb", "ccccc"}) message(m);
+    EXPECT_EQ(sp.drain(), "aaabbbbccccc");
+    ASSERT_EQ(bnsresend(b), 0);
+    EXPECT_EQ(sp.drain(), "bbbbccccc");
+    // The kept bytes stay bounded however many messages pass.
+    for (int k = 0; k < 200; k++) message("0123456789");
+    EXPECT_EQ(b->lp - b->mark, 20);
+    EXPECT_LE(b->sz, 64);
+    sp.drain();
+    message("tail");
+    ASSERT_EQ(bnsresend(b), 0);
+    EXPECT_EQ(sp.drain(), "tail0123456789tail");
+    bnsclr(b);  // after a clear nothing is resent either
+    EXPECT_EQ(bnsresend(b), 0);
+    EXPECT_EQ(sp.drain(), "");
+}
+
+// Callers undo a message they could not finish by restoring the end they
+// saved before putting it: a put must never move what is already buffered.
+TEST_F(BnsSocket, APutNeverMovesKeptOrBufferedBytes) {
+    stream(1000);
+    bnskeep(b, 2);
+    for (char c : {'a', 'b', 'c'}) message(std::string(300, c));
+    buf2bns(b, "pending", 7);
+    int end = b->lp;
+    std::string big(5000, 'B');
+    buf2bns(b, "orbmHEAD", 8);
+    buf2bns(b, big.data(), int(big.size()));
+    b->lp = end;
+    EXPECT_EQ(pending(b), "pending");
+    ASSERT_EQ(bnsflush(b), 0);
+    sp.drain();
+    ASSERT_EQ(bnsresend(b), 0);
+    EXPECT_EQ(sp.drain(), std::string(300, 'c') + "pending");
+}
+
+TEST_F(BnsSocket, GetcLeavesTheTerminatorAndDropsTheOverflow) {
+    stream(4, 5000);  // smaller than a line: the terminator comes in a later read
+    sp.send("abcdefghij\ndef");
+    char buf[16] = {}, nl;
+    EXPECT_EQ(bnsgetc(b, buf, 16, '\n'), 10);
+    EXPECT_EQ(std::string(buf, 10), "abcdefghij");
+    EXPECT_EQ(pending(b)[0], '\n');
+    bnsget(b, &nl, BNS_BYTES, 1);
+    sp.send("ghijkl\nX");
+    EXPECT_EQ(bnsgetc(b, buf, 2, '\n'), 2);
+    EXPECT_EQ(std::string(buf, 2), "de");
+    EXPECT_EQ(pending(b)[0], '\n');
+    bnsget(b, &nl, BNS_BYTES, 1);
+    sp.closeend(1);
+    memset(buf, 0, sizeof buf);
+    EXPECT_EQ(bnsgetc(b, buf, 16, '\n'), -1);
+    EXPECT_STREQ(buf, "X");
+    EXPECT_EQ(bnscnt(b), 0);
+}
+
+TEST(Bns, SnoopTracesBothDirections) {
+    TempDir dir;
+    std::string trace = dir / "trace";
+    SocketPair sp;
+    Bns* out = bnsnew(sp.fd[0], 64);
+    bnsid(out, strdup("wire-out"));
+    ASSERT_EQ(bnssnoop(out, trace.c_str()), 0);
+    buf2bns(out, "hello", 5);
+    bnsflush(out);
+    bnssnoop(out, nullptr);
+    Bns* in = bnsnew(sp.fd[1], 64);
+    ASSERT_EQ(bnssnoop(in, trace.c_str()), 0);
+    char buf[5];
+    ASSERT_EQ(bnsget(in, buf, BNS_BYTES, 5), 0);
+    std::string t = slurp(trace);
+    EXPECT_EQ(t.find("\n\n#msg > wire-out 5 "), 0u) << t;
+    EXPECT_NE(t.find("\nhello\n\n#msg < anon 5 "), std::string::npos) << t;
+    EXPECT_EQ(t.substr(t.size() - 6), "\nhello");
+    struct stat st;
+    ASSERT_EQ(stat(trace.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777 & ~0664, 0u);
+    EXPECT_EQ(bnssnoop(in, (dir / "no/such/dir").c_str()), -1);
+    EXPECT_EQ(in->snoopfd, -1);
+    bnsfree(in);
+    bnsfree(out);
+}
+
+TEST_F(BnsSocket, SyncFindsThePatternAfterGarbageOrGivesUp) {
+    stream(64, 5000);
+    std::string err;
+    auto sync = [&](const std::string& input, int strict) {
+        bnsclr(b);
+        sp.send(input);
+        testing::internal::CaptureStderr();
+        int r = gbnsSync(b, "orbm", 4, strict);
+        err = testing::internal::GetCapturedStderr();
+        return r;
+    };
+    EXPECT_EQ(sync("xxorbmDATA", 0), 0);
+    EXPECT_NE(err.find("skipped 2 bytes looking for sync 'orbm'"), std::string::npos) << err;
+    EXPECT_EQ(pending(b), "DATA");
+    EXPECT_EQ(sync("oorbmZ", 0), 0);  // a repeated first byte begins the match again
+    EXPECT_EQ(pending(b), "Z");
+    EXPECT_EQ(sync("orbm", 1), 0);
+    EXPECT_EQ(err, "") << "clean input says nothing";
+    EXPECT_EQ(sync("xorbm", 1), -2);  // strict: the first stray byte ends it
+    EXPECT_EQ(pending(b), "orbm");
+    EXPECT_EQ(sync(std::string(40, 'z') + "orbm", 0), -2);
+    EXPECT_NE(err.find("skipped 32 bytes"), std::string::npos) << err;
+    sp.send("orb");  // then end of file part way through the pattern
+    sp.closeend(1);
+    EXPECT_EQ(sync("", 0), -1);
+}
+
+// The big-endian forms are covered through the stream above.
+TEST(ByteOrder, LittleEndianWideningNanAndSwaps) {
+    unsigned char buf[64], *c = buf;
+    auto from = [&] { c = buf; return &c; };  // converts from or to the start of buf
+    auto bytes = [&](size_t n, size_t at = 0) { return std::string((char*)buf + at, n); };
+    short s[2] = {1, -1}, back[2];
+    EXPECT_EQ(hs2as(s, from(), 2), 0);
+    EXPECT_EQ(c - buf, 4);
+    EXPECT_EQ(bytes(4), "\x01\x00\xff\xff"s);
+    as2hs(from(), back, 2);
+    EXPECT_EQ(back[1], -1);
+    unsigned short u = 0xfffe;  // a 16-bit field widens with or without its sign
+    int wide[2];
+    uhs2ms(&u, from(), 1);
+    ums2hi(from(), &wide[0], 1);
+    ms2hi(from(), &wide[1], 1);
+    EXPECT_EQ(std::pair(wide[0], wide[1]), std::pair(0xfffe, -2));
+    double d[3] = {1.5, NAN, -0.0}, e[3];
+    EXPECT_EQ(hd2md(d, from(), 3), -1);
+    EXPECT_EQ(c - buf, 24);
+    EXPECT_EQ(md2hd(from(), e, 3), -1);
+    EXPECT_EQ(e[0], 1.5);
+    EXPECT_TRUE(std::isnan(e[1]));
+    EXPECT_TRUE(std::signbit(e[2]));
+    EXPECT_EQ(hd2md(d, from(), 1), 0);
+    // Byte reversal in place and between unaligned buffers.
+    memcpy(buf, "\0\1\2\3\4", 5);
+    swap2(buf + 1, buf + 1, 2);
+    EXPECT_EQ(bytes(5), "\0\2\1\4\3"s);
+    swap4(buf + 1, buf + 9, 1);
+    EXPECT_EQ(bytes(4, 9), "\3\4\1\2");
+    memcpy(buf, "\1\2\3\4\5\6\7\10", 8);
+    swap8(buf, buf, 1);
+    EXPECT_EQ(bytes(8), "\10\7\6\5\4\3\2\1");
+}
+
+// ---------------------------------------------------------------- protocol records
+
+const double T0 = 1700000000.25;
+using Req = Orbrequest*;
+using Resp = Orbresponse*;
+
+struct MaxData {
+    int saved = Orb_max_data_bytes;
+    explicit MaxData(int n) { Orb_max_data_bytes = n; }
+    ~MaxData() { Orb_max_data_bytes = saved; }
+};
+
+// Every field a different value, so that a field sent in the wrong place shows.
+OrbOpenString* hello() {
+    auto o = newOrbOpenString();
+    *o = {.pid = 4242, .handshake = 0x6f72626d, .perm = 'w', .what = "ferrant2 -v x", .who = "alice"};
+    return o;
+}
+const std::string hello_bytes =
+    Wire().i(0x6f72626d).text("alice", 24).text("ferrant2 -v x", 128).i(4242).b("w").s;
+
+void fill_pkg(Pktpkg* p, int size) {
+    *p = {.time = T0, .packet = static_cast<char*>(realloc(p->packet, size ? size : 1)), .sZpacket = size,
+          .pktid = 77, .packetsize = size, .srcnamesize = 11, .srcname = "AK_ABC/xfer"};
+    for (int i = 0; i < size; i++) p->packet[i] = (char)(i * 7);
+}
+
+std::string packet_bytes(int size) {
+    std::string s(size, '\0');
+    for (int i = 0; i < size; i++) s[i] = (char)(i * 7);
+    return s;
+}
+
+// The bytes of fill_pkg's package, its size in the short (16-bit) or long (32-bit) form.
+std::string pkg_bytes(int size, bool long_form) {
+    Wire w = Wire().i(77);
+    return (long_form ? w.i(size) : w.h(size)).h(11).d(T0).b("AK_ABC/xfer").b(packet_bytes(size)).s;
+}
+
+// A filler of a record's package of the given size.
+template <class Rec>
+std::function<void(Rec*)> with_pkg(int size) {
+    return [size](Rec* r) { fill_pkg(r->pkg = newPktpkg(), size); };
+}
+
+std::string encode(Req r) {
+    OutStream o;
+    EXPECT_EQ(pbnsOrbrequest(o.b, r), 0);
+    return pending(o.b);
+}
+
+std::string encode(Resp r) {
+    OutStream o;
+    EXPECT_EQ(pbnsOrbresponse(o.b, r), 0);
+    return pending(o.b);
+}
+
+int decode(Bns* b, Req r) { return gbnsOrbrequest(b, r); }
+int decode(Bns* b, Resp r) { return gbnsOrbresponse(b, r); }
+
+// A record as filled in by a program, and its exact bytes on the wire.
+template <class Rec>
+struct Case {
+    const char* name;
+    int what;
+    std::function<void(Rec*)> fill;  // the fields other than what
+    std::string bytes;
+};
+
+// Exact bytes, a decode that reads no further than the message and encodes back
+// to the same bytes, and a failure at end of file wherever the message is cut
+// short (at every byte of a small one, about 37 places in a large one).
+template <class Rec>
+void check_cases(const std::vector<Case<Rec>>& cases, Rec* (*make)(), void (*release)(Rec*)) {
+    for (auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Rec *r = make(), *d = make();
+        r->what = c.what;
+        c.fill(r);
+        EXPECT_EQ(encode(r), c.bytes);
+        InStream in(c.bytes + "orbm");  // the marker behind the message must be what is left
+        EXPECT_EQ(decode(in.b, d), 0);
+        EXPECT_EQ(in.rest(), "orbm");
+        EXPECT_EQ(d->what, r->what);
+        EXPECT_EQ(encode(d), c.bytes);
+        for (size_t cut = 0; cut < c.bytes.size(); cut += std::max<size_t>(1, c.bytes.size() / 37)) {
+            SCOPED_TRACE("cut at " + std::to_string(cut));
+            InStream part(c.bytes.substr(0, cut));
+            EXPECT_EQ(decode(part.b, d), -1);
+            EXPECT_EQ(part.b->eof, 1);
+        }
+        release(d);
+        release(r);
+    }
+}
+
+TEST(OrbrequestWire, EveryCodeHasItsExactBytesDecodesBackAndFailsWhenCut) {
+    std::vector<Case<Orbrequest>> v = {
+        {"put", ORBPUT, with_pkg<Orbrequest>(5), Wire().i(1).b(pkg_bytes(5, false)).s},
+        {"putx", ORBPUTX, with_pkg<Orbrequest>(0), Wire().i(30).b(pkg_bytes(0, false)).s},
+        {"get", ORBGET, [](Req r) { r->pktcode = ORBCURRENT; }, "\x00\x00\x00\x02\xff\xff\xff\xf6"s},
+        {"seek", ORBSEEK, [](Req r) { r->pktcode = ORBOLDEST; }, "\x00\x00\x00\x07\xff\xff\xff\xf3"s},
+        {"reap", ORBREAP, [](Req r) { r->reap_maxtime = 2.5; r->reap_maxbytes = 9; r->reap_maxpkts = 3; },
+         "\x00\x00\x00\x03" "\x40\x04\x00\x00\x00\x00\x00\x00" "\x00\x00\x00\x09" "\x00\x00\x00\x03"s},
+        {"reapl", ORBREAPL, [](Req r) { r->reap_maxtime = -1; r->reap_maxbytes = 0; r->reap_maxpkts = -32; },
+         Wire().i(27).d(-1).i(0).i((uint32_t)-32).s},
+        {"select", ORBSELECT, [](Req r) { r->select = strdup(".*/xfer"); r->sZselect = r->nselect = 8; },
+         Wire().i(9).i(8).b(".*/xfer\0"s).s},
+        {"reject", ORBREJECT, [](Req r) { r->reject = strdup("X"); r->sZreject = r->nreject = 2; },
+         Wire().i(10).i(2).b("X\0"s).s},
+        {"after", ORBAFTER, [](Req r) { r->time = T0; }, Wire().i(12).d(T0).s},
+        {"setpri", ORBSETPRI, [](Req r) { r->newpri = 5; r->thread = 6; }, Wire().i(16).i(5).i(6).s},
+        {"setlogging", ORBSETLOGGING, [](Req r) { r->logflag = 1; }, Wire().i(18).i(1).s},
+        {"open", ORBOPEN, [](Req r) { r->hello = hello(); }, Wire().i(20).b(hello_bytes).s},
+        {"kill", ORBKILL, [](Req r) { r->thread = 12; }, Wire().i(21).i(12).s},
+        {"rup", ORBRUP, [](Req r) { r->athread = 3; r->hello = hello(); },
+         Wire().i(24).i(3).b(hello_bytes).s},
+        {"stashselect", ORBSTASHSELECT, [](Req r) { r->stashflag = 2; }, Wire().i(28).i(2).s},
+        {"getstash", ORBGETSTASH, [](Req r) { strcpy(r->srcname, "AK_ABC/xfer"); },
+         Wire().i(29).text("AK_ABC/xfer", 64).s},
+        {"signedopen", ORBSIGNEDOPEN,
+         [](Req r) {
+             r->hello = hello();
+             memcpy(r->challenge, "0123456789ab", 12);
+             strcpy(r->signer, "operator");
+             memset(r->signature, 's', 512);
+         },
+         Wire().i(34).b(hello_bytes).b("0123456789ab").text("operator", 64).b(std::string(512, 's')).s},
+    };
+    // The short size holds 65535; one byte more promotes the code to its long form.
+    for (int size : {65535, 65536}) {
+        for (auto [code, longcode] : {std::pair{ORBPUT, ORBPUTL}, {ORBPUTX, ORBPUTXL}})
+            v.push_back({"put at 64 KiB", code, with_pkg<Orbrequest>(size),
+                         Wire().i(size > 65535 ? longcode : code).b(pkg_bytes(size, size > 65535)).s});
+    }
+    for (int code : {4, 5, 6, 8, 11, 13, 14, 15, 17, 19, 23, 26, 33, 35, 99, -5})
+        v.push_back({"bodiless", code, [](Req r) { r->pktcode = 1234; r->time = 5; }, Wire().i(code).s});
+    check_cases(v, newOrbrequest, freeOrbrequest);
+}
+
+void fill_stat(Orbstat* s) {
+    *s = {.when = T0, .started = T0 - 10, .orb_start = T0 - 100, .connections = 9, .messages = 8,
+          .maxdata = 4000000, .errors = 7, .rejected = 6, .closes = 5, .opens = 4, .port = 6510,
+          .address = {127, 0, 0, 1}, .pid = 99, .nsources = 3, .nclients = 2, .maxsrc = 50, .maxpkts = 1000,
+          .version = "ferrant2 0.1", .who = "bob", .host = "ringhost"};
+}
+const std::string stat_bytes = Wire().i(4000000).i(1000).i(50).i(2).i(3).d(T0 - 10).d(T0).i(99)
+    .b("\x7f\x00\x00\x01"s).i(6510).i(4).i(5).i(6).i(7).text("ringhost", 128).text("bob", 24)
+    .text("ferrant2 0.1", 128).d(T0 - 100).i(8).i(9).s;
+
+void fill_client(Orbclient* c, const char* select, const char* reject) {
+    *c = {.lastpkt = T0, .started = T0 - 5, .read = 14, .pid = 24, .bytes = 13, .packets = 12, .pktid = 11,
+          .port = 40000, .address = {10, 0, 0, 2}, .thread = 23, .fd = 22, .nreject = (int)strlen(reject) + 1,
+          .nselect = (int)strlen(select) + 1, .errors = 21, .priority = 20, .lastrequest = ORBREAP,
+          .mymessages = 19, .nrequests = 18, .nwrites = 17, .nreads = 16, .written = 15, .perm = 'r',
+          .what = "ferrant2 -S state", .host = "client.example", .who = "carol", .select = {}, .reject = {}};
+    strcpy(c->select, select);
+    strcpy(c->reject, reject);
+}
+
+std::string client_bytes(const char* select, const char* reject) {
+    std::string sel(select, strlen(select) + 1), rej(reject, strlen(reject) + 1);
+    return Wire().d(T0 - 5).d(T0).i(11).i(12).i(13).i(14).i(15).i(16).i(17).i(18).i(19).i(ORBREAP).i(20).i(21)
+        .i((uint32_t)sel.size()).b(sel).i((uint32_t)rej.size()).b(rej).i(22).i(23).b("\x0a\x00\x00\x02"s)
+        .i(40000).text("carol", 24).text("client.example", 128).text("ferrant2 -S state", 128).i(24).b("r").s;
+}
+
+void fill_src(Orbsrc* s, const char* name, int n) {
+    *s = {.slatest_time = T0, .soldest_time = T0 - n, .nbytes = 5000, .npkts = 11, .slatest = n + 10,
+          .soldest = n, .active = 1, .srcname = {}};
+    strcpy(s->srcname, name);
+}
+
+std::string src_bytes(const char* name, int n) {
+    return Wire().text(name, 64).i(1).i(n).i(n + 10).i(11).i(5000).d(T0 - n).d(T0).s;
+}
+
+TEST(OrbresponseWire, EveryCodeHasItsExactBytesDecodesBackAndFailsWhenCut) {
+    auto opened = [](Resp r) { r->orb_start = T0 - 100; r->server_start = T0 - 1; r->latest_pktid = 41; };
+    std::vector<Case<Orbresponse>> v = {
+        {"stat", ORBSTAT, [](Resp r) { fill_stat(&r->orbstat); }, Wire().i(4).i(0).b(stat_bytes).s},
+        // A fresh record says "unknown" (-1) for what a server has not filled in.
+        {"stat of a fresh record", ORBSTAT, [](Resp) {},
+         Wire().i(4).i(0).i(0).i(-1).i(-1).i(0).i(-1).d(-1).d(-1).i(-1).i(-1).i(-1).i(0).i(0).i(0).i(0)
+             .text("", 128 + 24 + 128).d(-1).i(0).i(0).s},
+        {"clients", ORBCLIENTS,
+         [](Resp r) {
+             r->client_when = T0;
+             r->nclient = r->sZclient = 2;
+             r->client = static_cast<Orbclient*>(calloc(2, sizeof(Orbclient)));
+             fill_client(&r->client[0], ".*", "AK_X.*");
+             fill_client(&r->client[1], "", "");
+         },
+         Wire().i(5).i(0).d(T0).i(2).b(client_bytes(".*", "AK_X.*")).b(client_bytes("", "")).s},
+        {"sources", ORBSOURCES,
+         [](Resp r) {
+             r->source_when = T0;
+             r->nsource = r->sZsource = 3;
+             r->source = static_cast<Orbsrc*>(calloc(3, sizeof(Orbsrc)));
+             fill_src(&r->source[0], "AK_A/xfer", 1);
+             fill_src(&r->source[1], "AK_B/xfer", 2);
+             fill_src(&r->source[2], "/pf/ch", 3);
+         },
+         Wire().i(6).i(0).d(T0).i(3).b(src_bytes("AK_A/xfer", 1)).b(src_bytes("AK_B/xfer", 2))
+             .b(src_bytes("/pf/ch", 3)).s},
+        {"ping", ORBPING, [](Resp r) { r->version = 7; }, "\0\0\0\x0e\0\0\0\0\0\0\0\x07"s},
+        {"open", ORBOPEN, opened, Wire().i(ORBOPEN).i(0).d(T0 - 100).d(T0 - 1).i(41).s},
+        {"signedopen", ORBSIGNEDOPEN, opened, Wire().i(ORBSIGNEDOPEN).i(0).d(T0 - 100).d(T0 - 1).i(41).s},
+        {"id", ORBID, [](Resp r) { r->thread = 17; }, Wire().i(23).i(0).i(17).s},
+        {"rup", ORBRUP, [&](Resp r) { opened(r); r->active = 1; },
+         Wire().i(24).i(0).i(1).d(T0 - 100).d(T0 - 1).i(41).s},
+        {"stashselect", ORBSTASHSELECT, [](Resp r) { r->stashflag = 1; }, Wire().i(28).i(0).i(1).s},
+        {"challenge", ORBCHALLENGE, [](Resp r) { memcpy(r->challenge, "abcdefghijkl", 12); },
+         Wire().i(33).i(0).b("abcdefghijkl").s},
+        {"error", ORBSEEK, [](Resp r) { r->result = -1; strcpy(r->errmsg, "no such packet"); r->nerr = 15; },
+         Wire().i(7).i((uint32_t)-1).i(15).b("no such packet\0"s).s},
+        {"error on a package code", ORBGET, [](Resp r) { r->result = 3; r->nerr = 0; },
+         Wire().i(2).i(3).i(0).s},
+    };
+    for (int code : {ORBGET, ORBREAP, ORBGETL, ORBREAPL, ORBGETSTASH})
+        v.push_back({"pkg", code, with_pkg<Orbresponse>(40),
+                     Wire().i(code).i(0).b(pkg_bytes(40, code != ORBGET && code != ORBREAP)).s});
+    // Past 65535 bytes the short codes are promoted; ORBGETSTASH is always long, never renamed.
+    for (auto [code, sent] : {std::pair{ORBGET, ORBGETL}, {ORBREAP, ORBREAPL}, {ORBGETSTASH, ORBGETSTASH}})
+        v.push_back({"pkg past 64 KiB", code, with_pkg<Orbresponse>(65536),
+                     Wire().i(sent).i(0).b(pkg_bytes(65536, true)).s});
+    for (int code : {ORBSEEK, ORBTELL, ORBAFTER, ORBPUTX, ORBPUTXL})
+        v.push_back({"pktid", code, [](Resp r) { r->pktid = 123456; }, Wire().i(code).i(0).i(123456).s});
+    for (int code : {ORBSELECT, ORBREJECT})
+        v.push_back({"nselections", code, [](Resp r) { r->nselections = 4; }, Wire().i(code).i(0).i(4).s});
+    for (int code : {1, 11, 13, 15, 16, 17, 18, 19, 21, 25, 35, 100})
+        v.push_back({"bodiless", code, [](Resp r) { r->pktid = 5; r->version = 3; }, Wire().i(code).i(0).s});
+    check_cases(v, newOrbresponse, freeOrbresponse);
+}
+
+// Unusual or hostile input, decoded in turn into one request or response
+// record: the result, the bytes left unread and what the record then holds.
+template <class Rec>
+struct Hostile {
+    const char* name;
+    std::string bytes;
+    int result;
+    std::string rest;
+    std::function<void(Rec*)> check = nullptr;
+    int max_data = 70000;
+};
+
+template <class Rec>
+void check_hostile(const std::vector<Hostile<Rec>>& rows, Rec* d) {
+    for (auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        MaxData limit(row.max_data);
+        InStream in(row.bytes, 8192);
+        EXPECT_EQ(decode(in.b, d), row.result);
+        EXPECT_EQ(in.rest(), row.rest);
+        if (row.check) row.check(d);
+    }
+}
+
+TEST(OrbrequestWire, HostileInput) {
+    std::string body = packet_bytes(70001), pat = std::string(16383, 'a') + '\0';
+    Req d = newOrbrequest();
+    check_hostile<Orbrequest>({
+        // Sizes are refused before any packet byte is read; the short form, which
+        // cannot exceed 65535, is held to a small limit too.
+        {"packet one byte over the limit", Wire().i(ORBPUTL).i(5).i(70001).h(2).d(T0).b("ab").s + body, -1,
+         body, [](Req d) { EXPECT_LT(d->pkg->sZpacket, 70001); }},
+        {"short packet over a small limit", Wire().i(ORBPUT).i(5).h(11).h(0).d(T0).b("hello world").s, -1,
+         "hello world", nullptr, 10},
+        {"longest pattern", Wire().i(ORBSELECT).i(16384).b(pat).s, 0, "",
+         [](Req d) { EXPECT_EQ(std::pair(d->nselect, strlen(d->select)), std::pair(16384, size_t(16383))); }},
+        {"pattern too long", Wire().i(ORBSELECT).i(16385).b(pat + "b").s, -1, pat + "b"},
+        {"negative pattern length", Wire().i(ORBREJECT).i((uint32_t)-1).s, -1, ""},
+        {"pattern without its NUL", Wire().i(ORBREJECT).i(3).b("abc").s, 0, "",
+         [](Req d) { EXPECT_STREQ(d->reject, "abc"); }},
+    }, d);
+    freeOrbrequest(d);
+}
+
+TEST(OrbresponseWire, HostileInput) {
+    Resp d = newOrbresponse();
+    std::string client = Wire().d(0).d(0).i(0).i(0).i(0).i(0).i(0).i(0).i(0).i(0).i(0).i(0).i(0).i(0).s;
+    std::string e512(512, 'e');
+    check_hostile<Orbresponse>({
+        // Error text: 512 bytes kept of a longer one, the rest unread; a shorter
+        // one ends in a NUL and leaves what is behind it alone.
+        {"long error text", Wire().i(ORBGET).i(-1).i(600).b(std::string(600, 'e')).s, 0, std::string(88, 'e'),
+         [&](Resp d) { EXPECT_EQ(std::pair(d->nerr, std::string(d->errmsg, 512)), std::pair(600, e512)); }},
+        {"short error text", Wire().i(ORBGET).i(-1).i(20).b(std::string(20, 'f')).s, 0, "",
+         [](Resp d) { EXPECT_EQ(std::string(d->errmsg, 22), std::string(20, 'f') + '\0' + 'e'); }},
+        {"negative error length", Wire().i(ORBGET).i(-1).i((uint32_t)-9).b("orbm").s, 0, "orbm",
+         [](Resp d) { EXPECT_STREQ(d->errmsg, ""); }},
+        {"long source name", Wire().i(ORBREAP).i(0).i(1).h(0).h(70).d(T0).b(std::string(70, 'n')).s, 0,
+         "nnnnnn", [](Resp d) { EXPECT_EQ(std::string(d->pkg->srcname), std::string(64, 'n')); }},
+        {"one source", Wire().i(ORBSOURCES).i(0).d(T0).i(1).b(src_bytes("/pf/ch", 3)).s, 0, ""},
+        {"no sources: the array stays as it was", Wire().i(ORBSOURCES).i(0).d(T0).i(0).s, 0, "",
+         [](Resp d) {
+             EXPECT_EQ(d->nsource, 0);
+             EXPECT_STREQ(d->source[0].srcname, "/pf/ch");
+         }},
+        {"negative count: no entries", Wire().i(ORBCLIENTS).i(0).d(T0).i((uint32_t)-4).b("orbm").s, 0,
+         "orbm"},
+        // A huge count costs no more memory than the entries actually sent.
+        {"huge client count", Wire().i(ORBCLIENTS).i(0).d(T0).i(0x7fffffff).b(std::string(373, '\0')).s, -1,
+         "", [](Resp d) { EXPECT_LE(d->sZclient, 16); }},
+        {"huge source count", Wire().i(ORBSOURCES).i(0).d(T0).i(2000000000).s, -1, "",
+         [](Resp d) { EXPECT_LE(d->sZsource, 16); }},
+        // A client's pattern longer than its field: 96 bytes read, the rest left
+        // (then read as the fields after it, which run out).
+        {"client pattern too long",
+         Wire().i(ORBCLIENTS).i(0).d(T0).i(1).b(client).i(100).b(std::string(100, 'p')).s, -1, "",
+         [](Resp d) { EXPECT_EQ(std::string(d->client[0].select), std::string(96, 'p')); }},
+    }, d);
+    freeOrbresponse(d);
+}
+
+// Over a live socket: any read beyond the eight bytes would wait out the
+// time-out and fail the decode.
+TEST(OrbresponseWire, BodilessResponseFromExactlyEightBytes) {
+    SocketPair sp;
+    Bns* in = bnsnew(sp.fd[0], 64);
+    bnstimeout(in, 200);
+    sp.send(Wire().i(ORBCLOSE).i(0).s);
+    Resp d = newOrbresponse();
+    ASSERT_EQ(gbnsOrbresponse(in, d), 0);
+    EXPECT_EQ(std::tuple(d->what, bnscnt(in), in->eof), std::tuple(ORBCLOSE, 0, 0));
+    freeOrbresponse(d);
+    bnsfree(in);
+}
+
+TEST(RecordWire, EncodersRefuseWhatCannotBeReadBack) {
+    OutStream o;
+    auto encodes = [&](auto encoder, auto* record, auto... code) {
+        bnsclr(o.b);
+        return encoder(o.b, code..., record) == 0;
+    };
+    Pktpkg* p = newPktpkg();
+    fill_pkg(p, 70000);
+    EXPECT_FALSE(encodes(pbnsPktpkg, p, ORBPUT));  // no room in a short size
+    EXPECT_TRUE(encodes(pbnsPktpkg, p, ORBPUTL));
+    p->srcnamesize = 65;
+    EXPECT_FALSE(encodes(pbnsPktpkg, p, ORBPUTL));
+    p->srcnamesize = 64;
+    EXPECT_TRUE(encodes(pbnsPktpkg, p, ORBPUTL));
+    p->packetsize = -1;
+    EXPECT_FALSE(encodes(pbnsPktpkg, p, ORBPUTL));
+    freePktpkg(p);
+
+    // A request promoted to the long form is still held to the limit.
+    MaxData limit(70000);
+    Req q = newOrbrequest();
+    q->what = ORBPUT;
+    fill_pkg(q->pkg = newPktpkg(), 70000);
+    EXPECT_EQ(encode(q).size(), 4u + 4 + 4 + 2 + 8 + 11 + 70000);
+    fill_pkg(q->pkg, 70001);
+    q->what = ORBPUT;
+    EXPECT_FALSE(encodes(pbnsOrbrequest, q));
+    EXPECT_EQ(q->what, ORBPUTL);
+    freePktpkg(q->pkg);
+    q->pkg = nullptr;
+    q->what = ORBPUT;
+    EXPECT_FALSE(encodes(pbnsOrbrequest, q));  // no package
+    q->what = ORBSELECT;
+    q->nselect = 5;  // no text to send
+    EXPECT_FALSE(encodes(pbnsOrbrequest, q));
+    freeOrbrequest(q);
+
+    // The record holds 512 bytes of error text: a longer length cannot be sent.
+    Resp r = newOrbresponse();
+    r->what = ORBGET;
+    r->result = -1;
+    r->nerr = 513;
+    EXPECT_FALSE(encodes(pbnsOrbresponse, r));
+    r->nerr = 512;
+    EXPECT_TRUE(encodes(pbnsOrbresponse, r));
+    EXPECT_EQ(bnscnt(o.b), 8 + 4 + 512);
+    freeOrbresponse(r);
+
+    // A client's long pattern goes out cut to what the reader takes.
+    Orbclient c, d;
+    initOrbclient(&c);
+    memset(c.select, 'p', 96);
+    c.nselect = 200;
+    ASSERT_TRUE(encodes(pbnsOrbclient, &c));
+    EXPECT_EQ(bnscnt(o.b), 373 + 96);
+    InStream in(pending(o.b) + "orbm");
+    ASSERT_EQ(gbnsOrbclient(in.b, &d), 0);
+    EXPECT_EQ(d.nselect, 96);
+    EXPECT_EQ(in.rest(), "orbm");
+}
+
+TEST(OrbNames, CodesAndPositions) {
+    EXPECT_STREQ(orbreq2name(ORBPUT), "ORBPUT");
+    EXPECT_STREQ(orbreq2name(34), "ORBSIGNEDOPEN");
+    EXPECT_EQ(orbreq2name(22), nullptr);
+    EXPECT_STREQ(orbreq2name(-14), "ORBNEWEST");
+    EXPECT_EQ(orbname2req("ORBOLDEST"), -13);
+    EXPECT_EQ(orbname2req("ORBREAPL"), 27);
+    EXPECT_EQ(orbname2req("nonsense"), 0);
+}
+
+TEST(OrbPktpkgDeathTest, CodeWithoutPackageIsFatal) {
+    Pktpkg* p = newPktpkg();
+    OutStream o;
+    EXPECT_EXIT(pbnsPktpkg(o.b, ORBSTAT, p), testing::ExitedWithCode(1), "bad what code 4 in pbnsPktpkg");
+    InStream in(Wire().i(1).h(0).h(0).d(0).s);
+    EXPECT_EXIT(gbnsPktpkg(in.b, 40, p), testing::ExitedWithCode(1), "bad what code 40 in gbnsPktpkg");
+    freePktpkg(p);
+}
+
+}  // namespace
