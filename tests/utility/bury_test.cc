@@ -40,24 +40,6 @@ std::string value_of(const std::string& text, const char* key) {
     return r;
 }
 
-// A child that the test stops or kills itself.
-pid_t spawn(const std::function<void()>& body) {
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        body();
-        _exit(0);
-    }
-    return pid;
-}
-
-int status_of(pid_t pid) {
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return status;
-}
-
 }  // namespace
 
 TEST(Bury, EveryKindOfVariableReadsBackExactlyAndFailuresKeepThePreviousState) {
@@ -134,39 +116,9 @@ TEST(Bury, EveryKindOfVariableReadsBackExactlyAndFailuresKeepThePreviousState) {
     }
 }
 
-TEST(Exhume, ASecondProcessIsRefusedEvenAfterRewrites) {
-    TempDir t;
-    std::string state = t / "state";
-    int ready[2], done[2];
-    ASSERT_EQ(pipe(ready), 0);
-    ASSERT_EQ(pipe(done), 0);
-    pid_t holder = spawn([&] {
-        int x = 1;
-        char b;
-        CHILD_CHECK(exhume(state.c_str(), nullptr, 0, nullptr) == 0);
-        resurrect("x", &x, INT_RELIC);
-        CHILD_CHECK(bury() == 0);  // the file on disk is now a new one
-        x = 2;
-        CHILD_CHECK(bury() == 0);
-        CHILD_CHECK(write(ready[1], "r", 1) == 1);
-        CHILD_CHECK(read(done[0], &b, 1) == 1);
-    });
-    char b;
-    ASSERT_EQ(read(ready[0], &b, 1), 1);
-    auto second = child::run([&] { exhume(state.c_str(), nullptr, 0, nullptr); });
-    ASSERT_EQ(write(done[1], "d", 1), 1);
-    int status = status_of(holder);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    EXPECT_TRUE(second.exited(1));
-    EXPECT_THAT(second.err,
-                HasSubstr("Can't lock state file '" + state + "' for exclusive use: it is already in use.\n"));
-    // Once the holder is gone the file is free again.
-    auto third = child::run([&] { CHILD_CHECK(exhume(state.c_str(), nullptr, 0, nullptr) == 1); });
-    EXPECT_TRUE(third.exited(0)) << third.err;
-    for (int fd : {ready[0], ready[1], done[0], done[1]}) close(fd);
-}
-
-TEST(Bury, SurvivesBeingKilledAtAnyMoment) {
+// A second process is refused the file while the first holds it, even after
+// its rewrites, and the next one gets it once the first is killed.
+TEST(Bury, SurvivesBeingKilledAtAnyMomentAndIsHeldByOneProcess) {
     TempDir t;
     std::string state = t / "state";
     std::mt19937 rng(2024);
@@ -176,7 +128,9 @@ TEST(Bury, SurvivesBeingKilledAtAnyMoment) {
     for (int round = 0; round < 60; round++) {
         int ready[2];
         ASSERT_EQ(pipe(ready), 0);
-        pid_t pid = spawn([&] {
+        fflush(nullptr);
+        pid_t pid = fork();
+        if (pid == 0) {  // a child the test kills
             close(ready[0]);
             int r = exhume(state.c_str(), nullptr, 0, nullptr), count = 0;
             CHILD_CHECK(r == 0 || r == 1);
@@ -194,14 +148,22 @@ TEST(Bury, SurvivesBeingKilledAtAnyMoment) {
                 tag = keep.data();
                 bury();
             }
-        });
+        }
         close(ready[1]);
         char b;
         ASSERT_EQ(read(ready[0], &b, 1), 1);
         close(ready[0]);
+        if (round == 0) {
+            for (int i = 0; i < 10000 && atol(value_of(slurp(state), "count").c_str()) < 2; i++) usleep(1000);
+            auto second = child::run([&] { exhume(state.c_str(), nullptr, 0, nullptr); });
+            EXPECT_TRUE(second.exited(1));
+            EXPECT_THAT(second.err, HasSubstr("Can't lock state file '" + state +
+                                              "' for exclusive use: it is already in use.\n"));
+        }
         usleep(pause_us(rng));
         kill(pid, SIGKILL);
-        int status = status_of(pid);
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
         ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
         std::string text = slurp(state);
         if (text.empty()) continue;  // killed before its first write

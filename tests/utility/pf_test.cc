@@ -37,14 +37,6 @@ std::string stderr_of(F f) {
     return testing::internal::GetCapturedStderr();
 }
 
-// Parses text, returning the result code; stderr goes to *err when given.
-int parse(const std::string& text, Pf** pf, std::string* err = nullptr) {
-    int rc = 0;
-    std::string e = stderr_of([&] { rc = pfcompile(text.c_str(), pf); });
-    if (err) *err = e;
-    return rc;
-}
-
 // A tree parsed from text that must read cleanly, freed at the end of scope.
 struct Tree {
     Pf* pf = nullptr;
@@ -170,8 +162,7 @@ TEST(PfScan, StructuralErrorsReportLinesAndKeepWhatWasRead) {
     };
     for (const Case& c : cases) {
         Pf* pf = nullptr;
-        std::string err;
-        EXPECT_EQ(parse(c.text, &pf, &err), c.rc) << c.text << err;
+        std::string err = stderr_of([&] { EXPECT_EQ(pfcompile(c.text.c_str(), &pf), c.rc) << c.text; });
         EXPECT_THAT(err, HasSubstr(c.message));
         if (c.key) {
             EXPECT_STREQ(pfget_string(pf, c.key), c.value) << c.text;
@@ -179,14 +170,12 @@ TEST(PfScan, StructuralErrorsReportLinesAndKeepWhatWasRead) {
         pffree(pf);
     }
     // Parsing into a given tree adds to it; any other kind of node is refused.
-    Pf* pf = nullptr;
-    ASSERT_EQ(parse("a 1\nb 1\n", &pf), 0);
-    ASSERT_EQ(parse("b 2\n", &pf), 0);
-    EXPECT_STREQ(pfget_string(pf, "a"), "1");
-    EXPECT_STREQ(pfget_string(pf, "b"), "2");
-    pffree(pf);
+    Tree t("a 1\nb 1\n");
+    ASSERT_EQ(pfcompile("b 2\n", &t.pf), 0);
+    EXPECT_STREQ(pfget_string(t.pf, "a"), "1");
+    EXPECT_STREQ(pfget_string(t.pf, "b"), "2");
     Pf *s = pfnew(PF_STRING), *given = s;
-    EXPECT_EQ(parse("a 1\n", &given), -1);
+    stderr_of([&] { EXPECT_EQ(pfcompile("a 1\n", &given), -1); });
     EXPECT_EQ(given, s);
     pffree(s);
 }
@@ -526,19 +515,15 @@ TEST_F(PfTree, SettersBuildWhatGettersRead) {
     pfput_arr(pf, "map", kv);
     freearr(kv, nullptr);
     EXPECT_DOUBLE_EQ(pfget_double(pf, "d"), 0.1);
-    EXPECT_STREQ(pfget_string(pf, "yes"), "True");
-    EXPECT_STREQ(pfget_string(pf, "no"), "False");
     EXPECT_NEAR(pfget_time(pf, "when"), 1700000000.25, 1e-3);
     EXPECT_THAT(pfget_string(pf, "when"), HasSubstr("2023-11-14"));
-    EXPECT_STREQ(pfget_string(pf, "list[1]"), "two");
-    EXPECT_STREQ(pfget_string(pf, "map{k}"), "v");
+    const char* const values[][2] = {{"yes", "True"}, {"no", "False"}, {"list[1]", "two"}, {"map{k}", "v"}};
+    for (const auto& v : values) EXPECT_STREQ(pfget_string(pf, v[0]), v[1]) << v[0];
     // pfset walks and creates; the string replaces whatever was there.
-    EXPECT_EQ(pfset(pf, "a{b}{c}", "deep"), 0);
-    EXPECT_STREQ(pfget_string(pf, "a{b}{c}"), "deep");
-    EXPECT_EQ(pfset(pf, "map", "flat"), 0);
-    EXPECT_STREQ(pfget_string(pf, "map"), "flat");
-    EXPECT_EQ(pfset(pf, "list[4]", "late"), 0);
-    EXPECT_STREQ(pfget_string(pf, "list[4]"), "late");
+    for (const char* key : {"a{b}{c}", "map", "list[4]"}) {
+        EXPECT_EQ(pfset(pf, key, key), 0) << key;
+        EXPECT_STREQ(pfget_string(pf, key), key);
+    }
     EXPECT_EQ(pfset(pf, "s{x}", "no"), -1);
     // pfadd_tbl takes an int; an index past that range once left the walk
     // holding no node and pfset crashed on it.
