@@ -85,7 +85,8 @@ TEST(ElogOutput, SeverityTagsSystemErrorsRepeatsAndTruncation) {
                          x + "x\n\n\n\n" + x + "Can't open 'f'\n\t##=> No such file or directory\n" +
                          x + "no text wanted\n" + x + "no error to tell\n" +
                          x + "odd errno\n\t##=> Unknown error: 99999\n" +
-                         x + "same\n\t** repeated 3 times\n" + x + "other\n" + x + "again\n" + x + "again\n" + fits + fits + fits + marked + marked;
+                         x + "same\n\t** repeated 3 times\n" + x + "other\n" + x + "again\n" + x + "again\n" +
+                         fits + fits + fits + marked + marked;
     EXPECT_EQ(r.err.size(), expect.size());
     EXPECT_TRUE(r.err == expect) << r.err.substr(0, 1000);
 }
