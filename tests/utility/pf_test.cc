@@ -90,8 +90,8 @@ std::string expect_round_trip(Pf* pf) {
 
 // ---- scanning -----------------------------------------------------------------
 
-TEST(PfScan, ValuesKeysAndComments) {
-    // Lines of one file, each with the key it sets and the value read.
+TEST(PfScan, ValuesKeysCommentsBlocksAndLiterals) {
+    // Pieces of one file, each with a key it sets and the value read.
     const char* const rows[][3] = {
         {"# a comment\na 1\na 2\n", "a", "2"},
         {"spaced   two  inner  blanks   \t\n", "spaced", "two  inner  blanks"},
@@ -104,11 +104,23 @@ TEST(PfScan, ValuesKeysAndComments) {
         {"'single \" key' s\n", "{single \" key}", "s"},
         {"crlf v\r\n", "crlf", "v"},
         {"keep \\ \n", "keep", " "},  // an escaped blank is not trimmed
+        {"arr &Arr{ the rest of this line is skipped\n    k v\n    inner &Tbl{\n        one\n"
+         "        # not an entry\n\n        two words\n        &Arr{\n            x y\n        }\n    }\n}\n",
+         "arr{k}", "v"},
+        {"", "arr{inner}[1]", "two words"},
+        {"", "arr{inner}[2]{x}", "y"},
+        {"lit &Literal{\n  kept {as} it is # too\n}\n", "lit", "  kept {as} it is # too\n"},
+        {"paren &Literal(\na { b\n)\n", "paren", "a { b\n"},
+        {"word &Literal END\nany } ) thing\nEND\n", "word", "any } ) thing\n"},
+        {"after yes\n", "after", "yes"},
     };
     std::string text;
     for (const auto& row : rows) text += row[0];
     Tree t(text);
-    for (const auto& row : rows) EXPECT_STREQ(pfget_string(t.pf, row[1]), row[2]) << row[0];
+    for (const auto& row : rows) EXPECT_STREQ(pfget_string(t.pf, row[1]), row[2]) << row[1];
+    Pf* inner = nullptr;
+    pfresolve(t.pf, "arr{inner}", 0, &inner);
+    EXPECT_EQ(pfmaxtbl(inner), 3);
     EXPECT_EQ(t.pf->type, PF_ROOT);
     EXPECT_STREQ(t.pf->filename, "*internal buffer*");
     Tree end("end \\101");  // an octal escape that ends the text
@@ -118,23 +130,6 @@ TEST(PfScan, ValuesKeysAndComments) {
     EXPECT_EQ(escape('3', '7', '7'), 0377);
     EXPECT_EQ(escape('1', '8', '1'), '1');  // not octal: the character itself
     EXPECT_EQ(escape('q', 0, 0), 'q');
-}
-
-TEST(PfScan, BlocksAndLiterals) {
-    Tree t("arr &Arr{ the rest of this line is skipped\n"
-           "    k v\n    inner &Tbl{\n        one\n        # not an entry\n\n        two words\n"
-           "        &Arr{\n            x y\n        }\n    }\n}\n"
-           "lit &Literal{\n  kept {as} it is # too\n}\n"
-           "paren &Literal(\na { b\n)\n"
-           "word &Literal END\nany } ) thing\nEND\n"
-           "after yes\n");
-    Pf* inner = nullptr;
-    pfresolve(t.pf, "arr{inner}", 0, &inner);
-    EXPECT_EQ(pfmaxtbl(inner), 3);
-    const char* const values[][2] = {
-        {"arr{k}", "v"}, {"arr{inner}[1]", "two words"}, {"arr{inner}[2]{x}", "y"}, {"paren", "a { b\n"},
-        {"lit", "  kept {as} it is # too\n"}, {"word", "any } ) thing\n"}, {"after", "yes"}};
-    for (const auto& v : values) EXPECT_STREQ(pfget_string(t.pf, v[0]), v[1]) << v[0];
 }
 
 TEST(PfScan, StructuralErrorsReportLinesAndKeepWhatWasRead) {
