@@ -159,6 +159,7 @@ TEST(PfScan, StructuralErrorsReportLinesAndKeepWhatWasRead) {
         Pf* pf = nullptr;
         std::string err = stderr_of([&] { EXPECT_EQ(pfcompile(c.text.c_str(), &pf), c.rc) << c.text; });
         EXPECT_THAT(err, HasSubstr(c.message));
+        EXPECT_EQ(err.empty(), !*c.message) << err;  // a clean text draws no complaint
         if (c.key) {
             EXPECT_STREQ(pfget_string(pf, c.key), c.value) << c.text;
         }
