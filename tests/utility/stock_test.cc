@@ -1,0 +1,306 @@
+// Small parts of the stock library: containers, hooks, whole-string pattern
+// matching, printable text, the out-of-memory end, facts of the process, times
+// as text both ways, durations and numbers, waiting for a time, and MD5.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "deviants/my.h"
+#include "stock/allot.h"
+#include "stock/arr.h"
+#include "stock/epoch.h"
+#include "stock/hook.h"
+#include "stock/printable.h"
+#include "stock/rvm.h"
+#include "stock/strmatches.h"
+#include "stock/tbl.h"
+#include "support/tempdir.h"
+
+namespace {
+const char* StateFormat = "%E (%j) %Y-%m-%d  %H:%M:%S.%u %z %A";
+
+// A string the caller must free, as a std::string.
+std::string text(char* s) {
+    std::string r = s;
+    free(s);
+    return r;
+}
+std::string z(double e, const char* fmt, const char* tz = nullptr) { return text(zepoch2str(e, fmt, tz)); }
+}  // namespace
+
+TEST(Containers, ArrKeepsKeyOrderTblStaysInBoundsHookFreesOnce) {
+    Arr* a = newarr();
+    int v[4] = {0, 1, 2, 3};
+    EXPECT_EQ(setarr(a, "b", &v[2]), nullptr);
+    EXPECT_EQ(setarr(a, "a", &v[1]), nullptr);
+    EXPECT_EQ(setarr(a, "b", &v[3]), &v[2]);  // the displaced value comes back
+    EXPECT_EQ(getarr(a, "b"), &v[3]);
+    EXPECT_EQ(getarr(a, "zz"), nullptr);
+    Tbl* k = keysarr(a);
+    ASSERT_EQ(maxtbl(k), 2);
+    EXPECT_STREQ(static_cast<char*>(gettbl(k, 0)), "a");
+    EXPECT_STREQ(static_cast<char*>(gettbl(k, 1)), "b");
+    freetbl(k, nullptr);
+    EXPECT_EQ(delarr(a, "a"), &v[1]);
+    EXPECT_EQ(delarr(a, "a"), nullptr);
+    EXPECT_EQ(cntarr(a), 1);
+    freearr(a, nullptr);
+    Arr* owner = newarr();
+    setarr(owner, "x", strdup("1"));
+    setarr(owner, "y", strdup("2"));
+    freearr(owner, free);  // the sanitizer build reports a leak if values are not freed
+
+    Tbl* t = newtbl();
+    EXPECT_EQ(pushtbl(t, &v[0]), 1);
+    EXPECT_EQ(settbl(t, 3, &v[3]), 3);
+    EXPECT_EQ(maxtbl(t), 4);
+    for (long i : {1, -1, 4}) EXPECT_EQ(gettbl(t, i), nullptr) << i;
+    EXPECT_EQ(deltbl(t, 0), &v[0]);
+    EXPECT_EQ(maxtbl(t), 3);
+    EXPECT_EQ(poptbl(t), &v[3]);
+    EXPECT_EQ(deltbl(t, 7), nullptr);
+    freetbl(t, nullptr);
+    EXPECT_EQ(poptbl(nullptr), nullptr);
+
+    static int freed = 0;
+    Hook* h = new_hook([](void* p) {
+        freed++;
+        free(p);
+    });
+    h->p = malloc(8);
+    free_hook(&h);
+    EXPECT_EQ(h, nullptr);
+    free_hook(&h);
+    EXPECT_EQ(freed, 1);
+}
+
+TEST(Strmatches, WholeStringMatchesRecompilingAndBadPatterns) {
+    // In order, on one hook: each pattern that differs from the last is compiled anew.
+    struct Case {
+        const char *text, *pattern;
+        int expected;
+    } cases[] = {
+        {"abc", "a.c", 1}, {"xabcx", "a.c", 0}, {"abcx", "a.c", 0},
+        // Alternation: the longer branch must be found even if a shorter one matches first.
+        {"ab", "a|ab", 1}, {"", "x*", 1},
+        {"abc", "abc", 1}, {"abc", "abd", 0}, {"abd", "abd", 1},
+        {"abc", "a(b", -1}, {"abc", "a(b", -1},  // the second is a cached failure
+        {"abc", "[", -1}, {"abc", "abc", 1},     // recovers with a good one
+        {nullptr, "abc", -1}, {"abc", nullptr, -1},
+    };
+    Hook *h = nullptr, *first = nullptr;
+    for (const Case& c : cases) {
+        EXPECT_EQ(strmatches(c.text, c.pattern, &h), c.expected)
+            << (c.text ? c.text : "(null)") << " ~ " << (c.pattern ? c.pattern : "(null)");
+        if (!first) first = h;
+    }
+    EXPECT_EQ(h, first);  // the hook is reused, not replaced
+    // A pattern in a buffer that changes in place is seen as changed.
+    char buf[8];
+    strcpy(buf, "a+");
+    EXPECT_EQ(strmatches("aaa", buf, &h), 1);
+    strcpy(buf, "b+");
+    EXPECT_EQ(strmatches("aaa", buf, &h), 0);
+    EXPECT_EQ(strmatches("abc", "abc", nullptr), -1);
+    free_hook(&h);
+    EXPECT_EQ(h, nullptr);
+}
+
+TEST(Printable, RefusesControlDeleteAndHighBytesEscapesCutsAndDumps) {
+    EXPECT_TRUE(printable(' '));
+    EXPECT_TRUE(printable('~'));
+    // (char)0xe9 is a signed char below zero.
+    for (int c : {0, 31, 127, 128, 255, (int)(char)0xe9}) EXPECT_FALSE(printable(c)) << c;
+    const char data[] = "ab\n\t\\\x01\xff";
+    EXPECT_EQ(text(strprintable(data, sizeof data - 1, -1)), "ab\\n\\t\\\\\\x01\\xff");
+    EXPECT_EQ(text(strprintable(data, sizeof data - 1, 5)), "ab\\n");  // no escape is cut in half
+    EXPECT_EQ(text(strprintable(nullptr, 10, 10)), "");
+    unsigned char bytes[20];
+    for (int i = 0; i < 20; i++) bytes[i] = (unsigned char)(i == 1 ? 'A' : i);
+    char* dump = nullptr;
+    size_t size = 0;
+    FILE* f = open_memstream(&dump, &size);
+    hexdump(f, bytes, 20);
+    fclose(f);
+    EXPECT_EQ(text(dump), "00000000  00 41 02 03 04 05 06 07  08 09 0a 0b 0c 0d 0e 0f  .A..............\n"
+                          "00000010  10 11 12 13                                       ....\n");
+}
+
+TEST(Process, OutOfMemoryMessageExecutableNameAndSigpipe) {
+    EXPECT_EXIT(die_nomem(42, "bns", 1024, "bns->data"), testing::ExitedWithCode(1),
+                "Out of memory at line 42 in 'bns'\n\tCan't malloc 1024 bytes for bns->data\n");
+    EXPECT_STREQ(nomem_source("lib/utility/stock/bury.cc"), "bury");
+    EXPECT_STREQ(nomem_source("grave"), "grave");
+    std::string exe = myexecname();
+    EXPECT_EQ(exe.substr(exe.rfind('/') + 1), "stock_test");
+    ASSERT_EQ(ignoreSIGPIPE(), 0);
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    close(fds[0]);
+    EXPECT_EQ(write(fds[1], "x", 1), -1);  // still alive, told by EPIPE
+    EXPECT_EQ(errno, EPIPE);
+    close(fds[1]);
+    signal(SIGPIPE, SIG_DFL);
+}
+
+TEST(Epoch2str, KnownTimesOwnCodesZonesAndDurations) {
+    struct Case {
+        double e;
+        const char *fmt, *tz, *text;
+    } cases[] = {
+        {0, StateFormat, nullptr, "0 (001) 1970-01-01  00:00:00.000000 +0000 Thursday"},
+        {1700000000.123456, StateFormat, nullptr,
+         "1700000000 (318) 2023-11-14  22:13:20.123456 +0000 Tuesday"},
+        {-0.5, StateFormat, nullptr, "-1 (365) 1969-12-31  23:59:59.500000 +0000 Wednesday"},
+        {951782400, "%Y-%m-%d %j", nullptr, "2000-02-29 060"},
+        {1.9996, "%S.%s", nullptr, "02.000"},  // milliseconds round and carry
+        {1.9996, "%S", nullptr, "01"},         // whole seconds truncate
+        {1.25, "%E %s %u %%", nullptr, "1 250 250000 %"},
+        {0, "", nullptr, ""},
+        {NAN, "%Y", nullptr, "(invalid time)"},
+        {0, "%H:%M %z", "+05:30", "05:30 +0530"},
+        {0, "%Y-%m-%d %H %z", "-08", "1969-12-31 16 -0800"},
+        {0, "%H %Z", "UTC", "00 UTC"},
+        {1700000000, "%H %z", "EST5", "17 -0500"},  // a zone name, TZ style
+    };
+    for (const Case& c : cases) EXPECT_EQ(z(c.e, c.fmt, c.tz), c.text) << c.fmt;
+    EXPECT_EQ(text(strtime(1700000000.5)), "2023-11-14 22:13:20.500");
+    EXPECT_EQ(text(strdate(1700000000.5)), "2023-11-14");
+    const std::pair<double, const char*> deltas[] = {{1.5, "1.500 s"}, {59.9996, "0:01:00.000"},
+        {7384.5, "2:03:04.500"}, {3 * 86400 + 7384.5, "3d 02:03:04.500"}, {-1.5, "-1.500 s"}};
+    for (auto [d, s] : deltas) EXPECT_EQ(text(strtdelta(d)), s) << d;
+}
+
+TEST(Str2epoch, ReadsBackTheStateFormatToTheMicrosecond) {
+    std::mt19937_64 rng(12345);
+    std::uniform_int_distribution<long long> secs(-4102444800LL, 7258118400LL);  // 1840 .. 2200
+    std::uniform_int_distribution<int> micros(0, 999999);
+    const char* zones[] = {nullptr, "+05:30", "-11:00", "+14", "-0330"};
+    for (int i = 0; i < 3000; i++) {
+        double t = double(secs(rng)) + micros(rng) / 1e6;
+        std::string s = z(t, StateFormat, zones[i % 5]);
+        double back = str2epoch(s.c_str());
+        ASSERT_NEAR(back, t, 1e-6) << s;
+        ASSERT_EQ(z(back, StateFormat, zones[i % 5]), s);
+    }
+}
+
+TEST(Str2epoch, EdgesOfTheCalendarPlainNumbersNowAndGarbage) {
+    const std::pair<const char*, double> good[] = {
+        {"2000-02-29", 951782400}, {"2000-060", 951782400}, {"2000/02/29 00:00", 951782400},
+        {"2000/060", 951782400}, {"2024-366 12:00:00", 1735646400}, {"2024-12-31T12:00:00Z", 1735646400},
+        {"1970-01-01T00:00:00+01:00", -3600}, {"1970-01-01 00:00 GMT", 0},
+        {"1970-01-01t01:00:00.25z", 3600.25}, {"  2023-11-14 22:13:20 Tuesday  ", 1700000000},
+        {"2016-12-31 23:59:60", 1483228800},  // a leap second runs on
+        {"1700000000", 1700000000}, {" -3.5 ", -3.5}, {"1.7e9", 1.7e9}, {".5", 0.5}};
+    for (auto [s, e] : good) EXPECT_EQ(str2epoch(s), e) << s;
+    double before = std_now(), now = str2epoch("NOW");
+    EXPECT_GE(now, before);
+    EXPECT_LE(now, std_now());
+    for (const char* bad :
+         {"", "   ", "garbage", "nan", "inf", "1e", "12abc", "0x10", "2023-13-01", "2023-02-29", "1900-02-29",
+          "2023-00-10", "2023-01-32", "2023-000", "2023-366", "2023-11-14 24:00:00", "2023-11-14 12:60",
+          "2023-11-14 12:00:61", "2023-11-14 12", "2023-11-14 12:00:00.", "2023-11-14 12:00:00 +25:00",
+          "2023-11-14 12:00:00 Funday", "2023-11-14 12:00:00 x", "2023-11-14 12:00:00 UTC 5",
+          "2023-11-14extra", "23-11-14", "2023-11/14", "2023-1114", "now please", "1700000000 (318)"}) {
+        EXPECT_TRUE(std::isnan(str2epoch(bad))) << "'" << bad << "'";
+        double e = 42;
+        EXPECT_EQ(is_epoch_string(bad, &e), 0) << bad;
+        EXPECT_EQ(e, 42);
+    }
+    EXPECT_TRUE(std::isnan(str2epoch(nullptr)));
+    double e = 0;
+    EXPECT_EQ(is_epoch_string("2023-11-14", &e), 1);
+    EXPECT_EQ(e, 1699920000);
+}
+
+TEST(Strdbl, ShortestTextThatReadsBack) {
+    const std::pair<double, const char*> shortest[] = {
+        {0.1, "0.1"}, {1, "1"}, {-2.5, "-2.5"}, {1e300, "1e+300"}, {INFINITY, "inf"}};
+    for (auto [v, s] : shortest) EXPECT_EQ(text(strdbl(v, nullptr)), s);
+    std::mt19937_64 rng(7);
+    std::uniform_real_distribution<double> d(-1e12, 1e12);
+    for (int i = 0; i < 2000; i++) {
+        double v = d(rng) / double(i + 1);
+        std::string s = text(strdbl(v, nullptr));
+        ASSERT_EQ(atof(s.c_str()), v) << s;
+    }
+    EXPECT_EQ(text(strdbl(1.5, "%.4f")), "1.5");
+    EXPECT_EQ(text(strdbl(2.0, "%.4f")), "2");
+    EXPECT_EQ(text(strdbl(100, "%.0f")), "100");  // no point: zeros of the integer kept
+    EXPECT_EQ(text(strdbl(1.5, "%.3f s")), "1.500 s");
+}
+
+TEST(WaitForTime, PastTimesReturnAtOnceFutureOnesAreReachedAndUnreachableOnesRefused) {
+    EXPECT_EQ(wait_for_time(0, 0), 0);
+    EXPECT_EQ(wait_for_time(NAN, 0), -1);
+    double target = std_now() + 0.05;
+    EXPECT_EQ(wait_for_time(target, 0.01), 0);
+    EXPECT_GE(std_now(), target + 0.01);
+    // Such a target once overflowed the sleep's seconds, every sleep failed
+    // at once and the wait spun for ever; the child is killed if it hangs.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto refused = [] {
+        alarm(25);
+        return wait_for_time(1e300, 0) == -1 && wait_for_time(0, 1e20) == -1;
+    };
+    EXPECT_EXIT(exit(refused() ? 0 : 3), ::testing::ExitedWithCode(0), "");
+}
+
+// Prefixes at the block and padding edges, then a few megabytes, fed from an
+// odd address in uneven chunks; the digest of each prefix is taken twice from
+// the running state (finishing a copy changes nothing) and compared with
+// md5sum's over a file of that prefix, which stands for the published
+// test vectors too.
+TEST(Rvm, RunningDigestsOverUnevenChunksMatchMd5sumOfPrefixes) {
+    TempDir d;
+    std::mt19937 gen(3);
+    std::vector<unsigned char> bytes(3 * 1024 * 1024 + 80);
+    for (auto& b : bytes) b = static_cast<unsigned char>(gen());
+    const unsigned char* data = bytes.data() + 3;
+    size_t size = bytes.size() - 3;
+    std::vector<size_t> cuts = {0, 1, 55, 56, 57, 63, 64, 65, 119, 120, 127, 128, 129, 1000, 4096, 65536 + 7};
+    while (cuts.back() < size) cuts.push_back(std::min(size, cuts.back() + 1024 * 1024 - 13));
+    std::string cmd = "md5sum";
+    std::vector<std::string> ours;
+    Rvm ctx;
+    char hex[33];
+    inirvm(&ctx);
+    size_t fed = 0;
+    for (size_t cut : cuts) {
+        while (fed < cut) {
+            size_t k = std::min<size_t>(cut - fed, gen() % 4 ? gen() % 150 : gen() % 70000);
+            addrvm(&ctx, data + fed, k);
+            fed += k;
+        }
+        for (int twice = 0; twice < 2; twice++) {
+            Rvm copy = ctx;
+            endrvm(&copy);
+            ascrvm(&copy, hex);
+            ours.push_back(hex);
+        }
+        std::string file = d.file("prefix" + std::to_string(cut), std::string(data, data + cut));
+        cmd += " '" + file + "' '" + file + "'";
+    }
+    endrvm(&ctx);
+    ascrvm(&ctx, hex);
+    EXPECT_EQ(hex, ours.back());
+    std::vector<std::string> theirs;
+    FILE* p = popen(cmd.c_str(), "r");
+    ASSERT_NE(p, nullptr);
+    char line[4096];
+    while (fgets(line, sizeof line, p)) theirs.emplace_back(line, 32);
+    pclose(p);
+    ASSERT_EQ(theirs.size(), ours.size());
+    for (size_t i = 0; i < ours.size(); i++) EXPECT_EQ(ours[i], theirs[i]) << "prefix " << cuts[i / 2];
+}
