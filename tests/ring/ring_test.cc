@@ -154,6 +154,7 @@ TEST_F(RingTest, ReopenKeepsPacketsStashGeometryAndOrbStart) {
     auto r = Ring::open(file);
     auto st = r->status();
     EXPECT_EQ(st.orb_start, start);
+    EXPECT_EQ(st.recoveries, 0u);  // closed cleanly: nothing to recover
     EXPECT_EQ(std::vector<uint64_t>({st.data_bytes, st.nslots, uint64_t(st.maxpkts), st.maxsrc, st.maxclients,
                                      st.nstash, st.stash_bytes}),
               std::vector<uint64_t>({1 << 16, 16, 1000, 7, 5, 2, 100}));
