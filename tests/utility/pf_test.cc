@@ -398,6 +398,8 @@ TEST_F(PfTree, KeyPathsReachNestedNodesAndContainersComeOut) {
     const std::pair<const char*, int> walks[] = {
         {"arr{nope}", -31}, {"name{x}", -32}, {"arr[0]", -32}, {"tbl[7]", -31}};
     for (auto [path, rc] : walks) EXPECT_EQ(pfresolve(t.pf, path, 0, &node), rc) << path;
+    Tree gone("g &env(FERRANT_TEST_NEVER_SET)\n");  // a reference that yields nothing is a missing key
+    EXPECT_EQ(pfresolve(gone.pf, "g{x}", 0, &node), -31);
     // Started at a list, the key is an index.
     ASSERT_EQ(pfresolve(t.pf, "tbl", 0, &list), PF_TBL);
     EXPECT_EQ(pfresolve(list, pfindex(1), 0, &node), PF_ARR);

@@ -55,6 +55,22 @@ void lock_state_file(int fd, const char* filename) {
     elog_die(1, "Can't lock state file '%s' for exclusive use: it is already in use.\n", filename);
 }
 
+// A holder renames a new, locked file over the name at every bury(), so a
+// lock taken on a file that lost the name meanwhile guards nothing: then the
+// file now bearing the name is opened and locked instead.
+int lock_named_file(int fd, const char* filename) {
+    for (int tries = 0; fd >= 0; tries++) {
+        lock_state_file(fd, filename);
+        struct stat held, named;
+        if (tries == 100 || fstat(fd, &held) != 0 || stat(filename, &named) != 0 ||
+            (held.st_ino == named.st_ino && held.st_dev == named.st_dev))
+            break;
+        close(fd);
+        fd = open(filename, O_RDWR | O_CLOEXEC);
+    }
+    return fd;
+}
+
 bool read_all(int fd, std::string& text) {
     char buf[8192];
     lseek(fd, 0, SEEK_SET);
@@ -164,9 +180,8 @@ int exhume(const char* filename, int* signal_stop, int sec, Mortician mortician)
     makedir(dir);  // a failure shows up as the open failing
 
     int result;
-    int fd = open(filename, O_RDWR | O_CLOEXEC);
+    int fd = lock_named_file(open(filename, O_RDWR | O_CLOEXEC), filename);
     if (fd >= 0) {
-        lock_state_file(fd, filename);
         std::string text;
         Pf* old = nullptr;
         if (read_all(fd, text) && pfcompile(text.c_str(), &old) == 0 && old) {
@@ -177,9 +192,8 @@ int exhume(const char* filename, int* signal_stop, int sec, Mortician mortician)
             result = 2;
         }
     } else if (errno == ENOENT) {
-        fd = open(filename, O_RDWR | O_CREAT | O_CLOEXEC, 0664);
+        fd = lock_named_file(open(filename, O_RDWR | O_CREAT | O_CLOEXEC, 0664), filename);
         if (fd >= 0) {
-            lock_state_file(fd, filename);
             result = 0;
         } else {
             result = -1;
