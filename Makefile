@@ -19,6 +19,7 @@ SEED         ?= 1
 BUDGET       ?= 1800
 MUTATE_FILES ?=
 FIRST        ?= 0
+RECHECK      ?=
 
 .PHONY: all build configure deps demo test test-asan fuzz bench install deb mutate coverage clean
 
@@ -61,7 +62,8 @@ bench: deps
 # Its own build tree, so that build/ is never disturbed; see scripts/mutate.py.
 mutate: deps
 	python3 scripts/mutate.py --mutants $(MUTANTS) --seed $(SEED) --budget $(BUDGET) \
-		--jobs $(JOBS) --files '$(MUTATE_FILES)' --first $(FIRST) --build build-mutate
+		--jobs $(JOBS) --files '$(MUTATE_FILES)' --first $(FIRST) --build build-mutate \
+		$(if $(RECHECK),--recheck $(RECHECK))
 
 coverage: deps
 	cmake -S . -B build-coverage -DCMAKE_BUILD_TYPE=Debug \
