@@ -241,7 +241,6 @@ protected:
     std::unique_ptr<OrbServer> server;
 };
 
-
 constexpr int kFailed = WireClient::kFailed;
 
 // A packet body of 40 to 239 bytes that tells the index it was made for.
