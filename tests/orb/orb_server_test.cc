@@ -1,10 +1,6 @@
-// The client library against a real orbserver (and forbserver) on loopback: naming, positioning,
-// select and reject, streaming and bounded reads, writes, status tools, the lag throttle; against
-// bad names and hostile peers (a plain socket in the test that answers garbage, closes
-// mid-response or says nothing); and against servers killed and restarted under it: readers go on
-// where they were, writers resend what they kept, a quiet reader is left alone, a name listing two
-// front ends moves on to the live one, and a re-created ring is joined by time, by a reader that
-// stayed and by one restarted with its state file.
+// The client library against a real orbserver (and forbserver) on loopback; against bad names and
+// hostile peers (a plain socket in the test); and against servers killed and restarted under it, where
+// readers go on where they were, writers resend what they kept and a re-created ring is joined by time.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -35,9 +31,7 @@ namespace {
 
 struct OrbServerTest : ::testing::Test {
     void SetUp() override { ASSERT_TRUE(server.up()) << server.log(); }
-    void TearDown() override {
-        for (int orb : opened) orbclose(orb);
-    }
+    void TearDown() override { for (int orb : opened) orbclose(orb); }
     // Opens the server's ring; closed in TearDown.
     int open(const char* perm) {
         int orb = orbopen(server.name().c_str(), perm);
@@ -181,10 +175,8 @@ TEST_F(OrbServerTest, HostPortsNamedPortsFilePathsAndAWaitingOpen) {
         int orb = orbopen(name.c_str(), "r"), version = -1;
         ASSERT_GE(orb, 0) << name;
         EXPECT_STREQ(orb2orbfile(orb)->name, name.c_str());
-        EXPECT_EQ(orbping(orb, &version), 0);
-        EXPECT_GT(version, 0);
-        EXPECT_EQ(orbclose(orb), 0);
-        EXPECT_EQ(orb2orbfile(orb), nullptr);
+        EXPECT_TRUE(orbping(orb, &version) == 0 && version > 0);
+        EXPECT_TRUE(orbclose(orb) == 0 && orb2orbfile(orb) == nullptr);
     }
     // A port that names a signer asks for a signed open, which this server has no signers for.
     EXPECT_TRUE(fails_saying([] { return orbopen("localhost:signed", "r"); },
@@ -225,17 +217,18 @@ TEST_F(OrbServerTest, HostPortsNamedPortsFilePathsAndAWaitingOpen) {
     setenv("BNS_TIMEOUT", "100", 1);
     server.stop();
     std::atomic<int> orb{-2};
-    testing::internal::CaptureStderr();
-    std::thread opener([&] { orb = orbopen((name + "@").c_str(), "r"); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // nine failures or more
-    bool restarted = server.start();
-    opener.join();
-    err = testing::internal::GetCapturedStderr();
+    bool restarted = false;
+    err = stderr_of([&] {
+        std::thread opener([&] { orb = orbopen((name + "@").c_str(), "r"); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // nine failures or more
+        restarted = server.start();
+        opener.join();
+    });
     ASSERT_TRUE(restarted) << server.log();
     ASSERT_GE(orb.load(), 0);
-    for (int n : {1, 2, 4, 8})
-        EXPECT_TRUE(has(err, "can't open orbserver '" + name + "': attempt #" + std::to_string(n) + "\n"));
-    for (int n : {3, 5, 6, 7}) EXPECT_FALSE(has(err, "attempt #" + std::to_string(n) + "\n"));
+    for (int n = 1; n <= 8; n++)  // said at the powers of two only
+        EXPECT_EQ(bool(has(err, "can't open orbserver '" + name + "': attempt #" + std::to_string(n) + "\n")),
+                  (n & (n - 1)) == 0) << n;
     EXPECT_FALSE(has(err, "Can't connect"));             // the retries stay quiet
     EXPECT_STREQ(orb2orbfile(orb)->name, name.c_str());  // without the "@"
     orbclose(orb);
@@ -307,7 +300,6 @@ TEST_F(OrbServerTest, BoundedReadsGiveUpQuietlyAndPatternsSelect) {
     orbseek(r, ORBOLDEST);
     for (int i = 0; i < 6; i++) EXPECT_NE(rd.reap().src, "AA_ONE/x");
     EXPECT_TRUE(fails_saying([&] { return orbselect(r, ("@" + none).c_str()); }, "Can't open '" + none));
-    EXPECT_EQ(orbselect(r, "(unclosed"), -1);  // the server refuses a bad pattern
 }
 
 TEST_F(OrbServerTest, WritesAndStatusUnderOrbDumpRupStashAndElog) {
@@ -373,8 +365,6 @@ TEST_F(OrbServerTest, WritesAndStatusUnderOrbDumpRupStashAndElog) {
     EXPECT_EQ(words(g.src, g.body), "prog/log something happened");
     EXPECT_EQ(rd.reap().body, "and again");
 }
-
-// ---- the lag throttle ----
 
 TEST(OrbLag, LagValueAcrossTheRingAndItsWrap) {
     struct { int pktid, oldest, newest; double want; } cases[] = {
@@ -541,15 +531,9 @@ TEST(OrbHostile, HalfAPacketOrATruncatedAnswerAfterTheOpen) {
     orbclose(orb);
 }
 
-// ---- servers killed and restarted under their clients ----
-
 TEST(OrbRestart, ReaderAndWriterGoOnThroughTheOtherFrontEndAndAcrossARestart) {
     SetEnv timeout("BNS_TIMEOUT", "500");
-    OrbServer a, b([&] {
-        OrbServer::Options o;
-        o.ring = a.ring();
-        return o;
-    }());
+    OrbServer a, b(OrbServer::Options{"", {}, "127.0.0.1", a.ring()});
     ASSERT_TRUE(a.up() && b.up()) << a.log() << b.log();
     std::string both = a.name() + "," + b.name();  // two front ends of one ring
     int w = orbopen(both.c_str(), "w&"), r = orbopen(both.c_str(), "r&");

@@ -33,7 +33,7 @@ struct Got {
 
 // Reads with a caller buffer that the library grows and may move.
 class Reader {
-  public:
+public:
     explicit Reader(int orb) : orb_(orb) {}
     ~Reader() { free(buf_); }
     Got reap() { return read([&](auto... a) { return orbreap(orb_, a...); }); }
@@ -41,7 +41,7 @@ class Reader {
     Got reap_nd() { return read([&](auto... a) { return orbreap_nd(orb_, a...); }); }
     Got reap_timeout(double s) { return read([&](auto... a) { return orbreap_timeout(orb_, s, a...); }); }
 
-  private:
+private:
     // call(&pktid, srcname, &time, &buffer, &nbytes, &buffersize), as every read takes them.
     template <class Call>
     Got read(Call call) {
