@@ -136,20 +136,14 @@ TEST(ElogFatal, HowEachEndIsReported) {
     } cases[] = {
         {"die", [] { elog_die(0, "cannot go on"); }, {}, 0, P + " *fatal*: cannot go on\n"},
         {"fault", [] { elog_fault(0, "broken"); }, {}, SIGABRT, P + " *fault*: broken\n"},
-        {"SEGV", [] {
-             elog_init(0, nullptr);
-             raise(SIGSEGV);
-         }, {}, SIGABRT, P + " *fault*: Signal SEGV : Segmentation fault\n"},
+        {"SEGV", [] { elog_init(0, nullptr); raise(SIGSEGV); }, {}, SIGABRT,
+         P + " *fault*: Signal SEGV : Segmentation fault\n"},
         // An interceptable signal chosen by the environment; the default set is replaced.
-        {"USR1", [] {
-             elog_init(0, nullptr);
-             raise(SIGUSR1);
-         }, {{"ELOG_SIGNALS", "USR1:ABRT"}}, SIGABRT, P + " *fault*: Signal USR1 : User defined signal 1\n"},
+        {"USR1", [] { elog_init(0, nullptr); raise(SIGUSR1); }, {{"ELOG_SIGNALS", "USR1:ABRT"}}, SIGABRT,
+         P + " *fault*: Signal USR1 : User defined signal 1\n"},
         // Reported without waiting for the log, which the faulting thread holds.
-        {"fault inside the log", [] {
-             elog_callback(crash);
-             elog_notify(0, "x");
-         }, {}, SIGABRT, "Signal SEGV : Segmentation fault\n"},
+        {"fault inside the log", [] { elog_callback(crash); elog_notify(0, "x"); }, {}, SIGABRT,
+         "Signal SEGV : Segmentation fault\n"},
         // The default for die names a debugger that is not installed: nothing is tried.
         {"die without its debugger", [] { elog_die(0, "end"); },
          {{"ELOG_DEBUG", "no-such-debugger-here %r %p &@d"}}, 0, P + " *fatal*: end\n"},
