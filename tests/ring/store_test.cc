@@ -199,8 +199,7 @@ TEST_F(JetStream, RefusesStreamsARingCannotUse) {
         const char* subjects[] = {subject.c_str()};
         jsStreamConfig cfg;
         jsStreamConfig_Init(&cfg);
-        cfg.Name = o.name.c_str();
-        cfg.Subjects = subjects, cfg.SubjectsLen = 1;
+        cfg.Name = o.name.c_str(), cfg.Subjects = subjects, cfg.SubjectsLen = 1;
         cfg.Retention = c.retention, cfg.Discard = c.discard;
         ASSERT_EQ(js_AddStream(nullptr, js, &cfg, nullptr, nullptr), NATS_OK) << c.setting;
         EXPECT_THAT([&] { open_jetstream_store(o); }, testing::ThrowsMessage<Error>(HasSubstr(c.setting)));
