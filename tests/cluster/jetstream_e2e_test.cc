@@ -3,6 +3,8 @@
 // the stream's leader node and the receiver's front end are SIGKILLed; the
 // receiver moves to the other front end. Every file arrives whole, once, and
 // no interim file is left behind.
+#include <gmock/gmock.h>
+
 #include <algorithm>
 #include <filesystem>
 
@@ -61,7 +63,8 @@ TEST(JetStreamFerrant, FilesCrossTwoFrontEndsWhileALeaderNodeAndAFrontEndDie) {
         for (int i = from; i < to; i++) {
             std::string name = "f" + std::to_string(i);
             sent[name] = pattern(size_t(i) * 7919 % 90000, unsigned(i));
-            ASSERT_EQ(rename(make_old(src + "/" + name, sent[name]).c_str(), (spool + "/" + name).c_str()), 0);
+            std::string old = make_old(src + "/" + name, sent[name]);
+            ASSERT_EQ(rename(old.c_str(), (spool + "/" + name).c_str()), 0);
         }
     };
     drop(0, 20);
@@ -81,8 +84,7 @@ TEST(JetStreamFerrant, FilesCrossTwoFrontEndsWhileALeaderNodeAndAFrontEndDie) {
                                         cluster.urls()[1] + ",nats://" + cluster.urls()[2]);
     EXPECT_GE(doc["ring"]["nclients"], 2);
     std::string metrics = testsupport::http_get(http, "/metrics").body;
-    EXPECT_NE(metrics.find("orbserver_ring_info{name=\"e2e\",store=\"stream 'e2e' on nats://"), std::string::npos)
-        << metrics;
+    EXPECT_THAT(metrics, testing::HasSubstr("orbserver_ring_info{name=\"e2e\",store=\"stream 'e2e' on nats://"));
     int leader = stream_leader(cluster.urls(), "e2e");
     ASSERT_GE(leader, 0);
     drop(20, 40);
@@ -113,7 +115,8 @@ TEST(JetStreamFrontEnd, BadStartsAreFatalWithTheReason) {
                                "can't reach a NATS server at nats://127.0.0.1:1,nats://127.0.0.1:2"},
                           Case{{"-J", "", "r"}, "bad JetStream URL list ''"},
                           Case{{"-J", "127.0.0.1:1,", "r"}, "bad JetStream URL list"},
-                          Case{{"-J", "127.0.0.1:1", "no.dots"}, "stream name 'no.dots' must be 1 to 200 letters"}}) {
+                          Case{{"-J", "127.0.0.1:1", "no.dots"},
+                               "stream name 'no.dots' must be 1 to 200 letters"}}) {
         TempDir tmp;
         std::vector<std::string> argv = {FERRANT_BUILD_DIR "/bin/orbserver", "-P", "127.0.0.1:0"};
         argv.insert(argv.end(), c.args.begin(), c.args.end());

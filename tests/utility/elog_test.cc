@@ -9,7 +9,9 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <sstream>
 #include <string>
@@ -236,9 +238,7 @@ TEST(ElogDelivery, FilesAppendAreCreatedWithMode0664OrFallBackToStderr) {
     std::string both = P + ": one\n" + P + ": two\n\t##=> Permission denied\n";
     EXPECT_EQ(slurp(file), both);
     EXPECT_EQ(r.err, both + P + ": elsewhere\n");
-    struct stat st;
-    ASSERT_EQ(stat(file.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0664u);
+    EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0664));
     // One that can't be opened is reported and its message goes to stderr.
     std::string bad = d / "no/such/dir/log", good = d / "good";
     r = child::run([] {
@@ -268,12 +268,9 @@ TEST(ElogList, MarkFlushCallbackQueryAndSet) {
         elog_log(0, "b");
         errno = EPERM;
         elog_log(1, "c");
-        char* s = elog_string(mark);
-        CHILD_CHECK(std::string(s) == P + ": b\n" + P + ": c\n\t##=> Operation not permitted\n");
-        free(s);
-        s = elog_string(99);
-        CHILD_CHECK(std::string(s).empty());
-        free(s);
+        auto text = [](int from) { return std::unique_ptr<char, decltype(&free)>(elog_string(from), free); };
+        CHILD_CHECK(text(mark).get() == P + ": b\n" + P + ": c\n\t##=> Operation not permitted\n");
+        CHILD_CHECK(!*text(99));
         elog_flush(1, mark);  // b and c go out as complaints
         CHILD_CHECK(elog_mark() == 1);
         elog_log(0, "d");
@@ -299,7 +296,7 @@ TEST(ElogList, MarkFlushCallbackQueryAndSet) {
         Elog_callback cb = nullptr;
         CHILD_CHECK(elog_query(ELOG_CALLBACK, 0, &cb) == 0 && cb == clear_on_alert);
         elog_callback(nullptr);
-        s = nullptr;
+        char* s = nullptr;
         CHILD_CHECK(elog_query(ELOG_TAG, 7, &s) == -1);
         CHILD_CHECK(elog_query(9999, 0, &s) == -1);
         CHILD_CHECK(elog_set(ELOG_TAG, ELOG_NOTIFY, "[%P]") == 0);
@@ -472,10 +469,8 @@ TEST(Bury, EveryKindOfVariableReadsBackExactlyAndFailuresKeepThePreviousState) {
         CHILD_CHECK(exhume(state.c_str(), nullptr, 0, nullptr) == -2);
         CHILD_CHECK(exhume((state + "2").c_str(), nullptr, 0, nullptr) == -2);
         CHILD_CHECK(resurrect("count", &unused, INT_RELIC) == 1);  // replaced by the next line
-        CHILD_CHECK(resurrect("count", &count, INT_RELIC) == 1);
-        CHILD_CHECK(resurrect("ratio", &rt, DOUBLE_RELIC) == 1);
-        CHILD_CHECK(resurrect("name", &name, STRING_RELIC) == 1);
-        CHILD_CHECK(resurrect("when", &tm, TIME_RELIC) == 1);
+        CHILD_CHECK(resurrect("count", &count, INT_RELIC) == 1 && resurrect("ratio", &rt, DOUBLE_RELIC) == 1);
+        CHILD_CHECK(resurrect("name", &name, STRING_RELIC) == 1 && resurrect("when", &tm, TIME_RELIC) == 1);
         static int pktid = 77;  // names as the ring client makes them
         CHILD_CHECK(resurrect("host:6510{last_pktid}", &pktid, INT_RELIC) == 1 && pktid == 77);
         count = -42;
@@ -489,8 +484,7 @@ TEST(Bury, EveryKindOfVariableReadsBackExactlyAndFailuresKeepThePreviousState) {
     });
     ASSERT_TRUE(r.exited(0)) << r.err;
     EXPECT_THAT(r.err, HasSubstr("Can't write alternate state file " + state + "+"));
-    struct stat st;
-    EXPECT_NE(stat((state + "2").c_str(), &st), 0);  // the refused second call made nothing
+    EXPECT_FALSE(std::filesystem::exists(state + "2"));  // the refused second call made nothing
     std::string text = slurp(state);
     EXPECT_EQ(value_of(text, "when"), "1700000000 (318) 2023-11-14  22:13:20.123456 +0000 Tuesday");
     EXPECT_EQ(value_of(text, "added"), "by mortician");
