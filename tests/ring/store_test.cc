@@ -2,10 +2,12 @@
 // stream on a real three-node cluster; then what only a cluster can do wrong.
 #include "ring/store.h"
 #include "ring/store_jetstream.h"
+#include "ring/store_jetstream_clients.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <future>
 
 #include "support/nats_cluster.h"
@@ -197,8 +199,7 @@ TEST_F(JetStream, RefusesStreamsARingCannotUse) {
         const char* subjects[] = {subject.c_str()};
         jsStreamConfig cfg;
         jsStreamConfig_Init(&cfg);
-        cfg.Name = o.name.c_str();
-        cfg.Subjects = subjects, cfg.SubjectsLen = 1;
+        cfg.Name = o.name.c_str(), cfg.Subjects = subjects, cfg.SubjectsLen = 1;
         cfg.Retention = c.retention, cfg.Discard = c.discard;
         ASSERT_EQ(js_AddStream(nullptr, js, &cfg, nullptr, nullptr), NATS_OK) << c.setting;
         EXPECT_THAT([&] { open_jetstream_store(o); }, testing::ThrowsMessage<Error>(HasSubstr(c.setting)));
@@ -234,6 +235,31 @@ TEST_F(JetStream, ServesWithOneNodeKilledAndFailsWithoutQuorumUntilItReturns) {
     ASSERT_TRUE(eventually([&] { return (seq = put(*s, "A", 4, bytes(4))) > 1; })) << why;
     EXPECT_TRUE(eventually([&] { return data_at(*s, uint64_t(seq)) == bytes(4); }));
     EXPECT_EQ(cluster()->wait_ready(), "");   // whole again for the tests after
+}
+
+// Client tables as front ends share them through the cluster: what one writes
+// another reads back field for field; what none would write is refused.
+TEST(ClientBoard, TablesRoundTripAndHostileEntriesAreRefused) {
+    Client c;
+    c.pid = 77, c.thread = 3, c.fd = 9, c.port = 6510, c.perm = 'w', c.pktid = 123456;
+    std::memcpy(c.address, "\x0a\x01\x02\x03", 4);
+    std::strcpy(c.what, "ferrant2 -p x \"quoted\" \\ \xc3\xa9");
+    std::strcpy(c.select, "vm/xfer/.*");
+    c.nselect = 11, c.started = 1.5e9, c.lastpkt = 1.5e9 + 0.25, c.written = 4000000000u, c.errors = -2;
+    std::vector<Client> back;
+    ASSERT_TRUE(ClientBoard::decode(ClientBoard::encode({c, Client{}}), &back));
+    ASSERT_EQ(back.size(), 2u);
+    EXPECT_EQ(std::memcmp(&back[0].pid, &c.pid, offsetof(Client, who) - offsetof(Client, pid)), 0);
+    EXPECT_EQ(std::tuple(std::string(back[0].what), std::string(back[0].select), back[0].nselect),
+              std::tuple(std::string(c.what), std::string(c.select), 11));
+    EXPECT_EQ(std::tuple(back[0].lastpkt, back[0].written, back[0].errors, back[1].pktid),
+              std::tuple(c.lastpkt, c.written, -2, -1));
+    // Over-long text is cut, always terminated.
+    ASSERT_TRUE(ClientBoard::decode("{\"clients\":[{\"host\":\"" + std::string(200, 'h') + "\"}]}", &back));
+    EXPECT_EQ(std::strlen(back[0].host), sizeof back[0].host - 1);
+    for (const char* bad : {"", "null", "[]", "{\"clients\":7}", "{\"clients\":[1]}", "{\"clients\":[",
+                            "{\"clients\":[{\"pid\":\"x\"}]}", "{\"clients\":[{\"who\":5}]}", "\xff\xfe"})
+        EXPECT_FALSE(ClientBoard::decode(bad, &back)) << bad;
 }
 
 }  // namespace

@@ -1,18 +1,27 @@
-// The event log, watched from outside: every case runs in a forked child
-// (the log reads its settings once per process, and dies and faults end it)
-// and checks the exact bytes written and the way the child ended.
-#include "stock/elog.h"
-
+// The event log and the state file, watched from outside: both belong to the
+// whole process (the log reads its settings once per process, and dies and
+// faults end it), so every case runs in a forked child (support/child.h) and
+// checks the bytes written and the way the child ended.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "stock/bury.h"
+#include "stock/elog.h"
+#include "stock/epoch.h"
+#include "stock/pf.h"
 #include "stock/tbl.h"
 #include "support/child.h"
 #include "support/tempdir.h"
@@ -34,21 +43,33 @@ child::Env env(child::Env extra = {}) {
     return e;
 }
 
-// A check inside a child: a failure ends it with status 3 and says why.
-void require(bool ok, const char* what) {
-    if (!ok) {
-        fprintf(stderr, "child check failed: %s\n", what);
-        fflush(stderr);
-        _exit(3);
+// The value of key in state text, or "<missing>" / "<unparsable>".
+std::string value_of(const std::string& text, const char* key) {
+    Pf* pf = nullptr;
+    std::string r = "<unparsable>";
+    if (pfcompile(text.c_str(), &pf) == 0) {
+        char* v = pfget_string(pf, key);
+        r = v ? v : "<missing>";
     }
+    pffree(pf);
+    return r;
 }
+
+// A check inside a child: a failure ends it with status 99 and says why.
+#define CHILD_CHECK(c)                                                      \
+    do {                                                                    \
+        if (!(c)) {                                                         \
+            fprintf(stderr, "check failed at line %d: %s\n", __LINE__, #c); \
+            _exit(99);                                                      \
+        }                                                                   \
+    } while (0)
 
 }  // namespace
 
 TEST(ElogOutput, SeverityTagsSystemErrorsRepeatsAndTruncation) {
     auto r = child::run([] {
         elog_notify(0, "x");
-        require(elog_mark() == 0, "delivered message left in the log");
+        CHILD_CHECK(elog_mark() == 0);
         elog_debug(0, "d");
         elog_alert(0, "a");
         complain(0, "c");
@@ -58,7 +79,7 @@ TEST(ElogOutput, SeverityTagsSystemErrorsRepeatsAndTruncation) {
         elog_notify(0, "%s", "");
         errno = ENOENT;
         elog_complain(1, "Can't open '%s'", "f");
-        require(errno == 0, "errno not cleared");
+        CHILD_CHECK(errno == 0);
         errno = ENOENT;
         elog_complain(0, "no text wanted");
         errno = 0;
@@ -68,7 +89,7 @@ TEST(ElogOutput, SeverityTagsSystemErrorsRepeatsAndTruncation) {
         elog_log(0, "same");
         elog_log(0, "same\n");
         elog_log(0, "same");
-        require(elog_mark() == 1, "repeat stored twice");
+        CHILD_CHECK(elog_mark() == 1);
         elog_complain(0, "other");
         // Delivered at once, so the next identical one starts afresh.
         elog_notify(0, "again");
@@ -110,7 +131,7 @@ TEST(ElogLimit, FiftiethKeptMessageQuitsAndABadLimitIsIgnored) {
         r = child::run([] {
             elog_notify(0, "still logging");
             int max = -1;
-            require(elog_query(ELOG_MAXMSG, 0, &max) == 0 && max == 50, "limit not kept at its default");
+            CHILD_CHECK(elog_query(ELOG_MAXMSG, 0, &max) == 0 && max == 50);
         }, env({{"ELOG_MAXMSG", bad}}));
         EXPECT_TRUE(r.exited(0)) << bad << ": " << r.err;
         EXPECT_THAT(r.err, HasSubstr("ELOG_MAXMSG")) << bad;
@@ -136,20 +157,14 @@ TEST(ElogFatal, HowEachEndIsReported) {
     } cases[] = {
         {"die", [] { elog_die(0, "cannot go on"); }, {}, 0, P + " *fatal*: cannot go on\n"},
         {"fault", [] { elog_fault(0, "broken"); }, {}, SIGABRT, P + " *fault*: broken\n"},
-        {"SEGV", [] {
-             elog_init(0, nullptr);
-             raise(SIGSEGV);
-         }, {}, SIGABRT, P + " *fault*: Signal SEGV : Segmentation fault\n"},
+        {"SEGV", [] { elog_init(0, nullptr); raise(SIGSEGV); }, {}, SIGABRT,
+         P + " *fault*: Signal SEGV : Segmentation fault\n"},
         // An interceptable signal chosen by the environment; the default set is replaced.
-        {"USR1", [] {
-             elog_init(0, nullptr);
-             raise(SIGUSR1);
-         }, {{"ELOG_SIGNALS", "USR1:ABRT"}}, SIGABRT, P + " *fault*: Signal USR1 : User defined signal 1\n"},
+        {"USR1", [] { elog_init(0, nullptr); raise(SIGUSR1); }, {{"ELOG_SIGNALS", "USR1:ABRT"}}, SIGABRT,
+         P + " *fault*: Signal USR1 : User defined signal 1\n"},
         // Reported without waiting for the log, which the faulting thread holds.
-        {"fault inside the log", [] {
-             elog_callback(crash);
-             elog_notify(0, "x");
-         }, {}, SIGABRT, "Signal SEGV : Segmentation fault\n"},
+        {"fault inside the log", [] { elog_callback(crash); elog_notify(0, "x"); }, {}, SIGABRT,
+         "Signal SEGV : Segmentation fault\n"},
         // The default for die names a debugger that is not installed: nothing is tried.
         {"die without its debugger", [] { elog_die(0, "end"); },
          {{"ELOG_DEBUG", "no-such-debugger-here %r %p &@d"}}, 0, P + " *fatal*: end\n"},
@@ -168,8 +183,8 @@ TEST(ElogFatal, SignalNamesAndBadNames) {
     for (auto [name, number] : names) EXPECT_EQ(elog_signal_number(name), number) << name;
     EXPECT_EQ(elog_signal_number(nullptr), -1);
     auto r = child::run([] {
-        require(elog_setup_fault_handler("SEGV:NOPE::") == 1, "bad name not counted");
-        require(elog_setup_fault_handler("KILL") == 1, "unknown name accepted");
+        CHILD_CHECK(elog_setup_fault_handler("SEGV:NOPE::") == 1);
+        CHILD_CHECK(elog_setup_fault_handler("KILL") == 1);
     }, env({{"ELOG_SIGNALS", "FOO"}}));
     EXPECT_TRUE(r.exited(0)) << r.err;
     std::string bad = P + ": Unrecognized signal name '";
@@ -200,7 +215,7 @@ TEST(ElogSettings, DeliveryValuesWordsAndEscapes) {
     for (const Case& c : cases) {
         r = child::run([&c] {
             elog_notify(0, "n");
-            require(elog_mark() == c.kept, "messages left in the log");
+            CHILD_CHECK(elog_mark() == c.kept);
             elog_complain(0, "c");
         }, env({{"ELOG_DELIVER", c.deliver}}));
         EXPECT_TRUE(r.exited(0)) << c.deliver << ": " << r.err;
@@ -223,14 +238,12 @@ TEST(ElogDelivery, FilesAppendAreCreatedWithMode0664OrFallBackToStderr) {
     std::string both = P + ": one\n" + P + ": two\n\t##=> Permission denied\n";
     EXPECT_EQ(slurp(file), both);
     EXPECT_EQ(r.err, both + P + ": elsewhere\n");
-    struct stat st;
-    ASSERT_EQ(stat(file.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0664u);
+    EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0664));
     // One that can't be opened is reported and its message goes to stderr.
     std::string bad = d / "no/such/dir/log", good = d / "good";
     r = child::run([] {
         elog_complain(0, "fell back");
-        require(elog_mark() == 0, "message kept");
+        CHILD_CHECK(elog_mark() == 0);
         elog_notify(0, "one of two worked");
     }, env({{"ELOG_DELIVER", bad + "@c " + bad + " " + good + "@n"}}));
     EXPECT_TRUE(r.exited(0));
@@ -243,7 +256,7 @@ namespace {
 int Seen[ELOG_MAXSEVERITY];
 int clear_on_alert(int severity, const char* log, Tbl* msgs) {
     Seen[severity]++;
-    require(log && maxtbl(msgs) >= 1, "callback without the log");
+    CHILD_CHECK(log && maxtbl(msgs) >= 1);
     return severity == ELOG_ALERT;
 }
 }  // namespace
@@ -255,54 +268,51 @@ TEST(ElogList, MarkFlushCallbackQueryAndSet) {
         elog_log(0, "b");
         errno = EPERM;
         elog_log(1, "c");
-        char* s = elog_string(mark);
-        require(std::string(s) == P + ": b\n" + P + ": c\n\t##=> Operation not permitted\n", "elog_string");
-        free(s);
-        s = elog_string(99);
-        require(std::string(s).empty(), "elog_string past the end");
-        free(s);
+        auto text = [](int from) { return std::unique_ptr<char, decltype(&free)>(elog_string(from), free); };
+        CHILD_CHECK(text(mark).get() == P + ": b\n" + P + ": c\n\t##=> Operation not permitted\n");
+        CHILD_CHECK(!*text(99));
         elog_flush(1, mark);  // b and c go out as complaints
-        require(elog_mark() == 1, "flush");
+        CHILD_CHECK(elog_mark() == 1);
         elog_log(0, "d");
         elog_truncate(1);
-        require(elog_mark() == 1, "truncate");
+        CHILD_CHECK(elog_mark() == 1);
         elog_truncate(-5);
-        require(elog_mark() == 0, "truncate below 0");
+        CHILD_CHECK(elog_mark() == 0);
         elog_log(0, "e");
         elog_clear_register(0);
-        require(elog_mark() == 0, "clear_register without delivery");
+        CHILD_CHECK(elog_mark() == 0);
         elog_log(0, "f");
         elog_clear_register(1);
         elog_log(0, "g");
         elog_clear();
-        require(elog_mark() == 0, "clear");
+        CHILD_CHECK(elog_mark() == 0);
         // The callback sees each message and may clear the log.
         elog_callback(clear_on_alert);
         elog_log(0, "kept");
         elog_alert(0, "cleared before delivery");
-        require(elog_mark() == 0, "callback result ignored");
+        CHILD_CHECK(elog_mark() == 0);
         elog_notify(0, "n");
-        require(Seen[ELOG_LOG] == 1 && Seen[ELOG_ALERT] == 1 && Seen[ELOG_NOTIFY] == 1, "callback calls");
+        CHILD_CHECK(Seen[ELOG_LOG] == 1 && Seen[ELOG_ALERT] == 1 && Seen[ELOG_NOTIFY] == 1);
         Elog_callback cb = nullptr;
-        require(elog_query(ELOG_CALLBACK, 0, &cb) == 0 && cb == clear_on_alert, "query callback");
+        CHILD_CHECK(elog_query(ELOG_CALLBACK, 0, &cb) == 0 && cb == clear_on_alert);
         elog_callback(nullptr);
-        s = nullptr;
-        require(elog_query(ELOG_TAG, 7, &s) == -1, "severity out of range");
-        require(elog_query(9999, 0, &s) == -1, "unknown code");
-        require(elog_set(ELOG_TAG, ELOG_NOTIFY, "[%P]") == 0, "set tag");
+        char* s = nullptr;
+        CHILD_CHECK(elog_query(ELOG_TAG, 7, &s) == -1);
+        CHILD_CHECK(elog_query(9999, 0, &s) == -1);
+        CHILD_CHECK(elog_set(ELOG_TAG, ELOG_NOTIFY, "[%P]") == 0);
         elog_notify(0, "tagged");
-        require(elog_set(ELOG_TAG, ELOG_NOTIFY, nullptr) == 0, "reset tag");
+        CHILD_CHECK(elog_set(ELOG_TAG, ELOG_NOTIFY, nullptr) == 0);
         elog_notify(0, "plain");
         elog_log(0, "one");
         elog_log(0, "two");
         Tbl* t = nullptr;
-        require(elog_query(ELOG_TBL, 0, &t) == 0 && maxtbl(t) == 2, "message list copy");
+        CHILD_CHECK(elog_query(ELOG_TBL, 0, &t) == 0 && maxtbl(t) == 2);
         Elog_msg* m = static_cast<Elog_msg*>(gettbl(t, 1));
-        require(m->msg == std::string("two\n") && m->n == 1 && m->severity == ELOG_LOG && !m->sys, "copied");
+        CHILD_CHECK(m->msg == std::string("two\n") && m->n == 1 && m->severity == ELOG_LOG && !m->sys);
         elog_free_msgs(t);
         int count = 0;
-        require(elog_query(ELOG_COUNT, 0, &count) == 0 && count == 2, "count");
-        require(elog_set(ELOG_MAXMSG, 3, nullptr) == 0, "set limit");
+        CHILD_CHECK(elog_query(ELOG_COUNT, 0, &count) == 0 && count == 2);
+        CHILD_CHECK(elog_set(ELOG_MAXMSG, 3, nullptr) == 0);
         elog_log(0, "three");
     }, env());
     EXPECT_TRUE(r.exited(1)) << r.err;
@@ -425,9 +435,9 @@ TEST(ElogThreads, ConcurrentMessagesAreKeptAndDeliveredWhole) {
         in_threads([](int t) {
             for (int i = 0; i < 300; i++) elog_log(0, "thread %d message %d", t, i);
         });
-        require(elog_mark() == 1200, "messages lost or merged");
+        CHILD_CHECK(elog_mark() == 1200);
         elog_flush(1, 600);
-        require(elog_mark() == 600, "flush under threads");
+        CHILD_CHECK(elog_mark() == 600);
         elog_clear();
         in_threads([](int t) {
             std::string z(300, 'z');
@@ -442,4 +452,177 @@ TEST(ElogThreads, ConcurrentMessagesAreKeptAndDeliveredWhole) {
         ASSERT_THAT(l, MatchesRegex(P + ": thread [0-3] message [0-9]+" + (lines < 600 ? "" : " z{300}")))
             << "line " << lines;
     EXPECT_EQ(lines, 1400);
+}
+
+TEST(Bury, EveryKindOfVariableReadsBackExactlyAndFailuresKeepThePreviousState) {
+    TempDir t;
+    std::string state = t / "deep/er/state";
+    const double when = 1700000000.123456, ratio = 0.1 + 0.2;
+    auto r = child::run([&] {
+        int count = 0, unused = -1;
+        double rt = 0, tm = 0;
+        char* name = nullptr;
+        CHILD_CHECK(resurrect("count", &count, INT_RELIC) == -1);
+        CHILD_CHECK(bury() == -1);
+        auto mortician = [](Pf* pf) { pfput_string(pf, "added", "by mortician"); };
+        CHILD_CHECK(exhume(state.c_str(), nullptr, 0, mortician) == 0);
+        CHILD_CHECK(exhume(state.c_str(), nullptr, 0, nullptr) == -2);
+        CHILD_CHECK(exhume((state + "2").c_str(), nullptr, 0, nullptr) == -2);
+        CHILD_CHECK(resurrect("count", &unused, INT_RELIC) == 1);  // replaced by the next line
+        CHILD_CHECK(resurrect("count", &count, INT_RELIC) == 1 && resurrect("ratio", &rt, DOUBLE_RELIC) == 1);
+        CHILD_CHECK(resurrect("name", &name, STRING_RELIC) == 1 && resurrect("when", &tm, TIME_RELIC) == 1);
+        static int pktid = 77;  // names as the ring client makes them
+        CHILD_CHECK(resurrect("host:6510{last_pktid}", &pktid, INT_RELIC) == 1 && pktid == 77);
+        count = -42;
+        rt = ratio;
+        name = const_cast<char*>("some file name.dat");
+        tm = when;
+        CHILD_CHECK(bury() == 0);
+        CHILD_CHECK(mkdir((state + "+").c_str(), 0755) == 0);  // the alternate can't be opened
+        count = 2;
+        CHILD_CHECK(bury() == -1);
+    });
+    ASSERT_TRUE(r.exited(0)) << r.err;
+    EXPECT_THAT(r.err, HasSubstr("Can't write alternate state file " + state + "+"));
+    EXPECT_FALSE(std::filesystem::exists(state + "2"));  // the refused second call made nothing
+    std::string text = slurp(state);
+    EXPECT_EQ(value_of(text, "when"), "1700000000 (318) 2023-11-14  22:13:20.123456 +0000 Tuesday");
+    EXPECT_EQ(value_of(text, "added"), "by mortician");
+    EXPECT_LT(text.find("added"), text.find("count"));  // keys in order
+    EXPECT_LT(text.find("count"), text.find("name"));
+    EXPECT_LT(text.find("ratio"), text.find("when"));
+    std::ofstream(state, std::ios::app) << "late garbage\n";  // a time that does not parse
+    r = child::run([&] {
+        int count = 0, pktid = 0;
+        double rt = 0, tm = 0, untouched = 3, late = 9;
+        char* name = nullptr;
+        CHILD_CHECK(exhume(state.c_str(), nullptr, 0, nullptr) == 1);
+        CHILD_CHECK(resurrect("count", &count, INT_RELIC) == 0 && count == -42);
+        CHILD_CHECK(resurrect("ratio", &rt, DOUBLE_RELIC) == 0 && rt == ratio);
+        CHILD_CHECK(resurrect("name", &name, STRING_RELIC) == 0 && !strcmp(name, "some file name.dat"));
+        CHILD_CHECK(resurrect("when", &tm, TIME_RELIC) == 0 && std::fabs(tm - when) < 1e-6);
+        CHILD_CHECK(resurrect("absent", &untouched, DOUBLE_RELIC) == 1 && untouched == 3);
+        CHILD_CHECK(resurrect("late", &late, TIME_RELIC) == 1 && late == 9);
+        CHILD_CHECK(resurrect("host:6510{last_pktid}", &pktid, INT_RELIC) == 0 && pktid == 77);
+    });
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    // In a file that is not parameter text nothing is found; a good state replaces it.
+    ASSERT_EQ(rmdir((state + "+").c_str()), 0);
+    std::ofstream(state) << "x 5\nblock &Arr{\n y 1\n";
+    r = child::run([&] {
+        int x = 0;
+        CHILD_CHECK(exhume(state.c_str(), nullptr, 0, nullptr) == 2);
+        CHILD_CHECK(resurrect("x", &x, INT_RELIC) == 1 && x == 0);
+        x = 7;
+        CHILD_CHECK(bury() == 0);
+    });
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    EXPECT_EQ(value_of(slurp(state), "x"), "7");
+    std::ofstream(t / "plainfile") << "";
+    for (std::string p : {t.path, t / "plainfile/under"}) {
+        r = child::run([&] { CHILD_CHECK(exhume(p.c_str(), nullptr, 0, nullptr) == -1); });
+        EXPECT_TRUE(r.exited(0)) << p << r.err;
+    }
+}
+
+// A second process is refused the file while the first holds it, even after
+// its rewrites, and the next one gets it once the first is killed.
+TEST(Bury, SurvivesBeingKilledAtAnyMomentAndIsHeldByOneProcess) {
+    TempDir t;
+    std::string state = t / "state";
+    std::mt19937 rng(2024);
+    std::uniform_int_distribution<int> pause_us(0, 4000);
+    long last = -1;
+    int saw_progress = 0;
+    for (int round = 0; round < 60; round++) {
+        int ready[2];
+        ASSERT_EQ(pipe(ready), 0);
+        fflush(nullptr);
+        pid_t pid = fork();
+        if (pid == 0) {  // a child the test kills
+            close(ready[0]);
+            int r = exhume(state.c_str(), nullptr, 0, nullptr), count = 0;
+            CHILD_CHECK(r == 0 || r == 1);
+            double when = 0;
+            char* tag = nullptr;
+            resurrect("count", &count, INT_RELIC);
+            resurrect("when", &when, TIME_RELIC);
+            resurrect("tag", &tag, STRING_RELIC);
+            std::string keep;
+            CHILD_CHECK(write(ready[1], "r", 1) == 1);
+            for (;;) {
+                count++;
+                when = 1e9 + count + count / 1e6;
+                keep = "tag-" + std::to_string(count);
+                tag = keep.data();
+                bury();
+            }
+        }
+        close(ready[1]);
+        char b;
+        ASSERT_EQ(read(ready[0], &b, 1), 1);
+        close(ready[0]);
+        if (round == 0) {
+            for (int i = 0; i < 10000 && atol(value_of(slurp(state), "count").c_str()) < 2; i++) usleep(1000);
+            auto second = child::run([&] { exhume(state.c_str(), nullptr, 0, nullptr); });
+            EXPECT_TRUE(second.exited(1));
+            EXPECT_THAT(second.err, HasSubstr("Can't lock state file '" + state +
+                                              "' for exclusive use: it is already in use.\n"));
+        }
+        usleep(pause_us(rng));
+        kill(pid, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+        std::string text = slurp(state);
+        if (text.empty()) continue;  // killed before its first write
+        std::string count = value_of(text, "count");
+        ASSERT_NE(count, "<unparsable>") << text;
+        long n = atol(count.c_str());
+        ASSERT_GE(n, last) << text;
+        ASSERT_EQ(value_of(text, "tag"), "tag-" + count) << text;
+        ASSERT_NEAR(str2epoch(value_of(text, "when").c_str()), 1e9 + n + n / 1e6, 1e-6) << text;
+        saw_progress += n > last;
+        last = n;
+    }
+    EXPECT_GT(saw_progress, 0);
+}
+
+TEST(Signals, StopFlagGraceTimerImmediateSaveAndDieSoon) {
+    TempDir t;
+    std::string state = t / "state";
+    struct Case {
+        int sec, sig;
+        bool bury_in_time;
+        int exit_code;
+        const char *saved, *message;
+    } cases[] = {
+        {0, SIGTERM, false, 1, "1", ""},                                 // saves and ends the process at once
+        {-1, SIGINT, false, 0, "1", ""},                                 // only the flag
+        {1, SIGHUP, false, 1, "3", "quitting from resurrection alarm"},  // the timer saves and dies
+        {1, SIGQUIT, true, 0, "4", ""},                                  // the alarm finds nothing to do
+    };
+    for (int i = 0; i < 4; i++) {
+        const Case& c = cases[i];
+        auto r = child::run([&] {
+            int stop = 5, x = 0;
+            CHILD_CHECK(exhume(state.c_str(), &stop, c.sec, nullptr) == (i > 0) && stop == 0);
+            resurrect("x", &x, INT_RELIC);
+            x = i + 1;
+            raise(c.sig);
+            CHILD_CHECK(stop == c.sig);
+            if (c.bury_in_time) CHILD_CHECK(bury() == 0);
+            for (double until = std_now() + 1.5; c.sec > 0 && std_now() < until;) usleep(50000);
+        });
+        EXPECT_TRUE(r.exited(c.exit_code)) << c.sec << r.err;
+        EXPECT_THAT(r.err, HasSubstr(c.message)) << c.sec;
+        EXPECT_EQ(value_of(slurp(state), "x"), c.saved) << c.sec;
+    }
+    // die_soon ends the process with a fatal message of its own.
+    auto r = child::run([&] {
+        die_soon(1);
+        for (;;) pause();
+    });
+    EXPECT_TRUE(r.exited(1));
+    EXPECT_THAT(r.err, HasSubstr("quitting from die_soon alarm"));
 }

@@ -1,8 +1,5 @@
-// Parameter files: the text form (scanning, writing and reading back, bad
-// input, deferred &-forms), the tree (key paths, typed getters and their
-// messages, setters, references, the named-tree cache) and the search path
-// (merging files in order, noticing changes). Arbitrary bytes are read, written
-// and read back by tests/fuzz/pf_fuzz.cc.
+// Parameter files: the text form, the tree and the search path. Arbitrary bytes
+// are read, written and read back by tests/fuzz/pf_fuzz.cc.
 #include "stock/pf.h"
 
 #include <fcntl.h>
@@ -16,6 +13,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -40,18 +38,14 @@ std::string stderr_of(F f) {
 // A tree parsed from text that must read cleanly, freed at the end of scope.
 struct Tree {
     Pf* pf = nullptr;
+    Tree() = default;
     explicit Tree(const std::string& text) { EXPECT_EQ(pfcompile(text.c_str(), &pf), 0) << text; }
     ~Tree() { pffree(pf); }
     Tree(const Tree&) = delete;
     Tree& operator=(const Tree&) = delete;
 };
 
-std::string text_of(Pf* pf) {
-    char* s = pf2string(pf);
-    std::string out = s;
-    free(s);
-    return out;
-}
+std::string text_of(Pf* pf) { return std::unique_ptr<char, decltype(&free)>(pf2string(pf), free).get(); }
 
 // An unambiguous dump of a tree: types, keys, order of list entries and bytes
 // of strings. A file root and an array are both named nodes and dump alike.
@@ -80,56 +74,42 @@ std::string dump(Pf* pf) {
 // to the same text again; returns the text.
 std::string expect_round_trip(Pf* pf) {
     std::string text = text_of(pf);
-    Pf* back = nullptr;
-    EXPECT_EQ(pfcompile(text.c_str(), &back), 0) << text;
-    EXPECT_EQ(dump(back), dump(pf)) << text;
-    EXPECT_EQ(text_of(back), text);
-    pffree(back);
+    Tree back;
+    EXPECT_EQ(pfcompile(text.c_str(), &back.pf), 0) << text;
+    EXPECT_EQ(dump(back.pf), dump(pf)) << text;
+    EXPECT_EQ(text_of(back.pf), text);
     return text;
 }
-
-// ---- scanning -----------------------------------------------------------------
 
 TEST(PfScan, ValuesKeysCommentsBlocksAndLiterals) {
     // Pieces of one file, each with a key it sets and the value read.
     const char* const rows[][3] = {
-        {"# a comment\na 1\na 2\n", "a", "2"},
+        {"# a comment\na 1\na 2\n", "a", "2"}, {"after yes\n", "after", "yes"},
         {"spaced   two  inner  blanks   \t\n", "spaced", "two  inner  blanks"},
-        {"pct 50\\% \\#1\n", "pct", "50% #1"},
-        {"trail value # and a comment\n", "trail", "value"},
-        {"esc \\t\\n\\101\\\\\\}x\n", "esc", "\t\nA\\}x"},
-        {"cont first\\\nsecond\n", "cont", "first\nsecond"},
-        {"empty\n", "empty", ""},
-        {"\"quoted key\" q\n", "{quoted key}", "q"},
-        {"'single \" key' s\n", "{single \" key}", "s"},
-        {"crlf v\r\n", "crlf", "v"},
-        {"keep \\ \n", "keep", " "},  // an escaped blank is not trimmed
+        {"pct 50\\% \\#1\n", "pct", "50% #1"}, {"trail value # and a comment\n", "trail", "value"},
+        {"esc \\t\\n\\101\\\\\\}x\\r\\b\\377\\181\n", "esc", "\t\nA\\}x\r\b\377" "181"},
+        {"cont first\\\nsecond\n", "cont", "first\nsecond"}, {"empty\n", "empty", ""},
+        {"\"quoted key\" q\n", "{quoted key}", "q"}, {"'single \" key' s\n", "{single \" key}", "s"},
+        {"crlf v\r\n", "crlf", "v"}, {"keep \\ \n", "keep", " "},  // an escaped blank is not trimmed
         {"arr &Arr{ the rest of this line is skipped\n    k v\n    inner &Tbl{\n        one\n"
          "        # not an entry\n\n        two words\n        &Arr{\n            x y\n        }\n    }\n}\n",
          "arr{k}", "v"},
-        {"", "arr{inner}[1]", "two words"},
-        {"", "arr{inner}[2]{x}", "y"},
+        {"", "arr{inner}[1]", "two words"}, {"", "arr{inner}[2]{x}", "y"},
         {"lit &Literal{\n  kept {as} it is # too\n}\n", "lit", "  kept {as} it is # too\n"},
         {"paren &Literal(\na { b\n)\n", "paren", "a { b\n"},
         {"word &Literal END\nany } ) thing\nEND\n", "word", "any } ) thing\n"},
-        {"after yes\n", "after", "yes"},
     };
     std::string text;
     for (const auto& row : rows) text += row[0];
     Tree t(text);
     for (const auto& row : rows) EXPECT_STREQ(pfget_string(t.pf, row[1]), row[2]) << row[1];
     Pf* inner = nullptr;
-    pfresolve(t.pf, "arr{inner}", 0, &inner);
-    EXPECT_EQ(pfmaxtbl(inner), 3);
-    EXPECT_EQ(t.pf->type, PF_ROOT);
+    EXPECT_EQ(pfresolve(t.pf, "arr{inner}", 0, &inner), PF_TBL);
+    EXPECT_EQ(std::pair(pfmaxtbl(inner), t.pf->type), std::pair(3, PF_ROOT));
     EXPECT_STREQ(t.pf->filename, "*internal buffer*");
     Tree end("end \\101");  // an octal escape that ends the text
     EXPECT_STREQ(pfget_string(end.pf, "end"), "A");
-    EXPECT_EQ(escape('r', 0, 0), '\r');
-    EXPECT_EQ(escape('b', 0, 0), '\b');
-    EXPECT_EQ(escape('3', '7', '7'), 0377);
     EXPECT_EQ(escape('1', '8', '1'), '1');  // not octal: the character itself
-    EXPECT_EQ(escape('q', 0, 0), 'q');
 }
 
 TEST(PfScan, StructuralErrorsReportLinesAndKeepWhatWasRead) {
@@ -156,75 +136,47 @@ TEST(PfScan, StructuralErrorsReportLinesAndKeepWhatWasRead) {
         {"v has &Tbl{ inside\n", 0, "value contains '&Tbl{'\n\t'has &Tbl{ inside'", "v", "has &Tbl{ inside"},
     };
     for (const Case& c : cases) {
-        Pf* pf = nullptr;
-        std::string err = stderr_of([&] { EXPECT_EQ(pfcompile(c.text.c_str(), &pf), c.rc) << c.text; });
+        Tree t;
+        std::string err = stderr_of([&] { EXPECT_EQ(pfcompile(c.text.c_str(), &t.pf), c.rc) << c.text; });
         EXPECT_THAT(err, HasSubstr(c.message));
         EXPECT_EQ(err.empty(), !*c.message) << err;  // a clean text draws no complaint
         if (c.key) {
-            EXPECT_STREQ(pfget_string(pf, c.key), c.value) << c.text;
+            EXPECT_STREQ(pfget_string(t.pf, c.key), c.value) << c.text;
         }
-        pffree(pf);
     }
     // Parsing into a given tree adds to it; any other kind of node is refused.
     Tree t("a 1\nb 1\n");
     ASSERT_EQ(pfcompile("b 2\n", &t.pf), 0);
-    EXPECT_STREQ(pfget_string(t.pf, "a"), "1");
-    EXPECT_STREQ(pfget_string(t.pf, "b"), "2");
+    EXPECT_EQ(std::string(pfget_string(t.pf, "a")) + pfget_string(t.pf, "b"), "12");
     Pf *s = pfnew(PF_STRING), *given = s;
     stderr_of([&] { EXPECT_EQ(pfcompile("a 1\n", &given), -1); });
     EXPECT_EQ(given, s);
     pffree(s);
 }
 
-// Inputs that once failed to read back equal: a NUL inside a value, and a
-// deferred form whose text ends in an escaped blank.
-TEST(PfScan, NulBytesAndEscapedTrailingBlanksReadBack) {
-    using namespace std::string_literals;
-    for (const std::string& in : {"\0t &Literef(x, \0\0BU r&t\n"s, "f &ref(x\t\0z, \0 a\\\nb\n"s,
-                                  "g &exec(echo \\t\t)\n"s, "h &env(X)\\ \n"s}) {
-        FILE* fp = fmemopen(const_cast<char*>(in.data()), in.size(), "r");
-        ASSERT_NE(fp, nullptr);
-        Pf* pf = nullptr;
-        stderr_of([&] {
-            pfin(fp, &pf);
-            expect_round_trip(pf);
-        });
-        fclose(fp);
-        pffree(pf);
-    }
-}
-
-// ---- writing ------------------------------------------------------------------
-
 TEST(PfWrite, ChoosesTheFormEachValueNeedsInTextAndFiles) {
     const char* const forms[][3] = {
-        {"plain", "just text", "plain\tjust text\n"},
+        {"plain", "just text", "plain\tjust text\n"}, {"hash", "#1", "hash\t\\#1\n"},
         {"lead", " starts with a blank", "lead\t&Literal{\n starts with a blank}\n"},
-        {"brace", "a } b", "brace\ta \\} b\n"},
-        {"newline", "x {\ny", "newline\t&Literal(\nx {\ny)\n"},
-        {"key with blank", "v", "\"key with blank\"\tv\n"},
-        {"key \"quoted\"", "v", "'key \"quoted\"'\tv\n"},
-        {"hash", "#1", "hash\t\\#1\n"},
+        {"brace", "a } b", "brace\ta \\} b\n"}, {"newline", "x {\ny", "newline\t&Literal(\nx {\ny)\n"},
+        {"key with blank", "v", "\"key with blank\"\tv\n"}, {"key \"quoted\"", "v", "'key \"quoted\"'\tv\n"},
         // No bracket balances: a terminator word that no line of the value holds.
         {"nasty", "{ ( [ < ` \"EndOfLiteral \"EndOfLiteral0\n", "nasty\t&Literal\"EndOfLiteral1\n"},
     };
-    Pf* pf = pfnew(PF_ROOT);
-    for (const auto& f : forms) pfput_string(pf, f[0], f[1]);
-    std::string text = expect_round_trip(pf);
+    Tree w("");
+    for (const auto& f : forms) pfput_string(w.pf, f[0], f[1]);
+    std::string text = expect_round_trip(w.pf);
     for (const auto& f : forms) EXPECT_THAT(text, HasSubstr(f[2]));
-    pffree(pf);
-
     Tree t("a &Arr{\n b &Tbl{\n  x\n }\n}\n");
     EXPECT_EQ(text_of(t.pf), "a\t&Arr{\n    b\t&Tbl{\n        x\n    }\n}\n");
     // Through a file and a descriptor.
     TempDir dir;
     ASSERT_EQ(pfwrite((dir / "out.pf").c_str(), t.pf), 0);
     int fd = open((dir / "out.pf").c_str(), O_RDONLY);
-    Pf* back = nullptr;
-    EXPECT_EQ(pfinfd(fd, &back), 0);
+    Tree back;
+    EXPECT_EQ(pfinfd(fd, &back.pf), 0);
     close(fd);
-    EXPECT_EQ(dump(back), dump(t.pf));
-    pffree(back);
+    EXPECT_EQ(dump(back.pf), dump(t.pf));
     std::string bad = dir / "no/such/dir/x.pf";
     std::string err = stderr_of([&] { EXPECT_NE(pfwrite(bad.c_str(), t.pf), 0); });
     EXPECT_THAT(err, HasSubstr("Can't open " + bad + " for writing."));
@@ -270,12 +222,24 @@ Pf* random_tree(std::mt19937& rng, int type, int depth) {
 }
 
 TEST(PfWrite, AnyTreeReadsBackEqual) {
+    // Inputs that once failed: a NUL inside a value, a deferred form ending in an escaped blank.
+    using namespace std::string_literals;
+    for (const std::string& in : {"\0t &Literef(x, \0\0BU r&t\n"s, "f &ref(x\t\0z, \0 a\\\nb\n"s,
+                                  "g &exec(echo \\t\t)\n"s, "h &env(X)\\ \n"s}) {
+        FILE* fp = fmemopen(const_cast<char*>(in.data()), in.size(), "r");
+        Tree t;
+        stderr_of([&] {
+            pfin(fp, &t.pf);
+            expect_round_trip(t.pf);
+        });
+        fclose(fp);
+    }
     std::mt19937 rng(20240601);
     for (int round = 0; round < 400 && !HasFailure(); round++) {
         SCOPED_TRACE("round " + std::to_string(round));
-        Pf* pf = random_tree(rng, PF_ROOT, 0);
-        stderr_of([&] { expect_round_trip(pf); });
-        pffree(pf);
+        Tree t;
+        t.pf = random_tree(rng, PF_ROOT, 0);
+        stderr_of([&] { expect_round_trip(t.pf); });
     }
 }
 
@@ -301,17 +265,19 @@ TEST(PfWrite, ThreadsParseWriteExpandAndShareTheCache) {
     for (int t = 0; t < 4; t++) threads.emplace_back(rounds, t);
     for (auto& th : threads) th.join();
     EXPECT_EQ(freePf("pftest-shared"), 0);
+    EXPECT_EQ(freePf("pftest-shared"), -1);
+    EXPECT_EQ(existsPf("pftest-shared"), nullptr);
+    EXPECT_EQ(updatePf("pftest-no-such-file-anywhere"), -1);
+    EXPECT_EQ(getPf("pftest-no-such-file-anywhere"), nullptr);
 }
-
-// ---- deferred forms -------------------------------------------------------------
 
 TEST(PfDeferred, EnvExecGlobFilesReferencesAndData) {
     TempDir dir;
-    dir.file("one.txt", "contents\nof one\n");
-    dir.file("two.txt", "2");
-    dir.file("other.pf", "k other value\narr &Arr{\n  x 1\n}\nloop &ref(other, loop)\n");
     dir.sub("data/sub");
-    dir.file("data/sub/thing", "data!");
+    for (auto [name, text] : {std::pair("one.txt", "contents\nof one\n"), {"two.txt", "2"},
+                              {"data/sub/thing", "data!"},
+                              {"other.pf", "k other value\narr &Arr{\n  x 1\n}\nloop &ref(other, loop)\n"}})
+        dir.file(name, text);
     setenv("PFPARSE_TEST_VAR", "from env", 1);
     setenv("PFPATH", dir.path.c_str(), 1);
     setenv("QUORVANE", dir.path.c_str(), 1);
@@ -371,8 +337,6 @@ TEST(PfDeferred, AskNeverWaitsOnATerminal) {
     EXPECT_EXIT(prompting(t.pf, "q"), testing::ExitedWithCode(1), "Can't open /dev/tty for prompt.");
     EXPECT_EXIT(exit(prompting(t.pf, "u") ? 3 : 0), testing::ExitedWithCode(0), "");
 }
-
-// ---- the tree -------------------------------------------------------------------
 
 const char* Sample =
     "name  plain value  \nn 42\nx 2.5\n"
@@ -615,8 +579,6 @@ TEST_F(PfTree, ReferencesExpandFromAncestorsAndStayBounded) {
     EXPECT_EXIT(exit(bounded() ? 0 : 3), ::testing::ExitedWithCode(0), "");
 }
 
-// ---- files along the search path --------------------------------------------------
-
 // Sets a file's modification time without waiting for the clock.
 void set_mtime(const std::string& path, time_t seconds) {
     struct timespec times[2] = {{seconds, 0}, {seconds, 0}};
@@ -647,6 +609,16 @@ protected:
         setenv("QUORVANE", FERRANT_BUILD_DIR, 1);
         ASSERT_EQ(chdir(cwd), 0);
     }
+    // What pfread makes of name (it must return rc): the values of keys, "-" for none.
+    Strings read(const std::string& name, Strings keys, int rc = 0) {
+        Tree t;
+        EXPECT_EQ(pfread(name.c_str(), &t.pf), rc) << name;
+        for (auto& k : keys) {
+            const char* v = pfget_string(t.pf, k.c_str());
+            k = v ? v : "-";
+        }
+        return keys;
+    }
 };
 
 TEST_F(PfPath, ExplicitDirectoriesComeLastAndLaterOnesWin) {
@@ -654,11 +626,7 @@ TEST_F(PfPath, ExplicitDirectoriesComeLastAndLaterOnesWin) {
     dir.sub("other");
     dir.file("other/app.pf", "k from other\n");
     EXPECT_EQ(files_of(dir / "other/app"), (Strings{a + "/app.pf", dir / "other/app.pf"}));
-    Pf* pf = nullptr;
-    ASSERT_EQ(pfread((dir / "other/app").c_str(), &pf), 0);
-    EXPECT_STREQ(pfget_string(pf, "k"), "from other");
-    EXPECT_STREQ(pfget_string(pf, "only_a"), "1");
-    pffree(pf);
+    EXPECT_EQ(read(dir / "other/app", {"k", "only_a"}), (Strings{"from other", "1"}));
     // A directory already on the path is not read twice.
     EXPECT_EQ(files_of(a + "/app"), (Strings{a + "/app.pf"}));
     // A missing explicit file is listed only when every candidate is asked for.
@@ -668,16 +636,13 @@ TEST_F(PfPath, ExplicitDirectoriesComeLastAndLaterOnesWin) {
     dir.file("b/app.pf", "k from b\narr &Arr{\n  x 2\n}\n");
     EXPECT_EQ(files_of("app"), (Strings{a + "/app.pf", b + "/app.pf"}));
     EXPECT_EQ(files_of("app.pf"), files_of("app"));
-    pf = nullptr;
-    ASSERT_EQ(pfread("app", &pf), 0);
-    EXPECT_STREQ(pfget_string(pf, "k"), "from b");
-    EXPECT_STREQ(pfget_string(pf, "only_a"), "1");
-    EXPECT_STREQ(pfget_string(pf, "arr{x}"), "2");
-    EXPECT_EQ(pfget_string(pf, "arr{y}"), nullptr);  // arrays are replaced whole
+    // Arrays are replaced whole.
+    EXPECT_EQ(read("app", {"k", "only_a", "arr{x}", "arr{y}"}), (Strings{"from b", "1", "2", "-"}));
+    Tree t;
+    ASSERT_EQ(pfread("app", &t.pf), 0);
     Pf* k = nullptr;
-    pfresolve(pf, "k", 0, &k);
+    pfresolve(t.pf, "k", 0, &k);
     EXPECT_EQ(std::string(k->filename), b + "/app.pf");
-    pffree(pf);
 }
 
 TEST_F(PfPath, DefaultPathIsInstallationThenCurrentDirectoryAndNothingReadIsFailure) {
@@ -687,86 +652,55 @@ TEST_F(PfPath, DefaultPathIsInstallationThenCurrentDirectoryAndNothingReadIsFail
     dir.file("root/data/pf/tool.pf", "k installed\nonly_installed 1\n");
     ASSERT_EQ(chdir(dir.sub("work").c_str()), 0);
     dir.file("work/tool.pf", "k local\n");
-    Pf* pf = nullptr;
-    ASSERT_EQ(pfread("tool", &pf), 0);
-    EXPECT_STREQ(pfget_string(pf, "k"), "local");
-    EXPECT_STREQ(pfget_string(pf, "only_installed"), "1");
-    pffree(pf);
-    pf = nullptr;
-    ASSERT_EQ(pfload(nullptr, "pf", "tool", &pf), 0);
-    EXPECT_STREQ(pfget_string(pf, "k"), "installed");
-    pffree(pf);
-    pf = nullptr;
-    std::string err = stderr_of([&] { EXPECT_EQ(pfload(nullptr, "pf", "absent", &pf), -1); });
+    EXPECT_EQ(read("tool", {"k", "only_installed"}), (Strings{"local", "1"}));
+    Tree installed, absent;
+    ASSERT_EQ(pfload(nullptr, "pf", "tool", &installed.pf), 0);
+    EXPECT_STREQ(pfget_string(installed.pf, "k"), "installed");
+    std::string err = stderr_of([&] { EXPECT_EQ(pfload(nullptr, "pf", "absent", &absent.pf), -1); });
     EXPECT_THAT(err, HasSubstr("Can't find parameter file pf/absent"));
-    pffree(pf);
 
     setenv("PFPATH", (a + ":" + b).c_str(), 1);
     dir.file("a/comments.pf", "# only\n   # comments\n\n");
-    for (const char* nothing : {"pfpath-none", "comments"}) {
-        pf = nullptr;
-        EXPECT_EQ(pfread(nothing, &pf), -1) << nothing;
-        pffree(pf);
-    }
+    for (const char* nothing : {"pfpath-none", "comments"}) read(nothing, {}, -1);
     dir.sub("b/adir.pf");  // a directory of that name is not a parameter file
     EXPECT_TRUE(files_of("adir").empty());
     // A broken file still gives what it holds, with the failure counted.
     dir.file("a/broken.pf", "k 1\nx &Arr{\n");
     dir.file("b/broken.pf", "j 2\ny &Tbl{\n");
-    pf = nullptr;
-    stderr_of([&] { EXPECT_EQ(pfread("broken", &pf), -4); });
-    EXPECT_STREQ(pfget_string(pf, "k"), "1");
-    EXPECT_STREQ(pfget_string(pf, "j"), "2");
-    pffree(pf);
+    stderr_of([&] { EXPECT_EQ(read("broken", {"k", "j"}, -4), (Strings{"1", "2"})); });
 }
 
 TEST_F(PfPath, UpdateNoticesChangedAppearingAndVanishingFiles) {
     std::string fa = dir.file("a/upd.pf", "k 1\n");
     set_mtime(fa, 1000000);
-    Pf *pf = nullptr, *other = nullptr;
-    EXPECT_EQ(pfupdate("upd", &pf), 1);
-    EXPECT_STREQ(pfget_string(pf, "k"), "1");
-    EXPECT_EQ(pfupdate("upd", &pf), 0);
-    Pf* same = pf;
+    Tree t, other;
+    // pfupdate's result, then k's value when it read.
+    auto update = [&](int rc, const char* k = nullptr) {
+        EXPECT_EQ(pfupdate("upd", &t.pf), rc);
+        EXPECT_STREQ(k ? pfget_string(t.pf, "k") : nullptr, k);
+        EXPECT_EQ(rc == 1 ? pfupdate("upd", &t.pf) : 0, 0);
+    };
+    update(1, "1");
+    Pf* same = t.pf;
     dir.file("a/upd.pf", "k 2\n");
     set_mtime(fa, 1000000);  // same time: not seen as a change
-    EXPECT_EQ(pfupdate("upd", &pf), 0);
-    EXPECT_EQ(pf, same);
+    update(0);
+    EXPECT_EQ(t.pf, same);
     set_mtime(fa, 1000001);
-    EXPECT_EQ(pfupdate("upd", &pf), 1);
-    EXPECT_STREQ(pfget_string(pf, "k"), "2");
-    EXPECT_EQ(pfupdate("upd", &pf), 0);
+    update(1, "2");
     std::string fb = dir.file("b/upd.pf", "k 3\n");
-    EXPECT_EQ(pfupdate("upd", &pf), 1);
-    EXPECT_STREQ(pfget_string(pf, "k"), "3");
-    EXPECT_EQ(pfupdate("upd", &pf), 0);
+    update(1, "3");
     unlink(fb.c_str());
-    EXPECT_EQ(pfupdate("upd", &pf), 1);
-    EXPECT_STREQ(pfget_string(pf, "k"), "2");
+    update(1, "2");
     // Another tree variable is tracked apart: its first call reads.
-    EXPECT_EQ(pfupdate("upd", &other), 1);
-    EXPECT_EQ(pfupdate("upd", &pf), 0);
+    EXPECT_EQ(pfupdate("upd", &other.pf), 1);
+    update(0);
     unlink(fa.c_str());
-    EXPECT_EQ(pfupdate("upd", &pf), -1);  // nothing left to read
-    EXPECT_EQ(pfupdate("upd", &pf), 0);
-    pffree(pf);
-    pffree(other);
+    update(-1);  // nothing left to read
+    update(0);
 }
 
 TEST_F(PfPath, CachedTreesFollowTheirFiles) {
-    Pf* given = nullptr;
-    ASSERT_EQ(pfcompile("k 1\n", &given), 0);
-    putPf("pftest-cache", given);
-    given = nullptr;
-    ASSERT_EQ(pfcompile("k 2\n", &given), 0);
-    putPf("pftest-cache", given);  // frees the first
-    EXPECT_EQ(pfget_int(existsPf("pftest-cache"), "k"), 2);
-    EXPECT_EQ(freePf("pftest-cache"), 0);
-    EXPECT_EQ(freePf("pftest-cache"), -1);
-    EXPECT_EQ(existsPf("pftest-cache"), nullptr);
-    EXPECT_EQ(updatePf("pftest-no-such-file-anywhere"), -1);
-    EXPECT_EQ(getPf("pftest-no-such-file-anywhere"), nullptr);
-
     std::string fa = dir.file("a/cached.pf", "k 1\n");
     set_mtime(fa, 2000000);
     Pf* pf = getPf("cached");
