@@ -58,10 +58,7 @@ inline bool eventually(const std::function<bool()>& pred, double seconds = 25) {
     return pred();
 }
 
-inline void mkdirs(const std::string& path) {
-    std::error_code ec;
-    std::filesystem::create_directories(path, ec);
-}
+inline void mkdirs(const std::string& path) { std::error_code ec; std::filesystem::create_directories(path, ec); }
 
 // A file an hour old, so that the sender takes it at once; its directories made.
 inline std::string make_old(const std::string& path, const std::string& data, mode_t mode = 0644) {

@@ -2,10 +2,11 @@
 // request-handling core, the way forbserver serves its client, against one
 // small ring reused across inputs. The client half-closes after its bytes and
 // reads every answer, so each input ends when the server lets the client go.
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -20,26 +21,18 @@ std::string Ring_path;
 Settings* Ring_settings;
 
 void client(int fd, const uint8_t* data, size_t size) {
-    size_t off = 0;
-    bool wr_open = true;
+    std::thread writer([=] {
+        for (size_t off = 0; off < size;) {
+            ssize_t n = send(fd, data + off, size - off, MSG_NOSIGNAL);
+            if (n < 0 && errno != EINTR) break;
+            off += size_t(std::max<ssize_t>(n, 0));
+        }
+        shutdown(fd, SHUT_WR);
+    });
     char buf[65536];
-    for (;;) {
-        if (wr_open && off == size) {
-            shutdown(fd, SHUT_WR);
-            wr_open = false;
-        }
-        pollfd p{fd, short(POLLIN | (wr_open ? POLLOUT : 0)), 0};
-        if (poll(&p, 1, -1) < 0) continue;
-        if (p.revents & POLLOUT) {
-            ssize_t n = send(fd, data + off, size - off, MSG_DONTWAIT | MSG_NOSIGNAL);
-            if (n > 0) off += size_t(n);
-            else if (n < 0 && errno != EAGAIN && errno != EINTR) off = size;
-        }
-        if (p.revents & (POLLIN | POLLHUP | POLLERR)) {
-            ssize_t n = recv(fd, buf, sizeof buf, MSG_DONTWAIT);
-            if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) break;
-        }
-    }
+    for (ssize_t n; (n = recv(fd, buf, sizeof buf, 0)) != 0;)
+        if (n < 0 && errno != EINTR) break;
+    writer.join();
     close(fd);
 }
 
@@ -53,14 +46,12 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     Ring_settings->ring_packets = 512;
     Ring_settings->maxpkts = 1000;
     Ring_settings->request_timeout = 2;
-    std::string why;
-    if (!open_ring(Ring_path, *Ring_settings, &why)) std::abort();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string why;
-    auto ring = open_ring(Ring_path, *Ring_settings, &why);
+    auto ring = open_ring(Ring_path, *Ring_settings, &why);  // made by the first input
     if (!ring) std::abort();
     int sv[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) std::abort();

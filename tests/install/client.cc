@@ -15,19 +15,17 @@ int main(int argc, char** argv) {
     elog_init(argc, argv);
     if (argc != 4) elog_die(0, "usage: client w|r ring count\n");
     bool writing = std::strcmp(argv[1], "w") == 0;
-    int orb = orbopen(argv[2], writing ? "w" : "r");
+    int orb = orbopen(argv[2], writing ? "w" : "r"), nbytes = 0, bufsize = 0, pktid;
     if (orb < 0) elog_die(0, "can't open %s\n", argv[2]);
-    char srcname[PKT_SRCNAMESIZE];
-    char* buf = nullptr;
-    int nbytes = 0, bufsize = 0, pktid;
+    char srcname[PKT_SRCNAMESIZE], *buf = nullptr;
     double time;
-    Packet* pkt = nullptr;
-    if (writing) {
-        pkt = newPkt();
-        std::strcpy(pkt->parts.src_net, "outside");
-        pkt->pkttype = suffix2pkttype("xfer");
-        for (int i = 0; i < std::atoi(argv[3]); i++) {
+    Packet* pkt = writing ? newPkt() : nullptr;
+    if (!writing) orbseek(orb, ORBOLDEST);
+    for (int i = 0; i < std::atoi(argv[3]); i++) {
+        if (writing) {
             std::string text = "packet " + std::to_string(i);
+            std::strcpy(pkt->parts.src_net, "outside");
+            pkt->pkttype = suffix2pkttype("xfer");
             pkt->dfile = text.data();
             pkt->dfile_size = int(text.size());
             pkt->string_size = i;
@@ -35,15 +33,12 @@ int main(int argc, char** argv) {
             if (stuffPkt(pkt, srcname, &time, &buf, &nbytes, &bufsize) < 0 ||
                 orbput(orb, srcname, time, buf, nbytes) < 0)
                 elog_die(0, "can't put packet %d\n", i);
-        }
-        pkt->dfile = nullptr;  // not ours to free
-    } else {
-        orbseek(orb, ORBOLDEST);
-        for (int i = 0; i < std::atoi(argv[3]); i++) {
-            if (orbreap_timeout(orb, 60, &pktid, srcname, &time, &buf, &nbytes, &bufsize) < 0)
-                elog_die(0, "no packet %d\n", i);
-            if (unstuffPkt(srcname, time, buf, nbytes, &pkt) != PKT_XFER_TYPE)
-                elog_die(0, "packet %d is not an xfer packet\n", i);
+            pkt->dfile = nullptr;  // not ours to free
+        } else if (orbreap_timeout(orb, 60, &pktid, srcname, &time, &buf, &nbytes, &bufsize) < 0) {
+            elog_die(0, "no packet %d\n", i);
+        } else if (unstuffPkt(srcname, time, buf, nbytes, &pkt) != PKT_XFER_TYPE) {
+            elog_die(0, "packet %d is not an xfer packet\n", i);
+        } else {
             std::printf("%s %d %.*s\n", srcname, pkt->string_size, pkt->dfile_size, pkt->dfile);
         }
     }

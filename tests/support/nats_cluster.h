@@ -45,13 +45,13 @@ public:
         for (int i = 0; i < nodes; i++) {
             std::string n = "n" + std::to_string(i), routes;
             for (int j = 0; j < nodes; j++)
-                if (j != i) routes += "\n    nats-route://127.0.0.1:" + std::to_string(nodes_[j].route_port);
+                if (j != i) routes += "\n  nats-route://127.0.0.1:" + std::to_string(nodes_[j].route_port);
             dir_.file(n + ".conf", "server_name: " + n + "\nlisten: 127.0.0.1:" + std::to_string(nodes_[i].port) +
-                      "\njetstream {\n  store_dir: \"" + dir_.sub(n) + "\"\n  max_memory_store: 64MB\n"
-                      "  max_file_store: 8GB\n}\ncluster {\n  name: ferrant\n  listen: 127.0.0.1:" +
-                      std::to_string(nodes_[i].route_port) + "\n  routes: [" + routes + "\n  ]\n}\n");
+                      "\njetstream { store_dir: \"" + dir_.sub(n) + "\", max_memory_store: 64MB, "
+                      "max_file_store: 8GB }\ncluster { name: ferrant, listen: 127.0.0.1:" +
+                      std::to_string(nodes_[i].route_port) + ", routes: [" + routes + "\n] }\n");
+            start(i);
         }
-        for (int i = 0; i < nodes; i++) start(i);
     }
     ~Cluster() { for (int i = 0; i < int(nodes_.size()); i++) kill(i); }
     Cluster(const Cluster&) = delete;
@@ -108,10 +108,7 @@ public:
     }
 
 private:
-    struct Node {
-        int port, route_port;
-        pid_t pid;
-    };
+    struct Node { int port, route_port; pid_t pid; };
     TempDir dir_;
     std::vector<Node> nodes_;
 };
