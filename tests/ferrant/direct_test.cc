@@ -18,8 +18,8 @@ bool takes_direct_writes(const std::string& dir) {
     int fd = open((dir + "/probe").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     struct statx sx{};
     bool yes = fd >= 0 && statx(fd, "", AT_EMPTY_PATH, STATX_DIOALIGN, &sx) == 0 &&
-               (sx.stx_mask & STATX_DIOALIGN) && sx.stx_dio_offset_align > 0 && sx.stx_dio_offset_align <= 4096 &&
-               sx.stx_dio_mem_align <= 4096;
+               (sx.stx_mask & STATX_DIOALIGN) && sx.stx_dio_offset_align > 0 &&
+               sx.stx_dio_offset_align <= 4096 && sx.stx_dio_mem_align <= 4096;
     close(fd);
     unlink((dir + "/probe").c_str());
     return yes;

@@ -18,7 +18,8 @@ namespace {
 TEST(FerrantOrbserver, SignedFilesArriveWholeTheStatusAgreesAndARestartLosesNothing) {
     Pki pki;
     ASSERT_TRUE(pki.ok) << slurp(pki / "log");
-    auto options = testsupport::with_status_port("signers &Tbl{\nalice " + pki / "alice.pub" + "\n}\nsigned_opens w\n");
+    auto options =
+        testsupport::with_status_port("signers &Tbl{\nalice " + pki / "alice.pub" + "\n}\nsigned_opens w\n");
     for (auto& a : pki.serve("server")) options.args.push_back(a);
     testsupport::OrbServer server(options);
     ASSERT_TRUE(server.up()) << server.log();
@@ -41,7 +42,6 @@ TEST(FerrantOrbserver, SignedFilesArriveWholeTheStatusAgreesAndARestartLosesNoth
     };
     drop("before", pattern(300000, 1));
     ASSERT_TRUE(received(r, 1)) << r.err() << w.err();
-
     // The receiver has caught up once the page shows it at the newest packet.
     int http = testsupport::http_port(server.log());
     json doc;
@@ -64,7 +64,8 @@ TEST(FerrantOrbserver, SignedFilesArriveWholeTheStatusAgreesAndARestartLosesNoth
     for (const char* key : {"size", "maxpkts", "npkts", "bytes", "nsources", "oldest", "newest", "orb_start"})
         EXPECT_EQ(doc["ring"][key], theirs["ring"][key]) << key;
     EXPECT_EQ(doc["ring"]["oldest"]["pktid"], 0);  // the very first packet, whose time is known too
-    for (const char* end : {"oldest", "newest"}) EXPECT_GT(doc["ring"][end]["time"].get<double>(), 1e9) << end;
+    for (const char* end : {"oldest", "newest"})
+        EXPECT_GT(doc["ring"][end]["time"].get<double>(), 1e9) << end;
     auto without_latency = [](json sources) {
         for (json& s : sources) s.erase("latency");
         return sources;
@@ -72,37 +73,37 @@ TEST(FerrantOrbserver, SignedFilesArriveWholeTheStatusAgreesAndARestartLosesNoth
     EXPECT_EQ(without_latency(doc["sources"]), without_latency(theirs["sources"]));
     std::string text = orbstat("-s");
     for (const json& s : doc["sources"]) {
-        std::string nbytes = s["nbytes"].dump();
-        EXPECT_NE(text.find(s["npkts"].dump() + " " + std::string(12 - nbytes.size(), ' ') + nbytes), std::string::npos)
-            << text;
+        std::string nbytes = s["nbytes"].dump(), pad(12 - nbytes.size(), ' ');
+        EXPECT_NE(text.find(s["npkts"].dump() + " " + pad + nbytes), std::string::npos) << text;
     }
     const json* mine = nullptr;
     for (const json& c : theirs["clients"])
         if (c["perm"] == "r" && c["what"].get<std::string>().find("ferrant2") != std::string::npos) mine = &c;
     ASSERT_TRUE(mine) << theirs.dump(2);
     EXPECT_EQ((*mine)["lag"], 0.0);
-
     if (access("/usr/bin/chromium", X_OK) == 0) {
         // A generous bound: a browser starts slowly on a busy machine.
         std::string dom = output_of({"/usr/bin/chromium", "--headless", "--no-sandbox", "--disable-gpu",
-            "--disable-quic", "--no-first-run", "--disable-background-networking", "--disable-component-update",
-            "--disable-sync", "--user-data-dir=" + tmp.sub("chromium"), "--dump-dom",
-            "http://127.0.0.1:" + std::to_string(http) + "/"});
+            "--disable-quic", "--no-first-run", "--disable-background-networking",
+            "--disable-component-update", "--disable-sync", "--user-data-dir=" + tmp.sub("chromium"),
+            "--dump-dom",             "http://127.0.0.1:" + std::to_string(http) + "/"});
         auto at = dom.find("<table id=\"sources\""), clients = dom.find("<table id=\"clients\"");
         ASSERT_NE(at, std::string::npos) << dom;
         EXPECT_LT(dom.find("</table>", at), dom.find("<h2>Clients</h2>")) << dom;
-        for (const json& s : doc["sources"])
-            EXPECT_LT(dom.find("<td>" + s["srcname"].get<std::string>() + "</td>", at), dom.find("</table>", at));
+        for (const json& s : doc["sources"]) {
+            std::string cell = "<td>" + s["srcname"].get<std::string>() + "</td>";
+            EXPECT_LT(dom.find(cell, at), dom.find("</table>", at)) << cell << "\n" << dom;
+        }
         // The caught-up receiver, with its lag.
         for (const char* cell : {"ferrant2", "<td>0.00</td>"})
             EXPECT_LT(dom.find(cell, clients), dom.find("</table>", clients)) << cell << "\n" << dom;
     }
-
     // Every sample as the parser read it: "name srcname value".
     spit(tmp / "metrics", testsupport::http_get(http, "/metrics").body);
     std::string parsed = output_of({"/bin/sh", "-c", "/usr/bin/python3 -c 'import sys\n"
         "from prometheus_client.parser import text_string_to_metric_families as p\n"
-        "for f in p(sys.stdin.read()):\n for s in f.samples: print(s.name, repr(s.labels.get(\"srcname\")), s.value)'"
+        "for f in p(sys.stdin.read()):\n"
+        " for s in f.samples: print(s.name, repr(s.labels.get(\"srcname\")), s.value)'"
         " < " + tmp / "metrics" + " 2>&1 || true"});
     if (parsed.find("No module named") == std::string::npos) {  // else no Prometheus parser here
         EXPECT_EQ(parsed.find("Traceback"), std::string::npos) << parsed << slurp(tmp / "metrics");
@@ -114,7 +115,6 @@ TEST(FerrantOrbserver, SignedFilesArriveWholeTheStatusAgreesAndARestartLosesNoth
         }
         EXPECT_SAID(parsed, "orbserver_packets_written_total None " + std::to_string(npkts) + ".0");
     }
-
     ASSERT_TRUE(server.restart()) << server.log();
     drop("after1", pattern(200000, 2));
     drop("after2", pattern(1, 3));

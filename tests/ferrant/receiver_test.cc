@@ -39,7 +39,8 @@ std::string chunk(const std::string& data, int k, size_t n) { return data.substr
 // on the size of the files it writes when limit > 0), and a forger of packets
 // for that ring, which it makes before the receiver opens it.
 struct Forged {
-    explicit Forged(long limit = 0) : orb_(orbopen(ring.c_str(), "w")), r(command(limit), tmp.path, tmp.path) {}
+    explicit Forged(long limit = 0)
+        : orb_(orbopen(ring.c_str(), "w")), r(command(limit), tmp.path, tmp.path) {}
     ~Forged() {
         if (orb_ >= 0) orbclose(orb_);
         free(buf_);
@@ -85,7 +86,8 @@ struct Forged {
     }
     int final(const std::string& tag, int seq, const std::string& hex) { return put(tag, seq, hex, nullptr); }
     // A whole run of data in chunks of n bytes, but chunk number bad carries the first one's key.
-    void run(const std::string& tag, const std::string& name, const std::string& data, size_t n, int bad = 0) {
+    void run(const std::string& tag, const std::string& name, const std::string& data, size_t n,
+             int bad = 0) {
         auto k = keys(data, n);
         initial(tag, name, md5hex(data));
         for (int i = 1; i <= int(k.size()); i++) {
@@ -124,7 +126,6 @@ TEST(FerrantReceiver, BrokenAndHostileRunsAreReportedAndTheNextFileArrives) {
         std::string c = chunk(data, seq, B);
         return f.put(tag, seq, k[(key ? key : seq) - 1], &c);
     };
-
     // A lost packet: the run never ends and its interim file stays.
     f.initial("1/lost.txt", "lost.txt", hex);
     part("1/lost.txt", 1);
@@ -155,7 +156,8 @@ TEST(FerrantReceiver, BrokenAndHostileRunsAreReportedAndTheNextFileArrives) {
     part("6/ctl", 1);
     f.final("6/ctl", 2, hex);
     for (auto [tag, name] : std::map<std::string, std::string>{
-             {"7/hi", "caf\xc3\xa9"}, {"8/empty", ""}, {"9/blocked", "blocker/sub/x"}, {"10/taken", "taken"}}) {
+             {"7/hi", "caf\xc3\xa9"}, {"8/empty", ""}, {"9/blocked", "blocker/sub/x"},
+             {"10/taken", "taken"}}) {
         f.initial(tag, name, hex);
         f.final(tag, 1, hex);
     }
@@ -170,7 +172,8 @@ TEST(FerrantReceiver, BrokenAndHostileRunsAreReportedAndTheNextFileArrives) {
     f.raw("forge/ch/ferrant_start", "");
     f.raw("forge/waveform/x", "whatever");
     // Names that would leave the receive directory or follow the links.
-    const char* refused[] = {"../escape", "a/../../escape", "..", "sub/..", "//top/escape", "/", "/../escape"};
+    const char* refused[] = {"../escape", "a/../../escape", "..", "sub/..", "//top/escape", "/",
+                             "/../escape"};
     int tag = 0;
     auto send = [&](const std::string& name) { f.run("c" + std::to_string(++tag) + "/x", name, data, B); };
     for (const char* name : refused) send(name);
@@ -183,20 +186,21 @@ TEST(FerrantReceiver, BrokenAndHostileRunsAreReportedAndTheNextFileArrives) {
     f.run("15/isdir", "isdir", data, B);
     f.run("2/repeat.txt", "again.txt", data, B);  // the tag of a run dropped and ended is free again
     f.run("14/good.txt", "good.txt", data, B);
-
     ASSERT_TRUE(f.received("good.txt")) << r.err();
     std::string log = r.err();
     auto id = [](int pktid) { return std::to_string(pktid); };
     for (const std::string& said : {
-             "received old sequence #3 in pktid #" + id(lost3) + " forge/xfer/1/lost.txt, expected sequence #1",
+             "received old sequence #3 in pktid #" + id(lost3) +
+                 " forge/xfer/1/lost.txt, expected sequence #1",
              "received old sequence #5 in pktid"s,
              "out of sequence at pktid #" + id(repeat) + " for forge/xfer/2/repeat.txt:  #0 -> #1",
              "out of sequence at pktid #" + id(failed) + " for forge/xfer/3/failed.txt:  #0 -> #-1",
              "digest mismatch at sequence #1 for file badkey.txt"s, "locally computed:\n"s, "packet key:\n"s,
              "digest mismatch at last packet for file changed.txt-\n      file changed during transmission"s,
              "received packet with invalid filename 'bad\001name'"s,
-             "received packet with invalid filename 'caf\xc3\xa9'"s, "received packet with invalid filename ''"s,
-             "Can't open bad\001name to write"s, "Can't create directory 'blocker/sub'\n\t##=> Not a directory"s,
+             "received packet with invalid filename 'caf\xc3\xa9'"s,
+             "received packet with invalid filename ''"s, "Can't open bad\001name to write"s,
+             "Can't create directory 'blocker/sub'\n\t##=> Not a directory"s,
              "Can't open taken- to write\n\t##=> Is a directory"s,
              "failed to unstuff xfer packet #" + id(junk) + " forge/xfer/11/junk",
              "pktid #" + id(orphan) + " is sequence #1 of forge/xfer/12/orphan, but no previous packets seen",
@@ -204,7 +208,8 @@ TEST(FerrantReceiver, BrokenAndHostileRunsAreReportedAndTheNextFileArrives) {
              "failed to rename completed file isdir-"s,
              "received again.txt (350 bytes, 5 packets)"s, "received good.txt (350 bytes, 5 packets)"s})
         EXPECT_SAID(log, said);
-    for (const char* name : refused) EXPECT_SAID(log, "received packet with invalid filename '"s + name + "'");
+    for (const char* name : refused)
+        EXPECT_SAID(log, "received packet with invalid filename '"s + name + "'");
     for (std::string name : {"bad\001name", "caf\xc3\xa9", ""})  // refused names are no system error
         EXPECT_EQ(log.find("invalid filename '" + name + "'\n\t##=>"), std::string::npos) << name;
     // The interim file of a run that never ends stays open; the others go.
@@ -252,7 +257,6 @@ TEST(FerrantReceiver, LargePacketFailuresGiveUpOnlyTheirFile) {
     // not a bad key found after it.
     f.run("5/both.bin", "both.bin", pattern(5 * B, 11), B, 4);
     f.run("4/fits.bin", "fits.bin", small, B);
-
     ASSERT_TRUE(f.received("fits.bin")) << f.r.err();
     std::string log = f.r.err();
     EXPECT_SAID(log, "digest mismatch at sequence #2 for file badkey.bin-");

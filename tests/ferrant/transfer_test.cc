@@ -24,8 +24,8 @@ protected:
         return write_pf(tmp / name, keys);
     }
     // ferrant2 -p pf args ring, sending from src or receiving from tmp.
-    std::unique_ptr<Child> send(std::vector<std::string> args, const std::string& pf, const std::string& input = "",
-                                const std::string& cwd = "") {
+    std::unique_ptr<Child> send(std::vector<std::string> args, const std::string& pf,
+                                const std::string& input = "", const std::string& cwd = "") {
         args.insert(args.begin(), {ferrant2(), "-p", pf});
         args.push_back(ring);
         return std::make_unique<Child>(args, tmp.path, cwd.empty() ? src : cwd, input);
@@ -66,7 +66,6 @@ TEST_F(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
     }
     EXPECT_EQ(s->wait(), 0) << s->err();
     for (auto said : {"starting 'a.txt'", "finished 'listed.txt'"}) EXPECT_SAID(s->err(), said);
-
     // File patterns: a refused name given is told once and sets the exit status;
     // files found by walking a directory do not count in it.
     for (auto f : {"refused.txt", "b.dat", "keep/c.dat", "keep/skip.dat"}) make(f, std::string(f) + "\n");
@@ -78,15 +77,14 @@ TEST_F(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
     EXPECT_EQ(count(s->err(), "'keep/skip.dat' not sent"), 1u) << s->err();
     s = send({"keep"}, patterns);
     EXPECT_EQ(s->wait(), 0) << s->err();
-
     std::vector<File> large = {
         {"large/exact.bin", pattern(3000000, 1)},   {"large/tail.bin", pattern(2500001, 2)},
         {"large/long/a.bin", pattern(17000003, 3)}, {"large/long/b.bin", pattern(16000000, 4)},
-        {"large/long/c.bin", pattern(9000000, 5)},  {"large/small.txt", "small\n", 0600}, {"large/empty.bin", ""}};
+        {"large/long/c.bin", pattern(9000000, 5)},  {"large/small.txt", "small\n", 0600},
+        {"large/empty.bin", ""}};
     for (auto& f : large) make(f.name, f.data, f.mode);
     s = send({"large"}, pf("l.pf", {{"bytes_per_packet", "1000000"}}));
     EXPECT_EQ(s->wait(120), 0) << s->err();
-
     // A chunk too large fails its file, which still counts as handled.
     make("huge.bin", pattern(1500000, 7));
     make("after.txt", "still sent\n");
@@ -95,10 +93,10 @@ TEST_F(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
     for (auto said : {"bytes2send = 1500000 > 1000000 (should never happen)", "failed to transmit 'huge.bin'",
                       "finished 'after.txt'"})
         EXPECT_SAID(s->err(), said);
-
     // Relative -S: taken from the start directory, not the receive directory.
     auto r = receive(pf("t.pf"), {"-S", "state"});
-    ASSERT_TRUE(eventually([&] { return received(*r) == small.size() + 1 + 3 + large.size() + 1; })) << r->err();
+    size_t all = small.size() + 1 + 3 + large.size() + 1;
+    ASSERT_TRUE(eventually([&] { return received(*r) == all; })) << r->err();
     for (auto& f : small) EXPECT_FALSE(exists(in + "/" + f.name + "-")) << f.name;
     small.insert(small.end(), large.begin(), large.end());
     for (auto& f : small) same(f.name);
@@ -111,9 +109,9 @@ TEST_F(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
     for (auto said : {"received exact.bin (3000 bytes, 4 packets)", "received empty.dat (0 bytes, 1 packets)",
                       "received odd.bin (10001 bytes, 12 packets)", "receiving 'tree/deeper/two.txt'",
                       "received large/long/a.bin (17000003 bytes, 19 packets)", "/huge.bin:  #-1 -> #-1",
-                      "failed to read old state file", "resurrection unsuccessful\nferrant2: Starting at pktid=0\n"})
+                      "failed to read old state file",
+                      "resurrection unsuccessful\nferrant2: Starting at pktid=0\n"})
         EXPECT_SAID(r->err(), said);
-
     // Killed and started again with its state file, the receiver resumes
     // after the last completed file. What it received is gone from the
     // receive side: a receiver that read it again would bring it back.
@@ -164,13 +162,13 @@ TEST_F(FerrantTransfer, PacketRunsAreFramedByMarkersAndNumberedInOrder) {
     std::string flat = pf("f.pf", {{"preserve_directories", "no"}});
     auto s = send({"-N", "testnet", "exact.bin", "empty", longname, "one/same.txt", "two/same.txt"}, flat);
     ASSERT_EQ(s->wait(), 0) << s->err();
-
     auto seen = read_ring(ring);
     ASSERT_EQ(seen.size(), 1u + 4 + 2 + 3 + 3 + 3 + 1) << "markers, 5 runs";
     EXPECT_EQ(seen.front(), std::make_pair(std::string("testnet/ch/ferrant_start"), std::string()));
     EXPECT_EQ(seen.back().first, "testnet/ch/ferrant_finish");
-    struct Run { std::string base; int packets, mode; } runs[] = {{"exact.bin", 4, 0640}, {"empty", 2, 0644}, {longname, 3, 0644}, {"same.txt", 3, 0644},
-                {"same.txt", 3, 0600}};
+    struct Run { std::string base; int packets, mode; } runs[] = {
+        {"exact.bin", 4, 0640}, {"empty", 2, 0644}, {longname, 3, 0644}, {"same.txt", 3, 0644},
+        {"same.txt", 3, 0600}};
     Packet* pkt = nullptr;
     size_t at = 1;
     std::set<int> ids;
@@ -193,7 +191,6 @@ TEST_F(FerrantTransfer, PacketRunsAreFramedByMarkersAndNumberedInOrder) {
     }
     freePkt(pkt);
     EXPECT_EQ(ids.size(), 5u);
-
     auto r = receive(flat);
     ASSERT_TRUE(received(*r, 5)) << r->err();
     expect_same(two, in + "/same.txt");
@@ -237,8 +234,8 @@ TEST_F(FerrantTransfer, WatchModeAndConcurrentSendersInterleaveWithoutHarm) {
     EXPECT_TRUE(exists(watchdir + "/private/secret") && exists(watchdir + "/held.part"));
     EXPECT_TRUE(w->running());
     std::string wlog = w->err();
-    EXPECT_EQ(count(wlog, "ignoring directory './private': doesn't match file_match/file_reject criteria."), 1u)
-        << wlog;
+    EXPECT_EQ(count(wlog, "ignoring directory './private': doesn't match file_match/file_reject criteria."),
+              1u) << wlog;
     EXPECT_EQ(count(wlog, "'./held.part' not sent"), 1u) << wlog;
     EXPECT_EQ(wlog.find("ferrant_finish"), std::string::npos);
 }

@@ -63,7 +63,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ring::Entry e;
     std::vector<char> buf;
     const char* names[] = {"A", "B_C/x", "D", "E_F_G/y", "H"};
-
     while (in.n) {
         switch (in.byte() % 8) {
         case 0: case 1: case 2: {  // put

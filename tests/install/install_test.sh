@@ -55,15 +55,15 @@ if [ "$mode" = prefix ]; then
     "$p/bin/orbserver" -P 127.0.0.1:0 -s 1M -o "$tmp/port" "$tmp/ring" 2> "$tmp/server.log" &
     bg=$!
     await "$tmp/server.log" "orbserver did not start" test -s "$tmp/port"
-    "$tmp/client" w "$(cat "$tmp/port")" 3
-    "$tmp/client" r "$(cat "$tmp/port")" 3 > "$tmp/got"
+    "$tmp/client" "$(cat "$tmp/port")" 3 > "$tmp/got"
     printf 'outside/xfer %d packet %d\n' 0 0 1 1 2 2 > "$tmp/want"
     diff "$tmp/want" "$tmp/got" || fail "packets read back differ from those written"
     echo "prefix_test: OK"
     exit 0
 fi
 
-JOBS=2 sh "$dir/scripts/deb.sh" "$tmp/out" > "$tmp/deb.log" 2>&1 || { cat "$tmp/deb.log" >&2; fail "make deb failed"; }
+JOBS=2 sh "$dir/scripts/deb.sh" "$tmp/out" > "$tmp/deb.log" 2>&1 ||
+    { cat "$tmp/deb.log" >&2; fail "make deb failed"; }
 deb=$(ls "$tmp"/out/ferrant2_*.deb)
 r=$tmp/root
 dpkg-deb -x "$deb" "$r"
@@ -86,8 +86,8 @@ done
 if command -v systemd-analyze >/dev/null && [ -d /lib/systemd/system ]; then
     cp -an /lib/systemd/system/. "$r/lib/systemd/system/"
     man=no; command -v man >/dev/null && man=yes
-    MANPATH="$r/usr/share/man" systemd-analyze verify --man=$man --root="$r" \
-        orbserver@main.service ferrant2-send@main.service ferrant2-recv@main.service > "$tmp/verify.log" 2>&1 ||
+    MANPATH="$r/usr/share/man" systemd-analyze verify --man=$man --root="$r" orbserver@main.service \
+        ferrant2-send@main.service ferrant2-recv@main.service > "$tmp/verify.log" 2>&1 ||
         { cat "$tmp/verify.log" >&2; fail "systemd-analyze verify failed"; }
     [ -s "$tmp/verify.log" ] && { cat "$tmp/verify.log" >&2; fail "systemd-analyze verify complained"; }
 fi

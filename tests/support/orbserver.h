@@ -91,7 +91,7 @@ public:
         std::istringstream in(log());
         std::string found;
         for (std::string line; std::getline(in, line);)
-            if (line.find("Sanitizer") != std::string::npos || line.find("runtime error:") != std::string::npos)
+            if (line.find("Sanitizer") != line.npos || line.find("runtime error:") != line.npos)
                 found += line + "\n";
         return found;
     }
