@@ -2,11 +2,10 @@
 // request-handling core, the way forbserver serves its client, against one
 // small ring reused across inputs. The client half-closes after its bytes and
 // reads every answer, so each input ends when the server lets the client go.
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -21,18 +20,26 @@ std::string Ring_path;
 Settings* Ring_settings;
 
 void client(int fd, const uint8_t* data, size_t size) {
-    std::thread writer([=] {
-        for (size_t off = 0; off < size;) {
-            ssize_t n = send(fd, data + off, size - off, MSG_NOSIGNAL);
-            if (n < 0 && errno != EINTR) break;
-            off += size_t(std::max<ssize_t>(n, 0));
-        }
-        shutdown(fd, SHUT_WR);
-    });
+    size_t off = 0;
+    bool wr_open = true;
     char buf[65536];
-    for (ssize_t n; (n = recv(fd, buf, sizeof buf, 0)) != 0;)
-        if (n < 0 && errno != EINTR) break;
-    writer.join();
+    for (;;) {
+        if (wr_open && off == size) {
+            shutdown(fd, SHUT_WR);
+            wr_open = false;
+        }
+        pollfd p{fd, short(POLLIN | (wr_open ? POLLOUT : 0)), 0};
+        if (poll(&p, 1, -1) < 0) continue;
+        if (p.revents & POLLOUT) {
+            ssize_t n = send(fd, data + off, size - off, MSG_DONTWAIT | MSG_NOSIGNAL);
+            if (n > 0) off += size_t(n);
+            else if (n < 0 && errno != EAGAIN && errno != EINTR) off = size;
+        }
+        if (p.revents & (POLLIN | POLLHUP | POLLERR)) {
+            ssize_t n = recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+            if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) break;
+        }
+    }
     close(fd);
 }
 
