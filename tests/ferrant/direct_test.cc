@@ -1,9 +1,8 @@
 // Direct appends as the receiver makes them: whatever the sizes of the
 // pieces, the file holds exactly their bytes once the stream on the same
-// descriptor has written the rest, what went out in whole blocks never
-// entered the page cache, and a file-size limit is reported as such.
+// descriptor has written the rest, and what went out in whole blocks never
+// entered the page cache. (A file-size limit inside a block is in receiver_test.)
 #include <sys/mman.h>
-#include <sys/resource.h>
 
 #include "direct.h"
 #include "harness.h"
@@ -19,8 +18,8 @@ bool takes_direct_writes(const std::string& dir) {
     int fd = open((dir + "/probe").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     struct statx sx{};
     bool yes = fd >= 0 && statx(fd, "", AT_EMPTY_PATH, STATX_DIOALIGN, &sx) == 0 &&
-               (sx.stx_mask & STATX_DIOALIGN) && sx.stx_dio_offset_align > 0 && sx.stx_dio_offset_align <= 4096 &&
-               sx.stx_dio_mem_align <= 4096;
+               (sx.stx_mask & STATX_DIOALIGN) && sx.stx_dio_offset_align > 0 &&
+               sx.stx_dio_offset_align <= 4096 && sx.stx_dio_mem_align <= 4096;
     close(fd);
     unlink((dir + "/probe").c_str());
     return yes;
@@ -42,14 +41,9 @@ size_t cached_pages(int fd, size_t n) {
     return cached;
 }
 
-struct DirectAppenderTest : ::testing::Test {
-    void SetUp() override {
-        if (!takes_direct_writes(tmp.path)) GTEST_SKIP() << "no direct writes in " << tmp.path;
-    }
+TEST(DirectAppenderTest, PiecesOfAnySizeLandWholeAroundThePageCache) {
     TempDir tmp;
-};
-
-TEST_F(DirectAppenderTest, PiecesOfAnySizeLandWholeAroundThePageCache) {
+    if (!takes_direct_writes(tmp.path)) GTEST_SKIP() << "no direct writes in " << tmp.path;
     FILE* f = fopen((tmp / "out").c_str(), "w+");
     ASSERT_NE(f, nullptr);
     auto d = DirectAppender::start(fileno(f));
@@ -64,7 +58,6 @@ TEST_F(DirectAppenderTest, PiecesOfAnySizeLandWholeAroundThePageCache) {
         EXPECT_EQ(size_t(lseek(fileno(f), 0, SEEK_CUR)) + d->ncarried(), all.size());
     }
     EXPECT_EQ(cached_pages(fileno(f), all.size() - d->ncarried()), 0u);
-
     // The rest of the file goes through the stream, as when a file's
     // packets turn small.
     ASSERT_TRUE(d->end());
@@ -74,26 +67,6 @@ TEST_F(DirectAppenderTest, PiecesOfAnySizeLandWholeAroundThePageCache) {
     all += rest;
     ASSERT_EQ(fclose(f), 0);
     EXPECT_TRUE(slurp(tmp / "out") == all) << slurp(tmp / "out").size() << " bytes, expected " << all.size();
-}
-
-// A limit that falls inside a block makes the direct write invalid; the
-// error told must still be the limit's.
-TEST_F(DirectAppenderTest, AFileSizeLimitInsideABlockIsToldAsSuch) {
-    std::string path = tmp / "limited";
-    child::Result run = child::run([&] {
-        signal(SIGXFSZ, SIG_IGN);
-        struct rlimit lim = {500000, 500000};
-        int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-        auto d = fd >= 0 && setrlimit(RLIMIT_FSIZE, &lim) == 0 ? DirectAppender::start(fd) : nullptr;
-        if (!d) _exit(2);
-        std::string p = pattern(600000, 1);
-        bool ok = d->append(p.data(), p.size());
-        _exit(!ok && errno == EFBIG ? 0 : 1);
-    });
-    EXPECT_TRUE(run.exited(0)) << "status " << run.status << " (exit 1: not refused with EFBIG; 2: no start)";
-    struct stat st {};
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_size, 500000);  // the bytes up to the limit landed
 }
 
 }  // namespace

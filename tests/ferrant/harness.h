@@ -68,7 +68,8 @@ inline std::string make_old(const std::string& path, const std::string& data, mo
     mkdirs(path.substr(0, path.rfind('/')));
     spit(path, data, mode);
     std::error_code ec;
-    std::filesystem::last_write_time(path, std::filesystem::file_time_type::clock::now() - std::chrono::hours(1), ec);
+    auto hour_ago = std::filesystem::file_time_type::clock::now() - std::chrono::hours(1);
+    std::filesystem::last_write_time(path, hour_ago, ec);
     return path;
 }
 
@@ -83,10 +84,12 @@ inline void expect_same(const std::string& from, const std::string& to) {
 #define EXPECT_SAID(log, text) EXPECT_NE((log).find(text), std::string::npos) << (text) << "\n---\n" << (log)
 
 // A parameter file with every key; overrides replace the defaults below.
-inline std::string write_pf(const std::string& path, const std::map<std::string, std::string>& overrides = {}) {
+inline std::string write_pf(const std::string& path,
+                            const std::map<std::string, std::string>& overrides = {}) {
     std::map<std::string, std::string> keys = {
         {"directory", ""}, {"starting_position", "oldest"}, {"match", ""}, {"reject", ""},
-        {"preserve_directories", "yes"}, {"bytes_per_packet", "1000"}, {"file_match", ""}, {"file_reject", ""},
+        {"preserve_directories", "yes"}, {"bytes_per_packet", "1000"}, {"file_match", ""},
+        {"file_reject", ""},
         {"test_freq", "0.1"}, {"lag_trigger", "0.5"}, {"lag_reset", "0.2"}, {"wait_seconds", "1"},
         {"wait_match", ""}, {"wait_reject", ""}, {"use_orbputx", "no"}};
     for (auto& [k, v] : overrides) keys[k] = v;

@@ -23,15 +23,15 @@ protected:
         keys.emplace("directory", in);
         return write_pf(tmp / name, keys);
     }
-    std::unique_ptr<Child> send(std::vector<std::string> args, const std::string& pf, const std::string& input = "") {
+    // ferrant2 -p pf args ring, sending from src or receiving from tmp.
+    std::unique_ptr<Child> send(std::vector<std::string> args, const std::string& pf,
+                                const std::string& input = "", const std::string& cwd = "") {
         args.insert(args.begin(), {ferrant2(), "-p", pf});
         args.push_back(ring);
-        return std::make_unique<Child>(args, tmp.path, src, input);
+        return std::make_unique<Child>(args, tmp.path, cwd.empty() ? src : cwd, input);
     }
-    std::unique_ptr<Child> receive(const std::string& pf, std::vector<std::string> args = {}) {
-        args.insert(args.begin(), {ferrant2(), "-p", pf});
-        args.push_back(ring);
-        return std::make_unique<Child>(args, tmp.path, tmp.path);
+    std::unique_ptr<Child> receive(const std::string& pf, const std::vector<std::string>& args = {}) {
+        return send(args, pf, "", tmp.path);
     }
     void same(const std::string& rel) { expect_same(src + "/" + rel, in + "/" + rel); }
 };
@@ -45,10 +45,7 @@ protected:
 // receiver is killed and resumes from its state file.
 TEST_F(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
     ring = tmp / "ring@s160M";
-    struct File {
-        std::string name, data;
-        mode_t mode = 0644;
-    };
+    struct File { std::string name, data; mode_t mode = 0644; };
     std::vector<File> small = {
         {"a.txt", "alpha\n", 0640}, {"empty.dat", "", 0600},
         {"exact.bin", pattern(3000, 1)},       // exactly three packets of 1000
@@ -68,15 +65,10 @@ TEST_F(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
         std::ofstream(growing, std::ios::app) << "line " << i << "\n";
     }
     EXPECT_EQ(s->wait(), 0) << s->err();
-    EXPECT_SAID(s->err(), "starting 'a.txt'");
-    EXPECT_SAID(s->err(), "finished 'listed.txt'");
-
+    for (auto said : {"starting 'a.txt'", "finished 'listed.txt'"}) EXPECT_SAID(s->err(), said);
     // File patterns: a refused name given is told once and sets the exit status;
     // files found by walking a directory do not count in it.
-    make("refused.txt", "refused\n");
-    make("b.dat", "sent\n");
-    make("keep/c.dat", "sent too\n");
-    make("keep/skip.dat", "rejected in the walk\n");
+    for (auto f : {"refused.txt", "b.dat", "keep/c.dat", "keep/skip.dat"}) make(f, std::string(f) + "\n");
     std::string patterns = pf("p.pf", {{"file_match", ".*\\.dat"}, {"file_reject", ".*skip.*"}});
     s = send({"refused.txt", "refused.txt", "b.dat", "keep"}, patterns);
     EXPECT_EQ(s->wait(), 1) << s->err();
@@ -85,27 +77,26 @@ TEST_F(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
     EXPECT_EQ(count(s->err(), "'keep/skip.dat' not sent"), 1u) << s->err();
     s = send({"keep"}, patterns);
     EXPECT_EQ(s->wait(), 0) << s->err();
-
     std::vector<File> large = {
         {"large/exact.bin", pattern(3000000, 1)},   {"large/tail.bin", pattern(2500001, 2)},
         {"large/long/a.bin", pattern(17000003, 3)}, {"large/long/b.bin", pattern(16000000, 4)},
-        {"large/long/c.bin", pattern(9000000, 5)},  {"large/small.txt", "small\n", 0600}, {"large/empty.bin", ""}};
+        {"large/long/c.bin", pattern(9000000, 5)},  {"large/small.txt", "small\n", 0600},
+        {"large/empty.bin", ""}};
     for (auto& f : large) make(f.name, f.data, f.mode);
     s = send({"large"}, pf("l.pf", {{"bytes_per_packet", "1000000"}}));
     EXPECT_EQ(s->wait(120), 0) << s->err();
-
     // A chunk too large fails its file, which still counts as handled.
     make("huge.bin", pattern(1500000, 7));
     make("after.txt", "still sent\n");
     s = send({"huge.bin", "after.txt"}, pf("h.pf", {{"bytes_per_packet", "2000000"}}));
     EXPECT_EQ(s->wait(), 0) << s->err();
-    EXPECT_SAID(s->err(), "bytes2send = 1500000 > 1000000 (should never happen)");
-    EXPECT_SAID(s->err(), "failed to transmit 'huge.bin'");
-    EXPECT_SAID(s->err(), "finished 'after.txt'");
-
+    for (auto said : {"bytes2send = 1500000 > 1000000 (should never happen)", "failed to transmit 'huge.bin'",
+                      "finished 'after.txt'"})
+        EXPECT_SAID(s->err(), said);
     // Relative -S: taken from the start directory, not the receive directory.
     auto r = receive(pf("t.pf"), {"-S", "state"});
-    ASSERT_TRUE(eventually([&] { return received(*r) == small.size() + 1 + 3 + large.size() + 1; })) << r->err();
+    size_t all = small.size() + 1 + 3 + large.size() + 1;
+    ASSERT_TRUE(eventually([&] { return received(*r) == all; })) << r->err();
     for (auto& f : small) EXPECT_FALSE(exists(in + "/" + f.name + "-")) << f.name;
     small.insert(small.end(), large.begin(), large.end());
     for (auto& f : small) same(f.name);
@@ -118,9 +109,9 @@ TEST_F(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
     for (auto said : {"received exact.bin (3000 bytes, 4 packets)", "received empty.dat (0 bytes, 1 packets)",
                       "received odd.bin (10001 bytes, 12 packets)", "receiving 'tree/deeper/two.txt'",
                       "received large/long/a.bin (17000003 bytes, 19 packets)", "/huge.bin:  #-1 -> #-1",
-                      "failed to read old state file", "resurrection unsuccessful\nferrant2: Starting at pktid=0\n"})
+                      "failed to read old state file",
+                      "resurrection unsuccessful\nferrant2: Starting at pktid=0\n"})
         EXPECT_SAID(r->err(), said);
-
     // Killed and started again with its state file, the receiver resumes
     // after the last completed file. What it received is gone from the
     // receive side: a receiver that read it again would bring it back.
@@ -128,16 +119,14 @@ TEST_F(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
     ASSERT_TRUE(exists(tmp / "state"));
     EXPECT_FALSE(exists(in + "/state"));
     std::filesystem::remove_all(in);
-    make("second0", pattern(2500, 10));
-    make("second1", pattern(2500, 11));
+    for (unsigned i : {0, 1}) make("second" + std::to_string(i), pattern(2500, 10 + i));
     ASSERT_EQ(send({"second0", "second1"}, pf("t.pf"))->wait(), 0);
     r = receive(pf("t.pf"), {"-S", "state"});
     ASSERT_TRUE(received(*r, 2)) << r->err();
-    EXPECT_SAID(r->err(), "read old state file");
-    EXPECT_SAID(r->err(), "resurrection successful: repositioned to pktid #");
+    for (auto said : {"read old state file", "resurrection successful: repositioned to pktid #"})
+        EXPECT_SAID(r->err(), said);
     EXPECT_EQ(r->err().find("Starting at pktid="), std::string::npos) << r->err();
-    same("second0");
-    same("second1");
+    for (auto f : {"second0", "second1"}) same(f);
     // Give a stray re-read the chance to show itself before looking.
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     EXPECT_EQ(received(*r), 2u) << r->err();
@@ -173,16 +162,13 @@ TEST_F(FerrantTransfer, PacketRunsAreFramedByMarkersAndNumberedInOrder) {
     std::string flat = pf("f.pf", {{"preserve_directories", "no"}});
     auto s = send({"-N", "testnet", "exact.bin", "empty", longname, "one/same.txt", "two/same.txt"}, flat);
     ASSERT_EQ(s->wait(), 0) << s->err();
-
     auto seen = read_ring(ring);
     ASSERT_EQ(seen.size(), 1u + 4 + 2 + 3 + 3 + 3 + 1) << "markers, 5 runs";
     EXPECT_EQ(seen.front(), std::make_pair(std::string("testnet/ch/ferrant_start"), std::string()));
     EXPECT_EQ(seen.back().first, "testnet/ch/ferrant_finish");
-    struct Run {
-        std::string base;
-        int packets, mode;
-    } runs[] = {{"exact.bin", 4, 0640}, {"empty", 2, 0644}, {longname, 3, 0644}, {"same.txt", 3, 0644},
-                {"same.txt", 3, 0600}};
+    struct Run { std::string base; int packets, mode; } runs[] = {
+        {"exact.bin", 4, 0640}, {"empty", 2, 0644}, {longname, 3, 0644}, {"same.txt", 3, 0644},
+        {"same.txt", 3, 0600}};
     Packet* pkt = nullptr;
     size_t at = 1;
     std::set<int> ids;
@@ -205,7 +191,6 @@ TEST_F(FerrantTransfer, PacketRunsAreFramedByMarkersAndNumberedInOrder) {
     }
     freePkt(pkt);
     EXPECT_EQ(ids.size(), 5u);
-
     auto r = receive(flat);
     ASSERT_TRUE(received(*r, 5)) << r->err();
     expect_same(two, in + "/same.txt");
@@ -222,8 +207,7 @@ TEST_F(FerrantTransfer, WatchModeAndConcurrentSendersInterleaveWithoutHarm) {
         make(names.emplace_back("b/f" + std::to_string(i)), pattern(20000 + i, 200 + i));
     }
     std::string watchdir = src + "/spool";
-    mkdirs(watchdir + "/sub");
-    mkdirs(watchdir + "/private");
+    for (auto d : {"/sub", "/private"}) mkdirs(watchdir + d);
     std::string p = pf("t.pf", {{"file_reject", ".*private.*|.*\\.part"}, {"bytes_per_packet", "100"}});
     auto r = receive(p);
     auto w = send({"-w", watchdir}, p);
@@ -247,12 +231,11 @@ TEST_F(FerrantTransfer, WatchModeAndConcurrentSendersInterleaveWithoutHarm) {
     }
     // Two more passes: refused paths stay and are reported once.
     std::this_thread::sleep_for(std::chrono::milliseconds(2500));
-    EXPECT_TRUE(exists(watchdir + "/private/secret"));
-    EXPECT_TRUE(exists(watchdir + "/held.part"));
+    EXPECT_TRUE(exists(watchdir + "/private/secret") && exists(watchdir + "/held.part"));
     EXPECT_TRUE(w->running());
     std::string wlog = w->err();
-    EXPECT_EQ(count(wlog, "ignoring directory './private': doesn't match file_match/file_reject criteria."), 1u)
-        << wlog;
+    EXPECT_EQ(count(wlog, "ignoring directory './private': doesn't match file_match/file_reject criteria."),
+              1u) << wlog;
     EXPECT_EQ(count(wlog, "'./held.part' not sent"), 1u) << wlog;
     EXPECT_EQ(wlog.find("ferrant_finish"), std::string::npos);
 }

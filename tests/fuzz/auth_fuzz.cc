@@ -19,8 +19,8 @@ static std::unique_ptr<Auth> Signers;
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz::quiet_log();
     std::string d = fuzz::scratch_dir(), why;
-    std::string make = "cd " + d + " && openssl req -x509 -newkey ed25519 -nodes -keyout k -subj /CN=f -days 1 "
-                       "-out c >/dev/null 2>&1 && openssl pkey -in k -pubout -out p";
+    std::string make = "cd " + d + " && openssl req -x509 -newkey ed25519 -nodes -keyout k -subj /CN=f "
+                       "-days 1 -out c >/dev/null 2>&1 && openssl pkey -in k -pubout -out p";
     Settings s;
     s.signers = {{"alice", d + "/p"}};
     if (std::system(make.c_str()) != 0 || !(Tls = tls_server_context(d + "/c", d + "/k", &why)) ||

@@ -1,6 +1,7 @@
-// What several fuzz targets share: a quiet log and a scratch directory.
+// What the fuzz targets share: a quiet log, a scratch directory, a check.
 #pragma once
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -24,6 +25,13 @@ inline std::string scratch_dir() {
     dir = tmpl;
     std::atexit([] { std::error_code ec; std::filesystem::remove_all(dir, ec); });
     return dir;
+}
+
+// A property that failed is a finding: said, then the run stops.
+inline void require(bool ok, const char* what) {
+    if (ok) return;
+    std::fprintf(stderr, "broken: %s\n", what);
+    std::abort();
 }
 
 }  // namespace fuzz

@@ -2,60 +2,39 @@
 // write out and read back to an equal tree, and every string must expand in
 // bounded time. Nothing is evaluated: deferred forms could run commands, so
 // trees that hold any are not expanded (a reference to one would run it).
-#include <cstdint>
+#include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "fuzz.h"
 #include "stock/pf.h"
 
 namespace {
 
-bool same(Pf* a, Pf* b) {
-    if (!a || !b) return a == b;
-    bool an = a->type == PF_ROOT || a->type == PF_ARR, bn = b->type == PF_ROOT || b->type == PF_ARR;
-    if (an || bn) {
-        if (!an || !bn) return false;
-        Tbl* ka = pfkeys(a);
-        Tbl* kb = pfkeys(b);
-        bool ok = maxtbl(ka) == maxtbl(kb);
-        for (long i = 0; ok && i < maxtbl(ka); i++) {
-            const char* k = static_cast<const char*>(gettbl(ka, i));
-            ok = strcmp(k, static_cast<const char*>(gettbl(kb, i))) == 0 &&
-                 same(static_cast<Pf*>(getarr(a->value.arr, k)), static_cast<Pf*>(getarr(b->value.arr, k)));
-        }
-        freetbl(ka, nullptr);
-        freetbl(kb, nullptr);
-        return ok;
-    }
-    if (a->type != b->type) return false;
-    if (a->type == PF_TBL) {
-        if (pfmaxtbl(a) != pfmaxtbl(b)) return false;
-        for (long i = 0; i < pfmaxtbl(a); i++)
-            if (!same(static_cast<Pf*>(gettbl(a->value.tbl, i)), static_cast<Pf*>(gettbl(b->value.tbl, i))))
-                return false;
-        return true;
-    }
-    const char* sa = a->type == PF_FUNCTION ? a->value.pffunct->s : a->value.s;
-    const char* sb = b->type == PF_FUNCTION ? b->value.pffunct->s : b->value.s;
-    return strcmp(sa ? sa : "", sb ? sb : "") == 0;
-}
+std::string counted(const char* s) { return std::to_string(s ? strlen(s) : 0) + ":" + (s ? s : ""); }
 
-// Whether test holds for pf or anything below it, tried in order until it does.
-using Test = bool (*)(Pf*);
-bool any(Pf* pf, Test test) {
-    if (!pf) return false;
-    if (test(pf)) return true;
-    if (pf->type == PF_ROOT || pf->type == PF_ARR)
-        return applyarr(
-                   pf->value.arr,
-                   [](const char*, void* v, void* t) { return int(any(static_cast<Pf*>(v), *static_cast<Test*>(t))); },
-                   &test) != 0;
-    if (pf->type == PF_TBL)
-        for (long i = 0; i < pfmaxtbl(pf); i++)
-            if (any(static_cast<Pf*>(gettbl(pf->value.tbl, i)), test)) return true;
-    return false;
+// The tree as text that two trees share only when they are equal (a file
+// and an &Arr alike); every node is added to nodes.
+std::string dump(Pf* p, std::vector<Pf*>& nodes) {
+    if (!p) return "-";
+    nodes.push_back(p);
+    std::string out = "(";
+    if (p->type == PF_ROOT || p->type == PF_ARR) {
+        Tbl* keys = pfkeys(p);
+        for (long i = 0; i < maxtbl(keys); i++) {
+            auto k = static_cast<const char*>(gettbl(keys, i));
+            out += counted(k) + dump(static_cast<Pf*>(getarr(p->value.arr, k)), nodes);
+        }
+        freetbl(keys, nullptr);
+    } else if (p->type == PF_TBL) {
+        out = "[";
+        for (long i = 0; i < pfmaxtbl(p); i++) out += dump(static_cast<Pf*>(gettbl(p->value.tbl, i)), nodes);
+    } else {
+        out = std::to_string(p->type) + counted(p->type == PF_FUNCTION ? p->value.pffunct->s : p->value.s);
+    }
+    return out + ")";
 }
 
 }  // namespace
@@ -68,21 +47,19 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FILE* fp = fmemopen(const_cast<uint8_t*>(data), size, "r");
     if (!fp) return 0;
-    Pf* pf = nullptr;
+    Pf *pf = nullptr, *again = nullptr;
     int rc = pfin(fp, &pf);
     fclose(fp);
-    if (rc != 0 && rc != -2) abort();
+    fuzz::require(rc == 0 || rc == -2, "pfin failed");
     char* text = pf2string(pf);
-    Pf* again = nullptr;
-    if (pfcompile(text, &again) != 0) abort();
-    if (!same(pf, again)) abort();
+    fuzz::require(pfcompile(text, &again) == 0, "what was written does not read back");
+    std::vector<Pf*> nodes, ignored;
+    fuzz::require(dump(pf, nodes) == dump(again, ignored), "what was read back differs");
     char* text2 = pf2string(again);
-    if (strcmp(text, text2) != 0) abort();
-    if (!any(pf, [](Pf* p) { return p->type == PF_FUNCTION; }))
-        any(pf, [](Pf* p) {
+    fuzz::require(strcmp(text, text2) == 0, "what was read back writes out differently");
+    if (std::none_of(nodes.begin(), nodes.end(), [](Pf* p) { return p->type == PF_FUNCTION; }))
+        for (Pf* p : nodes)
             if (p->type == PF_STRING) pfexpand(p);
-            return false;  // on to every node
-        });
     free(text);
     free(text2);
     pffree(pf);

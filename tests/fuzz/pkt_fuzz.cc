@@ -16,7 +16,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const char* body = reinterpret_cast<const char*>(data + 1 + namelen);
     int nbytes = static_cast<int>(size - 1 - namelen);
     if (namelen == 0) strcpy(name, "h/xfer/1/a");
-
     Packet* pkt = nullptr;
     int r = unstuffPkt(name, 0, body, nbytes, &pkt);
     if (r == PKT_XFER_TYPE) {

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <map>
 #include <vector>
 
@@ -21,13 +20,6 @@ struct Input {
     uint32_t byte() { return n ? (n--, *p++) : 0; }
     uint32_t u16() { return byte() | byte() << 8; }
 };
-
-void check(bool ok, const char* what) {
-    if (!ok) {
-        std::fprintf(stderr, "ring invariant broken: %s\n", what);
-        std::abort();
-    }
-}
 
 std::vector<char> payload(uint64_t seq, size_t size) {
     std::vector<char> b(size);
@@ -71,7 +63,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ring::Entry e;
     std::vector<char> buf;
     const char* names[] = {"A", "B_C/x", "D", "E_F_G/y", "H"};
-
     while (in.n) {
         switch (in.byte() % 8) {
         case 0: case 1: case 2: {  // put
@@ -80,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             uint64_t seq = r->head();
             auto b = payload(seq, n);
             int64_t got = r->put(names[in.byte() % 5], time, b.data(), b.size());
-            if (!damaged) check(n > g.data_bytes ? got == -1 : got == int64_t(seq), "put result");
+            if (!damaged) fuzz::require(n > g.data_bytes ? got == -1 : got == int64_t(seq), "put result");
             break;
         }
         case 3: {   // stash
@@ -88,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             size_t n = in.byte() * 3;
             auto b = payload(n, n);
             if (r->stash_put(name, 1, b.data(), b.size())) stashed[name] = b;
-            if (!damaged && r->stash_get(name, &e, buf)) check(buf == stashed[name], "stash content");
+            if (!damaged && r->stash_get(name, &e, buf)) fuzz::require(buf == stashed[name], "stash content");
             break;
         }
         case 4: {   // reopen
@@ -96,7 +87,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             try {
                 r = ring::Ring::open(path());
             } catch (const ring::Error&) {
-                check(damaged, "undamaged ring refused on reopen");
+                fuzz::require(damaged, "undamaged ring refused on reopen");
                 return 0;
             }
             break;
@@ -113,14 +104,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         case 6: {   // lookups
             int32_t id = int32_t(in.byte()) - 5;
             auto s = r->find(id);
-            if (s && !damaged) check(r->pktid(*s) == id, "find");
+            if (s && !damaged) fuzz::require(r->pktid(*s) == id, "find");
             double t = double(int(in.byte()) - 20);
             auto a = r->after_time(t);
             if (!damaged) {
                 std::optional<uint64_t> want;
                 for (uint64_t q = first(*r); q < r->head() && !want; q++)
                     if (r->entry(q, &e) && e.time > t) want = q;
-                check(a == want, "after_time");
+                fuzz::require(a == want, "after_time");
             }
             r->prev_seq(in.byte());
             r->next_seq(in.byte());
@@ -131,18 +122,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             for (uint64_t q = first(*r); q < r->head(); q++) {
                 bool ok = r->read(q, &e, buf);
                 if (damaged) continue;
-                check(ok, "present packet unreadable");
-                check(buf == payload(q, e.size), "packet content");
+                fuzz::require(ok, "present packet unreadable");
+                fuzz::require(buf == payload(q, e.size), "packet content");
                 used += e.size;
             }
             auto st = r->status();
             r->sources();
             if (!damaged) {
-                check(st.bytes_used == used && used <= g.data_bytes, "bytes used");
-                check(st.head - st.tail <= st.nslots, "slots");
+                fuzz::require(st.bytes_used == used && used <= g.data_bytes, "bytes used");
+                fuzz::require(st.head - st.tail <= st.nslots, "slots");
                 uint64_t counted = 0;
                 for (auto& s : r->sources()) counted += s.npkts;
-                check(counted <= st.head - st.tail, "source counts");
+                fuzz::require(counted <= st.head - st.tail, "source counts");
             }
             break;
         }

@@ -12,7 +12,6 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string s(reinterpret_cast<const char*>(data), size);
     s = s.c_str();  // up to the first NUL, as a C caller would pass it
-
     double t = str2epoch(s.c_str());
     double e = 0;
     if (is_epoch_string(s.c_str(), &e) != !std::isnan(t)) abort();
@@ -26,7 +25,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         free(strtdelta(t));
         free(strdbl(t, nullptr));
     }
-
     char dir[PATH_MAX], base[PATH_MAX], suffix[PATH_MAX], abs[PATH_MAX];
     dirbase(s.c_str(), dir, base);
     parsepath(s.c_str(), dir, base, suffix);

@@ -17,11 +17,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // each run from allocating megabytes for sizes it will then not receive.
     Orb_max_data_bytes = (data[0] & 0x1c) == 0x1c ? 4000000 : 100000;
     static int fd = memfd_create("wire_fuzz", MFD_CLOEXEC);
-    if (fd < 0) return 0;
-    if (ftruncate(fd, 0) != 0) return 0;
+    if (fd < 0 || ftruncate(fd, 0) != 0) return 0;
     if (size > 1 && pwrite(fd, data + 1, size - 1, 0) != (ssize_t)(size - 1)) return 0;
     lseek(fd, 0, SEEK_SET);
-
     int mode = data[0] & 1;
     Bns* in = bnsnew(fd, (data[0] & 2) ? 16 : 8192);
     bnstimeout(in, 0);
@@ -29,13 +27,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Orbrequest* q = newOrbrequest();
     Orbresponse* r = newOrbresponse();
     for (int n = 0; n < 64; n++) {
-        if (mode == 0) {
-            if (gbnsOrbrequest(in, q) != 0) break;
-            pbnsOrbrequest(out, q);
-        } else {
-            if (gbnsOrbresponse(in, r) != 0) break;
-            pbnsOrbresponse(out, r);
-        }
+        if (mode == 0 ? gbnsOrbrequest(in, q) != 0 : gbnsOrbresponse(in, r) != 0) break;
+        mode == 0 ? pbnsOrbrequest(out, q) : pbnsOrbresponse(out, r);
         bnsclr(out);
     }
     freeOrbrequest(q);

@@ -63,22 +63,16 @@ inline Result run(const std::function<void()>& body, const Env& env = {}, unsign
     Result r;
     struct pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
     std::string* sinks[2] = {&r.out, &r.err};
+    char buf[65536];
     for (int open = 2; open > 0;) {
         if (poll(fds, 2, -1) < 0) continue;
         for (int i = 0; i < 2; i++) {
-            if (fds[i].fd < 0 || !fds[i].revents) continue;
-            char buf[65536];
-            ssize_t n = read(fds[i].fd, buf, sizeof buf);
-            if (n > 0) {
-                sinks[i]->append(buf, size_t(n));
-            } else if (n == 0 || errno != EINTR) {
-                close(fds[i].fd);
-                fds[i].fd = -1, open--;
-            }
+            ssize_t n = fds[i].fd < 0 || !fds[i].revents ? -2 : read(fds[i].fd, buf, sizeof buf);
+            if (n > 0) sinks[i]->append(buf, size_t(n));
+            if (n == 0 || (n == -1 && errno != EINTR)) close(fds[i].fd), fds[i].fd = -1, open--;
         }
     }
-    while (waitpid(pid, &r.status, 0) < 0 && errno == EINTR) {
-    }
+    while (waitpid(pid, &r.status, 0) < 0 && errno == EINTR) continue;
     return r;
 }
 

@@ -18,8 +18,7 @@ namespace testsupport {
 // Options for an OrbServer that serves its status on a free loopback port.
 inline OrbServer::Options with_status_port(const std::string& pf = "") {
     OrbServer::Options o;
-    o.pf = pf;
-    o.args = {"-H", "127.0.0.1:0"};
+    o.pf = pf, o.args = {"-H", "127.0.0.1:0"};
     return o;
 }
 

@@ -43,15 +43,15 @@ public:
     explicit Cluster(int nodes = 3) : dir_("ferrant_nats") {
         for (int i = 0; i < nodes; i++) nodes_.push_back({free_port(), free_port(), -1});
         for (int i = 0; i < nodes; i++) {
-            std::string n = "n" + std::to_string(i), routes;
+            std::string n = "n" + std::to_string(i), at = "127.0.0.1:", routes;
             for (int j = 0; j < nodes; j++)
-                if (j != i) routes += "\n    nats-route://127.0.0.1:" + std::to_string(nodes_[j].route_port);
-            dir_.file(n + ".conf", "server_name: " + n + "\nlisten: 127.0.0.1:" + std::to_string(nodes_[i].port) +
-                      "\njetstream {\n  store_dir: \"" + dir_.sub(n) + "\"\n  max_memory_store: 64MB\n"
-                      "  max_file_store: 8GB\n}\ncluster {\n  name: ferrant\n  listen: 127.0.0.1:" +
-                      std::to_string(nodes_[i].route_port) + "\n  routes: [" + routes + "\n  ]\n}\n");
+                if (j != i) routes += "\n  nats-route://" + at + std::to_string(nodes_[j].route_port);
+            dir_.file(n + ".conf", "server_name: " + n + "\nlisten: " + at + std::to_string(nodes_[i].port) +
+                      "\njetstream { store_dir: \"" + dir_.sub(n) + "\", max_memory_store: 64MB, "
+                      "max_file_store: 8GB }\ncluster { name: ferrant, listen: " + at +
+                      std::to_string(nodes_[i].route_port) + ", routes: [" + routes + "\n] }\n");
+            start(i);
         }
-        for (int i = 0; i < nodes; i++) start(i);
     }
     ~Cluster() { for (int i = 0; i < int(nodes_.size()); i++) kill(i); }
     Cluster(const Cluster&) = delete;
@@ -83,8 +83,9 @@ public:
     std::string wait_ready(int limit_s = 60) const {
         std::string list, last = "no answer";
         for (const auto& u : urls()) list += (list.empty() ? "nats://" : ",nats://") + u;
-        for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(limit_s);
-             std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(std::chrono::milliseconds(250))) {
+        using clock = std::chrono::steady_clock;
+        for (auto end = clock::now() + std::chrono::seconds(limit_s); clock::now() < end;
+             std::this_thread::sleep_for(std::chrono::milliseconds(250))) {
             natsConnection* nc = nullptr;
             jsCtx* js = nullptr;
             jsStreamInfo* si = nullptr;
@@ -108,10 +109,7 @@ public:
     }
 
 private:
-    struct Node {
-        int port, route_port;
-        pid_t pid;
-    };
+    struct Node { int port, route_port; pid_t pid; };
     TempDir dir_;
     std::vector<Node> nodes_;
 };

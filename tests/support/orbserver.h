@@ -1,14 +1,7 @@
-// Test helper: a real orbserver (FERRANT_BUILD_DIR "/bin/orbserver") on an
-// ephemeral loopback port, with its ring file, parameter file and log in a
-// fresh temporary directory.
-//
-//   testsupport::OrbServer server;                 // started; ASSERT_TRUE(server.up())
-//   orbopen(server.name().c_str(), "r");           // "127.0.0.1:PORT"
-//   server.kill(); server.start();                 // same ring file, same port
-//
-// The ring has 8 MiB of data unless the options say otherwise. Standard error
-// goes to <dir>/orbserver.log (log()). The destructor stops the server
-// (SIGKILL if SIGTERM is not enough).
+// Test helper: a real orbserver on an ephemeral loopback port ("127.0.0.1:PORT",
+// name()), with its ring file (8 MiB of data unless the options say otherwise),
+// parameter file and log (log()) in a fresh temporary directory. Started again,
+// it has the same ring file and port. Stopped when it goes.
 #pragma once
 
 #include <sys/stat.h>
@@ -19,10 +12,6 @@
 
 #include "support/child.h"
 #include "support/tempdir.h"
-
-#ifndef FERRANT_BUILD_DIR
-#error "FERRANT_BUILD_DIR must name the build directory"
-#endif
 
 namespace testsupport {
 
@@ -74,8 +63,7 @@ public:
         kill();
         return false;
     }
-    // SIGTERM, then SIGKILL when it lingers; returns the wait status.
-    int stop() { return end(SIGTERM); }
+    int stop() { return end(SIGTERM); }  // then SIGKILL when it lingers; the wait status
     int kill() { return end(SIGKILL); }
     bool restart() { return stop(), start(); }
     bool up() const { return pid_ > 0; }
@@ -103,7 +91,7 @@ public:
         std::istringstream in(log());
         std::string found;
         for (std::string line; std::getline(in, line);)
-            if (line.find("Sanitizer") != std::string::npos || line.find("runtime error:") != std::string::npos)
+            if (line.find("Sanitizer") != line.npos || line.find("runtime error:") != line.npos)
                 found += line + "\n";
         return found;
     }

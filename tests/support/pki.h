@@ -14,7 +14,10 @@ struct Pki {
     bool ok = false;
     Pki() {
         std::string script = "cd " + dir.path + " && exec >log 2>&1 && set -e\n" + R"(
-ca() { openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout $1.key -subj /CN=$1 -days 2 -out $1.pem; }
+ca() {
+  openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout $1.key -subj /CN=$1 -days 2 \
+    -out $1.pem
+}
 cert() {
   openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout $1.key -subj /CN=$1 -out $1.csr
   echo "subjectAltName=$2" >$1.ext
@@ -22,7 +25,9 @@ cert() {
 }
 ca ca; ca other
 cert expired IP:127.0.0.1 0; cert server IP:127.0.0.1 2; cert wrongname DNS:wrong.example 2
-for k in alice bob mallory; do openssl genpkey -algorithm ed25519 -out $k.key; openssl pkey -in $k.key -pubout -out $k.pub; done
+for k in alice bob mallory; do
+  openssl genpkey -algorithm ed25519 -out $k.key && openssl pkey -in $k.key -pubout -out $k.pub
+done
 sleep 1  # "expired" is good until the end of the second it was made in
 )";
         ok = std::system(script.c_str()) == 0;
