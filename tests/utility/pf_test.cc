@@ -653,11 +653,15 @@ TEST_F(PfPath, DefaultPathIsInstallationThenCurrentDirectoryAndNothingReadIsFail
     ASSERT_EQ(chdir(dir.sub("work").c_str()), 0);
     dir.file("work/tool.pf", "k local\n");
     EXPECT_EQ(read("tool", {"k", "only_installed"}), (Strings{"local", "1"}));
-    Tree installed, absent;
+    Tree installed, absent, looped;
     ASSERT_EQ(pfload(nullptr, "pf", "tool", &installed.pf), 0);
     EXPECT_STREQ(pfget_string(installed.pf, "k"), "installed");
     std::string err = stderr_of([&] { EXPECT_EQ(pfload(nullptr, "pf", "absent", &absent.pf), -1); });
     EXPECT_THAT(err, HasSubstr("Can't find parameter file pf/absent"));
+    // A name that is there but cannot be opened is told; one that vanished is not.
+    ASSERT_EQ(symlink("loop.pf", (dir.sub("root/data/pf") + "/loop.pf").c_str()), 0);
+    err = stderr_of([&] { EXPECT_EQ(pfload(nullptr, "pf", "loop", &looped.pf), -1); });
+    EXPECT_THAT(err, HasSubstr("can't open '" + dir.sub("root/data/pf") + "/loop.pf'"));
 
     setenv("PFPATH", (a + ":" + b).c_str(), 1);
     dir.file("a/comments.pf", "# only\n   # comments\n\n");
