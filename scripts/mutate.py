@@ -14,6 +14,7 @@ copy kept in the build tree, and restored whatever happens; a leftover from an
 interrupted run is restored at start.
 
 usage: mutate.py [--mutants N] [--seed S] [--budget SECONDS] [--files REGEX] [--exclude REGEX]
+                 [--recheck TSV] [--all-killers]
 """
 import argparse
 import json
@@ -260,6 +261,9 @@ def main():
                     help="a .tsv of an earlier run of the same sample: run only the mutants it "
                          "says were killed and carry the others' results over, to compare a "
                          "smaller suite cheaply (a lower bound on its kill rate)")
+    ap.add_argument("--all-killers", action="store_true",
+                    help="run the whole suite on each mutant and name every test that fails, "
+                         "so that a test whose kills are all shared can be told apart")
     ap.add_argument("--first", type=int, default=0,
                     help="run only the first N mutants of the sample (in run order), "
                          "to repeat a run that its budget cut short")
@@ -344,15 +348,20 @@ def main():
                 elif [read(o, "rb") for o in objs[s]] == orig_objs[s]:
                     results[i] = ("equivalent", "object file unchanged")
                 else:
-                    rc, out = run(["ctest", "--stop-on-failure", "-j", str(args.jobs),
+                    stop = [] if args.all_killers else ["--stop-on-failure"]
+                    rc, out = run(["ctest", *stop, "-j", str(args.jobs),
                                    "--timeout", str(args.test_timeout), *skip], build,
                                   timeout=max(600, 4 * suite_secs))
                     if rc:
                         m = re.search(r"^\s*\d+ - (\S+) \(", out, re.M) or \
                             re.search(r"\*\*\*(?:Failed|Timeout|Exception)\S*.*?(\S+)\s", out)
                         killer = re.findall(r"\d+/\d+ Test\s+#\d+: (\S+) \.+\*+", out)
-                        results[i] = ("killed", killer[0] if killer else
-                                      (m.group(1) if m else "?"))
+                        every = re.findall(r"^\s*\d+ - (\S+)", out.partition("tests FAILED:")[2], re.M)
+                        if args.all_killers and every:
+                            results[i] = ("killed", " ".join(every))
+                        else:
+                            results[i] = ("killed", killer[0] if killer else
+                                          (m.group(1) if m else "?"))
                     else:
                         results[i] = ("survived", "")
             finally:
