@@ -11,6 +11,7 @@
 
 #include "frontend_impl.h"
 #include "records.h"
+#include "stock/allot.h"
 #include "stock/elog.h"
 
 using namespace fe;
@@ -111,7 +112,7 @@ void Frontend::Impl::handle_put(Client& c, Orbrequest* q) {
         if (answer) send_error(c, q->what, "address " + addr_text(c.addr) + " may not write");
         return;
     }
-    PutDone d{c.id, q->what, p ? p->srcname : "", p ? p->time : 0, p ? uint32_t(std::max(p->packetsize, 0)) : 0};
+    PutDone d{c.id, q->what, p ? p->srcname : "", p ? p->time : 0, p ? uint32_t(std::max(p->packetsize, 0)) : 0, -1, {}};
     if (!p || p->packetsize < 0) {
         d.why = "bad packet";
     } else if (p->pktid == ORBSTASH) {
@@ -331,11 +332,7 @@ void Frontend::Impl::handle_clients(Client& c) {
     Orbresponse* r = start(c, ORBCLIENTS);
     r->client_when = std_now();
     if (r->sZclient < int(list.size())) {
-        auto* grown = static_cast<Orbclient*>(
-            std::realloc(r->client, sizeof(Orbclient) * std::max<size_t>(list.size(), 1)));
-        if (!grown) elog_die(1, "Out of memory at line %d in '%s'\n\tCan't malloc %u bytes for s->client\n",
-                             __LINE__, __FILE__, unsigned(sizeof(Orbclient) * list.size()));
-        r->client = grown;
+        reallot(Orbclient*, r->client, list.size());
         r->sZclient = int(list.size());
     }
     r->nclient = int(list.size());
@@ -348,11 +345,7 @@ void Frontend::Impl::handle_sources(Client& c) {
     Orbresponse* r = start(c, ORBSOURCES);
     r->source_when = std_now();
     if (r->sZsource < int(list.size())) {
-        auto* grown = static_cast<Orbsrc*>(
-            std::realloc(r->source, sizeof(Orbsrc) * std::max<size_t>(list.size(), 1)));
-        if (!grown) elog_die(1, "Out of memory at line %d in '%s'\n\tCan't malloc %u bytes for s->source\n",
-                             __LINE__, __FILE__, unsigned(sizeof(Orbsrc) * list.size()));
-        r->source = grown;
+        reallot(Orbsrc*, r->source, list.size());
         r->sZsource = int(list.size());
     }
     r->nsource = int(list.size());
