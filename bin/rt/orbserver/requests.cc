@@ -112,7 +112,8 @@ void Frontend::Impl::handle_put(Client& c, Orbrequest* q) {
         if (answer) send_error(c, q->what, "address " + addr_text(c.addr) + " may not write");
         return;
     }
-    PutDone d{c.id, q->what, p ? p->srcname : "", p ? p->time : 0, p ? uint32_t(std::max(p->packetsize, 0)) : 0, -1, {}};
+    PutDone d{c.id, q->what, p ? p->srcname : "", p ? p->time : 0,
+              p ? uint32_t(std::max(p->packetsize, 0)) : 0, -1, {}};
     if (!p || p->packetsize < 0) {
         d.why = "bad packet";
     } else if (p->pktid == ORBSTASH) {
