@@ -107,13 +107,21 @@ public:
     int open(char perm = 'r', const char* what = "server_test") {
         return hello(perm, what), exchange(ORBOPEN);
     }
-    // ORBPUT: no answer.
-    bool put(const std::string& src, double time, const std::string& data, int pktid = -1) {
-        return send_pkg(ORBPUT, src, time, data, pktid);
+    // ORBPUT (no answer; stashed when pktid is ORBSTASH), the packet sent from data itself.
+    bool put(const std::string& src, double t, const std::string& data, int pktid = -1, int what = ORBPUT) {
+        if (!req_->pkg) req_->pkg = newPktpkg(), req_->sZpkg = 1;
+        Pktpkg* p = req_->pkg;
+        p->pktid = pktid, p->time = t;
+        std::snprintf(p->srcname, sizeof p->srcname, "%s", src.c_str());
+        p->srcnamesize = static_cast<unsigned short>(std::strlen(p->srcname));
+        p->packet = const_cast<char*>(data.data()), p->packetsize = int(data.size()), p->sZpacket = 0;
+        bool ok = (req_->what = what, send());
+        p->packet = nullptr;  // not the request's to free
+        return ok;
     }
     // ORBPUTX: the new pktid, or a negative failure.
     int putx(const std::string& src, double time, const std::string& data) {
-        int r = send_pkg(ORBPUTX, src, time, data, -1) ? recv(ORBPUTX) : kFailed;
+        int r = put(src, time, data, -1, ORBPUTX) ? recv(ORBPUTX) : kFailed;
         return r == 0 ? resp_->pktid : r;
     }
     // ORBSEEK/ORBTELL/ORBAFTER: the pktid, or kFailed.
@@ -163,19 +171,6 @@ public:
 
 private:
     int pktid_or_failed(int r) const { return r == 0 ? resp_->pktid : kFailed; }
-    // The packet is sent from data itself and forgotten before the request is reused.
-    bool send_pkg(int what, const std::string& src, double time, const std::string& data, int pktid) {
-        if (!req_->pkg) req_->pkg = newPktpkg(), req_->sZpkg = 1;
-        Pktpkg* p = req_->pkg;
-        p->pktid = pktid, p->time = time;
-        std::snprintf(p->srcname, sizeof p->srcname, "%s", src.c_str());
-        p->srcnamesize = static_cast<unsigned short>(std::strlen(p->srcname));
-        p->packet = const_cast<char*>(data.data()), p->packetsize = int(data.size()), p->sZpacket = 0;
-        req_->what = what;
-        bool ok = send();
-        p->packet = nullptr;
-        return ok;
-    }
     void attach(int fd) {
         signal(SIGPIPE, SIG_IGN);  // a server killed under a test must fail its writes, not kill it
         fd_ = fd;
@@ -484,9 +479,7 @@ TEST_F(Sharing, AForbserverServesItsOneClientToTheEnd) {
     // Only the ring itself takes a packet above what the protocol carries (another writer of the file, or
     // damage); a stream must not stick on it.
     {
-        ring::Geometry g;
-        g.data_bytes = 16 << 20;
-        auto r = ring::Ring::open_or_create(ring, g);
+        auto r = ring::Ring::open_or_create(ring, {.data_bytes = 16 << 20});
         std::string huge(5000000, 'h');
         ASSERT_GE(r->put("F/huge", 1, huge.data(), huge.size()), 0);
         ASSERT_GE(r->put("F/small", 2, "after", 5), 0);
