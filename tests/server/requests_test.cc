@@ -508,65 +508,11 @@ TEST_F(Sharing, AForbserverServesItsOneClientToTheEnd) {
     EXPECT_TRUE(has(text, "can't encode packet"));
 }
 
-TEST_F(Sharing, ForbserversAndAnOrbserverShareTheRing) {
-    constexpr int kPackets = 2000;
-    ASSERT_TRUE(start("", {"-s", "64M"}, ring)) << server->log();
-    WireClient tcp_reader, forb_reader, forb_writer, tcp_writer;
-    ASSERT_TRUE(join(tcp_reader, 'r', "tcp_reader") && forb(forb_reader, 'r', "forb_reader"));
-    ASSERT_EQ(forb_reader.select("B/.*"), 0);
-    ASSERT_TRUE(forb(forb_writer, 'w', "forb_writer") && join(tcp_writer, 'w', "tcp_writer"));
-    // Each front end's clients appear in every front end's client list.
-    for (WireClient* c : {&tcp_reader, &forb_reader}) {
-        ASSERT_EQ(c->exchange(ORBCLIENTS), 0);
-        std::set<std::string> whats;
-        for (int i = 0; i < c->resp()->nclient; i++) whats.insert(c->resp()->client[i].what);
-        EXPECT_EQ(whats, (std::set<std::string>{"tcp_reader", "forb_reader", "forb_writer", "tcp_writer"}));
-        ASSERT_TRUE(c->reap());
-    }
-    // Two writers through two front ends: A/ packets from the forbserver, B/ from TCP.
-    auto write = [&](WireClient* w, const char* src) {
-        for (int i = 0; i < kPackets; i++) w->put(src, i, body(i));
-        w->exchange(ORBPING);
-    };
-    std::thread a(write, &forb_writer, "A/x"), b(write, &tcp_writer, "B/x");
-    // The TCP reader sees both sources, each in its own order; the selecting forbserver reader only B,
-    // woken by the orbserver's appends.
-    int next[2] = {0, 0};
-    Pkt p;
-    for (int id = 0; next[0] + next[1] < 2 * kPackets; id++) {
-        p = tcp_reader.next_pkt();
-        int& n = next[p.srcname == "B/x"];
-        ASSERT_EQ(words(p.pktid, p.srcname, index_of(p.data)), words(id, p.srcname, n));
-        ASSERT_EQ(p.data, body(n++));
-    }
-    int only_b = 0;
-    while (only_b < kPackets && (p = forb_reader.next_pkt()).srcname == "B/x" && p.data == body(only_b))
-        only_b++;
-    a.join();
-    b.join();
-    EXPECT_EQ(only_b, kPackets);
-    // Large packets go out straight from the ring as far as the socket takes them and the rest is queued;
-    // a reader that lags behind must still see every byte in order.
-    auto big = [](int i) {
-        std::string s(300000 + 70000 * i, '\0');
-        for (size_t k = 0; k < s.size(); k++) s[k] = char(k * 131 + i * 7 + k / 4099);
-        return s;
-    };
-    for (int i = 0; i < 12; i++) ASSERT_TRUE(forb_writer.put("B/big", i, big(i)));
-    ASSERT_EQ(forb_writer.exchange(ORBPING), 0);
-    for (WireClient* c : {&tcp_reader, &forb_reader}) {
-        for (int i = 0; i < 12; i++) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            p = c->next_pkt();
-            EXPECT_TRUE(p.time == i && p.data == big(i)) << "packet " << i << " differs";
-        }
-    }
-}
-
-// The server's restart after a clean stop and the change of its start time are tests/orb's (OrbRestart).
-TEST_F(Sharing, AKillMidAppendsLeavesTheRingConsistentAndRestartsKeepIt) {
+// Two front ends on one ring at the ring's level (concurrent writers, waiting readers, the client table) are
+// tests/ring's; restarts and the change of the server's start time are tests/orb's (OrbRestart).
+TEST_F(Sharing, AKillMidAppendsLeavesTheRingConsistentAndAForbserverSharesItAfterARestart) {
     ASSERT_TRUE(start("", {"-s", "256k"}, ring)) << server->log();
-    WireClient w, r, f;
+    WireClient w, r, f, tcp_writer;
     ASSERT_TRUE(join(w, 'w'));
     double orb_start = w.resp()->orb_start;
     // Puts stream in without answers; the server dies somewhere among them.
@@ -592,11 +538,21 @@ TEST_F(Sharing, AKillMidAppendsLeavesTheRingConsistentAndRestartsKeepIt) {
     int base = latest + 1;
     for (int i = 0; i < 50; i++) ASSERT_EQ(w.putx("P/x", 10 + i, body(i)), base + i);
     ASSERT_TRUE(server->restart()) << server->log();
-    ASSERT_TRUE(forb(f, 'r'));
+    ASSERT_TRUE(forb(f, 'r', "forb_reader") && join(tcp_writer, 'w', "tcp_writer"));
     EXPECT_EQ(words(f.resp()->orb_start, f.resp()->latest_pktid), words(orb_start, base + 49));
     ASSERT_EQ(f.seek(base - 1), base - 1);
     ASSERT_TRUE(f.reap(50));
     for (int i = 0; i < 50; i++) EXPECT_EQ(f.next_pkt().str(), words(base + i, 10 + i, "P/x", body(i)));
+    // The forbserver's reader is listed with the orbserver's clients, and woken by their appends to the one
+    // source it selects.
+    ASSERT_EQ(f.exchange(ORBCLIENTS), 0);
+    std::set<std::string> whats;
+    for (int i = 0; i < f.resp()->nclient; i++) whats.insert(f.resp()->client[i].what);
+    EXPECT_EQ(whats, (std::set<std::string>{"forb_reader", "tcp_writer"}));
+    ASSERT_EQ(f.select("R/x"), 0);
+    ASSERT_TRUE(f.reap());
+    for (int i = 0; i < 400; i++) tcp_writer.put(i % 2 ? "R/x" : "S/x", i, body(i));
+    for (int i = 1; i < 400; i += 2) ASSERT_EQ(f.next_pkt().str(), words(base + 50 + i, i, "R/x", body(i)));
 }
 
 // Ids wrapping at the modulus are the ring's (tests/ring); here the server must pass its options on: the
