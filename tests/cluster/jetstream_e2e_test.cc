@@ -1,33 +1,28 @@
-// ferrant2 through two orbservers on one JetStream stream of a real 3-node
-// cluster: sent through one front end, received through the other. Mid-run
-// the stream's leader node and the receiver's front end are SIGKILLed; the
-// receiver moves to the other front end. Every file arrives whole, once, and
-// no interim file is left behind.
+// ferrant2 through two orbservers on one JetStream stream of a real 3-node cluster: sent through one front
+// end, received through the other. Mid-run the stream's leader node and the receiver's front end are
+// SIGKILLed; the receiver moves to the other front end. Every file arrives whole, once, and no interim file
+// is left behind.
 #include <gmock/gmock.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 
 #include "ferrant/harness.h"
-#include "support/nats_cluster.h"
 #include "support/http.h"
-#include "support/orbserver.h"
-
-#include <nlohmann/json.hpp>
+#include "support/nats_cluster.h"
 
 using namespace ferrant_test;
 
 namespace {
 
 // The node ("n0".."n2") leading the stream, or -1.
-int stream_leader(const std::vector<std::string>& urls, const char* stream) {
-    std::string list;
-    for (const auto& u : urls) list += (list.empty() ? "nats://" : ",nats://") + u;
+int stream_leader(const nats_test::Cluster& cluster, const char* stream) {
     natsConnection* nc = nullptr;
     jsCtx* js = nullptr;
     jsStreamInfo* si = nullptr;
     int leader = -1;
-    if (natsConnection_ConnectTo(&nc, list.c_str()) == NATS_OK &&
+    if (natsConnection_ConnectTo(&nc, cluster.url_list("nats://").c_str()) == NATS_OK &&
         natsConnection_JetStream(&js, nc, nullptr) == NATS_OK &&
         js_GetStreamInfo(&si, js, stream, nullptr, nullptr) == NATS_OK && si->Cluster && si->Cluster->Leader)
         leader = si->Cluster->Leader[1] - '0';
@@ -41,14 +36,10 @@ TEST(JetStreamFerrant, FilesCrossTwoFrontEndsWhileALeaderNodeAndAFrontEndDie) {
     if (nats_test::server_binary().empty()) GTEST_SKIP() << "nats-server is not installed (scripts/deps.sh)";
     nats_test::Cluster cluster;
     ASSERT_EQ(cluster.wait_ready(), "");
-    std::string urls;
-    for (const auto& u : cluster.urls()) urls += (urls.empty() ? "" : ",") + u;
-    testsupport::OrbServer::Options o{"", {"-J", urls}, "127.0.0.1", "e2e"}, with_page = o;
+    testsupport::OrbServer::Options o{"", {"-J", cluster.url_list()}, "127.0.0.1", "e2e"}, with_page = o;
     with_page.args.insert(with_page.args.end(), {"-H", "127.0.0.1:0"});
     testsupport::OrbServer sending(with_page), receiving(o);
-    ASSERT_TRUE(sending.up()) << sending.log();
-    ASSERT_TRUE(receiving.up()) << receiving.log();
-
+    ASSERT_TRUE(sending.up() && receiving.up()) << sending.log() << receiving.log();
     TempDir tmp;
     std::string in = tmp / "in", spool = tmp.sub("spool"), src = tmp.sub("src");
     std::string pf = write_pf(tmp / "t.pf", {{"directory", in}, {"starting_position", "newest"},
@@ -69,8 +60,8 @@ TEST(JetStreamFerrant, FilesCrossTwoFrontEndsWhileALeaderNodeAndAFrontEndDie) {
     };
     drop(0, 20);
     ASSERT_TRUE(received(r, 20)) << r.err() << w.err();
-    // The sender's front end lists the reader attached to the other one (so the
-    // sender's lag throttle sees it), beside the stream that keeps the ring.
+    // The sender's front end lists the reader attached to the other one (so the sender's lag throttle sees
+    // it), beside the stream that keeps the ring.
     int http = testsupport::http_port(sending.log());
     nlohmann::json doc;
     auto reader = [&](const nlohmann::json& c) {
@@ -80,12 +71,11 @@ TEST(JetStreamFerrant, FilesCrossTwoFrontEndsWhileALeaderNodeAndAFrontEndDie) {
         doc = nlohmann::json::parse(testsupport::http_get(http, "/status.json").body, nullptr, false);
         return doc.is_object() && std::any_of(doc["clients"].begin(), doc["clients"].end(), reader);
     })) << doc.dump();
-    EXPECT_EQ(doc["ring"]["store"], "stream 'e2e' on nats://" + cluster.urls()[0] + ",nats://" +
-                                        cluster.urls()[1] + ",nats://" + cluster.urls()[2]);
+    EXPECT_EQ(doc["ring"]["store"], "stream 'e2e' on " + cluster.url_list("nats://"));
     EXPECT_GE(doc["ring"]["nclients"], 2);
     std::string metrics = testsupport::http_get(http, "/metrics").body;
-    EXPECT_THAT(metrics, testing::HasSubstr("orbserver_ring_info{name=\"e2e\",store=\"stream 'e2e' on nats://"));
-    int leader = stream_leader(cluster.urls(), "e2e");
+    EXPECT_SAID(metrics, "orbserver_ring_info{name=\"e2e\",store=\"stream 'e2e' on nats://");
+    int leader = stream_leader(cluster, "e2e");
     ASSERT_GE(leader, 0);
     drop(20, 40);
     cluster.kill(leader);
@@ -98,8 +88,7 @@ TEST(JetStreamFerrant, FilesCrossTwoFrontEndsWhileALeaderNodeAndAFrontEndDie) {
         return true;
     };
     ASSERT_TRUE(eventually(all_in, 90)) << r.err() << "\n---\n" << w.err() << "\n---\n" << sending.log();
-    EXPECT_TRUE(r.running());
-    EXPECT_TRUE(w.running());
+    EXPECT_TRUE(r.running() && w.running());
     for (auto& [name, data] : sent) {
         EXPECT_TRUE(slurp(in + "/" + name) == data) << name;
         EXPECT_EQ(count(r.err(), "ferrant2: received ./" + name + " "), 1u) << name;
@@ -110,19 +99,17 @@ TEST(JetStreamFerrant, FilesCrossTwoFrontEndsWhileALeaderNodeAndAFrontEndDie) {
 
 // What stops a front end on a stream at start, and says why.
 TEST(JetStreamFrontEnd, BadStartsAreFatalWithTheReason) {
-    struct Case { std::vector<std::string> args; const char* says; };
-    for (const Case& c : {Case{{"-J", "127.0.0.1:1,127.0.0.1:2", "r"},
-                               "can't reach a NATS server at nats://127.0.0.1:1,nats://127.0.0.1:2"},
-                          Case{{"-J", "", "r"}, "bad JetStream URL list ''"},
-                          Case{{"-J", "127.0.0.1:1,", "r"}, "bad JetStream URL list"},
-                          Case{{"-J", "127.0.0.1:1", "no.dots"},
-                               "stream name 'no.dots' must be 1 to 200 letters"}}) {
+    struct { const char *urls, *stream, *says; } cases[] = {
+        {"127.0.0.1:1,127.0.0.1:2", "r", "can't reach a NATS server at nats://127.0.0.1:1,nats://127.0.0.1:"},
+        {"", "r", "bad JetStream URL list ''"},
+        {"127.0.0.1:1,", "r", "bad JetStream URL list"},
+        {"127.0.0.1:1", "no.dots", "stream name 'no.dots' must be 1 to 200 letters"},
+    };
+    for (const auto& c : cases) {
         TempDir tmp;
-        std::vector<std::string> argv = {FERRANT_BUILD_DIR "/bin/orbserver", "-P", "127.0.0.1:0"};
-        argv.insert(argv.end(), c.args.begin(), c.args.end());
-        Child s(argv, tmp.path);
+        Child s({FERRANT_BUILD_DIR "/bin/orbserver", "-P", "127.0.0.1:0", "-J", c.urls, c.stream}, tmp.path);
         EXPECT_EQ(s.wait(), 1) << c.says;
-        EXPECT_NE(s.err().find(c.says), std::string::npos) << s.err();
+        EXPECT_SAID(s.err(), c.says);
     }
 }
 

@@ -1,7 +1,6 @@
-// Child processes for tests: a piece of a test run in a forked child with its
-// output captured, so that exits, aborts and process-wide state (the log's
-// settings are read once per process) stay out of the test program; and
-// programs started with their output in files, waited for with a bound.
+// Child processes for tests: a piece of a test run in a forked child with its output captured, so that exits,
+// aborts and process-wide state (the log's settings are read once per process) stay out of the test program;
+// and programs started with their output in files, waited for with a bound.
 #pragma once
 
 #include <fcntl.h>
@@ -40,8 +39,8 @@ inline void apply(const Env& env) {
         value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
 }
 
-// The child runs body and exits 0 when it returns. It is killed by SIGALRM
-// after limit seconds, so a hang fails the test instead of stalling it.
+// The child runs body and exits 0 when it returns. It is killed by SIGALRM after limit seconds, so a hang
+// fails the test instead of stalling it.
 inline Result run(const std::function<void()>& body, const Env& env = {}, unsigned limit = 20) {
     int out[2], err[2];
     if (pipe(out) != 0 || pipe(err) != 0) return {};
@@ -76,13 +75,14 @@ inline Result run(const std::function<void()>& body, const Env& env = {}, unsign
     return r;
 }
 
-// How spawn starts a program: standard input from the file in, output and
-// errors appended to the files out and err (which may be the same).
+// How spawn starts a program: standard input from the file in, output and errors appended to the files out
+// and err (which may be the same).
 struct Io {
     std::string in = "/dev/null", out = "/dev/null", err = "/dev/null", cwd;
     Env env;
     bool group = false;            // its own process group, so that what it starts goes with it
     bool die_with_parent = false;  // nothing outlives a crashed test
+    int fd = -1;                   // when set, standard input and output instead of in and out
 };
 
 // The pid of argv[0] started with io (exit 127 when it cannot be run); -1 when fork fails.
@@ -94,8 +94,8 @@ inline pid_t spawn(const std::vector<std::string>& argv, const Io& io) {
     if (pid == 0) {
         if (io.group) setpgid(0, 0);
         if (io.die_with_parent) prctl(PR_SET_PDEATHSIG, SIGKILL);
-        int out = open(io.out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        dup2(open(io.in.c_str(), O_RDONLY), 0), dup2(out, 1);
+        int out = io.fd >= 0 ? io.fd : open(io.out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        dup2(io.fd >= 0 ? io.fd : open(io.in.c_str(), O_RDONLY), 0), dup2(out, 1);
         dup2(io.err == io.out ? out : open(io.err.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644), 2);
         if (!io.cwd.empty() && chdir(io.cwd.c_str()) != 0) _exit(127);
         apply(io.env);
@@ -118,8 +118,8 @@ inline int reap(pid_t pid, double seconds) {
     }
 }
 
-// Sends sig (to the process group of pid too when group), then SIGKILL when
-// the process lingers for 10 s; its wait status.
+// Sends sig (to the process group of pid too when group), then SIGKILL when the process lingers for 10 s; its
+// wait status.
 inline int end(pid_t pid, int sig, bool group = false) {
     if (group) kill(-pid, sig);
     kill(pid, sig);

@@ -1,5 +1,5 @@
-// Test helper: raw HTTP/1.0 exchanges with orbserver's status port, so that
-// tests can send malformed requests as well as good ones.
+// Test helper: raw HTTP/1.0 exchanges with orbserver's status port, so that tests can send malformed requests
+// as well as good ones.
 //   int port = testsupport::http_port(server.log());      // from "status page at ..."
 //   auto r = testsupport::http_get(port, "/status.json"); // r.code, r.body
 #pragma once
@@ -30,9 +30,12 @@ inline int http_port(const std::string& log) {
     return colon == std::string::npos ? 0 : std::atoi(log.c_str() + colon + 1);
 }
 
-inline int connect_loopback(int port) {
+// A connection to the loopback port (from the local address from, when given), or -1.
+inline int connect_loopback(int port, const char* from = nullptr) {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in sa{AF_INET, htons(uint16_t(port)), {htonl(INADDR_LOOPBACK)}, {}};
+    sockaddr_in sa{AF_INET, htons(uint16_t(port)), {htonl(INADDR_LOOPBACK)}, {}}, la{AF_INET, 0, {}, {}};
+    if (from && inet_pton(AF_INET, from, &la.sin_addr) == 1)
+        bind(fd, reinterpret_cast<sockaddr*>(&la), sizeof la);
     if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) close(fd), fd = -1;
     return fd;
 }

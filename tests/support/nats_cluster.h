@@ -1,8 +1,7 @@
-// A real NATS cluster with JetStream for tests: `nodes` nats-server processes
-// on loopback ports of their own, routed to each other, their configuration
-// and storage in a private temporary directory. Nodes can be SIGKILLed and
-// started again on the same ports and storage. Everything is killed when the
-// object goes. Programs including this link the NATS client (libnats).
+// A real NATS cluster with JetStream for tests: `nodes` nats-server processes on loopback ports of their own,
+// routed to each other, their configuration and storage in a private temporary directory. Nodes can be
+// SIGKILLed and started again on the same ports and storage. Everything is killed when the object goes.
+// Programs including this link the NATS client (libnats).
 #pragma once
 
 #include <nats/nats.h>
@@ -63,6 +62,12 @@ public:
         for (const auto& n : nodes_) v.push_back("127.0.0.1:" + std::to_string(n.port));
         return v;
     }
+    // The same joined by commas, each after prefix ("nats://" for the client library).
+    std::string url_list(const std::string& prefix = "") const {
+        std::string list;
+        for (const auto& u : urls()) list += (list.empty() ? "" : ",") + prefix + u;
+        return list;
+    }
 
     void start(int i) {
         if (nodes_[i].pid > 0) return;
@@ -78,11 +83,10 @@ public:
         nodes_[i].pid = -1;
     }
 
-    // Waits (at most limit_s) until JetStream places a stream on every node:
-    // then the cluster has its leader and all peers. "" or what is wrong.
+    // Waits (at most limit_s) until JetStream places a stream on every node: then the cluster has its leader
+    // and all peers. "" or what is wrong.
     std::string wait_ready(int limit_s = 60) const {
-        std::string list, last = "no answer";
-        for (const auto& u : urls()) list += (list.empty() ? "nats://" : ",nats://") + u;
+        std::string list = url_list("nats://"), last = "no answer";
         using clock = std::chrono::steady_clock;
         for (auto end = clock::now() + std::chrono::seconds(limit_s); clock::now() < end;
              std::this_thread::sleep_for(std::chrono::milliseconds(250))) {

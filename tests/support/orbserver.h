@@ -1,7 +1,6 @@
-// Test helper: a real orbserver on an ephemeral loopback port ("127.0.0.1:PORT",
-// name()), with its ring file (8 MiB of data unless the options say otherwise),
-// parameter file and log (log()) in a fresh temporary directory. Started again,
-// it has the same ring file and port. Stopped when it goes.
+// Test helper: a real orbserver on an ephemeral loopback port ("127.0.0.1:PORT", name()), with its ring file
+// (8 MiB of data unless the options say otherwise), parameter file and log (log()) in a fresh temporary
+// directory. Started again, it has the same ring file and port. Stopped when it goes.
 #pragma once
 
 #include <sys/stat.h>
@@ -37,8 +36,8 @@ public:
     OrbServer(const OrbServer&) = delete;
     OrbServer& operator=(const OrbServer&) = delete;
 
-    // Starts the server (again: same ring, same port once one was chosen).
-    // False when it did not come up; log() tells why.
+    // Starts the server (again: same ring, same port once one was chosen). False when it did not come up;
+    // log() tells why.
     bool start() {
         if (pid_ > 0) return true;
         std::string portfile = dir_ + "/port";

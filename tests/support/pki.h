@@ -1,6 +1,6 @@
-// Keys made by the openssl command in a temporary directory, NAME.pem/NAME.key: CAs "ca", "other";
-// from "ca", certificates for 127.0.0.1 ("server"), another name ("wrongname"), already expired
-// ("expired"). Ed25519 signers alice, bob, mallory: NAME.key, NAME.pub.
+// Keys made by the openssl command in a temporary directory, NAME.pem/NAME.key: CAs "ca", "other"; from "ca",
+// certificates for 127.0.0.1 ("server"), another name ("wrongname"), already expired ("expired"). Ed25519
+// signers alice, bob, mallory: NAME.key, NAME.pub.
 #pragma once
 
 #include <cstdlib>
