@@ -26,6 +26,7 @@
 using namespace orbtest;
 using testsupport::OrbServer;
 using testsupport::slurp;
+using namespace std::string_literals;
 
 namespace {
 
@@ -242,8 +243,8 @@ TEST_F(OrbServerTest, PositionsCountedAndBoundedReadsAndPatterns) {
     g = rd.reapn(3);
     EXPECT_EQ(words(g.rc, g.pktid, orb2orbfile(r)->reaped), "0 3 1");
     int pktid;  // headers only
-    char src[ORB_SRCNAME_SIZE + 1];
     double t;
+    char src[ORB_SRCNAME_SIZE + 1];
     orbseek(r, ORBOLDEST);
     EXPECT_EQ(orbreaphdr(r, &pktid, src, &t), 0);
     EXPECT_EQ(words(pktid, src, t), "0 AA_B/pos 1000");
@@ -284,8 +285,8 @@ TEST_F(OrbServerTest, WritesAndStatusUnderOrbDumpRupStashAndElog) {
         w = open("w");
     }
     std::string path = orb2orbfile(w)->PacketDump;
-    EXPECT_EQ(path.rfind(dir + "/", 0), 0u) << path;
-    EXPECT_EQ(path.find(':', dir.size()), std::string::npos) << path;  // the port's ":" became "#"
+    // In the dump directory; the port's ":" became "#".
+    EXPECT_TRUE(path.rfind(dir + "/", 0) == 0 && path.find(':', dir.size()) == std::string::npos) << path;
     EXPECT_EQ(Orb_max_data_bytes, 100);
     std::string big(70000, 'b'), longname(80, 'L');
     EXPECT_TRUE(fails_saying([&] { return orbput(w, "AA/lim", 1, big.data(), 101); },
@@ -308,16 +309,14 @@ TEST_F(OrbServerTest, WritesAndStatusUnderOrbDumpRupStashAndElog) {
     EXPECT_EQ(orbrange(r), 4);
     std::string orbstat = std::string(FERRANT_BUILD_DIR) + "/bin/orbstat";
     EXPECT_EQ(system((orbstat + " -s -c " + server.name() + " >" + out + " 2>&1").c_str()), 0);
-    std::string text = slurp(out);
-    EXPECT_TRUE(has(text, "holding     4 packets from 4 sources"));
-    EXPECT_TRUE(has(text, "AA_SMALL/xfer"));
-    EXPECT_TRUE(has(text, "orb_server_test"));  // this process's clients
+    for (const char* part : {"holding     4 packets from 4 sources", "AA_SMALL/xfer", "orb_server_test"})
+        EXPECT_TRUE(has(slurp(out), part));  // the last in this process's clients
     EXPECT_NE(system((orbstat + " -x >" + out + " 2>&1").c_str()), 0);
     EXPECT_TRUE(has(slurp(out), "Usage: orbstat [-s] [-c] [-j] orb"));
-    text = slurp(path);  // the exchange log
-    EXPECT_TRUE(has(text, "#orb x output-" + server.name() + " "));
-    EXPECT_TRUE(has(text, "#orb x input-" + server.name() + " "));
-    EXPECT_TRUE(has(text, "41 41 2f 6c 69 6d 62 62  ?.......AA/limbb"));  // a packet, in hex and text
+    std::string text = slurp(path);  // the exchange log, with a packet in hex and text
+    for (std::string part : {"#orb x output-" + server.name() + " ", "#orb x input-" + server.name() + " ",
+                             "41 41 2f 6c 69 6d 62 62  ?.......AA/limbb"s})
+        EXPECT_TRUE(has(text, part));
     int id = -1, latest;
     EXPECT_EQ(orbid(r, &id), 0);
     double os, ss;
@@ -389,13 +388,10 @@ TEST_F(OrbServerTest, LagThrottleWaitsForAReaderThenHoldsTheWriterWhileItLags) {
 
     Laggards* lg = nullptr;  // the reader is one packet behind of five
     EXPECT_DOUBLE_EQ(orblag(w, "orb_server_test", nullptr, &lg), 0.2);
-    ASSERT_NE(lg, nullptr);
-    EXPECT_EQ(lg->range, 5);
-    ASSERT_EQ(maxtbl(lg->list), 1);
+    ASSERT_TRUE(lg && lg->range == 5 && maxtbl(lg->list) == 1);
     auto* entry = static_cast<ClientLag*>(gettbl(lg->list, 0));
     EXPECT_DOUBLE_EQ(entry->lag, 0.2);
-    EXPECT_TRUE(has(entry->what, "orb_server_test"));
-    EXPECT_TRUE(has(entry->who, "@"));
+    EXPECT_TRUE(has(entry->what, "orb_server_test") && has(entry->who, "@")) << entry->what << entry->who;
     EXPECT_EQ(orblag(w, "someone_else", nullptr, &lg), -1);     // nobody matches
     EXPECT_EQ(orblag(w, nullptr, "orb_server_test", &lg), -1);  // rejected
     EXPECT_EQ(orblag(w, "orb_server_t", nullptr, nullptr), -1);  // the whole name must match
@@ -464,11 +460,8 @@ TEST(OrbHostile, BadNamesHostilePeersAndUnknownDescriptorsFailWithTheirMessages)
     int v = 7;
     EXPECT_TRUE(has(stderr_of([&] {
         EXPECT_EQ(orb2orbfile(12345), nullptr);
-        EXPECT_EQ(orbclose(12345), -1);
-        EXPECT_EQ(orbseek(12345, ORBOLDEST), -1);
-        EXPECT_EQ(orbtell(12345), -1);
-        EXPECT_EQ(orbping(12345, &v), -1);
-        EXPECT_EQ(orbput(12345, "a/b", 0, "x", 1), -1);
+        EXPECT_EQ(words(orbclose(12345), orbseek(12345, ORBOLDEST), orbtell(12345), orbping(12345, &v),
+                        orbput(12345, "a/b", 0, "x", 1)), "-1 -1 -1 -1 -1");
     }), "called with no open orb buffers"));
     EXPECT_EQ(v, -1);
 }
@@ -480,14 +473,9 @@ TEST(OrbHostile, HalfAPacketOrATruncatedAnswerAfterTheOpen) {
     Peer half([](Peer& s) {
         s.answer_open();
         if (!s.read()) return;
-        Orbresponse* p = s.resp;
-        p->what = ORBREAP;
-        p->pkg = newPktpkg();
-        p->sZpkg = 1;
-        p->pkg->packet = static_cast<char*>(calloc(1000, 1));
-        p->pkg->sZpacket = p->pkg->packetsize = 1000;
-        p->pkg->pktid = 7;
-        p->pkg->srcnamesize = static_cast<unsigned short>(strlen(strcpy(p->pkg->srcname, "AA_BB/xfer")));
+        s.resp->what = ORBREAP, s.resp->sZpkg = 1;
+        *(s.resp->pkg = newPktpkg()) = {.time = 0, .packet = static_cast<char*>(calloc(1000, 1)),
+            .sZpacket = 1000, .pktid = 7, .packetsize = 1000, .srcnamesize = 10, .srcname = "AA_BB/xfer"};
         s.send();
         s.send(500);
         usleep(100000);
@@ -537,14 +525,11 @@ TEST(OrbRestart, ReaderAndWriterGoOnThroughTheOtherFrontEndAndAcrossARestart) {
     int last = orb2orbfile(r)->lastpktid;
     double old_server_start = orb2orbfile(r)->server_start;
     b.kill();
-    auto put = [&](int i) {
-        std::string body = "s" + std::to_string(i);
-        return orbput(w, "AA/re", i, body.data(), static_cast<int>(body.size()));
-    };
     std::atomic<int> written{0};
     std::thread writer([&] {
         for (int i = 0; i < 10; i++) {
-            if (put(i) == 0) written++;
+            std::string body = "s" + std::to_string(i);
+            written += orbput(w, "AA/re", i, body.data(), static_cast<int>(body.size())) == 0;
             orbput(w, "AA/no", i, "rejected", 8);
         }
     });
@@ -598,11 +583,11 @@ TEST(OrbRestart, AQuietReaderIsLeftAloneAndARecreatedRingIsJoinedByTimeByItAndAR
         StderrToFile capture(server.dir() + "/stderr");
         Got g;
         std::thread reader([&] { g = rd.reap(); });
-        for (int i = 0; i < 250 && !has(testsupport::slurp(capture.path), "reconnecting anyway"); i++)
+        for (int i = 0; i < 250 && !has(slurp(capture.path), "reconnecting anyway"); i++)
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         put_run(w, "AA/old", 105, 1, "wake");
         reader.join();
-        text = testsupport::slurp(capture.path);
+        text = slurp(capture.path);
         EXPECT_EQ(words(g.rc, g.body), "0 wake0");
     }
     unlink("verbose");
@@ -618,9 +603,7 @@ TEST(OrbRestart, AQuietReaderIsLeftAloneAndARecreatedRingIsJoinedByTimeByItAndAR
     std::string state = server.dir() + "/state/reader";
     EXPECT_EQ(reader_life(server.name(), state), "0 100");  // nothing saved: from the oldest
     EXPECT_EQ(reader_life(server.name(), state), "0 102");  // after the saved one (101)
-    text = testsupport::slurp(state);
-    EXPECT_TRUE(has(text, server.name() + "{last_pktid"));
-    EXPECT_TRUE(has(text, server.name() + "{orb_start"));
+    for (const char* key : {"{last_pktid", "{orb_start"}) EXPECT_TRUE(has(slurp(state), server.name() + key));
 
     orbclose(w);
     server.kill();
