@@ -45,15 +45,6 @@ struct OrbServerTest : ::testing::Test {
     std::vector<int> opened;
 };
 
-// Measured (nearly) every time; the patterns are freed with the object.
-struct Params : LagParams {
-    explicit Params(const char* match) {
-        lag_trigger = 0.5, lag_reset = 0.2, wait_seconds = 1;
-        wait_match = match ? strdup(match) : nullptr;
-    }
-    ~Params() { free(wait_match); }
-};
-
 // A TCP socket bound to an ephemeral loopback port; *name is "127.0.0.1:PORT".
 int loopback_socket(std::string* name) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -108,18 +99,6 @@ struct Peer {
         if (refusal) resp->nerr = static_cast<int>(strlen(strcpy(resp->errmsg, refusal)));
         send();
     }
-};
-
-// Standard error into a file while the object lives, so that a test can watch it as other
-// threads write to it.
-struct StderrToFile {
-    std::string path;
-    int saved = (fflush(stderr), dup(2));
-    explicit StderrToFile(std::string p) : path(std::move(p)) {
-        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(fd, 2), close(fd);
-    }
-    ~StderrToFile() { fflush(stderr), dup2(saved, 2), close(saved); }
 };
 
 // One life of a reader process: exhume, open, resurrect, read two packets, bury. It tells
@@ -354,18 +333,17 @@ TEST(OrbLag, LagValueAcrossTheRingAndItsWrap) {
 TEST_F(OrbServerTest, LagThrottleWaitsForAReaderThenHoldsTheWriterWhileItLags) {
     setenv("BNS_TIMEOUT", "5000", 1);
     std::string name = server.name();
-    EXPECT_EXIT(
-        {
-            Params bad("(unclosed");
-            orbput_nolag(orbopen(name.c_str(), "w"), "AA/bad", 1, "x", 1, &bad);
-            exit(0);
-        },
-        testing::ExitedWithCode(1), "Error in match or reject parameters");
+    // Measured (nearly) every time.
+    LagParams p{.lag_trigger = 0.5, .lag_reset = 0.2, .wait_seconds = 1}, unmeasured = p, bad = p;
+    bad.wait_match = strdup("(unclosed");
+    EXPECT_EXIT((orbput_nolag(orbopen(name.c_str(), "w"), "AA/bad", 1, "x", 1, &bad), exit(0)),
+                testing::ExitedWithCode(1), "Error in match or reject parameters");
+    free(bad.wait_match);
     int w = open("w");
     put_run(w, "AA/lag", 1, 3);
     // Without patterns nothing is measured: the write goes at once, reader or not.
-    Params unmeasured(nullptr), p("orb_server_test");
     unmeasured.axe = 1;
+    p.wait_match = strdup("orb_server_test");
     EXPECT_EQ(orbput_nolag(w, "AA/free", 1, "x", 1, &unmeasured), 0);
     // With no reader the writer waits for one, with one notice.
     p.verbose = 1;
@@ -418,10 +396,11 @@ TEST_F(OrbServerTest, LagThrottleWaitsForAReaderThenHoldsTheWriterWhileItLags) {
     for (int got = 0; !done && got < 50 && rd.reap_timeout(5).rc == 0;) got++;
     writer.join();
     EXPECT_EQ(count, 40);
+    free(p.wait_match);
 }
 
 // Every failure comes back as a failure with its message, never a crash or a hang past the time-out.
-TEST(OrbHostile, BadNamesHostilePeersAndUnknownDescriptorsFailWithTheirMessages) {
+TEST(OrbHostile, BadNamesHostilePeersUnknownDescriptorsAndCutMessagesFail) {
     SetEnv timeout("BNS_TIMEOUT", "300");
     std::string closed_port;
     close(loopback_socket(&closed_port));  // nobody listens there now
@@ -464,12 +443,8 @@ TEST(OrbHostile, BadNamesHostilePeersAndUnknownDescriptorsFailWithTheirMessages)
                         orbput(12345, "a/b", 0, "x", 1)), "-1 -1 -1 -1 -1");
     }), "called with no open orb buffers"));
     EXPECT_EQ(v, -1);
-}
-
-// After a proper open one peer sends one whole packet and half of the next, then closes: the
-// first is delivered, the read of the second fails, nothing hangs. Another cuts its answer to a seek.
-TEST(OrbHostile, HalfAPacketOrATruncatedAnswerAfterTheOpen) {
-    SetEnv timeout("BNS_TIMEOUT", "300");
+    // After a proper open one peer sends one whole packet and half of the next, then closes: the first
+    // is delivered, the read of the second fails, nothing hangs. Another cuts its answer to a seek.
     Peer half([](Peer& s) {
         s.answer_open();
         if (!s.read()) return;
@@ -578,18 +553,18 @@ TEST(OrbRestart, AQuietReaderIsLeftAloneAndARecreatedRingIsJoinedByTimeByItAndAR
     auto cwd = std::filesystem::current_path();
     std::filesystem::current_path(server.dir());
     fclose(fopen("verbose", "w"));
-    std::string text;
-    {
-        StderrToFile capture(server.dir() + "/stderr");
-        Got g;
-        std::thread reader([&] { g = rd.reap(); });
-        for (int i = 0; i < 250 && !has(slurp(capture.path), "reconnecting anyway"); i++)
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        put_run(w, "AA/old", 105, 1, "wake");
-        reader.join();
-        text = slurp(capture.path);
-        EXPECT_EQ(words(g.rc, g.body), "0 wake0");
-    }
+    // Standard error into a file, to be watched as the reading thread writes to it.
+    int saved = (fflush(stderr), dup(2)), fd = ::open("stderr", O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    dup2(fd, 2), close(fd);
+    Got g;
+    std::thread reader([&] { g = rd.reap(); });
+    for (int i = 0; i < 250 && !has(slurp("stderr"), "reconnecting anyway"); i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    put_run(w, "AA/old", 105, 1, "wake");
+    reader.join();
+    fflush(stderr), dup2(saved, 2), close(saved);
+    std::string text = slurp("stderr");
+    EXPECT_EQ(words(g.rc, g.body), "0 wake0");
     unlink("verbose");
     std::filesystem::current_path(cwd);
     size_t first_reconnect = text.find("reconnecting anyway");
