@@ -143,11 +143,9 @@ TEST_F(OrbServerTest, HostPortsNamedPortsFilePathsAndAWaitingOpen) {
     std::string dbg = server.dir() + "/dbg.sh", ring = server.dir() + "/local";
     std::ofstream(dbg) << "#!/bin/sh\nprog=\"$1\"\nshift 2\nexec \"$prog\" $1\n";
     chmod(dbg.c_str(), 0755);
+    SetEnv debugger("FORB_DEBUGGER", dbg);
     int w = -1;
-    std::string err = stderr_of([&] {
-        SetEnv debugger("FORB_DEBUGGER", dbg);
-        w = orbopen((ring + "@s1M").c_str(), "w&");
-    });
+    std::string err = stderr_of([&] { w = orbopen((ring + "@s1M").c_str(), "w&"); });
     ASSERT_GE(w, 0) << err;
     EXPECT_TRUE(has(err, ">> spawning \"" + dbg + " "));
     EXPECT_TRUE(has(err, "forbserver -a '-s1M " + ring + "'\""));
@@ -494,8 +492,7 @@ TEST(OrbRestart, ReaderAndWriterGoOnThroughTheOtherFrontEndAndAcrossARestart) {
     ids = put_run(w, "AA/fo", 2000, 3, "b");
     for (int i = 0; i < 3; i++)
         EXPECT_EQ(rd.reap().str(), words(0, ids[i], "AA/fo", 2000 + i, "b" + std::to_string(i)));
-    int third = orbopen(both.c_str(), "r");  // passes over the dead first address
-    EXPECT_EQ(orbclose(third), 0);
+    EXPECT_EQ(orbclose(orbopen(both.c_str(), "r")), 0);  // passes over the dead first address
     // No server at all for a while, then the first one back.
     int last = orb2orbfile(r)->lastpktid;
     double old_server_start = orb2orbfile(r)->server_start;
