@@ -264,29 +264,23 @@ TEST_F(OrbServerTest, WritesAndStatusUnderOrbDumpRupStashAndElog) {
     std::string path = orb2orbfile(w)->PacketDump;
     // In the dump directory; the port's ":" became "#".
     EXPECT_TRUE(path.rfind(dir + "/", 0) == 0 && path.find(':', dir.size()) == std::string::npos) << path;
-    EXPECT_EQ(Orb_max_data_bytes, 100);
-    std::string big(70000, 'b'), longname(80, 'L');
+    std::string big(101, 'b'), longname(80, 'L');
     EXPECT_TRUE(fails_saying([&] { return orbput(w, "AA/lim", 1, big.data(), 101); },
                              "maximum packet size is 100\n"));
     EXPECT_EQ(orbput(w, "AA/lim", 1, big.data(), 100), 0);
     Orb_max_data_bytes = 4000000;
     EXPECT_TRUE(fails_saying([&] { return orbput(w, "AA/lim", 1, "x", -1); }, "minimum packet size is 0"));
-    for (size_t i = 0; i < 70000; i++) big[i] = static_cast<char>(i * 7);
-    ASSERT_EQ(orbput(w, "AA_BIG/xfer", 5, big.data(), 70000), 0);
     EXPECT_EQ(orbput(w, "AA_SMALL/xfer", 6, "", 0), 0);
     EXPECT_GE(orbputx(w, longname.c_str(), 7, "q", 1), 0);  // a source name past 63 characters is cut
     Reader rd(r);
     orbseek(r, ORBOLDEST);
     EXPECT_EQ(rd.reap().str(), "0 0 AA/lim 1 " + std::string(100, 'b'));
-    Got g = rd.reap();
-    EXPECT_EQ(g.src, "AA_BIG/xfer");
-    EXPECT_TRUE(g.body == big);
-    EXPECT_EQ(rd.reap().str(), "0 2 AA_SMALL/xfer 6 ");
+    EXPECT_EQ(rd.reap().str(), "0 1 AA_SMALL/xfer 6 ");
     EXPECT_EQ(rd.reap().src, std::string(63, 'L'));
-    EXPECT_EQ(orbrange(r), 4);
+    EXPECT_EQ(orbrange(r), 3);
     std::string orbstat = std::string(FERRANT_BUILD_DIR) + "/bin/orbstat";
     EXPECT_EQ(system((orbstat + " -s -c " + server.name() + " >" + out + " 2>&1").c_str()), 0);
-    for (const char* part : {"holding     4 packets from 4 sources", "AA_SMALL/xfer", "orb_server_test"})
+    for (const char* part : {"holding     3 packets from 3 sources", "AA_SMALL/xfer", "orb_server_test"})
         EXPECT_TRUE(has(slurp(out), part));  // the last in this process's clients
     EXPECT_NE(system((orbstat + " -x >" + out + " 2>&1").c_str()), 0);
     EXPECT_TRUE(has(slurp(out), "Usage: orbstat [-s] [-c] [-j] orb"));
@@ -311,7 +305,7 @@ TEST_F(OrbServerTest, WritesAndStatusUnderOrbDumpRupStashAndElog) {
     // orbelog puts log text into a ring, keeping its connection.
     EXPECT_EQ(orbelog(server.name().c_str(), "prog", "something happened"), 0);
     EXPECT_EQ(orbelog(server.name().c_str(), "prog", "and again"), 0);
-    g = rd.reap();
+    Got g = rd.reap();
     EXPECT_EQ(words(g.src, g.body), "prog/log something happened");
     EXPECT_EQ(rd.reap().body, "and again");
 }
