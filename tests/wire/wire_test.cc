@@ -124,17 +124,27 @@ TEST(Bns, PutsEveryTypeBigEndianAndGetsItBack) {
     EXPECT_EQ(bnsget(in.b, &t, 9, 1), -1);
 }
 
-// A time-out is not the end of the input: what has arrived stays for the next call. A pipe whose writer
-// is gone is an end of file (a hang-up without input), a closed descriptor an error.
-TEST_F(BnsSocket, ReadsSurviveTheTimeoutAndTellEndOfFileApart) {
+// Reads take all there is in one call, and grow the buffer by twice the shortfall once consumed bytes
+// have been moved out. A time-out is not the end of the input: what has arrived stays for the next call.
+// A pipe whose writer is gone is an end of file (a hang-up without input), a closed descriptor an error.
+TEST_F(BnsSocket, ReadsGrowTheBufferSurviveTheTimeoutAndTellEndOfFileApart) {
     auto after = [&](int rc) { return std::tuple(rc, b->eof, b->err, bnscnt(b)); };  // a call's result
     stream(16, 0);
     EXPECT_EQ(bnswait(b), 0);
-    send("\x12");
+    std::string msg(100, 'g');
+    send(msg);
     EXPECT_TRUE(bnswait(b) == 1 && (b->revents & POLLRDNORM));
     bnstimeout(b, 30);
-    char buf[4];
+    char buf[100];
+    ASSERT_EQ(bnsget(b, buf, BNS_BYTES, 100), 0);
+    EXPECT_EQ(std::pair(b->sz, std::string(buf, 100)), std::pair(16 + 2 * (100 - 16), msg));
+    send(std::string(150, 'h'));
+    ASSERT_EQ(bnsget(b, buf, BNS_BYTES, 100), 0);
+    EXPECT_EQ(std::tuple(b->sz, b->nsys, bnscnt(b)), std::tuple(184, 2L, 50));
+    ASSERT_EQ(bnsget(b, buf, BNS_BYTES, 50), 0);
     int v = 0;
+    EXPECT_EQ(after(bnsget(b, &v, BNS_INT, 1)), std::tuple(-1, 0, 0, 0));  // nothing at all
+    send("\x12");
     EXPECT_EQ(after(bnsget(b, &v, BNS_INT, 1)), std::tuple(-1, 0, 0, 1));
     send("\x34");
     EXPECT_EQ(after(bnsget(b, &v, BNS_INT, 1)), std::tuple(-1, 0, 0, 2));
