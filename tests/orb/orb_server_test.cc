@@ -26,6 +26,7 @@
 using namespace orbtest;
 using testsupport::OrbServer;
 using testsupport::slurp;
+using namespace std::string_literals;
 
 namespace {
 
@@ -44,27 +45,6 @@ struct OrbServerTest : ::testing::Test {
     std::vector<int> opened;
 };
 
-// Measured (nearly) every time; the patterns are freed with the object.
-struct Params : LagParams {
-    explicit Params(const char* match) {
-        lag_trigger = 0.5, lag_reset = 0.2, wait_seconds = 1;
-        wait_match = match ? strdup(match) : nullptr;
-    }
-    ~Params() { free(wait_match); }
-};
-
-// Waits until the count stops moving for a while (bounded), and returns it.
-int settled(const std::atomic<int>& count, const std::atomic<bool>& done) {
-    int last = -1;
-    for (int i = 0; i < 40 && !done; i++) {
-        int now = count;
-        if (now == last) return now;
-        last = now;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    }
-    return count;
-}
-
 // A TCP socket bound to an ephemeral loopback port; *name is "127.0.0.1:PORT".
 int loopback_socket(std::string* name) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -76,13 +56,31 @@ int loopback_socket(std::string* name) {
     return fd;
 }
 
-// A peer's end of a connection, speaking with our own encoders and decoders.
-struct PeerSide {
-    int fd;
-    Bns *in = bnsnew(fd, 0), *out = bnsnew(fd, 0);
+// A one-connection peer on an ephemeral loopback port, running a script on its end; it speaks with our
+// own encoders and decoders.
+struct Peer {
+    std::string name;
+    int lfd = loopback_socket(&name), fd = -1;
+    Bns *in = nullptr, *out = nullptr;
     Orbrequest* req = newOrbrequest();
     Orbresponse* resp = newOrbresponse();
-    ~PeerSide() { freeOrbrequest(req), freeOrbresponse(resp), bnsfree(in), bnsfree(out); }
+    std::thread thread;
+    explicit Peer(std::function<void(Peer&)> script) {
+        EXPECT_EQ(listen(lfd, 4), 0);
+        thread = std::thread([this, script] {
+            pollfd p{lfd, POLLIN, 0};
+            if (poll(&p, 1, 10000) != 1 || (fd = accept(lfd, nullptr, nullptr)) < 0) return;
+            in = bnsnew(fd, 0), out = bnsnew(fd, 0);
+            script(*this);
+            close(fd);
+        });
+    }
+    ~Peer() {
+        shutdown(lfd, SHUT_RDWR);
+        thread.join();
+        close(lfd);
+        freeOrbrequest(req), freeOrbresponse(resp), bnsfree(in), bnsfree(out);
+    }
     // Reads one request (marker and record); false when none came.
     bool read() { return gbnsSync(in, "orbm", 4, 1) == 0 && gbnsOrbrequest(in, req) == 0; }
     // Sends resp, the last cut bytes short.
@@ -101,47 +99,6 @@ struct PeerSide {
         if (refusal) resp->nerr = static_cast<int>(strlen(strcpy(resp->errmsg, refusal)));
         send();
     }
-};
-
-// A one-connection peer on an ephemeral loopback port, running a script on its end.
-class Peer {
-  public:
-    explicit Peer(std::function<void(PeerSide&)> script) : lfd_(loopback_socket(&name_)) {
-        EXPECT_EQ(listen(lfd_, 4), 0);
-        thread_ = std::thread([this, script] {
-            pollfd p{lfd_, POLLIN, 0};
-            int fd = poll(&p, 1, 10000) == 1 ? accept(lfd_, nullptr, nullptr) : -1;
-            if (fd < 0) return;
-            {
-                PeerSide side{fd};
-                script(side);
-            }
-            close(fd);
-        });
-    }
-    ~Peer() {
-        shutdown(lfd_, SHUT_RDWR);
-        thread_.join();
-        close(lfd_);
-    }
-    const std::string& name() const { return name_; }
-
-  private:
-    std::string name_;
-    int lfd_;
-    std::thread thread_;
-};
-
-// Standard error into a file while the object lives, so that a test can watch it as other
-// threads write to it.
-struct StderrToFile {
-    std::string path;
-    int saved = (fflush(stderr), dup(2));
-    explicit StderrToFile(std::string p) : path(std::move(p)) {
-        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(fd, 2), close(fd);
-    }
-    ~StderrToFile() { fflush(stderr), dup2(saved, 2), close(saved); }
 };
 
 // One life of a reader process: exhume, open, resurrect, read two packets, bury. It tells
@@ -186,11 +143,9 @@ TEST_F(OrbServerTest, HostPortsNamedPortsFilePathsAndAWaitingOpen) {
     std::string dbg = server.dir() + "/dbg.sh", ring = server.dir() + "/local";
     std::ofstream(dbg) << "#!/bin/sh\nprog=\"$1\"\nshift 2\nexec \"$prog\" $1\n";
     chmod(dbg.c_str(), 0755);
+    SetEnv debugger("FORB_DEBUGGER", dbg);
     int w = -1;
-    std::string err = stderr_of([&] {
-        SetEnv debugger("FORB_DEBUGGER", dbg);
-        w = orbopen((ring + "@s1M").c_str(), "w&");
-    });
+    std::string err = stderr_of([&] { w = orbopen((ring + "@s1M").c_str(), "w&"); });
     ASSERT_GE(w, 0) << err;
     EXPECT_TRUE(has(err, ">> spawning \"" + dbg + " "));
     EXPECT_TRUE(has(err, "forbserver -a '-s1M " + ring + "'\""));
@@ -234,8 +189,8 @@ TEST_F(OrbServerTest, HostPortsNamedPortsFilePathsAndAWaitingOpen) {
     orbclose(orb);
 }
 
-TEST_F(OrbServerTest, PositioningByWordTimeAndGarbageAndCountedReads) {
-    int w = open("w"), r = open("r");
+TEST_F(OrbServerTest, PositionsCountedAndBoundedReadsAndPatterns) {
+    int w = open("w"), r = open("r&");
     std::vector<int> ids = put_run(w, "AA_B/pos", 1000, 5);
     ASSERT_EQ(ids, (std::vector<int>{0, 1, 2, 3, 4}));
     Reader rd(r);
@@ -265,16 +220,13 @@ TEST_F(OrbServerTest, PositioningByWordTimeAndGarbageAndCountedReads) {
     g = rd.reapn(3);
     EXPECT_EQ(words(g.rc, g.pktid, orb2orbfile(r)->reaped), "0 3 1");
     int pktid;  // headers only
-    char src[ORB_SRCNAME_SIZE + 1];
     double t;
+    char src[ORB_SRCNAME_SIZE + 1];
     orbseek(r, ORBOLDEST);
     EXPECT_EQ(orbreaphdr(r, &pktid, src, &t), 0);
     EXPECT_EQ(words(pktid, src, t), "0 AA_B/pos 1000");
-}
-
-TEST_F(OrbServerTest, BoundedReadsGiveUpQuietlyAndPatternsSelect) {
-    int r = open("r&"), w = open("w");
-    Reader rd(r);
+    // Bounded reads at the newest give up quietly.
+    orbseek(r, ORBNEWEST);
     std::string err = stderr_of([&] {
         EXPECT_EQ(rd.reap_nd().rc, -2);
         EXPECT_EQ(rd.reap_timeout(0.2).rc, -2);
@@ -283,11 +235,11 @@ TEST_F(OrbServerTest, BoundedReadsGiveUpQuietlyAndPatternsSelect) {
     EXPECT_GT(orb2orbfile(r)->first_nd_failure, 0);
     EXPECT_EQ(orb2orbfile(r)->reopen, 1);  // restored after the read
     put_run(w, "AA/nd", 7, 2);
-    EXPECT_EQ(rd.reap_timeout(10).str(), "0 0 AA/nd 7 p0");
+    EXPECT_EQ(rd.reap_timeout(10).str(), "0 6 AA/nd 7 p0");
     EXPECT_EQ(orb2orbfile(r)->first_nd_failure, 0);
     Got k;
     for (int i = 0; i < 1000 && (k = rd.reap_nd()).rc == -2; i++) usleep(2000);
-    EXPECT_EQ(k.str(), "0 1 AA/nd 8 p1");
+    EXPECT_EQ(k.str(), "0 7 AA/nd 8 p1");
     // Select and reject, with a pattern file: its lines, trimmed, joined as alternatives.
     for (int i = 0; i < 3; i++)
         for (const char* src : {"AA_ONE/x", "BB_TWO/x", "CC_THREE/y"})
@@ -310,40 +262,32 @@ TEST_F(OrbServerTest, WritesAndStatusUnderOrbDumpRupStashAndElog) {
         w = open("w");
     }
     std::string path = orb2orbfile(w)->PacketDump;
-    EXPECT_EQ(path.rfind(dir + "/", 0), 0u) << path;
-    EXPECT_EQ(path.find(':', dir.size()), std::string::npos) << path;  // the port's ":" became "#"
-    EXPECT_EQ(Orb_max_data_bytes, 100);
-    std::string big(70000, 'b'), longname(80, 'L');
+    // In the dump directory; the port's ":" became "#".
+    EXPECT_TRUE(path.rfind(dir + "/", 0) == 0 && path.find(':', dir.size()) == std::string::npos) << path;
+    std::string big(101, 'b'), longname(80, 'L');
     EXPECT_TRUE(fails_saying([&] { return orbput(w, "AA/lim", 1, big.data(), 101); },
                              "maximum packet size is 100\n"));
     EXPECT_EQ(orbput(w, "AA/lim", 1, big.data(), 100), 0);
     Orb_max_data_bytes = 4000000;
     EXPECT_TRUE(fails_saying([&] { return orbput(w, "AA/lim", 1, "x", -1); }, "minimum packet size is 0"));
-    for (size_t i = 0; i < 70000; i++) big[i] = static_cast<char>(i * 7);
-    ASSERT_EQ(orbput(w, "AA_BIG/xfer", 5, big.data(), 70000), 0);
     EXPECT_EQ(orbput(w, "AA_SMALL/xfer", 6, "", 0), 0);
     EXPECT_GE(orbputx(w, longname.c_str(), 7, "q", 1), 0);  // a source name past 63 characters is cut
     Reader rd(r);
     orbseek(r, ORBOLDEST);
     EXPECT_EQ(rd.reap().str(), "0 0 AA/lim 1 " + std::string(100, 'b'));
-    Got g = rd.reap();
-    EXPECT_EQ(g.src, "AA_BIG/xfer");
-    EXPECT_TRUE(g.body == big);
-    EXPECT_EQ(rd.reap().str(), "0 2 AA_SMALL/xfer 6 ");
+    EXPECT_EQ(rd.reap().str(), "0 1 AA_SMALL/xfer 6 ");
     EXPECT_EQ(rd.reap().src, std::string(63, 'L'));
-    EXPECT_EQ(orbrange(r), 4);
+    EXPECT_EQ(orbrange(r), 3);
     std::string orbstat = std::string(FERRANT_BUILD_DIR) + "/bin/orbstat";
     EXPECT_EQ(system((orbstat + " -s -c " + server.name() + " >" + out + " 2>&1").c_str()), 0);
-    std::string text = slurp(out);
-    EXPECT_TRUE(has(text, "holding     4 packets from 4 sources"));
-    EXPECT_TRUE(has(text, "AA_SMALL/xfer"));
-    EXPECT_TRUE(has(text, "orb_server_test"));  // this process's clients
+    for (const char* part : {"holding     3 packets from 3 sources", "AA_SMALL/xfer", "orb_server_test"})
+        EXPECT_TRUE(has(slurp(out), part));  // the last in this process's clients
     EXPECT_NE(system((orbstat + " -x >" + out + " 2>&1").c_str()), 0);
     EXPECT_TRUE(has(slurp(out), "Usage: orbstat [-s] [-c] [-j] orb"));
-    text = slurp(path);  // the exchange log
-    EXPECT_TRUE(has(text, "#orb x output-" + server.name() + " "));
-    EXPECT_TRUE(has(text, "#orb x input-" + server.name() + " "));
-    EXPECT_TRUE(has(text, "41 41 2f 6c 69 6d 62 62  ?.......AA/limbb"));  // a packet, in hex and text
+    std::string text = slurp(path);  // the exchange log, with a packet in hex and text
+    for (std::string part : {"#orb x output-" + server.name() + " ", "#orb x input-" + server.name() + " ",
+                             "41 41 2f 6c 69 6d 62 62  ?.......AA/limbb"s})
+        EXPECT_TRUE(has(text, part));
     int id = -1, latest;
     EXPECT_EQ(orbid(r, &id), 0);
     double os, ss;
@@ -361,7 +305,7 @@ TEST_F(OrbServerTest, WritesAndStatusUnderOrbDumpRupStashAndElog) {
     // orbelog puts log text into a ring, keeping its connection.
     EXPECT_EQ(orbelog(server.name().c_str(), "prog", "something happened"), 0);
     EXPECT_EQ(orbelog(server.name().c_str(), "prog", "and again"), 0);
-    g = rd.reap();
+    Got g = rd.reap();
     EXPECT_EQ(words(g.src, g.body), "prog/log something happened");
     EXPECT_EQ(rd.reap().body, "and again");
 }
@@ -381,18 +325,17 @@ TEST(OrbLag, LagValueAcrossTheRingAndItsWrap) {
 TEST_F(OrbServerTest, LagThrottleWaitsForAReaderThenHoldsTheWriterWhileItLags) {
     setenv("BNS_TIMEOUT", "5000", 1);
     std::string name = server.name();
-    EXPECT_EXIT(
-        {
-            Params bad("(unclosed");
-            orbput_nolag(orbopen(name.c_str(), "w"), "AA/bad", 1, "x", 1, &bad);
-            exit(0);
-        },
-        testing::ExitedWithCode(1), "Error in match or reject parameters");
+    // Measured (nearly) every time.
+    LagParams p{.lag_trigger = 0.5, .lag_reset = 0.2, .wait_seconds = 1}, unmeasured = p, bad = p;
+    bad.wait_match = strdup("(unclosed");
+    EXPECT_EXIT((orbput_nolag(orbopen(name.c_str(), "w"), "AA/bad", 1, "x", 1, &bad), exit(0)),
+                testing::ExitedWithCode(1), "Error in match or reject parameters");
+    free(bad.wait_match);
     int w = open("w");
     put_run(w, "AA/lag", 1, 3);
     // Without patterns nothing is measured: the write goes at once, reader or not.
-    Params unmeasured(nullptr), p("orb_server_test");
     unmeasured.axe = 1;
+    p.wait_match = strdup("orb_server_test");
     EXPECT_EQ(orbput_nolag(w, "AA/free", 1, "x", 1, &unmeasured), 0);
     // With no reader the writer waits for one, with one notice.
     p.verbose = 1;
@@ -415,13 +358,10 @@ TEST_F(OrbServerTest, LagThrottleWaitsForAReaderThenHoldsTheWriterWhileItLags) {
 
     Laggards* lg = nullptr;  // the reader is one packet behind of five
     EXPECT_DOUBLE_EQ(orblag(w, "orb_server_test", nullptr, &lg), 0.2);
-    ASSERT_NE(lg, nullptr);
-    EXPECT_EQ(lg->range, 5);
-    ASSERT_EQ(maxtbl(lg->list), 1);
+    ASSERT_TRUE(lg && lg->range == 5 && maxtbl(lg->list) == 1);
     auto* entry = static_cast<ClientLag*>(gettbl(lg->list, 0));
     EXPECT_DOUBLE_EQ(entry->lag, 0.2);
-    EXPECT_TRUE(has(entry->what, "orb_server_test"));
-    EXPECT_TRUE(has(entry->who, "@"));
+    EXPECT_TRUE(has(entry->what, "orb_server_test") && has(entry->who, "@")) << entry->what << entry->who;
     EXPECT_EQ(orblag(w, "someone_else", nullptr, &lg), -1);     // nobody matches
     EXPECT_EQ(orblag(w, nullptr, "orb_server_test", &lg), -1);  // rejected
     EXPECT_EQ(orblag(w, "orb_server_t", nullptr, nullptr), -1);  // the whole name must match
@@ -438,7 +378,9 @@ TEST_F(OrbServerTest, LagThrottleWaitsForAReaderThenHoldsTheWriterWhileItLags) {
         }
         done = true;
     });
-    int held = settled(count, done);
+    int held = -1;  // once it stops moving for a while
+    for (int i = 0; i < 40 && !done && held != count; i++)
+        held = count, std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     EXPECT_FALSE(done);
     EXPECT_TRUE(held > 0 && held < 40) << held;
     // Catching up below the reset lets it go on.
@@ -446,10 +388,11 @@ TEST_F(OrbServerTest, LagThrottleWaitsForAReaderThenHoldsTheWriterWhileItLags) {
     for (int got = 0; !done && got < 50 && rd.reap_timeout(5).rc == 0;) got++;
     writer.join();
     EXPECT_EQ(count, 40);
+    free(p.wait_match);
 }
 
 // Every failure comes back as a failure with its message, never a crash or a hang past the time-out.
-TEST(OrbHostile, BadNamesHostilePeersAndUnknownDescriptorsFailWithTheirMessages) {
+TEST(OrbHostile, BadNamesHostilePeersUnknownDescriptorsAndCutMessagesFail) {
     SetEnv timeout("BNS_TIMEOUT", "300");
     std::string closed_port;
     close(loopback_socket(&closed_port));  // nobody listens there now
@@ -464,10 +407,16 @@ TEST(OrbHostile, BadNamesHostilePeersAndUnknownDescriptorsFailWithTheirMessages)
         {"silent peer", "", 's', "r", "open negotiation fails: errno = 0 eof=false"},
         {"garbage instead of a response", "", 'g', "r", "open negotiation fails"},
         {"refusal carries the server's reason", "", 'r', "w", "orbserver: address 127.0.0.1 may not write"},
+        {"empty address", "localhost:1,,localhost:2", ' ', "r&",
+         "empty address in server list 'localhost:1,,localhost:2'"},
+        {"empty last address", "localhost:1,", ' ', "r&", "empty address in server list 'localhost:1,'"},
+        {"empty first address", ",localhost:1@", ' ', "r&", "empty address in server list ',localhost:1'"},
+        {"file path in a list", "localhost:1,./ring", ' ', "r&",
+         "file path './ring' can't be one of the addresses in server list 'localhost:1,./ring'"},
     };
     for (auto& c : cases) {
         SCOPED_TRACE(c.what);
-        std::unique_ptr<Peer> peer(c.peer == ' ' ? nullptr : new Peer([kind = c.peer](PeerSide& s) {
+        std::unique_ptr<Peer> peer(c.peer == ' ' ? nullptr : new Peer([kind = c.peer](Peer& s) {
             char b[512];
             std::string junk = std::string(200, '\x5a') + "orbmorbm\xff\xff";
             if (kind == 's')
@@ -476,41 +425,29 @@ TEST(OrbHostile, BadNamesHostilePeersAndUnknownDescriptorsFailWithTheirMessages)
             if (kind == 'g') ::send(s.fd, junk.data(), junk.size(), MSG_NOSIGNAL), usleep(500000);
             if (kind == 'r') s.answer_open("address 127.0.0.1 may not write"), usleep(200000);
         }));
-        std::string name = peer ? peer->name() : c.name;
+        std::string name = peer ? peer->name : c.name;
         EXPECT_TRUE(fails_saying([&] { return orbopen(name.c_str(), c.perm); }, c.message));
     }
     int v = 7;
     EXPECT_TRUE(has(stderr_of([&] {
         EXPECT_EQ(orb2orbfile(12345), nullptr);
-        EXPECT_EQ(orbclose(12345), -1);
-        EXPECT_EQ(orbseek(12345, ORBOLDEST), -1);
-        EXPECT_EQ(orbtell(12345), -1);
-        EXPECT_EQ(orbping(12345, &v), -1);
-        EXPECT_EQ(orbput(12345, "a/b", 0, "x", 1), -1);
+        EXPECT_EQ(words(orbclose(12345), orbseek(12345, ORBOLDEST), orbtell(12345), orbping(12345, &v),
+                        orbput(12345, "a/b", 0, "x", 1)), "-1 -1 -1 -1 -1");
     }), "called with no open orb buffers"));
     EXPECT_EQ(v, -1);
-}
-
-// After a proper open one peer sends one whole packet and half of the next, then closes: the
-// first is delivered, the read of the second fails, nothing hangs. Another cuts its answer to a seek.
-TEST(OrbHostile, HalfAPacketOrATruncatedAnswerAfterTheOpen) {
-    SetEnv timeout("BNS_TIMEOUT", "300");
-    Peer half([](PeerSide& s) {
+    // After a proper open one peer sends one whole packet and half of the next, then closes: the first
+    // is delivered, the read of the second fails, nothing hangs. Another cuts its answer to a seek.
+    Peer half([](Peer& s) {
         s.answer_open();
         if (!s.read()) return;
-        Orbresponse* p = s.resp;
-        p->what = ORBREAP;
-        p->pkg = newPktpkg();
-        p->sZpkg = 1;
-        p->pkg->packet = static_cast<char*>(calloc(1000, 1));
-        p->pkg->sZpacket = p->pkg->packetsize = 1000;
-        p->pkg->pktid = 7;
-        p->pkg->srcnamesize = static_cast<unsigned short>(strlen(strcpy(p->pkg->srcname, "AA_BB/xfer")));
+        s.resp->what = ORBREAP, s.resp->sZpkg = 1;
+        *(s.resp->pkg = newPktpkg()) = {.time = 0, .packet = static_cast<char*>(calloc(1000, 1)),
+            .sZpacket = 1000, .pktid = 7, .packetsize = 1000, .srcnamesize = 10, .srcname = "AA_BB/xfer"};
         s.send();
         s.send(500);
         usleep(100000);
     });
-    int orb = orbopen(half.name().c_str(), "r");
+    int orb = orbopen(half.name.c_str(), "r");
     ASSERT_GE(orb, 0);
     Orbfile* of = orb2orbfile(orb);
     EXPECT_EQ(words(of->lastpktid, of->orb_start, of->server_start), "41 1000 2000");
@@ -520,12 +457,12 @@ TEST(OrbHostile, HalfAPacketOrATruncatedAnswerAfterTheOpen) {
     EXPECT_EQ(of->lastpktid, 7);
     orbclose(orb);
 
-    Peer cut([](PeerSide& s) {
+    Peer cut([](Peer& s) {
         s.answer_open();
         if (s.read()) ::send(s.fd, "orbm\x00\x00", 6, MSG_NOSIGNAL);
         usleep(600000);
     });
-    ASSERT_GE(orb = orbopen(cut.name().c_str(), "r"), 0);
+    ASSERT_GE(orb = orbopen(cut.name.c_str(), "r"), 0);
     EXPECT_EQ(orbseek(orb, ORBOLDEST), -2);  // a failed exchange, told apart from an unknown orb
     EXPECT_EQ(words(orb2orbfile(orb)->error, orb2orbfile(orb)->lastpktid), "1 41");
     orbclose(orb);
@@ -549,20 +486,16 @@ TEST(OrbRestart, ReaderAndWriterGoOnThroughTheOtherFrontEndAndAcrossARestart) {
     ids = put_run(w, "AA/fo", 2000, 3, "b");
     for (int i = 0; i < 3; i++)
         EXPECT_EQ(rd.reap().str(), words(0, ids[i], "AA/fo", 2000 + i, "b" + std::to_string(i)));
-    int third = orbopen(both.c_str(), "r");  // passes over the dead first address
-    EXPECT_EQ(orbclose(third), 0);
+    EXPECT_EQ(orbclose(orbopen(both.c_str(), "r")), 0);  // passes over the dead first address
     // No server at all for a while, then the first one back.
     int last = orb2orbfile(r)->lastpktid;
     double old_server_start = orb2orbfile(r)->server_start;
     b.kill();
-    auto put = [&](int i) {
-        std::string body = "s" + std::to_string(i);
-        return orbput(w, "AA/re", i, body.data(), static_cast<int>(body.size()));
-    };
     std::atomic<int> written{0};
     std::thread writer([&] {
         for (int i = 0; i < 10; i++) {
-            if (put(i) == 0) written++;
+            std::string body = "s" + std::to_string(i);
+            written += orbput(w, "AA/re", i, body.data(), static_cast<int>(body.size())) == 0;
             orbput(w, "AA/no", i, "rejected", 8);
         }
     });
@@ -611,18 +544,18 @@ TEST(OrbRestart, AQuietReaderIsLeftAloneAndARecreatedRingIsJoinedByTimeByItAndAR
     auto cwd = std::filesystem::current_path();
     std::filesystem::current_path(server.dir());
     fclose(fopen("verbose", "w"));
-    std::string text;
-    {
-        StderrToFile capture(server.dir() + "/stderr");
-        Got g;
-        std::thread reader([&] { g = rd.reap(); });
-        for (int i = 0; i < 250 && !has(testsupport::slurp(capture.path), "reconnecting anyway"); i++)
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        put_run(w, "AA/old", 105, 1, "wake");
-        reader.join();
-        text = testsupport::slurp(capture.path);
-        EXPECT_EQ(words(g.rc, g.body), "0 wake0");
-    }
+    // Standard error into a file, to be watched as the reading thread writes to it.
+    int saved = (fflush(stderr), dup(2)), fd = ::open("stderr", O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    dup2(fd, 2), close(fd);
+    Got g;
+    std::thread reader([&] { g = rd.reap(); });
+    for (int i = 0; i < 250 && !has(slurp("stderr"), "reconnecting anyway"); i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    put_run(w, "AA/old", 105, 1, "wake");
+    reader.join();
+    fflush(stderr), dup2(saved, 2), close(saved);
+    std::string text = slurp("stderr");
+    EXPECT_EQ(words(g.rc, g.body), "0 wake0");
     unlink("verbose");
     std::filesystem::current_path(cwd);
     size_t first_reconnect = text.find("reconnecting anyway");
@@ -636,9 +569,7 @@ TEST(OrbRestart, AQuietReaderIsLeftAloneAndARecreatedRingIsJoinedByTimeByItAndAR
     std::string state = server.dir() + "/state/reader";
     EXPECT_EQ(reader_life(server.name(), state), "0 100");  // nothing saved: from the oldest
     EXPECT_EQ(reader_life(server.name(), state), "0 102");  // after the saved one (101)
-    text = testsupport::slurp(state);
-    EXPECT_TRUE(has(text, server.name() + "{last_pktid"));
-    EXPECT_TRUE(has(text, server.name() + "{orb_start"));
+    for (const char* key : {"{last_pktid", "{orb_start"}) EXPECT_TRUE(has(slurp(state), server.name() + key));
 
     orbclose(w);
     server.kill();
@@ -658,15 +589,4 @@ TEST(OrbRestart, AQuietReaderIsLeftAloneAndARecreatedRingIsJoinedByTimeByItAndAR
     orbclose(r);
     // The resurrected one by time too (the right time, another packet): after the saved 103.
     EXPECT_EQ(reader_life(server.name(), state), "-2 104");
-}
-
-TEST(OrbRestart, BadServerListsAreRefusedNamingTheName) {
-    const char* cases[][2] = {
-        {"localhost:1,,localhost:2", "empty address in server list 'localhost:1,,localhost:2'"},
-        {"localhost:1,", "empty address in server list 'localhost:1,'"},
-        {",localhost:1@", "empty address in server list ',localhost:1'"},
-        {"localhost:1,./ring",
-         "file path './ring' can't be one of the addresses in server list 'localhost:1,./ring'"},
-    };
-    for (auto& c : cases) EXPECT_TRUE(fails_saying([&] { return orbopen(c[0], "r&"); }, c[1])) << c[0];
 }

@@ -32,30 +32,26 @@ struct Got {
 };
 
 // Reads with a caller buffer that the library grows and may move.
-class Reader {
-public:
-    explicit Reader(int orb) : orb_(orb) {}
-    ~Reader() { free(buf_); }
-    Got reap() { return read([&](auto... a) { return orbreap(orb_, a...); }); }
-    Got reapn(int count) { return read([&](auto... a) { return orbreapn(orb_, count, a...); }); }
-    Got reap_nd() { return read([&](auto... a) { return orbreap_nd(orb_, a...); }); }
-    Got reap_timeout(double s) { return read([&](auto... a) { return orbreap_timeout(orb_, s, a...); }); }
-
-private:
+struct Reader {
+    int orb;
+    char* buf = nullptr;
+    int size = 0;
+    ~Reader() { free(buf); }
+    Got reap() { return read([&](auto... a) { return orbreap(orb, a...); }); }
+    Got reapn(int count) { return read([&](auto... a) { return orbreapn(orb, count, a...); }); }
+    Got reap_nd() { return read([&](auto... a) { return orbreap_nd(orb, a...); }); }
+    Got reap_timeout(double s) { return read([&](auto... a) { return orbreap_timeout(orb, s, a...); }); }
     // call(&pktid, srcname, &time, &buffer, &nbytes, &buffersize), as every read takes them.
     template <class Call>
     Got read(Call call) {
         Got g;
         char src[ORB_SRCNAME_SIZE + 1];
         int n = 0;
-        g.rc = call(&g.pktid, src, &g.time, &buf_, &n, &size_);
+        g.rc = call(&g.pktid, src, &g.time, &buf, &n, &size);
         g.src = src;
-        if (g.rc == 0 && n > 0) g.body.assign(buf_, n);
+        if (g.rc == 0 && n > 0) g.body.assign(buf, n);
         return g;
     }
-    int orb_;
-    char* buf_ = nullptr;
-    int size_ = 0;
 };
 
 // Success when text contains part; the failure shows the text.

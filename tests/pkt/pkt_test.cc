@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 using namespace std::string_literals;
@@ -122,21 +123,16 @@ TEST(PktXfer, PacketsPackToExactBytesAndUnpackIntoAReusedRecord) {
         EXPECT_EQ(std::string(s.body.begin(), s.body.end()), body);
         for (bool in_place : {true, false}) {
             ASSERT_EQ(s.unstuff(&got, -1, in_place), PKT_XFER_TYPE);
-            EXPECT_EQ(got->time, 99.0);
-            EXPECT_STREQ(got->parts.src_net, row.net);
-            EXPECT_STREQ(got->parts.src_subcode, row.subcode);
-            EXPECT_EQ(got->pkttype, suffix2pkttype("xfer"));
-            EXPECT_EQ(std::pair(got->string_size, got->nchannels), std::pair(row.seq, row.mode));
-            if (row.key) {
-                EXPECT_EQ(std::string(got->string, 17), std::string(row.key, 16) + '\0');
-            } else {
-                EXPECT_EQ(got->string, nullptr);
-            }
+            std::string net = got->parts.src_net, subcode = got->parts.src_subcode;
+            EXPECT_EQ(std::tuple(got->time, net, subcode, got->pkttype, got->string_size, got->nchannels),
+                      std::tuple(99.0, row.net, row.subcode, suffix2pkttype("xfer"), row.seq, row.mode));
+            EXPECT_EQ(got->string ? std::string(got->string, 17) : "none",
+                      row.key ? std::string(row.key, 16) + '\0' : "none");
             ASSERT_EQ(got->dfile_size, int(row.data.size()));
-            if (in_place && !row.data.empty()) {  // the packet's own bytes
-                EXPECT_EQ(got->dfile, s.body.data() + s.body.size() - row.data.size());
-            } else if (!in_place) {  // a NUL-terminated copy
-                EXPECT_NE(got->dfile, s.body.data() + s.body.size() - row.data.size());
+            const char* own = s.body.data() + s.body.size() - row.data.size();  // the packet's own bytes
+            EXPECT_TRUE(!in_place || row.data.empty() || got->dfile == own);
+            if (!in_place) {  // a NUL-terminated copy
+                EXPECT_NE(got->dfile, own);
                 EXPECT_EQ(std::string(got->dfile, row.data.size() + 1), row.data + '\0');
             }
         }
@@ -152,11 +148,9 @@ TEST(PktXfer, PacketsPackToExactBytesAndUnpackIntoAReusedRecord) {
 
     // Other types give 0 with the parts filled in; only "xfer" and "ch" are known, as spelt.
     EXPECT_EQ(unstuffPkt("h/ch/ferrant_start", 0, nullptr, 0, &got), 0);
-    EXPECT_EQ(got->dfile_size, 0);
-    EXPECT_STREQ(got->parts.src_suffix, "ch");
-    EXPECT_STREQ(got->parts.src_subcode, "ferrant_start");
-    ASSERT_NE(got->pkttype, nullptr);
-    EXPECT_EQ(got->pkttype, suffix2pkttype("ch"));
+    EXPECT_EQ(std::tuple(got->dfile_size, got->parts.src_suffix + ""s, got->parts.src_subcode + ""s),
+              std::tuple(0, "ch"s, "ferrant_start"s));
+    EXPECT_TRUE(got->pkttype && got->pkttype == suffix2pkttype("ch"));
     for (const char* other : {"net/waveform/x", "h/XFER/1/a", "h//1/a"}) {
         EXPECT_EQ(unstuffPkt(other, 5.0, "abc", 3, &got), 0) << other;
         EXPECT_EQ(got->pkttype, nullptr) << other;
@@ -182,8 +176,7 @@ TEST(PktStuff, RefusesWhatCannotBePackedAndGrowsTheBuffer) {
     EXPECT_EQ(stuff(0), -1);
     pkt->pkttype = suffix2pkttype("ch");
     EXPECT_EQ(stuff(0), 0);
-    EXPECT_EQ(nbytes, 0);
-    EXPECT_STREQ(srcname, "/ch");
+    EXPECT_EQ(std::pair(nbytes, std::string(srcname)), std::pair(0, "/ch"s));
     std::vector<char> big(PKT_XFER_MAXDATA, 'z');
     char key[16] = {};
     strcpy(pkt->parts.src_subcode, "3/b");
@@ -193,11 +186,9 @@ TEST(PktStuff, RefusesWhatCannotBePackedAndGrowsTheBuffer) {
     ASSERT_EQ(stuff(PKT_XFER_MAXDATA), 0);
     EXPECT_GE(bufsize, PKT_XFER_MAXDATA);
     int grown = bufsize;
-    ASSERT_EQ(stuff(10), 0);  // a smaller packet reuses the buffer
-    EXPECT_EQ(bufsize, grown);
+    EXPECT_TRUE(stuff(10) == 0 && bufsize == grown);  // a smaller packet reuses the buffer
     EXPECT_EQ(stuff(PKT_XFER_MAXDATA + 1), -1);
-    ASSERT_EQ(stuff(-1), 0);  // packs as an empty chunk
-    EXPECT_EQ(nbytes, 21 + 16);
+    EXPECT_TRUE(stuff(-1) == 0 && nbytes == 21 + 16);  // packs as an empty chunk
     pkt->dfile = nullptr;
     EXPECT_EQ(stuff(1), -1);
     pkt->string = nullptr;
@@ -214,21 +205,15 @@ TEST(PktUnstuff, TruncatedExtendedAndHostileBodiesAreMalformedAndDumpedAsSuch) {
     }
     EXPECT_EQ(unstuffPkt(s.srcname, 0, nullptr, 100, &got), -1);
     EXPECT_EQ(unstuffPkt(s.srcname, 0, s.body.data(), -5, &got), -1);
-    auto tryit = [&](size_t at, unsigned char v) {
+    // A byte after the data; the magic; a body format from the future; a key length neither 0 nor 16, or
+    // 0 with the key's bytes still there; a huge data length, one more than present, one less.
+    for (auto [at, v] : {std::pair<size_t, int>{s.body.size(), 'x'}, {0, 'Y'}, {3, 2}, {16, 5}, {16, 0},
+                         {33, 0xff}, {36, 12}, {36, 10}}) {
         Stuffed t = s;
-        if (at == t.body.size()) t.body.push_back(0);  // a byte after the data
+        t.body.resize(std::max(t.body.size(), at + 1));
         t.body[at] = char(v);
-        return t.unstuff(&got);
-    };
-    EXPECT_EQ(tryit(s.body.size(), 'x'), -1);
-    EXPECT_EQ(tryit(0, 'Y'), -1);    // magic
-    EXPECT_EQ(tryit(3, 2), -1);      // body format from the future
-    EXPECT_EQ(tryit(16, 5), -1);     // key length neither 0 nor 16
-    EXPECT_EQ(tryit(16, 0), -1);     // key gone but the bytes still there
-    EXPECT_EQ(tryit(33, 0xff), -1);  // data length high byte: huge
-    EXPECT_EQ(tryit(36, 12), -1);    // data length one more than present
-    EXPECT_EQ(tryit(36, 10), -1);    // one less: a trailing byte left over
-
+        EXPECT_EQ(t.unstuff(&got), -1) << at << " " << v;
+    }
     // A length just over the limit is refused even when the bytes are all there.
     std::vector<char> b(21 + PKT_XFER_MAXDATA + 1, 0);
     b[0] = 'X', b[1] = 'F', b[3] = 1;
