@@ -85,7 +85,7 @@ public:
 
     // Waits (at most limit_s) until JetStream places a stream on every node: then the cluster has its leader
     // and all peers. "" or what is wrong.
-    std::string wait_ready(int limit_s = 60) const {
+    std::string wait_ready(int limit_s = 120) const {
         std::string list = url_list("nats://"), last = "no answer";
         using clock = std::chrono::steady_clock;
         for (auto end = clock::now() + std::chrono::seconds(limit_s); clock::now() < end;
