@@ -3,12 +3,7 @@
 // small ring reused across inputs. The client half-closes after its bytes and
 // reads every answer, so each input ends when the server lets the client go.
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <cstdint>
-#include <cstdlib>
-#include <string>
 #include <thread>
 
 #include "frontend.h"
@@ -17,17 +12,13 @@
 namespace {
 
 std::string Ring_path;
-Settings* Ring_settings;
+Settings Ring_settings;
 
 void client(int fd, const uint8_t* data, size_t size) {
     size_t off = 0;
-    bool wr_open = true;
     char buf[65536];
-    for (;;) {
-        if (wr_open && off == size) {
-            shutdown(fd, SHUT_WR);
-            wr_open = false;
-        }
+    for (bool wr_open = true;;) {
+        if (wr_open && off == size) shutdown(fd, SHUT_WR), wr_open = false;
         pollfd p{fd, short(POLLIN | (wr_open ? POLLOUT : 0)), 0};
         if (poll(&p, 1, -1) < 0) continue;
         if (p.revents & POLLOUT) {
@@ -46,23 +37,21 @@ void client(int fd, const uint8_t* data, size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::quiet_log();
     Ring_path = fuzz::scratch_dir() + "/ring";
-    Ring_settings = new Settings;
-    Ring_settings->ring_size = 1 << 20;
-    Ring_settings->ring_packets = 512;
-    Ring_settings->maxpkts = 1000;
-    Ring_settings->request_timeout = 2;
+    Ring_settings.ring_size = 1 << 20;
+    Ring_settings.ring_packets = 512;
+    Ring_settings.maxpkts = 1000;
+    Ring_settings.request_timeout = 2;
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string why;
-    auto ring = open_ring(Ring_path, *Ring_settings, &why);  // made by the first input
-    if (!ring) std::abort();
+    auto ring = open_ring(Ring_path, Ring_settings, &why);  // made by the first input
+    fuzz::require(bool(ring), "open_ring");
     int sv[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) std::abort();
-    Frontend server(*Ring_settings, std::move(ring), Ring_path);
+    fuzz::socket_pair(sv);
+    Frontend server(Ring_settings, std::move(ring), Ring_path);
     server.add_stdio_client(sv[0], sv[0]);
     std::thread peer(client, sv[1], data, size);
     server.run();

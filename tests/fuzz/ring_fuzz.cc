@@ -3,7 +3,6 @@
 // present must read back as it was put and the bookkeeping must add up; after
 // damage, nothing may crash or read outside the file.
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -13,13 +12,6 @@
 #include "ring/ring.h"
 
 namespace {
-
-struct Input {
-    const uint8_t* p;
-    size_t n;
-    uint32_t byte() { return n ? (n--, *p++) : 0; }
-    uint32_t u16() { return byte() | byte() << 8; }
-};
 
 std::vector<char> payload(uint64_t seq, size_t size) {
     std::vector<char> b(size);
@@ -42,7 +34,7 @@ uint64_t first(const ring::Ring& r) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Input in{data, size};
+    fuzz::Input in{data, size};
     ring::Geometry g;
     g.data_bytes = 4096 + (in.byte() % 4) * 4096;
     g.nslots = 1 + in.byte() % 64;
