@@ -110,8 +110,8 @@ TEST(FerrantReceiver, BrokenAndHostileRunsAreReportedAndTheNextFileArrives) {
     Forged f(500000);
     ASSERT_GE(f.orb_, 0);
     auto [r, in, tmp] = std::tie(f.r, f.in, f.tmp);  // references
-    mkdirs(in + "/taken-");  // the interim name is taken by a directory
-    mkdirs(in + "/isdir/x");  // and the final name by one that is not empty
+    std::filesystem::create_directories(in + "/taken-");  // the interim name is taken by a directory
+    std::filesystem::create_directories(in + "/isdir/x");  // and the final name by one that is not empty
     spit(in + "/blocker", "a plain file where a directory is wanted\n");
     spit(tmp / "victim", "precious\n");
     symlink((tmp / "victim").c_str(), (in + "/interim.txt-").c_str());

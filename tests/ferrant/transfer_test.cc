@@ -192,7 +192,7 @@ TEST_F(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
         make(names.emplace_back("b/g" + std::to_string(i)), pattern(20000 + i, 200 + i));
     }
     std::string watchdir = src + "/spool";
-    for (auto d : {"/sub", "/private"}) mkdirs(watchdir + d);
+    for (auto d : {"/sub", "/private"}) std::filesystem::create_directories(watchdir + d);
     std::string p = pf("w.pf", {{"file_reject", ".*private.*|.*\\.part"}, {"bytes_per_packet", "100"}});
     auto w = send({"-w", watchdir}, p);
     auto sa = send({"-N", "alpha", "a"}, p);

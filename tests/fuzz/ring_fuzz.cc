@@ -19,10 +19,7 @@ std::vector<char> payload(uint64_t seq, size_t size) {
     return b;
 }
 
-const std::string& path() {
-    static std::string file = fuzz::scratch_dir() + "/ring";
-    return file;
-}
+const std::string Path = fuzz::scratch_dir() + "/ring";
 
 // Where to start walking the ring: damaged bounds may span far more than
 // the packets the ring can hold.
@@ -45,7 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     g.stash_bytes = in.byte() * 2;
     std::unique_ptr<ring::Ring> r;
     try {
-        r = ring::Ring::create(path(), g);
+        r = ring::Ring::create(Path, g);
     } catch (const ring::Error&) {
         return 0;
     }
@@ -77,7 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         case 4: {   // reopen
             r.reset();
             try {
-                r = ring::Ring::open(path());
+                r = ring::Ring::open(Path);
             } catch (const ring::Error&) {
                 fuzz::require(damaged, "undamaged ring refused on reopen");
                 return 0;
@@ -85,7 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             break;
         }
         case 5: {   // damage a byte past the fixed header part, locks spared
-            int fd = ::open(path().c_str(), O_RDWR);
+            int fd = ::open(Path.c_str(), O_RDWR);
             off_t where = 136 + off_t(in.u16()) * 3;
             if ((where >= 192 && where < 256) || (where >= 448 && where < 512)) where = 300;
             unsigned char c = uint8_t(in.byte());
