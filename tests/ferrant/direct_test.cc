@@ -1,7 +1,6 @@
-// Direct appends as the receiver makes them: whatever the sizes of the
-// pieces, the file holds exactly their bytes once the stream on the same
-// descriptor has written the rest, and what went out in whole blocks never
-// entered the page cache. (A file-size limit inside a block is in receiver_test.)
+// Direct appends as the receiver makes them: whatever the sizes of the pieces, the file holds exactly
+// their bytes once the stream on the same descriptor has written the rest, and what went out in whole
+// blocks never entered the page cache. (A file-size limit inside a block is in receiver_test.)
 #include <sys/mman.h>
 
 #include "direct.h"

@@ -1,6 +1,5 @@
-// The receiver against forged packet runs: every failure is reported, the
-// interim file is removed or kept as it should be, and the next file still
-// arrives.
+// The receiver against forged packet runs: every failure is reported, the interim file is removed
+// or kept as it should be, and the next file still arrives.
 #include "harness.h"
 #include "orb/orb.h"
 #include "pkt/pkt.h"
@@ -35,9 +34,8 @@ std::vector<std::string> keys(const std::string& data, size_t n) {
 
 std::string chunk(const std::string& data, int k, size_t n) { return data.substr((k - 1) * n, n); }
 
-// A receiver on a ring of its own, writing below tmp/top/in through a limit on
-// the size of the files it writes, and a forger of packets for that ring,
-// which it makes before the receiver opens it.
+// A receiver on a ring of its own, writing below tmp/top/in under a limit on the size of the files
+// it writes, and a forger of packets for that ring, which it makes before the receiver opens it.
 struct Forged {
     explicit Forged(long limit)
         : orb_(orbopen(ring.c_str(), "w")),
@@ -100,12 +98,11 @@ struct Forged {
     Child r;
 };
 
-// Whoever writes to the ring names the files: nothing may land outside the
-// receive directory, go through a link waiting there, or keep privilege bits.
-// Then packets large enough to be written in the background while the next
-// one is digested: a bad key and a failed write still give up just their
-// file. A direct write cut by the file-size limit inside a block is refused
-// whole (EINVAL); the error told must still be the limit's.
+// Whoever writes to the ring names the files: nothing may land outside the receive directory, go
+// through a link waiting there, or keep privilege bits. Then packets large enough to be written in
+// the background while the next one is digested: a bad key and a failed write still give up just
+// their file. A direct write cut by the file-size limit inside a block is refused whole (EINVAL);
+// the error told must still be the limit's.
 TEST(FerrantReceiver, BrokenAndHostileRunsAreReportedAndTheNextFileArrives) {
     Forged f(500000);
     ASSERT_GE(f.orb_, 0);
@@ -169,7 +166,6 @@ TEST(FerrantReceiver, BrokenAndHostileRunsAreReportedAndTheNextFileArrives) {
     f.run("15/isdir", "isdir", data, B);
     f.run("2/repeat.txt", "again.txt", data, B);  // the tag of a run dropped and ended is free again
     f.run("14/good.txt", "good.txt", data, B);
-    // Large packets.
     const size_t L = 300000;
     std::string small = pattern(L + 100000, 8), mixed = pattern(L + 100005, 10);
     f.run("21/badkey.bin", "badkey.bin", pattern(3 * L, 9), L, 2);

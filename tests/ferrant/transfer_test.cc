@@ -53,16 +53,13 @@ std::vector<std::pair<std::string, std::string>> read_ring(const std::string& na
     return seen;
 }
 
-// Senders one after the other into one ring, each with settings of its own
-// (the first one's runs are checked as they lie in the ring), then one
-// receiver for everything. Full-size packets go through the sender's packing
-// ahead and the receiver's background writes; files of many megabytes also
-// through the receiver's drop-behind of written pages, which holds
-// descriptors of files already renamed into place. A file still being written
-// is sent only once it has been quiet for a while, and then whole. Then the
-// receiver is killed and resumes from its state file, now not keeping
-// directories (same base names overwrite each other, the later one wins),
-// while a watching sender and two others send at once with small packets.
+// Senders one after the other into one ring, each with settings of its own (the first one's runs
+// are checked as they lie in the ring), then one receiver for everything. Full-size packets go
+// through the sender's packing ahead and the receiver's background writes; files of many megabytes
+// also through its drop-behind of written pages, which holds descriptors of files already renamed
+// into place. A file still being written is sent only once it has been quiet for a while, and then
+// whole. Then the receiver is killed and resumes from its state file, now not keeping directories
+// (the later of two same base names wins), while a watching sender and two others send at once.
 TEST_F(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
     std::string longname = "a_very_long_base_name_that_will_not_fit.txt";
     make("runs/exact.bin", pattern(2000, 9), 0640);

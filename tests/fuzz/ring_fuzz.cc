@@ -32,9 +32,7 @@ uint64_t first(const ring::Ring& r) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::Input in{data, size};
-    ring::Geometry g;
-    g.data_bytes = 4096 + (in.byte() % 4) * 4096;
-    g.nslots = 1 + in.byte() % 64;
+    ring::Geometry g{4096 + (in.byte() % 4) * 4096, 1 + in.byte() % 64};
     g.maxpkts = int32_t(g.nslots + in.byte() % 40);
     g.maxsrc = 1 + in.byte() % 4;
     g.maxclients = 2;
