@@ -100,18 +100,22 @@ TEST_F(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
     freePkt(pkt);
     EXPECT_EQ(ids.size(), 5u);
     struct File { std::string name, data; mode_t mode = 0644; };
-    std::vector<File> small = {
+    std::vector<File> files = {
         {"a.txt", "alpha\n", 0640}, {"empty.dat", "", 0600},
         {"exact.bin", pattern(3000, 1)},       // exactly three packets of 1000
         {"odd.bin", pattern(10001, 2), 0755},  // ten full packets and one byte
         {"tree/one.txt", pattern(1500, 3)}, {"tree/deeper/two.txt", pattern(999, 4), 0444},
-        {"tree/name with spaces;&'.txt", "odd name\n"}, {"listed.txt", pattern(2048, 5)}};
-    for (auto& f : small) make(f.name, f.data, f.mode);
+        {"tree/name with spaces;&'.txt", "odd name\n"}, {"listed.txt", pattern(2048, 5)},
+        {"large/exact.bin", pattern(3000000, 1)},   {"large/tail.bin", pattern(2500001, 2)},
+        {"large/long/a.bin", pattern(17000003, 3)}, {"large/long/b.bin", pattern(16000000, 4)},
+        {"large/long/c.bin", pattern(9000000, 5)},  {"large/small.txt", "small\n", 0600},
+        {"large/empty.bin", ""}};
+    for (auto& f : files) make(f.name, f.data, f.mode);
     make("listed dir/inside.txt", "not walked\n");
     std::string absolute = make("abs/x.txt", "absolute\n");
     std::string growing = src + "/growing.log";
     spit(growing, "line 0\n");
-    small.push_back({"growing.log", ""});
+    files.push_back({"growing.log", ""});
     s = send({"growing.log", "a.txt", "empty.dat", "exact.bin", "odd.bin", "tree", absolute, "-"}, pf("t.pf"),
              "listed.txt\nlisted dir\nno such file\n");
     for (int i = 1; i <= 6; i++) {
@@ -131,12 +135,6 @@ TEST_F(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
     EXPECT_EQ(count(s->err(), "'keep/skip.dat' not sent"), 1u) << s->err();
     s = send({"keep"}, patterns);
     EXPECT_EQ(s->wait(), 0) << s->err();
-    std::vector<File> large = {
-        {"large/exact.bin", pattern(3000000, 1)},   {"large/tail.bin", pattern(2500001, 2)},
-        {"large/long/a.bin", pattern(17000003, 3)}, {"large/long/b.bin", pattern(16000000, 4)},
-        {"large/long/c.bin", pattern(9000000, 5)},  {"large/small.txt", "small\n", 0600},
-        {"large/empty.bin", ""}};
-    for (auto& f : large) make(f.name, f.data, f.mode);
     s = send({"large"}, pf("l.pf", {{"bytes_per_packet", "1000000"}}));
     EXPECT_EQ(s->wait(120), 0) << s->err();
     // A chunk too large fails its file, which still counts as handled.
@@ -149,11 +147,11 @@ TEST_F(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
         EXPECT_SAID(s->err(), said);
     // Relative -S: taken from the start directory, not the receive directory.
     auto r = receive(pf("t.pf"), {"-S", "state"});
-    size_t all = 5 + small.size() + 1 + 3 + large.size() + 1;
-    ASSERT_TRUE(eventually([&] { return received(*r) == all; })) << r->err();
-    for (auto& f : small) EXPECT_FALSE(exists(in + "/" + f.name + "-")) << f.name;
-    small.insert(small.end(), large.begin(), large.end());
-    for (auto& f : small) same(f.name);
+    ASSERT_TRUE(eventually([&] { return received(*r) == 5 + files.size() + 1 + 3 + 1; })) << r->err();
+    for (auto& f : files) {
+        EXPECT_FALSE(exists(in + "/" + f.name + "-")) << f.name;
+        same(f.name);
+    }
     for (auto& f : {"b.dat", "keep/c.dat", "after.txt", "runs/exact.bin", "runs/nothing", "two/same.txt"})
         same(f);
     // An absolute name loses its leading "/" and lands below the receive directory.
@@ -194,18 +192,18 @@ TEST_F(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
     auto w = send({"-w", watchdir}, p);
     auto sa = send({"-N", "alpha", "a"}, p);
     auto sb = send({"-N", "beta", "b"}, p);
-    std::map<std::string, std::string> files = {
+    std::map<std::string, std::string> watched = {
         {"one.txt", pattern(5000, 1)}, {"sub/two.txt", pattern(10, 2)}, {"empty", ""}};
-    for (auto& [name, data] : files)  // made elsewhere and moved in whole, already old enough to be taken
+    for (auto& [name, data] : watched)  // made elsewhere and moved in whole, already old enough to be taken
         ASSERT_EQ(rename(make_old(tmp / "staged", data).c_str(), (watchdir + "/" + name).c_str()), 0) << name;
     make_old(watchdir + "/private/secret", "stays\n");
     make_old(watchdir + "/held.part", "stays too\n");
     EXPECT_EQ(sa->wait(), 0) << sa->err();
     EXPECT_EQ(sb->wait(), 0) << sb->err();
-    ASSERT_TRUE(received(*r, 4 + files.size() + names.size())) << r->err() << w->err();
+    ASSERT_TRUE(received(*r, 4 + watched.size() + names.size())) << r->err() << w->err();
     for (auto& n : names) expect_same(src + "/" + n, in + "/" + n.substr(2));
     EXPECT_EQ(r->err().find("out of sequence"), std::string::npos) << r->err();
-    for (auto& [name, data] : files) {
+    for (auto& [name, data] : watched) {
         std::string base = name.substr(name.find('/') + 1);
         EXPECT_EQ(slurp(in + "/" + base), data) << name;
         EXPECT_EQ(mode_of(in + "/" + base), 0644u) << name;
@@ -221,7 +219,7 @@ TEST_F(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
               1u) << wlog;
     EXPECT_EQ(count(wlog, "'./held.part' not sent"), 1u) << wlog;
     EXPECT_EQ(wlog.find("ferrant_finish"), std::string::npos);
-    EXPECT_EQ(received(*r), 4 + files.size() + names.size()) << r->err();
+    EXPECT_EQ(received(*r), 4 + watched.size() + names.size()) << r->err();
     EXPECT_FALSE(exists(in + "/one") || exists(in + "/a") || exists(in + "/after.txt"));
 }
 
