@@ -116,10 +116,9 @@ TEST(FerrantReceiver, BrokenAndHostileRunsAreReportedAndTheNextFileArrives) {
     const size_t B = 100;
     std::string data = pattern(350, 42), hex = md5hex(data), one = data.substr(0, B);  // chunks 1..4
     auto k = keys(data, B);
-    // Chunk seq of data, with the running key of chunk key.
-    auto part = [&](const std::string& tag, int seq, int key = 0) {
+    auto part = [&](const std::string& tag, int seq) {  // chunk seq of data, with its running key
         std::string c = chunk(data, seq, B);
-        return f.put(tag, seq, k[(key ? key : seq) - 1], &c);
+        return f.put(tag, seq, k[seq - 1], &c);
     };
     // A run under tag: the initial packet naming name, the chunks seqs (0: the
     // initial packet again), the final packet numbered last; their pktids.
@@ -134,9 +133,7 @@ TEST(FerrantReceiver, BrokenAndHostileRunsAreReportedAndTheNextFileArrives) {
     int lost3 = forge("1/lost.txt", "lost.txt", {1, 3, 4}, 5)[2];  // never ends, its interim file stays
     int repeat = forge("2/repeat.txt", "repeat.txt", {1, 1, 2}, 3)[2];  // dropped, its interim file removed
     int failed = forge("3/failed.txt", "failed.txt", {1}, -1)[2];  // a sender that failed ends with -1
-    f.initial("4/badkey.txt", "badkey.txt", hex);  // a data packet whose running key disagrees
-    part("4/badkey.txt", 1, 2);
-    f.final("4/badkey.txt", 2, hex);
+    f.run("4/badkey.txt", "badkey.txt", data, B, 2);  // a data packet whose running key disagrees
     // Every data packet right, but the final digest is not the initial one.
     forge("5/changed.txt", "changed.txt", {1}, 2, md5hex(one), md5hex("something else"));
     // Names the receiver refuses: control bytes, non-ASCII bytes, nothing; then
@@ -193,7 +190,7 @@ TEST(FerrantReceiver, BrokenAndHostileRunsAreReportedAndTheNextFileArrives) {
              "received old sequence #5 in pktid"s,
              "out of sequence at pktid #" + id(repeat) + " for forge/xfer/2/repeat.txt:  #0 -> #1",
              "out of sequence at pktid #" + id(failed) + " for forge/xfer/3/failed.txt:  #0 -> #-1",
-             "digest mismatch at sequence #1 for file badkey.txt"s, "locally computed:\n"s, "packet key:\n"s,
+             "digest mismatch at sequence #2 for file badkey.txt"s, "locally computed:\n"s, "packet key:\n"s,
              "digest mismatch at last packet for file changed.txt-\n      file changed during transmission"s,
              "received packet with invalid filename 'bad\001name'"s,
              "received packet with invalid filename 'caf\xc3\xa9'"s,
