@@ -77,14 +77,16 @@ struct Forged {
         return put(tag, 0, hex, &named);
     }
     int final(const std::string& tag, int seq, const std::string& hex) { return put(tag, seq, hex, nullptr); }
-    // A whole run of data in chunks of n bytes, but chunk number bad carries the first one's key.
+    // A whole run of data in chunks of n bytes, but chunk number bad carries the first one's key;
+    // between(i) may put other packets after chunk i.
     void run(const std::string& tag, const std::string& name, const std::string& data, size_t n,
-             int bad = 0) {
+             int bad = 0, const std::function<void(int)>& between = {}) {
         auto k = keys(data, n);
         initial(tag, name, md5hex(data));
         for (int i = 1; i <= int(k.size()); i++) {
             std::string c = chunk(data, i, n);
             put(tag, i, k[i == bad ? 0 : i - 1], &c);
+            if (between) between(i);
         }
         final(tag, int(k.size()) + 1, md5hex(data));
     }
@@ -169,14 +171,9 @@ TEST(FerrantReceiver, BrokenAndHostileRunsAreReportedAndTheNextFileArrives) {
     f.run("22/toolong.bin", "toolong.bin", pattern(4 * L, 7), L);
     // Packets of other types between the data packets: the write of each
     // data packet must be over before the buffer it reads from is reused.
-    auto mk = keys(mixed, L);
-    f.initial("23/mixed.bin", "mixed.bin", md5hex(mixed));
-    for (int i = 1; i <= 2; i++) {
-        std::string c = chunk(mixed, i, L);
-        f.put("23/mixed.bin", i, mk[i - 1], &c);
+    f.run("23/mixed.bin", "mixed.bin", mixed, L, 0, [&](int i) {
         for (int j = 0; j < 7; j++) f.raw("forge/ch/ferrant_start", pattern(L, unsigned(i * 10 + j)));
-    }
-    f.final("23/mixed.bin", 3, md5hex(mixed));
+    });
     // A write that fails while the packets behind it are digested is told,
     // not a bad key found after it.
     f.run("25/both.bin", "both.bin", pattern(5 * L, 11), L, 4);
