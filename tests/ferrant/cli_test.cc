@@ -50,9 +50,7 @@ TEST(FerrantCli, StartUpErrorsAreFatalWithTheirMessage) {
     for (auto& c : cases) {
         std::vector<std::string> argv = {FERRANT_BUILD_DIR "/bin/" + c.program};
         argv.insert(argv.end(), c.args.begin(), c.args.end());
-        std::string line = c.program;
-        for (auto& a : c.args) line += " " + a;
-        SCOPED_TRACE(line);
+        SCOPED_TRACE(c.program + " " + testing::PrintToString(c.args));
         Child child(argv, tmp.path, tmp.path, "", c.env);
         EXPECT_EQ(child.wait(), 1);
         std::string err = child.err();
