@@ -20,8 +20,7 @@ await() {
     log=$1 what=$2 tries=0
     shift 2
     until "$@"; do
-        tries=$((tries + 1))
-        [ $tries -le 600 ] && kill -0 "$bg" 2>/dev/null || { cat "$log" >&2; fail "$what"; }
+        [ $((tries += 1)) -le 600 ] && kill -0 "$bg" 2>/dev/null || { cat "$log" >&2; fail "$what"; }
         sleep 0.1
     done
 }
