@@ -17,14 +17,10 @@ const char* Usage =
 TEST(FerrantCli, StartUpErrorsAreFatalWithTheirMessage) {
     TempDir tmp;
     std::string none = tmp / "nowhere/none", pf = write_pf(tmp / "f.pf"), ring = tmp / "ring";
-    spit(tmp / "empty.pf", "# nothing here\n");
-    spit(tmp / "a.txt", "x");
-    spit(tmp / "plain", "x");
-    ring::Geometry g;
-    g.data_bytes = 1 << 20;
-    ring::Ring::create(tmp / "short", g);
-    ASSERT_EQ(truncate((tmp / "short").c_str(), 100000), 0);
+    for (auto name : {"empty.pf", "a.txt", "plain"}) spit(tmp / name, "# nothing here\n");
     spit(tmp / "junk", pattern(100000, 7));
+    ring::Ring::create(tmp / "short", ring::Geometry{1 << 20});
+    ASSERT_EQ(truncate((tmp / "short").c_str(), 100000), 0);
     struct Case {
         std::vector<std::string> args, says, not_says;
         std::map<std::string, std::string> env = {};
@@ -54,9 +50,7 @@ TEST(FerrantCli, StartUpErrorsAreFatalWithTheirMessage) {
     for (auto& c : cases) {
         std::vector<std::string> argv = {FERRANT_BUILD_DIR "/bin/" + c.program};
         argv.insert(argv.end(), c.args.begin(), c.args.end());
-        std::string line = c.program;
-        for (auto& a : c.args) line += " " + a;
-        SCOPED_TRACE(line);
+        SCOPED_TRACE(c.program + " " + testing::PrintToString(c.args));
         Child child(argv, tmp.path, tmp.path, "", c.env);
         EXPECT_EQ(child.wait(), 1);
         std::string err = child.err();

@@ -1,6 +1,6 @@
-// Test harness for running the real ferrant2 programs: temp directories,
-// child processes with captured output, files with chosen ages and modes,
-// parameter files with every key written out, and checks of what arrived.
+// Test harness for running the real ferrant2 programs: child processes with
+// captured output, files with chosen ages and modes, parameter files with every
+// key written out, and checks of what arrived.
 #pragma once
 
 #include <sys/stat.h>
@@ -21,12 +21,10 @@ inline void spit(const std::string& path, const std::string& data, mode_t mode =
     std::ofstream(path, std::ios::binary | std::ios::trunc) << data;
     chmod(path.c_str(), mode);
 }
-
 inline mode_t mode_of(const std::string& path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
 }
-
 inline bool exists(const std::string& path) {
     struct stat st;
     return lstat(path.c_str(), &st) == 0;
@@ -58,18 +56,12 @@ inline bool eventually(const std::function<bool()>& pred, double seconds = 25) {
     return pred();
 }
 
-inline void mkdirs(const std::string& path) {
-    std::error_code ec;
-    std::filesystem::create_directories(path, ec);
-}
-
 // A file an hour old, so that the sender takes it at once; its directories made.
 inline std::string make_old(const std::string& path, const std::string& data, mode_t mode = 0644) {
-    mkdirs(path.substr(0, path.rfind('/')));
+    std::filesystem::create_directories(path.substr(0, path.rfind('/')));
     spit(path, data, mode);
-    std::error_code ec;
     auto hour_ago = std::filesystem::file_time_type::clock::now() - std::chrono::hours(1);
-    std::filesystem::last_write_time(path, hour_ago, ec);
+    std::filesystem::last_write_time(path, hour_ago);
     return path;
 }
 
@@ -80,7 +72,6 @@ inline void expect_same(const std::string& from, const std::string& to) {
     EXPECT_EQ(mode_of(from), mode_of(to)) << to;
 }
 
-// The text appears in the log.
 #define EXPECT_SAID(log, text) EXPECT_NE((log).find(text), std::string::npos) << (text) << "\n---\n" << (log)
 
 // A parameter file with every key; overrides replace the defaults below.
@@ -89,9 +80,8 @@ inline std::string write_pf(const std::string& path,
     std::map<std::string, std::string> keys = {
         {"directory", ""}, {"starting_position", "oldest"}, {"match", ""}, {"reject", ""},
         {"preserve_directories", "yes"}, {"bytes_per_packet", "1000"}, {"file_match", ""},
-        {"file_reject", ""},
-        {"test_freq", "0.1"}, {"lag_trigger", "0.5"}, {"lag_reset", "0.2"}, {"wait_seconds", "1"},
-        {"wait_match", ""}, {"wait_reject", ""}, {"use_orbputx", "no"}};
+        {"file_reject", ""}, {"test_freq", "0.1"}, {"lag_trigger", "0.5"}, {"lag_reset", "0.2"},
+        {"wait_seconds", "1"}, {"wait_match", ""}, {"wait_reject", ""}, {"use_orbputx", "no"}};
     for (auto& [k, v] : overrides) keys[k] = v;
     std::string text;
     for (auto& [k, v] : keys) text += k + (v.empty() ? "" : " " + v) + "\n";

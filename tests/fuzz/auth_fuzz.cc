@@ -3,12 +3,9 @@
 // when it is a signed open, checked against a trusted signer (first byte odd;
 // the challenge is taken from the request so that the signature is reached).
 #include <fcntl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 #include "auth.h"
 #include "fuzz.h"
@@ -17,15 +14,13 @@ static std::unique_ptr<TlsContext> Tls;
 static std::unique_ptr<Auth> Signers;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::quiet_log();
     std::string d = fuzz::scratch_dir(), why;
     std::string make = "cd " + d + " && openssl req -x509 -newkey ed25519 -nodes -keyout k -subj /CN=f "
                        "-days 1 -out c >/dev/null 2>&1 && openssl pkey -in k -pubout -out p";
     Settings s;
     s.signers = {{"alice", d + "/p"}};
-    if (std::system(make.c_str()) != 0 || !(Tls = tls_server_context(d + "/c", d + "/k", &why)) ||
-        !(Signers = Auth::make(s, &why)))
-        std::abort();
+    fuzz::require(std::system(make.c_str()) == 0 && (Tls = tls_server_context(d + "/c", d + "/k", &why)) &&
+                      (Signers = Auth::make(s, &why)), "set-up");
     return 0;
 }
 
@@ -35,9 +30,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int n = int(std::min<size_t>(size - 1, 65536));  // within a socket's buffer
     if (data[0] % 2 == 0) {
         int sv[2];
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) std::abort();
+        fuzz::socket_pair(sv);
         fcntl(sv[0], F_SETFL, O_NONBLOCK);
-        if (write(sv[1], bytes, size_t(n)) != n) std::abort();
+        fuzz::require(write(sv[1], bytes, size_t(n)) == n, "write");
         shutdown(sv[1], SHUT_WR);
         auto session = tls_accept(*Tls, sv[0]);
         char buf[4096];

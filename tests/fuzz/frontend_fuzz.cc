@@ -2,70 +2,47 @@
 // request-handling core, the way forbserver serves its client, against one
 // small ring reused across inputs. The client half-closes after its bytes and
 // reads every answer, so each input ends when the server lets the client go.
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <cstdlib>
-#include <string>
+#include <cerrno>
 #include <thread>
 
 #include "frontend.h"
 #include "fuzz.h"
 
-namespace {
-
-std::string Ring_path;
-Settings* Ring_settings;
-
-void client(int fd, const uint8_t* data, size_t size) {
-    size_t off = 0;
-    bool wr_open = true;
-    char buf[65536];
-    for (;;) {
-        if (wr_open && off == size) {
-            shutdown(fd, SHUT_WR);
-            wr_open = false;
-        }
-        pollfd p{fd, short(POLLIN | (wr_open ? POLLOUT : 0)), 0};
-        if (poll(&p, 1, -1) < 0) continue;
-        if (p.revents & POLLOUT) {
-            ssize_t n = send(fd, data + off, size - off, MSG_DONTWAIT | MSG_NOSIGNAL);
-            if (n > 0) off += size_t(n);
-            else if (n < 0 && errno != EAGAIN && errno != EINTR) off = size;
-        }
-        if (p.revents & (POLLIN | POLLHUP | POLLERR)) {
-            ssize_t n = recv(fd, buf, sizeof buf, MSG_DONTWAIT);
-            if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) break;
-        }
-    }
-    close(fd);
-}
-
-}  // namespace
+static std::string Ring_path;
+static Settings Ring_settings;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::quiet_log();
     Ring_path = fuzz::scratch_dir() + "/ring";
-    Ring_settings = new Settings;
-    Ring_settings->ring_size = 1 << 20;
-    Ring_settings->ring_packets = 512;
-    Ring_settings->maxpkts = 1000;
-    Ring_settings->request_timeout = 2;
+    Ring_settings.ring_size = 1 << 20;
+    Ring_settings.ring_packets = 512;
+    Ring_settings.maxpkts = 1000;
+    Ring_settings.request_timeout = 2;
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string why;
-    auto ring = open_ring(Ring_path, *Ring_settings, &why);  // made by the first input
-    if (!ring) std::abort();
+    auto ring = open_ring(Ring_path, Ring_settings, &why);  // made by the first input
+    fuzz::require(bool(ring), "open_ring");
     int sv[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) std::abort();
-    Frontend server(*Ring_settings, std::move(ring), Ring_path);
+    fuzz::socket_pair(sv);
+    Frontend server(Ring_settings, std::move(ring), Ring_path);
     server.add_stdio_client(sv[0], sv[0]);
-    std::thread peer(client, sv[1], data, size);
+    std::thread writer([&] {
+        for (size_t off = 0; off < size;) {
+            ssize_t n = send(sv[1], data + off, size - off, MSG_NOSIGNAL);
+            if (n > 0) off += size_t(n);
+            else if (errno != EINTR) break;
+        }
+        shutdown(sv[1], SHUT_WR);
+    });
+    std::thread reader([&] {
+        char buf[65536];
+        for (ssize_t n = 1; n > 0 || (n < 0 && errno == EINTR);) n = recv(sv[1], buf, sizeof buf, 0);
+    });
     server.run();
-    peer.join();
+    writer.join();
+    reader.join();
+    close(sv[1]);
     return 0;
 }

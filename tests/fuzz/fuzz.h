@@ -1,8 +1,14 @@
-// What the fuzz targets share: a quiet log, a scratch directory, a check.
+// What the fuzz targets share: a quiet log, a scratch directory, a socket
+// pair, a check, and input read as a stream of bytes.
 #pragma once
 
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <string>
 
@@ -10,7 +16,7 @@ namespace fuzz {
 
 // Complaints about bad input come by the thousand: none on the terminal, no
 // limit on those kept, and no signal handlers in the way of the sanitizers.
-inline void quiet_log() {
+[[gnu::constructor]] static void quiet_log() {
     setenv("ELOG_DELIVER", "/dev/null@lncDa stderr@df", 1);
     setenv("ELOG_MAXMSG", "0", 1);
     setenv("ELOG_SIGNALS", "", 1);
@@ -33,5 +39,17 @@ inline void require(bool ok, const char* what) {
     std::fprintf(stderr, "broken: %s\n", what);
     std::abort();
 }
+
+inline void socket_pair(int sv[2]) {
+    require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) == 0, "socketpair");
+}
+
+// The input taken a byte at a time; zeros once it is used up.
+struct Input {
+    const uint8_t* p;
+    size_t n;
+    uint32_t byte() { return n ? (n--, *p++) : 0; }
+    uint32_t u16() { return byte() | byte() << 8; }
+};
 
 }  // namespace fuzz

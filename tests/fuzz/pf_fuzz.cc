@@ -3,9 +3,6 @@
 // bounded time. Nothing is evaluated: deferred forms could run commands, so
 // trees that hold any are not expanded (a reference to one would run it).
 #include <algorithm>
-#include <cstdio>
-#include <cstring>
-#include <string>
 #include <vector>
 
 #include "fuzz.h"
@@ -38,11 +35,6 @@ std::string dump(Pf* p, std::vector<Pf*>& nodes) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::quiet_log();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FILE* fp = fmemopen(const_cast<uint8_t*>(data), size, "r");

@@ -1,10 +1,6 @@
 // Arbitrary source names and bodies through unstuffPkt and showPkt; whatever
 // unpacks must pack again to the same bytes.
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-
+#include "fuzz.h"
 #include "pkt/pkt.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -23,8 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         double t;
         char* buf = nullptr;
         int n = 0, bufsize = 0;
-        if (stuffPkt(pkt, srcname, &t, &buf, &n, &bufsize) != 0) abort();
-        if (n != nbytes || memcmp(buf, body, n) != 0) abort();
+        fuzz::require(stuffPkt(pkt, srcname, &t, &buf, &n, &bufsize) == 0, "stuffPkt");
+        fuzz::require(n == nbytes && memcmp(buf, body, n) == 0, "packed again differently");
         free(buf);
     }
     freePkt(pkt);

@@ -3,7 +3,6 @@
 // present must read back as it was put and the bookkeeping must add up; after
 // damage, nothing may crash or read outside the file.
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -14,23 +13,13 @@
 
 namespace {
 
-struct Input {
-    const uint8_t* p;
-    size_t n;
-    uint32_t byte() { return n ? (n--, *p++) : 0; }
-    uint32_t u16() { return byte() | byte() << 8; }
-};
-
 std::vector<char> payload(uint64_t seq, size_t size) {
     std::vector<char> b(size);
     for (size_t k = 0; k < size; k++) b[k] = char(seq * 131 + k);
     return b;
 }
 
-const std::string& path() {
-    static std::string file = fuzz::scratch_dir() + "/ring";
-    return file;
-}
+const std::string Path = fuzz::scratch_dir() + "/ring";
 
 // Where to start walking the ring: damaged bounds may span far more than
 // the packets the ring can hold.
@@ -42,10 +31,8 @@ uint64_t first(const ring::Ring& r) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Input in{data, size};
-    ring::Geometry g;
-    g.data_bytes = 4096 + (in.byte() % 4) * 4096;
-    g.nslots = 1 + in.byte() % 64;
+    fuzz::Input in{data, size};
+    ring::Geometry g{4096 + (in.byte() % 4) * 4096, 1 + in.byte() % 64};
     g.maxpkts = int32_t(g.nslots + in.byte() % 40);
     g.maxsrc = 1 + in.byte() % 4;
     g.maxclients = 2;
@@ -53,7 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     g.stash_bytes = in.byte() * 2;
     std::unique_ptr<ring::Ring> r;
     try {
-        r = ring::Ring::create(path(), g);
+        r = ring::Ring::create(Path, g);
     } catch (const ring::Error&) {
         return 0;
     }
@@ -85,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         case 4: {   // reopen
             r.reset();
             try {
-                r = ring::Ring::open(path());
+                r = ring::Ring::open(Path);
             } catch (const ring::Error&) {
                 fuzz::require(damaged, "undamaged ring refused on reopen");
                 return 0;
@@ -93,7 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             break;
         }
         case 5: {   // damage a byte past the fixed header part, locks spared
-            int fd = ::open(path().c_str(), O_RDWR);
+            int fd = ::open(Path.c_str(), O_RDWR);
             off_t where = 136 + off_t(in.u16()) * 3;
             if ((where >= 192 && where < 256) || (where >= 448 && where < 512)) where = 300;
             unsigned char c = uint8_t(in.byte());

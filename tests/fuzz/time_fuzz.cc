@@ -1,11 +1,8 @@
 // Hostile text into the time reader and the path splitters: no crash, and
 // every time that reads back is written and read again to the same microsecond.
 #include <cmath>
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <string>
 
+#include "fuzz.h"
 #include "stock/epoch.h"
 #include "stock/path.h"
 
@@ -14,12 +11,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     s = s.c_str();  // up to the first NUL, as a C caller would pass it
     double t = str2epoch(s.c_str());
     double e = 0;
-    if (is_epoch_string(s.c_str(), &e) != !std::isnan(t)) abort();
+    fuzz::require(is_epoch_string(s.c_str(), &e) == !std::isnan(t), "is_epoch_string");
     // Years 1000 to 5138: four-digit years, which is what the reader takes.
     if (!std::isnan(t) && t >= -30610224000.0 && t < 1e11) {
         char* text = zepoch2str(t, "%E (%j) %Y-%m-%d  %H:%M:%S.%u %z %A", nullptr);
         double back = str2epoch(text);
-        if (!(std::fabs(back - t) <= 1e-6 * (1 + std::fabs(t) * 1e-9))) abort();
+        fuzz::require(std::fabs(back - t) <= 1e-6 * (1 + std::fabs(t) * 1e-9), "read back");
         free(text);
         free(strtime(t));
         free(strtdelta(t));

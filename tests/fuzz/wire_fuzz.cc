@@ -3,11 +3,8 @@
 // decodes is encoded again, so the encoders see whatever a hostile peer can
 // make the decoders produce.
 #include <sys/mman.h>
-#include <unistd.h>
 
-#include <cstddef>
-#include <cstdint>
-
+#include "fuzz.h"
 #include "orb/orbfile.h"
 #include "stock/bns.h"
 

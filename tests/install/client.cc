@@ -24,26 +24,21 @@ int main(int argc, char** argv) {
     pkt->pkttype = suffix2pkttype("xfer");
     for (int i = 0; i < n; i++) {
         std::string text = "packet " + std::to_string(i);
-        pkt->dfile = text.data();
+        pkt->dfile = text.data();  // not ours to free: taken back below
         pkt->dfile_size = int(text.size());
         pkt->string_size = i;
         pkt->time = 1e9 + i;
         if (stuffPkt(pkt, srcname, &time, &buf, &nbytes, &bufsize) < 0 ||
             orbput(w, srcname, time, buf, nbytes) < 0)
             elog_die(0, "can't put packet %d\n", i);
-        pkt->dfile = nullptr;  // not ours to free
+        pkt->dfile = nullptr;
     }
     orbseek(r, ORBOLDEST);
     for (int i = 0; i < n; i++) {
-        if (orbreap_timeout(r, 60, &pktid, srcname, &time, &buf, &nbytes, &bufsize) < 0)
-            elog_die(0, "no packet %d\n", i);
-        if (unstuffPkt(srcname, time, buf, nbytes, &pkt) != PKT_XFER_TYPE)
-            elog_die(0, "packet %d is not an xfer packet\n", i);
+        if (orbreap_timeout(r, 60, &pktid, srcname, &time, &buf, &nbytes, &bufsize) < 0 ||
+            unstuffPkt(srcname, time, buf, nbytes, &pkt) != PKT_XFER_TYPE)
+            elog_die(0, "no xfer packet %d\n", i);
         std::printf("%s %d %.*s\n", srcname, pkt->string_size, pkt->dfile_size, pkt->dfile);
     }
-    freePkt(pkt);
-    std::free(buf);
-    orbclose(w);
-    orbclose(r);
     return 0;
 }
