@@ -159,7 +159,7 @@ TEST(Process, OutOfMemoryMessageExecutableNameAndSigpipe) {
     signal(SIGPIPE, SIG_DFL);
 }
 
-TEST(Epoch2str, KnownTimesOwnCodesZonesAndDurations) {
+TEST(Epoch2str, KnownTimesOwnCodesZonesDurationsAndShortestNumbers) {
     struct Case {
         double e;
         const char *fmt, *tz, *text;
@@ -171,12 +171,9 @@ TEST(Epoch2str, KnownTimesOwnCodesZonesAndDurations) {
         {951782400, "%Y-%m-%d %j", nullptr, "2000-02-29 060"},
         {1.9996, "%S.%s", nullptr, "02.000"},  // milliseconds round and carry
         {1.9996, "%S", nullptr, "01"},         // whole seconds truncate
-        {1.25, "%E %s %u %%", nullptr, "1 250 250000 %"},
-        {0, "", nullptr, ""},
-        {NAN, "%Y", nullptr, "(invalid time)"},
-        {0, "%H:%M %z", "+05:30", "05:30 +0530"},
-        {0, "%Y-%m-%d %H %z", "-08", "1969-12-31 16 -0800"},
-        {0, "%H %Z", "UTC", "00 UTC"},
+        {1.25, "%E %s %u %%", nullptr, "1 250 250000 %"}, {0, "", nullptr, ""},
+        {NAN, "%Y", nullptr, "(invalid time)"}, {0, "%H:%M %z", "+05:30", "05:30 +0530"},
+        {0, "%Y-%m-%d %H %z", "-08", "1969-12-31 16 -0800"}, {0, "%H %Z", "UTC", "00 UTC"},
         {1700000000, "%H %z", "EST5", "17 -0500"},  // a zone name, TZ style
     };
     for (const Case& c : cases) EXPECT_EQ(z(c.e, c.fmt, c.tz), c.text) << c.fmt;
@@ -185,6 +182,19 @@ TEST(Epoch2str, KnownTimesOwnCodesZonesAndDurations) {
     const std::pair<double, const char*> deltas[] = {{1.5, "1.500 s"}, {59.9996, "0:01:00.000"},
         {7384.5, "2:03:04.500"}, {3 * 86400 + 7384.5, "3d 02:03:04.500"}, {-1.5, "-1.500 s"}};
     for (auto [d, s] : deltas) EXPECT_EQ(text(strtdelta(d)), s) << d;
+    // Numbers: the shortest text that reads back, or a format's with trailing zeros cut (an integer's kept).
+    const std::tuple<double, const char*, const char*> numbers[] = {
+        {0.1, nullptr, "0.1"}, {1, nullptr, "1"}, {-2.5, nullptr, "-2.5"}, {1e300, nullptr, "1e+300"},
+        {INFINITY, nullptr, "inf"}, {1.5, "%.4f", "1.5"}, {2.0, "%.4f", "2"}, {100, "%.0f", "100"},
+        {1.5, "%.3f s", "1.500 s"}};
+    for (auto [v, f, s] : numbers) EXPECT_EQ(text(strdbl(v, f)), s) << v << (f ? f : "");
+    std::mt19937_64 rng(7);
+    std::uniform_real_distribution<double> d(-1e12, 1e12);
+    for (int i = 0; i < 2000; i++) {
+        double v = d(rng) / double(i + 1);
+        std::string s = text(strdbl(v, nullptr));
+        ASSERT_EQ(atof(s.c_str()), v) << s;
+    }
 }
 
 TEST(Str2epoch, ReadsBackTheStateFormatAndKnowsTheCalendarNumbersNowAndGarbage) {
@@ -224,23 +234,6 @@ TEST(Str2epoch, ReadsBackTheStateFormatAndKnowsTheCalendarNumbersNowAndGarbage) 
     EXPECT_TRUE(std::isnan(str2epoch(nullptr)));
     double e = 0;
     EXPECT_TRUE(is_epoch_string("2023-11-14", &e) == 1 && e == 1699920000) << e;
-}
-
-TEST(Strdbl, ShortestTextThatReadsBack) {
-    const std::pair<double, const char*> shortest[] = {
-        {0.1, "0.1"}, {1, "1"}, {-2.5, "-2.5"}, {1e300, "1e+300"}, {INFINITY, "inf"}};
-    for (auto [v, s] : shortest) EXPECT_EQ(text(strdbl(v, nullptr)), s);
-    std::mt19937_64 rng(7);
-    std::uniform_real_distribution<double> d(-1e12, 1e12);
-    for (int i = 0; i < 2000; i++) {
-        double v = d(rng) / double(i + 1);
-        std::string s = text(strdbl(v, nullptr));
-        ASSERT_EQ(atof(s.c_str()), v) << s;
-    }
-    EXPECT_EQ(text(strdbl(1.5, "%.4f")), "1.5");
-    EXPECT_EQ(text(strdbl(2.0, "%.4f")), "2");
-    EXPECT_EQ(text(strdbl(100, "%.0f")), "100");  // no point: zeros of the integer kept
-    EXPECT_EQ(text(strdbl(1.5, "%.3f s")), "1.500 s");
 }
 
 TEST(WaitForTime, PastTimesReturnAtOnceFutureOnesAreReachedAndUnreachableOnesRefused) {
@@ -320,13 +313,24 @@ TEST(PathText, AbspathDirbaseParsepathConcatpaths) {
     for (const auto& j : joins) EXPECT_EQ(text(concatpaths(j[0], j[1])), j[2]) << j[0] << " + " << j[1];
 }
 
-TEST(FileSystem, MakedirFileTestsDirfilesAndGetaline) {
+namespace {
+Names Seen;
+int record(const char* path, struct stat* st, void* arg) {
+    EXPECT_TRUE(S_ISREG(st->st_mode));
+    Seen.push_back(std::string(static_cast<const char*>(arg)) + path);
+    return -1;  // a failing callback must not stop the walk
+}
+int record_int(const char* path, struct stat*, int arg) {
+    Seen.push_back(std::to_string(arg) + path);
+    return 0;
+}
+}  // namespace
+
+TEST(FileSystem, MakedirFileTestsDirfilesGetalineAndFstraverse) {
     TempDir t;
     std::string deep = t / "x/y/z";
-    EXPECT_EQ(makedir(deep.c_str()), 0);
+    for (std::string d : {deep, deep, deep + "/"}) EXPECT_EQ(makedir(d.c_str()), 0) << d;  // again, with a slash
     EXPECT_TRUE(is_dir(deep.c_str()));
-    EXPECT_EQ(makedir(deep.c_str()), 0);          // already there
-    EXPECT_EQ(makedir((deep + "/").c_str()), 0);  // trailing slash
     t.file("f", "x");
     for (std::string bad : {t / "f", t / "f/sub", std::string()}) EXPECT_EQ(makedir(bad.c_str()), -1) << bad;
     ASSERT_EQ(symlink("nowhere", (t / "dangling").c_str()), 0);
@@ -357,38 +361,24 @@ TEST(FileSystem, MakedirFileTestsDirfilesAndGetaline) {
     EXPECT_EQ(lines, (Names{"first", "", longline, "last-no-newline"}));
     fclose(f);
     free(buf);
-}
 
-namespace {
-Names Seen;
-int record(const char* path, struct stat* st, void* arg) {
-    EXPECT_TRUE(S_ISREG(st->st_mode));
-    Seen.push_back(std::string(static_cast<const char*>(arg)) + path);
-    return -1;  // a failing callback must not stop the walk
-}
-int record_int(const char* path, struct stat*, int arg) {
-    Seen.push_back(std::to_string(arg) + path);
-    return 0;
-}
-}  // namespace
-
-TEST(Fstraverse, FilesFirstThenSubdirectoriesInNameOrder) {
-    TempDir t;
-    t.sub("d2");
-    t.sub("d1/inner");
-    for (const char* f : {"z", "a", "d1/f", "d1/inner/g", "d2/h"}) t.file(f, "");
-    mkfifo((t / "fifo").c_str(), 0600);
-    ASSERT_EQ(symlink(t.path.c_str(), (t / "d1/loop").c_str()), 0);  // must not be entered
-    ASSERT_EQ(symlink("a", (t / "link").c_str()), 0);               // a link to a file is a file
-    std::string p = t.path;
+    // fstraverse: files first, then subdirectories, in name order.
+    TempDir w;
+    w.sub("d2");
+    w.sub("d1/inner");
+    for (const char* name : {"z", "a", "d1/f", "d1/inner/g", "d2/h"}) w.file(name, "");
+    mkfifo((w / "fifo").c_str(), 0600);
+    ASSERT_EQ(symlink(w.path.c_str(), (w / "d1/loop").c_str()), 0);  // must not be entered
+    ASSERT_EQ(symlink("a", (w / "link").c_str()), 0);               // a link to a file is a file
+    std::string p = w.path;
     Seen.clear();
-    EXPECT_EQ(fstraverse(t.path.c_str(), FSTRAVERSE_RECURSE, record, (void*)">"), 0);
+    EXPECT_EQ(fstraverse(w.path.c_str(), FSTRAVERSE_RECURSE, record, (void*)">"), 0);
     EXPECT_EQ(Seen, (Names{">" + p + "/a", ">" + p + "/link", ">" + p + "/z", ">" + p + "/d1/f",
                            ">" + p + "/d1/inner/g", ">" + p + "/d2/h"}));
     Seen.clear();
-    EXPECT_EQ(fstraverse(t.path.c_str(), 0, record_int, 7), 0);
+    EXPECT_EQ(fstraverse(w.path.c_str(), 0, record_int, 7), 0);
     EXPECT_EQ(Seen, (Names{"7" + p + "/a", "7" + p + "/link", "7" + p + "/z"}));
-    EXPECT_EQ(fstraverse((t / "missing").c_str(), 1, record_int, 0), -1);
+    EXPECT_EQ(fstraverse((w / "missing").c_str(), 1, record_int, 0), -1);
 }
 
 TEST(Mapfile, MapsWholeFilesReleasesByNameAndRefusesOthers) {
