@@ -135,7 +135,7 @@ int crash(int, const char*, Tbl*) {
 }  // namespace
 
 // die exits with status 1; a fault, a fatal signal or a fault inside the log aborts.
-TEST(ElogFatal, HowEachEndIsReported) {
+TEST(ElogFatal, HowEachEndIsReportedAndSignalNames) {
     struct Case {
         const char* name;
         void (*body)();
@@ -157,20 +157,18 @@ TEST(ElogFatal, HowEachEndIsReported) {
         {"die without its debugger", [] { elog_die(0, "end"); },
          {{"ELOG_DEBUG", "no-such-debugger-here %r %p &@d"}}, 0, P + " *fatal*: end\n"},
     };
+    child::Result r;
     for (const Case& c : cases) {
-        auto r = child::run(c.body, env(c.settings));
+        r = child::run(c.body, env(c.settings));
         EXPECT_TRUE(c.signal ? r.signaled(c.signal) : r.exited(1)) << c.name << ": " << r.status;
         EXPECT_EQ(r.err, c.err) << c.name;
     }
-}
-
-TEST(ElogFatal, SignalNamesAndBadNames) {
-    // Old aliases, the SIG prefix, and names that are none.
+    // Signal names: old aliases, the SIG prefix, and names that are none.
     const std::pair<const char*, int> names[] = {
         {"IOT", 6}, {"CLD", 17}, {"SIGTERM", 15}, {"KILLME", -1}, {"", -1}};
     for (auto [name, number] : names) EXPECT_EQ(elog_signal_number(name), number) << name;
     EXPECT_EQ(elog_signal_number(nullptr), -1);
-    auto r = child::run([] {
+    r = child::run([] {
         CHILD_CHECK(elog_setup_fault_handler("SEGV:NOPE::") == 1);
         CHILD_CHECK(elog_setup_fault_handler("KILL") == 1);
     }, env({{"ELOG_SIGNALS", "FOO"}}));
@@ -179,7 +177,7 @@ TEST(ElogFatal, SignalNamesAndBadNames) {
     EXPECT_EQ(r.err, bad + "FOO'\n" + bad + "NOPE'\n" + bad + "KILL'\n");
 }
 
-TEST(ElogSettings, DeliveryValuesWordsAndEscapes) {
+TEST(ElogSettings, DeliveryValuesWordsEscapesAndFiles) {
     auto r = child::run([] {
         elog_notify(0, "n");
         elog_complain(0, "c");
@@ -210,12 +208,10 @@ TEST(ElogSettings, DeliveryValuesWordsAndEscapes) {
         EXPECT_EQ(r.out, c.out) << c.deliver;
         EXPECT_EQ(r.err, c.err) << c.deliver;
     }
-}
-
-TEST(ElogDelivery, FilesAppendAreCreatedWithMode0664OrFallBackToStderr) {
+    // Files are appended to and created with mode 0664.
     TempDir d;
     std::string file = d / "errors";
-    auto r = child::run([] {
+    r = child::run([] {
         umask(0);
         elog_complain(0, "one");
         errno = EACCES;
@@ -346,7 +342,7 @@ TEST(ElogTags, Expansion) {
     EXPECT_STREQ(elog_expand(nullptr, buf, sizeof buf), "");
 }
 
-TEST(ElogSettings, ParameterFileThenEnvironmentAndBadFiles) {
+TEST(ElogSettings, ParameterFileThenEnvironmentBadFilesAndTheShippedOne) {
     TempDir d;
     d.file("elog.pf", "ELOG_MAXMSG 2\nELOG_SIGNALS USR2\nELOG_TAG &Arr{\n    n [%P]\n    alert <%P>\n}\n"
                       "ELOG_DELIVER stdout@nc\n");
@@ -385,11 +381,7 @@ TEST(ElogSettings, ParameterFileThenEnvironmentAndBadFiles) {
     EXPECT_THAT(slurp(ran), MatchesRegex("[0-9]+\n"));
     EXPECT_THAT(r.err, HasSubstr("Running debugger: 'echo "));
     EXPECT_EQ(r.err.find("Running debugger"), r.err.rfind("Running debugger"));
-}
-
-// The shipped parameter file reads without complaint and changes none of the
-// built-in settings.
-TEST(ElogSettings, ShippedParameterFileHoldsTheDefaults) {
+    // The shipped file reads without complaint and changes none of the built-in settings.
     auto settings = [](const char* pfpath) {
         return child::run([] {
             for (int sev = 0; sev < ELOG_MAXSEVERITY; sev++)
