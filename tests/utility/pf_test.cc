@@ -239,8 +239,7 @@ TEST(PfWrite, AnyTreeReadsBackEqual) {
     }
 }
 
-// Four threads at once share the parser, key-path walks, expansion and the
-// named-tree cache.
+// Four threads at once share the parser, key-path walks, expansion and the named-tree cache.
 TEST(PfWrite, ThreadsParseWriteExpandAndShareTheCache) {
     auto rounds = [](int t) {
         std::string name = "pftest-thread-" + std::to_string(t);
@@ -301,8 +300,7 @@ TEST(PfDeferred, EnvExecGlobFilesReferencesAndData) {
     EXPECT_EQ(strings(g), (Strings{dir / "one.txt", dir / "two.txt"}));
     freetbl(g, nullptr);
     Pf* none = nullptr;
-    EXPECT_EQ(pfresolve(pf, "none", 0, &none), PF_TBL);  // no match: an empty list
-    EXPECT_EQ(pfmaxtbl(none), 0);
+    EXPECT_TRUE(pfresolve(pf, "none", 0, &none) == PF_TBL && pfmaxtbl(none) == 0);  // no match: an empty list
     EXPECT_EQ(std::string(pfget_string(pf, "nofile")).rfind("** ", 0), 0u);
     // The text of a deferred form is what is written back.
     EXPECT_THAT(text_of(pf), HasSubstr("env\t&env(PFPARSE_TEST_VAR)\n"));
@@ -368,8 +366,7 @@ TEST_F(PfTree, KeyPathsReachNestedNodesAndContainersComeOut) {
     EXPECT_EQ(pfget(list, pfindex(5), &v), PF_INVALID);
     // Arrays and lists come out as containers.
     Arr* a = pfget_arr(t.pf, "arr");
-    ASSERT_NE(a, nullptr);
-    EXPECT_EQ(cntarr(a), 1);  // nested array and list left out
+    ASSERT_TRUE(a && cntarr(a) == 1);  // nested array and list left out
     EXPECT_STREQ(static_cast<char*>(getarr(a, "inner")), "v1");
     freearr(a, nullptr);
     Tbl* l = pfget_tbl(t.pf, "tbl");
@@ -436,9 +433,7 @@ TEST_F(PfTree, MissingAndMistypedValuesAreFatalUnlessHandled) {
     EXPECT_EXIT(pfget_int(list, pfindex(9)), testing::ExitedWithCode(1),
                 "wrong parameter type for #9 : expected scalar but got invalid");
     // Lenient getters stay quiet.
-    EXPECT_EQ(pfget_string(t.pf, "absent"), nullptr);
-    EXPECT_EQ(pfget_arr(t.pf, "absent"), nullptr);
-    EXPECT_EQ(pfget_tbl(t.pf, "absent"), nullptr);
+    EXPECT_TRUE(!pfget_string(t.pf, "absent") && !pfget_arr(t.pf, "absent") && !pfget_tbl(t.pf, "absent"));
     // A replacement handler supplies defaults.
     ASSERT_EQ(pfconfig("die", reinterpret_cast<void*>(lenient)), 0);
     Handler_calls = 0;
@@ -572,8 +567,7 @@ Strings files_of(const std::string& name, int all = 0) {
     return out;
 }
 
-// Two directories a and b on the path; restores the environment and working
-// directory a test changes.
+// Directories a and b on the path; the environment and working directory are restored after.
 class PfPath : public ::testing::Test {
 protected:
     TempDir dir;
@@ -600,7 +594,9 @@ protected:
     }
 };
 
-TEST_F(PfPath, ExplicitDirectoriesComeLastAndLaterOnesWin) {
+// Explicit directories come last and later files win; the default path is
+// the installation, then the current directory; nothing read is a failure.
+TEST_F(PfPath, SearchOrderFailuresAndRevisions) {
     dir.file("a/app.pf", "k from a\nonly_a 1\narr &Arr{\n  x 1\n  y 1\n}\n");
     dir.sub("other");
     dir.file("other/app.pf", "k from other\n");
@@ -618,13 +614,9 @@ TEST_F(PfPath, ExplicitDirectoriesComeLastAndLaterOnesWin) {
     // Arrays are replaced whole.
     EXPECT_EQ(read("app", {"k", "only_a", "arr{x}", "arr{y}"}), (Strings{"from b", "1", "2", "-"}));
     Tree t;
-    ASSERT_EQ(pfread("app", &t.pf), 0);
     Pf* k = nullptr;
-    pfresolve(t.pf, "k", 0, &k);
+    ASSERT_TRUE(pfread("app", &t.pf) == 0 && pfresolve(t.pf, "k", 0, &k) == PF_STRING);
     EXPECT_EQ(std::string(k->filename), b + "/app.pf");
-}
-
-TEST_F(PfPath, DefaultPathIsInstallationThenCurrentDirectoryAndNothingReadIsFailure) {
     unsetenv("PFPATH");
     setenv("QUORVANE", dir.sub("root").c_str(), 1);
     dir.sub("root/data/pf");
@@ -651,6 +643,19 @@ TEST_F(PfPath, DefaultPathIsInstallationThenCurrentDirectoryAndNothingReadIsFail
     dir.file("a/broken.pf", "k 1\nx &Arr{\n");
     dir.file("b/broken.pf", "j 2\ny &Tbl{\n");
     stderr_of([&] { EXPECT_EQ(read("broken", {"k", "j"}, -4), (Strings{"1", "2"})); });
+    // A required revision is checked in the last file read.
+    dir.file("a/rev.pf", "pf_revision_time 1700000000\n");
+    dir.file("b/rev.pf", "other 1\n");
+    err = stderr_of([] { EXPECT_NE(pfrequire("rev", "1600000000"), 0); });
+    EXPECT_THAT(err, HasSubstr("no pf_revision_time in the file '" + b + "/rev.pf'"));
+    EXPECT_THAT(err, Not(HasSubstr(a + "/rev.pf")));
+    dir.file("b/rev.pf", "pf_revision_time 2020-01-01\n");
+    err = stderr_of([] { EXPECT_NE(pfrequire("rev", "2021-06-01"), 0); });
+    EXPECT_THAT(err, HasSubstr("pf_revision_time in the file '" + b + "/rev.pf' has date 2020-01-01"));
+    EXPECT_THAT(err, HasSubstr("but program requires date after 2021-06-01"));
+    EXPECT_EQ(pfrequire("rev", "2019-01-01"), 0);
+    err = stderr_of([] { EXPECT_NE(pfrequire("pfpath-none", "2019-01-01"), 0); });
+    EXPECT_THAT(err, HasSubstr("can't find parameter file pfpath-none"));
 }
 
 TEST_F(PfPath, UpdateAndTheCacheNoticeChangedAppearingAndVanishingFiles) {
@@ -694,21 +699,6 @@ TEST_F(PfPath, UpdateAndTheCacheNoticeChangedAppearingAndVanishingFiles) {
     unlink(fa.c_str());
     update(-1);  // nothing left to read
     update(0);
-}
-
-TEST_F(PfPath, RevisionRequirement) {
-    dir.file("a/rev.pf", "pf_revision_time 1700000000\n");
-    dir.file("b/rev.pf", "other 1\n");
-    std::string err = stderr_of([] { EXPECT_NE(pfrequire("rev", "1600000000"), 0); });
-    EXPECT_THAT(err, HasSubstr("no pf_revision_time in the file '" + b + "/rev.pf'"));
-    EXPECT_THAT(err, Not(HasSubstr(a + "/rev.pf")));
-    dir.file("b/rev.pf", "pf_revision_time 2020-01-01\n");
-    err = stderr_of([] { EXPECT_NE(pfrequire("rev", "2021-06-01"), 0); });
-    EXPECT_THAT(err, HasSubstr("pf_revision_time in the file '" + b + "/rev.pf' has date 2020-01-01"));
-    EXPECT_THAT(err, HasSubstr("but program requires date after 2021-06-01"));
-    EXPECT_EQ(pfrequire("rev", "2019-01-01"), 0);
-    err = stderr_of([] { EXPECT_NE(pfrequire("pfpath-none", "2019-01-01"), 0); });
-    EXPECT_THAT(err, HasSubstr("can't find parameter file pfpath-none"));
 }
 
 }  // namespace
