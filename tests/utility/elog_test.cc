@@ -56,13 +56,8 @@ std::string value_of(const std::string& text, const char* key) {
 }
 
 // A check inside a child: a failure ends it with status 99 and says why.
-#define CHILD_CHECK(c)                                                      \
-    do {                                                                    \
-        if (!(c)) {                                                         \
-            fprintf(stderr, "check failed at line %d: %s\n", __LINE__, #c); \
-            _exit(99);                                                      \
-        }                                                                   \
-    } while (0)
+#define CHILD_CHECK(c) \
+    do if (!(c)) fprintf(stderr, "check failed at line %d: %s\n", __LINE__, #c), _exit(99); while (0)
 
 }  // namespace
 

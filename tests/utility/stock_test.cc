@@ -286,7 +286,7 @@ TEST(Rvm, RunningDigestsOverUnevenChunksMatchMd5sumOfPrefixes) {
     EXPECT_EQ(ours, theirs);
 }
 
-TEST(PathText, AbspathDirbaseParsepathConcatpaths) {
+TEST(PathText, AbspathDirbaseParsepathConcatpathsAndTheInstallationRoot) {
     char abs[PATH_MAX], cwd[PATH_MAX], dir[PATH_MAX], base[PATH_MAX], suffix[PATH_MAX];
     ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
     const std::string resolved[][2] = {
@@ -311,6 +311,23 @@ TEST(PathText, AbspathDirbaseParsepathConcatpaths) {
     const char* const joins[][3] = {{"a", "b", "a/b"}, {"a/", "b", "a/b"},   {".", "b", "./b"},
                                     {"", "b", "b"},    {nullptr, "b", "b"}, {"a", "/abs", "/abs"}};
     for (const auto& j : joins) EXPECT_EQ(text(concatpaths(j[0], j[1])), j[2]) << j[0] << " + " << j[1];
+    // Data files under the installation root.
+    TempDir t;
+    t.sub("data/pf");
+    std::string x = t.file("data/pf/x.pf", "a 1\n");
+    setenv("QUORVANE", t.path.c_str(), 1);
+    EXPECT_EQ(std::string(installation_root()), t.path);
+    EXPECT_EQ(text(datapath(nullptr, "pf", "x", "pf")), x);
+    EXPECT_EQ(text(datapath(nullptr, "pf", "x.pf", "pf")), x);  // suffix not doubled
+    EXPECT_EQ(datapath(nullptr, "pf", "y", "pf"), nullptr);
+    EXPECT_EQ(text(datapath(t.path.c_str(), "data/pf", "x", "pf")), x);
+    EXPECT_EQ(strings(datasearch("SEARCHTEST", "pf", "x.pf", 0)), (Names{x}));
+    EXPECT_EQ(strings(datasearch("SEARCHTEST", "pf", "x.pf", 1)), (Names{x, "./x.pf"}));
+    setenv("SEARCHTEST", ("/nonexistent::" + t.path + "/data/pf/").c_str(), 1);
+    EXPECT_EQ(strings(datasearch("SEARCHTEST", "pf", "x.pf", 1)), (Names{"/nonexistent/x.pf", "./x.pf", x}));
+    setenv("QUORVANE", "", 1);
+    EXPECT_STREQ(installation_root(), FERRANT_PREFIX);
+    setenv("QUORVANE", FERRANT_BUILD_DIR, 1);  // as the test runner sets it
 }
 
 namespace {
@@ -413,21 +430,3 @@ TEST(Mapfile, MapsWholeFilesReleasesByNameAndRefusesOthers) {
     EXPECT_EXIT(exit(refused() ? 0 : 3), ::testing::ExitedWithCode(0), "");
 }
 
-TEST(InstallationRoot, FindsDataFilesUnderTheRoot) {
-    TempDir t;
-    t.sub("data/pf");
-    std::string x = t.file("data/pf/x.pf", "a 1\n");
-    setenv("QUORVANE", t.path.c_str(), 1);
-    EXPECT_EQ(std::string(installation_root()), t.path);
-    EXPECT_EQ(text(datapath(nullptr, "pf", "x", "pf")), x);
-    EXPECT_EQ(text(datapath(nullptr, "pf", "x.pf", "pf")), x);  // suffix not doubled
-    EXPECT_EQ(datapath(nullptr, "pf", "y", "pf"), nullptr);
-    EXPECT_EQ(text(datapath(t.path.c_str(), "data/pf", "x", "pf")), x);
-    EXPECT_EQ(strings(datasearch("SEARCHTEST", "pf", "x.pf", 0)), (Names{x}));
-    EXPECT_EQ(strings(datasearch("SEARCHTEST", "pf", "x.pf", 1)), (Names{x, "./x.pf"}));
-    setenv("SEARCHTEST", ("/nonexistent::" + t.path + "/data/pf/").c_str(), 1);
-    EXPECT_EQ(strings(datasearch("SEARCHTEST", "pf", "x.pf", 1)), (Names{"/nonexistent/x.pf", "./x.pf", x}));
-    setenv("QUORVANE", "", 1);
-    EXPECT_STREQ(installation_root(), FERRANT_PREFIX);
-    setenv("QUORVANE", FERRANT_BUILD_DIR, 1);  // as the test runner sets it
-}
