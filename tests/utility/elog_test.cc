@@ -107,21 +107,6 @@ TEST(ElogOutput, SeverityTagsSystemErrorsRepeatsAndTruncation) {
     EXPECT_TRUE(r.err == expect) << r.err.substr(0, 1000);
 }
 
-// The limit reached is told in ElogList and ElogSettings; one that is not a
-// number is ignored, with a complaint, for the default of 50.
-TEST(ElogLimit, ABadLimitIsIgnored) {
-    for (const char* bad : {"abc", "", "12x", "99999999999999999999"}) {
-        auto r = child::run([] {
-            elog_notify(0, "still logging");
-            int max = -1;
-            CHILD_CHECK(elog_query(ELOG_MAXMSG, 0, &max) == 0 && max == 50);
-        }, env({{"ELOG_MAXMSG", bad}}));
-        EXPECT_TRUE(r.exited(0)) << bad << ": " << r.err;
-        EXPECT_THAT(r.err, HasSubstr("ELOG_MAXMSG")) << bad;
-        EXPECT_THAT(r.err, HasSubstr(P + ": still logging\n")) << bad;
-    }
-}
-
 namespace {
 int crash(int, const char*, Tbl*) {
     raise(SIGSEGV);
@@ -240,7 +225,7 @@ int clear_on_alert(int severity, const char* log, Tbl* msgs) {
 }
 }  // namespace
 
-TEST(ElogList, MarkFlushCallbackQueryAndSet) {
+TEST(ElogList, MarkFlushCallbackQuerySetAndThreads) {
     auto r = child::run([] {
         elog_log(0, "a");
         int mark = elog_mark();
@@ -299,6 +284,31 @@ TEST(ElogList, MarkFlushCallbackQueryAndSet) {
     EXPECT_THAT(r.err, EndsWith(P + ": one\n" + P + ": two\n" + P + ": three\n" + P +
                                 " *fatal*: quitting because log has 3 messages\n   eliminate this limit with"
                                 "\n      setenv ELOG_MAXMSG 0\n   or by editing elog.pf.  See elog(3).\n"));
+    // Messages from threads at once are all kept, and delivered whole.
+    r = child::run([] {
+        auto in_threads = [](void (*body)(int)) {
+            std::vector<std::thread> threads;
+            for (int t = 0; t < 4; t++) threads.emplace_back(body, t);
+            for (auto& th : threads) th.join();
+        };
+        in_threads([](int t) { for (int i = 0; i < 300; i++) elog_log(0, "thread %d message %d", t, i); });
+        CHILD_CHECK(elog_mark() == 1200);
+        elog_flush(1, 600);
+        CHILD_CHECK(elog_mark() == 600);
+        elog_clear();
+        in_threads([](int t) {
+            std::string z(300, 'z');
+            for (int i = 0; i < 200; i++) elog_notify(0, "thread %d message %d %s", t, i, z.c_str());
+        });
+    }, env());
+    ASSERT_TRUE(r.exited(0)) << r.err.substr(0, 200);
+    // The 600 flushed messages, then 800 notices that must not interleave.
+    std::stringstream s(r.err);
+    int lines = 0;
+    for (std::string l; std::getline(s, l); lines++)
+        ASSERT_THAT(l, MatchesRegex(P + ": thread [0-3] message [0-9]+" + (lines < 600 ? "" : " z{300}")))
+            << "line " << lines;
+    EXPECT_EQ(lines, 1400);
 }
 
 TEST(ElogTags, Expansion) {
@@ -396,36 +406,20 @@ TEST(ElogSettings, ParameterFileThenEnvironmentBadFilesAndTheShippedOne) {
     EXPECT_TRUE(shipped.exited(0) && builtin.exited(0)) << shipped.err << builtin.err;
     EXPECT_EQ(shipped.err, "");
     EXPECT_EQ(shipped.out, builtin.out);
+    // A limit that is not a number is ignored, with a complaint, for the default of 50.
+    for (const char* bad : {"abc", "", "12x", "99999999999999999999"}) {
+        r = child::run([] {
+            elog_notify(0, "still logging");
+            int max = -1;
+            CHILD_CHECK(elog_query(ELOG_MAXMSG, 0, &max) == 0 && max == 50);
+        }, env({{"ELOG_MAXMSG", bad}}));
+        EXPECT_TRUE(r.exited(0)) << bad << ": " << r.err;
+        EXPECT_THAT(r.err, HasSubstr("ELOG_MAXMSG")) << bad;
+        EXPECT_THAT(r.err, HasSubstr(P + ": still logging\n")) << bad;
+    }
 }
 
-TEST(ElogThreads, ConcurrentMessagesAreKeptAndDeliveredWhole) {
-    auto r = child::run([] {
-        auto in_threads = [](void (*body)(int)) {
-            std::vector<std::thread> threads;
-            for (int t = 0; t < 4; t++) threads.emplace_back(body, t);
-            for (auto& th : threads) th.join();
-        };
-        in_threads([](int t) { for (int i = 0; i < 300; i++) elog_log(0, "thread %d message %d", t, i); });
-        CHILD_CHECK(elog_mark() == 1200);
-        elog_flush(1, 600);
-        CHILD_CHECK(elog_mark() == 600);
-        elog_clear();
-        in_threads([](int t) {
-            std::string z(300, 'z');
-            for (int i = 0; i < 200; i++) elog_notify(0, "thread %d message %d %s", t, i, z.c_str());
-        });
-    }, env());
-    ASSERT_TRUE(r.exited(0)) << r.err.substr(0, 200);
-    // The 600 flushed messages, then 800 notices that must not interleave.
-    std::stringstream s(r.err);
-    int lines = 0;
-    for (std::string l; std::getline(s, l); lines++)
-        ASSERT_THAT(l, MatchesRegex(P + ": thread [0-3] message [0-9]+" + (lines < 600 ? "" : " z{300}")))
-            << "line " << lines;
-    EXPECT_EQ(lines, 1400);
-}
-
-TEST(Bury, EveryKindOfVariableReadsBackExactlyAndFailuresKeepThePreviousState) {
+TEST(Bury, EveryKindReadsBackFailuresKeepThePreviousStateAndKillsAtAnyMomentDoNoHarm) {
     TempDir t;
     std::string state = t / "deep/er/state";
     const double when = 1700000000.123456, ratio = 0.1 + 0.2;
@@ -493,13 +487,9 @@ TEST(Bury, EveryKindOfVariableReadsBackExactlyAndFailuresKeepThePreviousState) {
         r = child::run([&] { CHILD_CHECK(exhume(p.c_str(), nullptr, 0, nullptr) == -1); });
         EXPECT_TRUE(r.exited(0)) << p << r.err;
     }
-}
-
-// A second process is refused the file while the first holds it, even after
-// its rewrites, and the next one gets it once the first is killed.
-TEST(Bury, SurvivesBeingKilledAtAnyMomentAndIsHeldByOneProcess) {
-    TempDir t;
-    std::string state = t / "state";
+    // A second process is refused the file while the first holds it, even after
+    // its rewrites, and the next one gets it once the first is killed.
+    state = t / "state";
     std::mt19937 rng(2024);
     std::uniform_int_distribution<int> pause_us(0, 4000);
     long last = -1;
@@ -511,8 +501,8 @@ TEST(Bury, SurvivesBeingKilledAtAnyMomentAndIsHeldByOneProcess) {
         pid_t pid = fork();
         if (pid == 0) {  // a child the test kills
             close(ready[0]);
-            int r = exhume(state.c_str(), nullptr, 0, nullptr), count = 0;
-            CHILD_CHECK(r == 0 || r == 1);
+            int rc = exhume(state.c_str(), nullptr, 0, nullptr), count = 0;
+            CHILD_CHECK(rc == 0 || rc == 1);
             double when = 0;
             char* tag = nullptr;
             resurrect("count", &count, INT_RELIC);

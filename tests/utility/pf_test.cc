@@ -217,7 +217,7 @@ Pf* random_tree(std::mt19937& rng, int type, int depth) {
     return node;
 }
 
-TEST(PfWrite, AnyTreeReadsBackEqual) {
+TEST(PfWrite, AnyTreeReadsBackEqualAlsoInThreadsSharingTheCache) {
     // Inputs that once failed: a NUL inside a value, a deferred form ending in an escaped blank.
     using namespace std::string_literals;
     for (const std::string& in : {"\0t &Literef(x, \0\0BU r&t\n"s, "f &ref(x\t\0z, \0 a\\\nb\n"s,
@@ -237,10 +237,7 @@ TEST(PfWrite, AnyTreeReadsBackEqual) {
         t.pf = random_tree(rng, PF_ROOT, 0);
         stderr_of([&] { expect_round_trip(t.pf); });
     }
-}
-
-// Four threads at once share the parser, key-path walks, expansion and the named-tree cache.
-TEST(PfWrite, ThreadsParseWriteExpandAndShareTheCache) {
+    // Four threads at once share the parser, key-path walks, expansion and the named-tree cache.
     auto rounds = [](int t) {
         std::string name = "pftest-thread-" + std::to_string(t);
         for (int i = 0; i < 150; i++) {

@@ -54,7 +54,7 @@ Names strings(Tbl* t, void (*free_value)(void*) = free) {
 }
 }  // namespace
 
-TEST(Containers, ArrKeepsKeyOrderTblStaysInBoundsHookFreesOnce) {
+TEST(Containers, ArrKeepsKeyOrderTblStaysInBoundsHooksFreeOnceAndStrmatchesKeepsOne) {
     Arr* a = newarr();
     int v[4] = {0, 1, 2, 3};
     EXPECT_EQ(setarr(a, "b", &v[2]), nullptr);
@@ -84,15 +84,13 @@ TEST(Containers, ArrKeepsKeyOrderTblStaysInBoundsHookFreesOnce) {
     EXPECT_EQ(poptbl(nullptr), nullptr);
 
     static int freed = 0;
-    Hook* h = new_hook([](void* p) { freed++, free(p); });
-    h->p = malloc(8);
-    free_hook(&h);
-    free_hook(&h);  // h is null by now
-    EXPECT_TRUE(h == nullptr && freed == 1);
-}
+    Hook* hook = new_hook([](void* p) { freed++, free(p); });
+    hook->p = malloc(8);
+    free_hook(&hook);
+    free_hook(&hook);  // null by now
+    EXPECT_TRUE(hook == nullptr && freed == 1);
 
-TEST(Strmatches, WholeStringMatchesRecompilingAndBadPatterns) {
-    // In order, on one hook: each pattern that differs from the last is compiled anew.
+    // strmatches, in order on one hook: each pattern that differs from the last is compiled anew.
     struct Case {
         const char *text, *pattern;
         int expected;
@@ -197,7 +195,7 @@ TEST(Epoch2str, KnownTimesOwnCodesZonesDurationsAndShortestNumbers) {
     }
 }
 
-TEST(Str2epoch, ReadsBackTheStateFormatAndKnowsTheCalendarNumbersNowAndGarbage) {
+TEST(Str2epoch, ReadsBackTheStateFormatKnowsTheCalendarAndWaitForTimeEnds) {
     std::mt19937_64 rng(12345);
     std::uniform_int_distribution<long long> secs(-4102444800LL, 7258118400LL);  // 1840 .. 2200
     std::uniform_int_distribution<int> micros(0, 999999);
@@ -234,9 +232,7 @@ TEST(Str2epoch, ReadsBackTheStateFormatAndKnowsTheCalendarNumbersNowAndGarbage) 
     EXPECT_TRUE(std::isnan(str2epoch(nullptr)));
     double e = 0;
     EXPECT_TRUE(is_epoch_string("2023-11-14", &e) == 1 && e == 1699920000) << e;
-}
-
-TEST(WaitForTime, PastTimesReturnAtOnceFutureOnesAreReachedAndUnreachableOnesRefused) {
+    // wait_for_time: a past time returns at once, a future one is reached, an unreachable one refused.
     double target = std_now() + 0.05;
     EXPECT_EQ(std::tuple(wait_for_time(0, 0), wait_for_time(NAN, 0), wait_for_time(target, 0.01)),
               std::tuple(0, -1, 0));
@@ -346,7 +342,7 @@ int record_int(const char* path, struct stat*, int arg) {
 TEST(FileSystem, MakedirFileTestsDirfilesGetalineAndFstraverse) {
     TempDir t;
     std::string deep = t / "x/y/z";
-    for (std::string d : {deep, deep, deep + "/"}) EXPECT_EQ(makedir(d.c_str()), 0) << d;  // again, with a slash
+    for (std::string d : {deep, deep, deep + "/"}) EXPECT_EQ(makedir(d.c_str()), 0) << d;  // again, slashed
     EXPECT_TRUE(is_dir(deep.c_str()));
     t.file("f", "x");
     for (std::string bad : {t / "f", t / "f/sub", std::string()}) EXPECT_EQ(makedir(bad.c_str()), -1) << bad;
