@@ -113,9 +113,46 @@ void expect_after_time(const Ring& r, double t) {
 
 }  // namespace
 
-// Packets, stash, geometry and orb_start stay across reopen; the stash keeps
-// the last packet per source, outside the sequence.
-TEST_F(RingTest, ReopenKeepsPacketsStashGeometryAndOrbStart) {
+TEST_F(RingTest, OpenRefusesWhatIsNotAWholeRingAndReopenKeepsPacketsStashGeometryAndOrbStart) {
+    auto refused = [&](const std::string& why) {
+        return ThrowsMessage<ring::Error>(HasSubstr(file + ": " + why));
+    };
+    EXPECT_THAT([&] { Ring::open(file); }, refused("No such file or directory"));
+    EXPECT_THAT([&] { Ring::open(dir.path); }, ThrowsMessage<ring::Error>(HasSubstr(dir.path)));
+    Ring::create(file, {.data_bytes = 8192, .nslots = 16})->put("s", 1, "x", 1);
+    auto whole = fs::file_size(file);
+    std::string good = dir / "good";
+    fs::copy_file(file, good);
+    auto restore = [&] { fs::copy_file(good, file, fs::copy_options::overwrite_existing); };
+    // Cut short, or junk where the header should be: refused, and never replaced silently.
+    for (auto size : {whole - 1, whole / 2, uintmax_t(4096), uintmax_t(200), uintmax_t(0)}) {
+        restore();
+        fs::resize_file(file, size);
+        EXPECT_THAT([&] { Ring::open(file); },
+                    refused(size < 4096 ? "not a ring file or truncated" : "ring file is truncated")) << size;
+        EXPECT_THROW(Ring::open_or_create(file, {}), ring::Error) << size;
+        EXPECT_EQ(fs::file_size(file), size);
+    }
+    std::ofstream(file, std::ios::binary | std::ios::trunc) << std::string(70000, 'j');
+    EXPECT_THAT([&] { Ring::open(file); }, refused("not a ring file (bad magic)"));
+    // Every byte of the geometry matters.
+    char header[136];
+    std::ifstream(good, std::ios::binary).read(header, sizeof header);
+    for (int at = 0; at < 136; at++) {
+        restore();
+        char c = char(header[at] ^ 0x10);
+        poke(file, at, &c, 1);
+        EXPECT_THROW(Ring::open(file), ring::Error) << "flipped byte " << at;
+    }
+    // head and tail must fit the geometry; a tail beyond the head cannot be.
+    restore();
+    uint64_t v[2] = {0, 9};  // head 0, tail 9
+    poke(file, 256, v, sizeof v);
+    EXPECT_THAT([&] { Ring::open(file); }, refused("ring header is corrupt (packet bounds 9..0)"));
+    restore();
+    EXPECT_EQ(Ring::open(file)->head(), 1u);
+    // Packets, stash, geometry and orb_start stay across reopen; the stash keeps
+    // the last packet per source, outside the sequence.
     double start;
     {
         auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 16, .maxpkts = 1000, .maxsrc = 7,
@@ -247,46 +284,6 @@ TEST_F(RingTest, AfterTimeWrappedIdsAndAFullSourceTable) {
     ASSERT_EQ(got.size(), 2u);
     EXPECT_TRUE(std::string(got[0].srcname) == "D" || std::string(got[1].srcname) == "D");
     expect_sources_consistent(*r);
-}
-
-TEST_F(RingTest, OpenRefusesFilesThatAreNotWholeRings) {
-    auto refused = [&](const std::string& why) {
-        return ThrowsMessage<ring::Error>(HasSubstr(file + ": " + why));
-    };
-    EXPECT_THAT([&] { Ring::open(file); }, refused("No such file or directory"));
-    EXPECT_THAT([&] { Ring::open(dir.path); }, ThrowsMessage<ring::Error>(HasSubstr(dir.path)));
-    Ring::create(file, {.data_bytes = 8192, .nslots = 16})->put("s", 1, "x", 1);
-    auto whole = fs::file_size(file);
-    std::string good = dir / "good";
-    fs::copy_file(file, good);
-    auto restore = [&] { fs::copy_file(good, file, fs::copy_options::overwrite_existing); };
-    // Cut short, or junk where the header should be: refused, and never replaced silently.
-    for (auto size : {whole - 1, whole / 2, uintmax_t(4096), uintmax_t(200), uintmax_t(0)}) {
-        restore();
-        fs::resize_file(file, size);
-        EXPECT_THAT([&] { Ring::open(file); },
-                    refused(size < 4096 ? "not a ring file or truncated" : "ring file is truncated")) << size;
-        EXPECT_THROW(Ring::open_or_create(file, {}), ring::Error) << size;
-        EXPECT_EQ(fs::file_size(file), size);
-    }
-    std::ofstream(file, std::ios::binary | std::ios::trunc) << std::string(70000, 'j');
-    EXPECT_THAT([&] { Ring::open(file); }, refused("not a ring file (bad magic)"));
-    // Every byte of the geometry matters.
-    char header[136];
-    std::ifstream(good, std::ios::binary).read(header, sizeof header);
-    for (int at = 0; at < 136; at++) {
-        restore();
-        char c = char(header[at] ^ 0x10);
-        poke(file, at, &c, 1);
-        EXPECT_THROW(Ring::open(file), ring::Error) << "flipped byte " << at;
-    }
-    // head and tail must fit the geometry; a tail beyond the head cannot be.
-    restore();
-    uint64_t v[2] = {0, 9};  // head 0, tail 9
-    poke(file, 256, v, sizeof v);
-    EXPECT_THAT([&] { Ring::open(file); }, refused("ring header is corrupt (packet bounds 9..0)"));
-    restore();
-    EXPECT_EQ(Ring::open(file)->head(), 1u);
 }
 
 TEST_F(RingTest, ClientTableTracksLiveClientsAndReclaimsDeadOnes) {

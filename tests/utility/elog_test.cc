@@ -61,7 +61,7 @@ std::string value_of(const std::string& text, const char* key) {
 
 }  // namespace
 
-TEST(ElogOutput, SeverityTagsSystemErrorsRepeatsAndTruncation) {
+TEST(ElogOutput, SeverityTagsSystemErrorsRepeatsTruncationAndTagCodes) {
     auto r = child::run([] {
         elog_notify(0, "x");
         CHILD_CHECK(elog_mark() == 0);
@@ -105,6 +105,40 @@ TEST(ElogOutput, SeverityTagsSystemErrorsRepeatsAndTruncation) {
                          fits + fits + fits + marked + marked;
     EXPECT_EQ(r.err.size(), expect.size());
     EXPECT_TRUE(r.err == expect) << r.err.substr(0, 1000);
+    // What each tag code expands to.
+    r = child::run([] {
+        char prog[] = "/some/where/prog", v[] = "-v", file[] = "file";
+        char* argv[] = {prog, v, file, nullptr};
+        elog_init(3, argv);
+        char buf[1024];
+        for (const char* tag : {"%P|%a|%p|%q|%%|%", "%u", "%t", "%r", "%T", "%h"})
+            printf("[%s]\n", elog_expand(tag, buf, sizeof buf));
+    }, env());
+    ASSERT_TRUE(r.exited(0)) << r.err;
+    char host[256] = "";
+    gethostname(host, sizeof host - 1);
+    const std::string clock = "[ 12][0-9]:[0-5][0-9]:[0-6][0-9]";
+    const std::string lines[] = {
+        "\\[" + P + "\\|-v file \\|[0-9]+\\|q\\|%\\|\\]",
+        "\\[20[0-9][0-9]-[0-3][0-9][0-9] " + clock + "\\]",
+        "\\[(Sun|Mon|Tue|Wed|Thu|Fri|Sat) (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ 1-3][0-9] " +
+            clock + " 20[0-9][0-9]\\]",
+        "\\[" FERRANT_BUILD_DIR "/tests/elog_test\\]", "\\[[0-9]+\\]", std::string("\\[") + host + "\\]"};
+    std::stringstream s(r.out);
+    std::string l;
+    for (const std::string& re : lines) {
+        ASSERT_TRUE(std::getline(s, l)) << r.out;
+        EXPECT_THAT(l, MatchesRegex(re));
+    }
+    // Too long for the buffer: cut, with a mark.
+    std::string tag(3000, 'a');
+    char buf[1024], small[8];
+    std::string out = elog_expand(tag.c_str(), buf, sizeof buf);
+    EXPECT_LE(out.size(), 1023u);
+    EXPECT_GE(out.size(), 1023u - 100);
+    EXPECT_THAT(out, EndsWith(" *..."));
+    EXPECT_LE(strlen(elog_expand("%%%%", small, sizeof small)), 7u);
+    EXPECT_STREQ(elog_expand(nullptr, buf, sizeof buf), "");
 }
 
 namespace {
@@ -309,42 +343,6 @@ TEST(ElogList, MarkFlushCallbackQuerySetAndThreads) {
         ASSERT_THAT(l, MatchesRegex(P + ": thread [0-3] message [0-9]+" + (lines < 600 ? "" : " z{300}")))
             << "line " << lines;
     EXPECT_EQ(lines, 1400);
-}
-
-TEST(ElogTags, Expansion) {
-    auto r = child::run([] {
-        char prog[] = "/some/where/prog", v[] = "-v", file[] = "file";
-        char* argv[] = {prog, v, file, nullptr};
-        elog_init(3, argv);
-        char buf[1024];
-        for (const char* tag : {"%P|%a|%p|%q|%%|%", "%u", "%t", "%r", "%T", "%h"})
-            printf("[%s]\n", elog_expand(tag, buf, sizeof buf));
-    }, env());
-    ASSERT_TRUE(r.exited(0)) << r.err;
-    char host[256] = "";
-    gethostname(host, sizeof host - 1);
-    const std::string clock = "[ 12][0-9]:[0-5][0-9]:[0-6][0-9]";
-    const std::string lines[] = {
-        "\\[" + P + "\\|-v file \\|[0-9]+\\|q\\|%\\|\\]",
-        "\\[20[0-9][0-9]-[0-3][0-9][0-9] " + clock + "\\]",
-        "\\[(Sun|Mon|Tue|Wed|Thu|Fri|Sat) (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ 1-3][0-9] " +
-            clock + " 20[0-9][0-9]\\]",
-        "\\[" FERRANT_BUILD_DIR "/tests/elog_test\\]", "\\[[0-9]+\\]", std::string("\\[") + host + "\\]"};
-    std::stringstream s(r.out);
-    std::string l;
-    for (const std::string& re : lines) {
-        ASSERT_TRUE(std::getline(s, l)) << r.out;
-        EXPECT_THAT(l, MatchesRegex(re));
-    }
-    // Too long for the buffer: cut, with a mark.
-    std::string tag(3000, 'a');
-    char buf[1024], small[8];
-    std::string out = elog_expand(tag.c_str(), buf, sizeof buf);
-    EXPECT_LE(out.size(), 1023u);
-    EXPECT_GE(out.size(), 1023u - 100);
-    EXPECT_THAT(out, EndsWith(" *..."));
-    EXPECT_LE(strlen(elog_expand("%%%%", small, sizeof small)), 7u);
-    EXPECT_STREQ(elog_expand(nullptr, buf, sizeof buf), "");
 }
 
 TEST(ElogSettings, ParameterFileThenEnvironmentBadFilesAndTheShippedOne) {

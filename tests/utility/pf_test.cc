@@ -258,7 +258,7 @@ TEST(PfWrite, AnyTreeReadsBackEqualAlsoInThreadsSharingTheCache) {
     EXPECT_EQ(freePf("pftest-shared"), 0);
 }
 
-TEST(PfDeferred, EnvExecGlobFilesReferencesAndData) {
+TEST(PfDeferred, EnvExecGlobFilesReferencesDataAndAsk) {
     TempDir dir;
     dir.sub("data/sub");
     for (auto [name, text] : {std::pair("one.txt", "contents\nof one\n"), {"two.txt", "2"},
@@ -303,24 +303,22 @@ TEST(PfDeferred, EnvExecGlobFilesReferencesAndData) {
     EXPECT_THAT(text_of(pf), HasSubstr("env\t&env(PFPARSE_TEST_VAR)\n"));
     unsetenv("PFPATH");
     setenv("QUORVANE", FERRANT_BUILD_DIR, 1);
-}
-
-TEST(PfDeferred, AskNeverWaitsOnATerminal) {
+    // &ask never waits on a terminal.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     {
-        Tree t("q &ask(Your name)\n");
-        EXPECT_EQ(pfget_string(t.pf, "q"), nullptr);  // prompting is off by default: simply missing
+        Tree ask("q &ask(Your name)\n");
+        EXPECT_EQ(pfget_string(ask.pf, "q"), nullptr);  // prompting is off by default: simply missing
     }
     // A fresh tree, as the missing value is remembered. With prompting on and
     // no terminal, the process stops instead of hanging; only &ask prompts.
-    Tree t("q &ask(Your name)\nu &undef(x)\n");
+    Tree ask("q &ask(Your name)\nu &undef(x)\n");
     auto prompting = [](Pf* pf, const char* key) {
         setsid();
         pfconfig("ask", reinterpret_cast<void*>(1));
         return pfget_string(pf, key);
     };
-    EXPECT_EXIT(prompting(t.pf, "q"), testing::ExitedWithCode(1), "Can't open /dev/tty for prompt.");
-    EXPECT_EXIT(exit(prompting(t.pf, "u") ? 3 : 0), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(prompting(ask.pf, "q"), testing::ExitedWithCode(1), "Can't open /dev/tty for prompt.");
+    EXPECT_EXIT(exit(prompting(ask.pf, "u") ? 3 : 0), testing::ExitedWithCode(0), "");
 }
 
 const char* Sample =
@@ -378,33 +376,6 @@ TEST_F(PfTree, KeyPathsReachNestedNodesAndContainersComeOut) {
     EXPECT_EQ(pfkeys(inner->parent), nullptr);  // a list has no keys
 }
 
-TEST_F(PfTree, NumbersAndBooleansParseAndComplain) {
-    Tree t("j 12abc\nk  -7   \nd 1.5e3\ne 3.25x\nsz1 4k\nsz2 2M\nsz3 1G\nsz4 4K\nsz5 1.5\n"
-           "t1 1700000000.5\nt2 2023-11-14 22:13:20\nt3 not a time\n"
-           "y1 True\ny2 yes\ny3 ON\ny4 t\nn1 0\nn2 off\nn3 F\nb maybe\n");
-    EXPECT_EQ(pfget_int(t.pf, "k"), -7);
-    for (const char* key : {"y1", "y2", "y3", "y4"}) EXPECT_EQ(pfget_boolean(t.pf, key), -1) << key;
-    for (const char* key : {"n1", "n2", "n3"}) EXPECT_EQ(pfget_boolean(t.pf, key), 0) << key;
-    std::string err = stderr_of([&] {
-        EXPECT_EQ(pfget_int(t.pf, "j"), 12);
-        EXPECT_DOUBLE_EQ(pfget_double(t.pf, "e"), 3.25);
-        EXPECT_EQ(pfget_time(t.pf, "t3"), 0);
-        EXPECT_EQ(pfget_boolean(t.pf, "missing"), 0);  // quietly false
-        EXPECT_EQ(pfget_boolean(t.pf, "b"), 0);
-    });
-    for (const char* m : {"Bad integer value '12abc' for j", "Bad floating point value '3.25x' for e",
-                          "Bad time value 'not a time' for t3", "Bad boolean value 'maybe' for b"})
-        EXPECT_THAT(err, HasSubstr(m));
-    EXPECT_THAT(err, Not(HasSubstr("missing")));
-    EXPECT_DOUBLE_EQ(pfget_double(t.pf, "d"), 1500);
-    // Only a lower-case k means kilo.
-    const std::pair<const char*, double> sizes[] = {
-        {"sz1", 4096}, {"sz2", 2097152}, {"sz3", 1073741824}, {"sz4", 4}, {"sz5", 1.5}};
-    for (auto [key, size] : sizes) EXPECT_DOUBLE_EQ(pfget_size(t.pf, key), size) << key;
-    EXPECT_DOUBLE_EQ(pfget_time(t.pf, "t1"), 1700000000.5);
-    EXPECT_DOUBLE_EQ(pfget_time(t.pf, "t2"), 1700000000.0);
-}
-
 int Handler_calls;
 int lenient(Pf*, const char*, int, int actual, void* result) {
     Handler_calls++;
@@ -412,7 +383,7 @@ int lenient(Pf*, const char*, int, int actual, void* result) {
     return 0;
 }
 
-TEST_F(PfTree, MissingAndMistypedValuesAreFatalUnlessHandled) {
+TEST_F(PfTree, MissingAndMistypedValuesAreFatalUnlessHandledAndNumbersComplain) {
     Tree t(Sample);
     EXPECT_EXIT(pfget_int(t.pf, "absent"), testing::ExitedWithCode(1),
                 "program needs value for 'absent', not found in parameter file '\\*internal buffer\\*'");
@@ -444,6 +415,31 @@ TEST_F(PfTree, MissingAndMistypedValuesAreFatalUnlessHandled) {
         EXPECT_EQ(pfconfig("askme", nullptr), -1);  // whole words only
     });
     EXPECT_THAT(err, HasSubstr("pfconfig: unrecognized code 'dice'"));
+    // Numbers and booleans parse, and complain of what does not.
+    Tree n("j 12abc\nk  -7   \nd 1.5e3\ne 3.25x\nsz1 4k\nsz2 2M\nsz3 1G\nsz4 4K\nsz5 1.5\n"
+           "t1 1700000000.5\nt2 2023-11-14 22:13:20\nt3 not a time\n"
+           "y1 True\ny2 yes\ny3 ON\ny4 t\nn1 0\nn2 off\nn3 F\nb maybe\n");
+    EXPECT_EQ(pfget_int(n.pf, "k"), -7);
+    for (const char* key : {"y1", "y2", "y3", "y4"}) EXPECT_EQ(pfget_boolean(n.pf, key), -1) << key;
+    for (const char* key : {"n1", "n2", "n3"}) EXPECT_EQ(pfget_boolean(n.pf, key), 0) << key;
+    err = stderr_of([&] {
+        EXPECT_EQ(pfget_int(n.pf, "j"), 12);
+        EXPECT_DOUBLE_EQ(pfget_double(n.pf, "e"), 3.25);
+        EXPECT_EQ(pfget_time(n.pf, "t3"), 0);
+        EXPECT_EQ(pfget_boolean(n.pf, "missing"), 0);  // quietly false
+        EXPECT_EQ(pfget_boolean(n.pf, "b"), 0);
+    });
+    for (const char* m : {"Bad integer value '12abc' for j", "Bad floating point value '3.25x' for e",
+                          "Bad time value 'not a time' for t3", "Bad boolean value 'maybe' for b"})
+        EXPECT_THAT(err, HasSubstr(m));
+    EXPECT_THAT(err, Not(HasSubstr("missing")));
+    EXPECT_DOUBLE_EQ(pfget_double(n.pf, "d"), 1500);
+    // Only a lower-case k means kilo.
+    const std::pair<const char*, double> sizes[] = {
+        {"sz1", 4096}, {"sz2", 2097152}, {"sz3", 1073741824}, {"sz4", 4}, {"sz5", 1.5}};
+    for (auto [key, size] : sizes) EXPECT_DOUBLE_EQ(pfget_size(n.pf, key), size) << key;
+    EXPECT_DOUBLE_EQ(pfget_time(n.pf, "t1"), 1700000000.5);
+    EXPECT_DOUBLE_EQ(pfget_time(n.pf, "t2"), 1700000000.0);
 }
 
 TEST_F(PfTree, SettersBuildWhatGettersRead) {
