@@ -124,18 +124,14 @@ TEST(ElogOutput, SeverityTagsSystemErrorsRepeatsTruncationAndTagCodes) {
         "\\[(Sun|Mon|Tue|Wed|Thu|Fri|Sat) (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ 1-3][0-9] " +
             clock + " 20[0-9][0-9]\\]",
         "\\[" FERRANT_BUILD_DIR "/tests/elog_test\\]", "\\[[0-9]+\\]", std::string("\\[") + host + "\\]"};
-    std::stringstream s(r.out);
-    std::string l;
-    for (const std::string& re : lines) {
-        ASSERT_TRUE(std::getline(s, l)) << r.out;
-        EXPECT_THAT(l, MatchesRegex(re));
-    }
+    std::string all;
+    for (const std::string& re : lines) all += re + "\n";
+    EXPECT_THAT(r.out, MatchesRegex(all));
     // Too long for the buffer: cut, with a mark.
     std::string tag(3000, 'a');
     char buf[1024], small[8];
     std::string out = elog_expand(tag.c_str(), buf, sizeof buf);
-    EXPECT_LE(out.size(), 1023u);
-    EXPECT_GE(out.size(), 1023u - 100);
+    EXPECT_TRUE(out.size() <= 1023u && out.size() >= 1023u - 100) << out.size();
     EXPECT_THAT(out, EndsWith(" *..."));
     EXPECT_LE(strlen(elog_expand("%%%%", small, sizeof small)), 7u);
     EXPECT_STREQ(elog_expand(nullptr, buf, sizeof buf), "");
@@ -313,11 +309,11 @@ TEST(ElogList, MarkFlushCallbackQuerySetAndThreads) {
         elog_log(0, "three");
     }, env());
     EXPECT_TRUE(r.exited(1)) << r.err;
-    EXPECT_THAT(r.err, StartsWith(P + ": b\n" + P + ": c\n\t##=> Operation not permitted\n" + P + ": f\n" +
-                                  P + ": n\n" + "[" + P + "]: tagged\n" + P + ": plain\n"));
-    EXPECT_THAT(r.err, EndsWith(P + ": one\n" + P + ": two\n" + P + ": three\n" + P +
-                                " *fatal*: quitting because log has 3 messages\n   eliminate this limit with"
-                                "\n      setenv ELOG_MAXMSG 0\n   or by editing elog.pf.  See elog(3).\n"));
+    std::string x = P + ": ";
+    EXPECT_EQ(r.err, x + "b\n" + x + "c\n\t##=> Operation not permitted\n" + x + "f\n" + x + "n\n[" + P +
+                         "]: tagged\n" + x + "plain\n" + x + "one\n" + x + "two\n" + x + "three\n" + P +
+                         " *fatal*: quitting because log has 3 messages\n   eliminate this limit with\n"
+                         "      setenv ELOG_MAXMSG 0\n   or by editing elog.pf.  See elog(3).\n");
     // Messages from threads at once are all kept, and delivered whole.
     r = child::run([] {
         auto in_threads = [](void (*body)(int)) {
