@@ -121,11 +121,9 @@ TEST(PfScan, ValuesKeysCommentsBlocksAndLiterals) {
 
 TEST(PfScan, StructuralErrorsReportLinesAndKeepWhatWasRead) {
     auto nested = [](int n) {
-        std::string s;
-        for (int i = 0; i < n; i++) s += "k &Arr{\n";
-        s += "leaf x\n";
-        for (int i = 0; i < n; i++) s += "}\n";
-        return s;
+        std::string open, close;
+        for (int i = 0; i < n; i++) open += "k &Arr{\n", close += "}\n";
+        return open + "leaf x\n" + close;
     };
     struct Case {
         std::string text;
@@ -273,7 +271,7 @@ TEST(PfDeferred, EnvExecGlobFilesReferencesDataAndAsk) {
            "exec &exec(printf 'a b\\\\n\\\\n'; echo x >> " + count + ")\nstdin &exec(cat)\n"
            "glob &glob(" + dir.path + "/*.txt)\nnone &glob(" + dir.path + "/*.none)\n"
            "file &file(" + dir.path + "/one.txt)\nnofile &file(" + dir.path + "/missing)\n"
-           "name &filename(one.txt)\nundef &undef(anything)\n"
+           "name &filename(one.txt)\nundef &undef(anything)\nask &ask(Your name)\n"
            "dir " + dir.path + "\nviaref &file(&dir/two.txt)\n"
            "s &ref(other, k)\na &ref( other , arr )\nnocomma &ref(other)\nbad &ref(other, nothing{here})\n"
            "refnofile &ref(pfparse-no-such-file, k)\nloop &ref(other, loop)\n"
@@ -291,7 +289,8 @@ TEST(PfDeferred, EnvExecGlobFilesReferencesDataAndAsk) {
         {"loop", "pf recursion too deep"},
         {"d", "data!"}, {"n", dir / "data/sub/thing"}, {"m", "** no datafile 'nope' found"}};
     for (const auto& v : values) EXPECT_STREQ(pfget_string(pf, v[0].c_str()), v[1].c_str()) << v[0];
-    for (const char* missing : {"unset", "undef"}) EXPECT_EQ(pfget_string(pf, missing), nullptr) << missing;
+    // Prompting is off by default: an &ask value is simply missing.
+    for (const char* key : {"unset", "undef", "ask"}) EXPECT_EQ(pfget_string(pf, key), nullptr) << key;
     EXPECT_EQ(slurp(count), "x\n");  // evaluated once, on first access
     Tbl* g = pfget_tbl(pf, "glob");
     EXPECT_EQ(strings(g), (Strings{dir / "one.txt", dir / "two.txt"}));
@@ -303,14 +302,9 @@ TEST(PfDeferred, EnvExecGlobFilesReferencesDataAndAsk) {
     EXPECT_THAT(text_of(pf), HasSubstr("env\t&env(PFPARSE_TEST_VAR)\n"));
     unsetenv("PFPATH");
     setenv("QUORVANE", FERRANT_BUILD_DIR, 1);
-    // &ask never waits on a terminal.
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    {
-        Tree ask("q &ask(Your name)\n");
-        EXPECT_EQ(pfget_string(ask.pf, "q"), nullptr);  // prompting is off by default: simply missing
-    }
     // A fresh tree, as the missing value is remembered. With prompting on and
     // no terminal, the process stops instead of hanging; only &ask prompts.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     Tree ask("q &ask(Your name)\nu &undef(x)\n");
     auto prompting = [](Pf* pf, const char* key) {
         setsid();
