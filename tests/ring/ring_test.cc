@@ -114,9 +114,7 @@ void expect_after_time(const Ring& r, double t) {
 }  // namespace
 
 TEST_F(RingTest, OpenRefusesWhatIsNotAWholeRingAndReopenKeepsPacketsStashGeometryAndOrbStart) {
-    auto refused = [&](const std::string& why) {
-        return ThrowsMessage<ring::Error>(HasSubstr(file + ": " + why));
-    };
+    auto refused = [&](std::string why) { return ThrowsMessage<ring::Error>(HasSubstr(file + ": " + why)); };
     EXPECT_THAT([&] { Ring::open(file); }, refused("No such file or directory"));
     EXPECT_THAT([&] { Ring::open(dir.path); }, ThrowsMessage<ring::Error>(HasSubstr(dir.path)));
     Ring::create(file, {.data_bytes = 8192, .nslots = 16})->put("s", 1, "x", 1);

@@ -125,12 +125,8 @@ TEST(PfScan, StructuralErrorsReportLinesAndKeepWhatWasRead) {
         for (int i = 0; i < n; i++) open += "k &Arr{\n", close += "}\n";
         return open + "leaf x\n" + close;
     };
-    struct Case {
-        std::string text;
-        int rc;
-        const char* message;
-        const char *key, *value;  // what was read anyway
-    } cases[] = {
+    // The text, what pfcompile returns and says, and a key with the value read anyway.
+    const std::tuple<std::string, int, const char*, const char*, const char*> cases[] = {
         {"a 1\nb &Arr{\n  c 2\n", -2, "Unterminated arrays or tables in parameter file: depth = 1", "b{c}",
          "2"},
         {"a 1\n\n}\nb 2\n", -2, "invalid right brace at line#3", "a", "1"},
@@ -140,13 +136,13 @@ TEST(PfScan, StructuralErrorsReportLinesAndKeepWhatWasRead) {
         {"t &Literal{\nnever closed {\n", -2, "unterminated &Literal", nullptr, nullptr},
         {"v has &Tbl{ inside\n", 0, "value contains '&Tbl{'\n\t'has &Tbl{ inside'", "v", "has &Tbl{ inside"},
     };
-    for (const Case& c : cases) {
+    for (const auto& [text, rc, message, key, value] : cases) {
         Tree t;
-        std::string err = stderr_of([&] { EXPECT_EQ(pfcompile(c.text.c_str(), &t.pf), c.rc) << c.text; });
-        EXPECT_THAT(err, HasSubstr(c.message));
-        EXPECT_EQ(err.empty(), !*c.message) << err;  // a clean text draws no complaint
-        if (c.key) {
-            EXPECT_STREQ(pfget_string(t.pf, c.key), c.value) << c.text;
+        std::string err = stderr_of([&] { EXPECT_EQ(pfcompile(text.c_str(), &t.pf), rc) << text; });
+        EXPECT_THAT(err, HasSubstr(message));
+        EXPECT_EQ(err.empty(), !*message) << err;  // a clean text draws no complaint
+        if (key) {
+            EXPECT_STREQ(pfget_string(t.pf, key), value) << text;
         }
     }
     // Parsing into a given tree adds to it; any other kind of node is refused.
@@ -514,11 +510,10 @@ TEST_F(PfTree, PfputInsertsNodesAndAdoptsContainers) {
 TEST_F(PfTree, ReferencesExpandFromAncestorsAndStayBounded) {
     Tree t("HOME /top\na &{HOME}/x\nb &HOME/y and &nothing and &{no thing}\nself x&self\nlone a & b\n"
            "nested &Arr{\n    HOME /inner\n    p &HOME/z\n    q &a!\n}\n");
-    EXPECT_STREQ(pfget_string(t.pf, "a"), "/top/x");
-    EXPECT_STREQ(pfget_string(t.pf, "b"), "/top/y and &nothing and &{no thing}");
-    EXPECT_STREQ(pfget_string(t.pf, "lone"), "a & b");
-    EXPECT_STREQ(pfget_string(t.pf, "nested{p}"), "/inner/z");  // nearest ancestor wins
-    EXPECT_STREQ(pfget_string(t.pf, "nested{q}"), "/top/x!");   // expansion is recursive
+    // The nearest ancestor wins (p), and expansion is recursive (q).
+    const char* const values[][2] = {{"a", "/top/x"}, {"b", "/top/y and &nothing and &{no thing}"},
+                                     {"lone", "a & b"}, {"nested{p}", "/inner/z"}, {"nested{q}", "/top/x!"}};
+    for (const auto& v : values) EXPECT_STREQ(pfget_string(t.pf, v[0]), v[1]) << v[0];
     std::string self = pfget_string(t.pf, "self");
     EXPECT_EQ(self.rfind("xxxxxxxxxxxxxxxxxxxx", 0), 0u) << self;
     EXPECT_THAT(self, HasSubstr("** error ** pf massive recursion"));

@@ -91,22 +91,18 @@ TEST(Containers, ArrKeepsKeyOrderTblStaysInBoundsHooksFreeOnceAndStrmatchesKeeps
     EXPECT_TRUE(hook == nullptr && freed == 1);
 
     // strmatches, in order on one hook: each pattern that differs from the last is compiled anew.
-    struct Case {
-        const char *text, *pattern;
-        int expected;
-    } cases[] = {
+    const std::tuple<const char*, const char*, int> cases[] = {
         {"abc", "a.c", 1}, {"xabcx", "a.c", 0}, {"abcx", "a.c", 0},
         // Alternation: the longer branch must be found even if a shorter one matches first.
-        {"ab", "a|ab", 1}, {"", "x*", 1},
-        {"abc", "abc", 1}, {"abc", "abd", 0}, {"abd", "abd", 1},
+        {"ab", "a|ab", 1}, {"", "x*", 1}, {"abc", "abc", 1}, {"abc", "abd", 0}, {"abd", "abd", 1},
         {"abc", "a(b", -1}, {"abc", "a(b", -1},  // the second is a cached failure
         {"abc", "[", -1}, {"abc", "abc", 1},     // recovers with a good one
         {nullptr, "abc", -1}, {"abc", nullptr, -1},
     };
     Hook *h = nullptr, *first = nullptr;
-    for (const Case& c : cases) {
-        EXPECT_EQ(strmatches(c.text, c.pattern, &h), c.expected)
-            << (c.text ? c.text : "(null)") << " ~ " << (c.pattern ? c.pattern : "(null)");
+    for (auto [text, pattern, expected] : cases) {
+        EXPECT_EQ(strmatches(text, pattern, &h), expected)
+            << (text ? text : "(null)") << " ~ " << (pattern ? pattern : "(null)");
         if (!first) first = h;
     }
     EXPECT_EQ(h, first);  // the hook is reused, not replaced
@@ -121,8 +117,7 @@ TEST(Containers, ArrKeepsKeyOrderTblStaysInBoundsHooksFreeOnceAndStrmatchesKeeps
 }
 
 TEST(Printable, RefusesControlDeleteAndHighBytesEscapesCutsAndDumps) {
-    EXPECT_TRUE(printable(' '));
-    EXPECT_TRUE(printable('~'));
+    EXPECT_TRUE(printable(' ') && printable('~'));
     // (char)0xe9 is a signed char below zero.
     for (int c : {0, 31, 127, 128, 255, (int)(char)0xe9}) EXPECT_FALSE(printable(c)) << c;
     const char data[] = "ab\n\t\\\x01\xff";
@@ -158,10 +153,7 @@ TEST(Process, OutOfMemoryMessageExecutableNameAndSigpipe) {
 }
 
 TEST(Epoch2str, KnownTimesOwnCodesZonesDurationsAndShortestNumbers) {
-    struct Case {
-        double e;
-        const char *fmt, *tz, *text;
-    } cases[] = {
+    const std::tuple<double, const char*, const char*, const char*> cases[] = {
         {0, StateFormat, nullptr, "0 (001) 1970-01-01  00:00:00.000000 +0000 Thursday"},
         {1700000000.123456, StateFormat, nullptr,
          "1700000000 (318) 2023-11-14  22:13:20.123456 +0000 Tuesday"},
@@ -174,7 +166,7 @@ TEST(Epoch2str, KnownTimesOwnCodesZonesDurationsAndShortestNumbers) {
         {0, "%Y-%m-%d %H %z", "-08", "1969-12-31 16 -0800"}, {0, "%H %Z", "UTC", "00 UTC"},
         {1700000000, "%H %z", "EST5", "17 -0500"},  // a zone name, TZ style
     };
-    for (const Case& c : cases) EXPECT_EQ(z(c.e, c.fmt, c.tz), c.text) << c.fmt;
+    for (auto [e, fmt, tz, want] : cases) EXPECT_EQ(z(e, fmt, tz), want) << fmt;
     EXPECT_EQ(text(strtime(1700000000.5)), "2023-11-14 22:13:20.500");
     EXPECT_EQ(text(strdate(1700000000.5)), "2023-11-14");
     const std::pair<double, const char*> deltas[] = {{1.5, "1.500 s"}, {59.9996, "0:01:00.000"},
