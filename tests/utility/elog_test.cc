@@ -146,13 +146,8 @@ int crash(int, const char*, Tbl*) {
 
 // die exits with status 1; a fault, a fatal signal or a fault inside the log aborts.
 TEST(ElogFatal, HowEachEndIsReportedAndSignalNames) {
-    struct Case {
-        const char* name;
-        void (*body)();
-        child::Env settings;
-        int signal;  // 0: exits with status 1
-        std::string err;
-    } cases[] = {
+    // What the child does, with what settings, the signal ending it (0: exit status 1), its errors.
+    const std::tuple<const char*, void (*)(), child::Env, int, std::string> cases[] = {
         {"die", [] { elog_die(0, "cannot go on"); }, {}, 0, P + " *fatal*: cannot go on\n"},
         {"fault", [] { elog_fault(0, "broken"); }, {}, SIGABRT, P + " *fault*: broken\n"},
         {"SEGV", [] { elog_init(0, nullptr); raise(SIGSEGV); }, {}, SIGABRT,
@@ -168,10 +163,10 @@ TEST(ElogFatal, HowEachEndIsReportedAndSignalNames) {
          {{"ELOG_DEBUG", "no-such-debugger-here %r %p &@d"}}, 0, P + " *fatal*: end\n"},
     };
     child::Result r;
-    for (const Case& c : cases) {
-        r = child::run(c.body, env(c.settings));
-        EXPECT_TRUE(c.signal ? r.signaled(c.signal) : r.exited(1)) << c.name << ": " << r.status;
-        EXPECT_EQ(r.err, c.err) << c.name;
+    for (const auto& [name, body, settings, signal, err] : cases) {
+        r = child::run(body, env(settings));
+        EXPECT_TRUE(signal ? r.signaled(signal) : r.exited(1)) << name << ": " << r.status;
+        EXPECT_EQ(r.err, err) << name;
     }
     // Signal names: old aliases, the SIG prefix, and names that are none.
     const std::pair<const char*, int> names[] = {
@@ -198,25 +193,22 @@ TEST(ElogSettings, DeliveryValuesWordsEscapesAndFiles) {
     EXPECT_EQ(r.out, "x@y: n\n" + P + ": c\n" + P + " *alert*: a\n");
     EXPECT_EQ(r.err, P + ": c\n[" + P + "]: d\n");
     // Odd and wrong delivery values, each tried on a notice and a complaint.
-    struct Case {
-        std::string deliver, out, err;
-        int kept;  // messages left in the log after the notice
-    } cases[] = {
+    // The delivery, what reaches stdout and stderr, and the messages left in the log after the notice.
+    const std::tuple<std::string, std::string, std::string, int> cases[] = {
         {"stdout@nc @c", P + ": n\n", P + ": c\n", 0},  // an empty value restores the default
         {"stdout@qc", P + ": c\n", P + ": Unrecognized severity 'q'\n" + P + ": n\n", 0},
         // What no destination takes goes to stderr instead of piling up in the log.
         {"nowhere@n", "", "unrecognized delivery 'nowhere'\n" + P + ": n\n" + P + ": c\n", 0},
         {"other log@n", "", P + ": n\n" + P + ": c\n", 1},  // words beginning with o are ignored
     };
-    for (const Case& c : cases) {
-        r = child::run([&c] {
+    for (const auto& [deliver, out, err, kept] : cases) {
+        r = child::run([&] {
             elog_notify(0, "n");
-            CHILD_CHECK(elog_mark() == c.kept);
+            CHILD_CHECK(elog_mark() == kept);
             elog_complain(0, "c");
-        }, env({{"ELOG_DELIVER", c.deliver}}));
-        EXPECT_TRUE(r.exited(0)) << c.deliver << ": " << r.err;
-        EXPECT_EQ(r.out, c.out) << c.deliver;
-        EXPECT_EQ(r.err, c.err) << c.deliver;
+        }, env({{"ELOG_DELIVER", deliver}}));
+        EXPECT_TRUE(r.exited(0)) << deliver << ": " << r.err;
+        EXPECT_EQ(std::pair(r.out, r.err), std::pair(out, err)) << deliver;
     }
     // Files are appended to and created with mode 0664.
     TempDir d;
@@ -545,38 +537,31 @@ TEST(Bury, EveryKindReadsBackFailuresKeepThePreviousStateAndKillsAtAnyMomentDoNo
 TEST(Signals, StopFlagGraceTimerImmediateSaveAndDieSoon) {
     TempDir t;
     std::string state = t / "state";
-    struct Case {
-        int sec, sig;
-        bool bury_in_time;
-        int exit_code;
-        const char *saved, *message;
-    } cases[] = {
+    // Grace seconds, the signal, a save in time, then the exit code, x as saved and a message.
+    const std::tuple<int, int, bool, int, const char*, const char*> cases[] = {
         {0, SIGTERM, false, 1, "1", ""},                                 // saves and ends the process at once
         {-1, SIGINT, false, 0, "1", ""},                                 // only the flag
         {1, SIGHUP, false, 1, "3", "quitting from resurrection alarm"},  // the timer saves and dies
         {1, SIGQUIT, true, 0, "4", ""},                                  // the alarm finds nothing to do
     };
     for (int i = 0; i < 4; i++) {
-        const Case& c = cases[i];
+        const auto& [sec, sig, bury_in_time, exit_code, saved, message] = cases[i];
         auto r = child::run([&] {
             int stop = 5, x = 0;
-            CHILD_CHECK(exhume(state.c_str(), &stop, c.sec, nullptr) == (i > 0) && stop == 0);
+            CHILD_CHECK(exhume(state.c_str(), &stop, sec, nullptr) == (i > 0) && stop == 0);
             resurrect("x", &x, INT_RELIC);
             x = i + 1;
-            raise(c.sig);
-            CHILD_CHECK(stop == c.sig);
-            if (c.bury_in_time) CHILD_CHECK(bury() == 0);
-            for (double until = std_now() + 1.5; c.sec > 0 && std_now() < until;) usleep(50000);
+            raise(sig);
+            CHILD_CHECK(stop == sig);
+            if (bury_in_time) CHILD_CHECK(bury() == 0);
+            for (double until = std_now() + 1.5; sec > 0 && std_now() < until;) usleep(50000);
         });
-        EXPECT_TRUE(r.exited(c.exit_code)) << c.sec << r.err;
-        EXPECT_THAT(r.err, HasSubstr(c.message)) << c.sec;
-        EXPECT_EQ(value_of(slurp(state), "x"), c.saved) << c.sec;
+        EXPECT_TRUE(r.exited(exit_code)) << sec << r.err;
+        EXPECT_THAT(r.err, HasSubstr(message)) << sec;
+        EXPECT_EQ(value_of(slurp(state), "x"), saved) << sec;
     }
     // die_soon ends the process with a fatal message of its own.
-    auto r = child::run([&] {
-        die_soon(1);
-        for (;;) pause();
-    });
+    auto r = child::run([] { die_soon(1); for (;;) pause(); });
     EXPECT_TRUE(r.exited(1));
     EXPECT_THAT(r.err, HasSubstr("quitting from die_soon alarm"));
 }
