@@ -83,8 +83,7 @@ protected:
     }
 };
 
-// The ring's source statistics are those recomputed from the packets present:
-// count, bytes, oldest and latest seq, their ids and times.
+// The source table must equal one recomputed from the packets present: counts, bytes, seqs, ids, times.
 void expect_sources_consistent(const Ring& r) {
     std::map<std::string, std::vector<double>> want, got;
     Entry e;

@@ -5,8 +5,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-// After pf.h on purpose: the socket header's own PF_ names must not change
-// what the node types mean.
+// After pf.h on purpose: the socket header's PF_ names must not change the node types.
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -432,7 +431,7 @@ TEST_F(PfTree, MissingAndMistypedValuesAreFatalUnlessHandledAndNumbersComplain) 
     EXPECT_DOUBLE_EQ(pfget_time(n.pf, "t2"), 1700000000.0);
 }
 
-TEST_F(PfTree, SettersBuildWhatGettersRead) {
+TEST_F(PfTree, SettersAndPfputBuildWhatGettersRead) {
     Pf* pf = pfnew(PF_ROOT);
     pfput_string(pf, "s", "text");
     pfput_double(pf, "d", 0.1);
@@ -469,9 +468,7 @@ TEST_F(PfTree, SettersBuildWhatGettersRead) {
     pffree(gone);
     EXPECT_EQ(pfdel(pf, "s"), nullptr);
     pffree(pf);
-}
-
-TEST_F(PfTree, PfputInsertsNodesAndAdoptsContainers) {
+    // pfput inserts nodes of any type and adopts containers.
     Pf* root = pfnew(PF_ROOT);
     Pf* sub = nullptr;
     ASSERT_EQ(pfcompile("k v\n", &sub), 0);

@@ -70,7 +70,6 @@ TEST(Containers, ArrKeepsKeyOrderTblStaysInBoundsHooksFreeOnceAndStrmatchesKeeps
     Arr* owner = newarr();
     setarr(owner, "x", strdup("1"));
     freearr(owner, free);  // the sanitizer build reports a leak if values are not freed
-
     Tbl* t = newtbl();
     EXPECT_EQ(pushtbl(t, &v[0]), 1);
     EXPECT_EQ(settbl(t, 3, &v[3]), 3);
@@ -82,14 +81,12 @@ TEST(Containers, ArrKeepsKeyOrderTblStaysInBoundsHooksFreeOnceAndStrmatchesKeeps
     EXPECT_EQ(deltbl(t, 7), nullptr);
     freetbl(t, nullptr);
     EXPECT_EQ(poptbl(nullptr), nullptr);
-
     static int freed = 0;
     Hook* hook = new_hook([](void* p) { freed++, free(p); });
     hook->p = malloc(8);
     free_hook(&hook);
     free_hook(&hook);  // null by now
     EXPECT_TRUE(hook == nullptr && freed == 1);
-
     // strmatches, in order on one hook: each pattern that differs from the last is compiled anew.
     const std::tuple<const char*, const char*, int> cases[] = {
         {"abc", "a.c", 1}, {"xabcx", "a.c", 0}, {"abcx", "a.c", 0},
@@ -116,7 +113,7 @@ TEST(Containers, ArrKeepsKeyOrderTblStaysInBoundsHooksFreeOnceAndStrmatchesKeeps
     free_hook(&h);
 }
 
-TEST(Printable, RefusesControlDeleteAndHighBytesEscapesCutsAndDumps) {
+TEST(Printable, RefusesControlDeleteAndHighBytesEscapesCutsDumpsAndDiesOfNoMemory) {
     EXPECT_TRUE(printable(' ') && printable('~'));
     // (char)0xe9 is a signed char below zero.
     for (int c : {0, 31, 127, 128, 255, (int)(char)0xe9}) EXPECT_FALSE(printable(c)) << c;
@@ -133,9 +130,7 @@ TEST(Printable, RefusesControlDeleteAndHighBytesEscapesCutsAndDumps) {
     fclose(f);
     EXPECT_EQ(text(dump), "00000000  00 41 02 03 04 05 06 07  08 09 0a 0b 0c 0d 0e 0f  .A..............\n"
                           "00000010  10 11 12 13                                       ....\n");
-}
-
-TEST(Process, OutOfMemoryMessageExecutableNameAndSigpipe) {
+    // The out-of-memory end, the executable's name, and SIGPIPE ignored.
     EXPECT_EXIT(die_nomem(42, "bns", 1024, "bns->data"), testing::ExitedWithCode(1),
                 "Out of memory at line 42 in 'bns'\n\tCan't malloc 1024 bytes for bns->data\n");
     EXPECT_STREQ(nomem_source("lib/utility/stock/bury.cc"), "bury");
@@ -239,9 +234,8 @@ TEST(Str2epoch, ReadsBackTheStateFormatKnowsTheCalendarAndWaitForTimeEnds) {
     EXPECT_EXIT(exit(refused() ? 0 : 3), ::testing::ExitedWithCode(0), "");
 }
 
-// Prefixes at the block and padding edges, then a few megabytes, fed from an
-// odd address in uneven chunks; the digest of each prefix, taken from a copy of
-// the running state, is compared with md5sum's over a file of that prefix.
+// Prefixes at the block and padding edges, then megabytes, fed from an odd address in uneven
+// chunks; each prefix's digest, from a copy of the running state, is compared with md5sum's.
 TEST(Rvm, RunningDigestsOverUnevenChunksMatchMd5sumOfPrefixes) {
     TempDir d;
     std::mt19937 gen(3);
@@ -331,7 +325,7 @@ int record_int(const char* path, struct stat*, int arg) {
 }
 }  // namespace
 
-TEST(FileSystem, MakedirFileTestsDirfilesGetalineAndFstraverse) {
+TEST(FileSystem, MakedirFileTestsDirfilesGetalineFstraverseAndMapfile) {
     TempDir t;
     std::string deep = t / "x/y/z";
     for (std::string d : {deep, deep, deep + "/"}) EXPECT_EQ(makedir(d.c_str()), 0) << d;  // again, slashed
@@ -346,7 +340,6 @@ TEST(FileSystem, MakedirFileTestsDirfilesGetalineAndFstraverse) {
         EXPECT_EQ(std::tuple(is_file(p.c_str()), is_dir(p.c_str()), is_present(p.c_str())),
                   std::tuple(file, dir, present)) << p;
     EXPECT_FALSE(is_file(nullptr));
-
     // Names sorted byte-wise.
     TempDir n;
     for (const char* name : {"b", "a", "B", ".dot", "a10", "a2"}) n.file(name, "");
@@ -355,7 +348,6 @@ TEST(FileSystem, MakedirFileTestsDirfilesGetalineAndFstraverse) {
     EXPECT_EQ(strings(dirfiles(n.path.c_str(), DIRFILES_NODOT)), (Names{"B", "a", "a10", "a2", "b", "sub"}));
     EXPECT_EQ(dirfiles((n / "missing").c_str(), 0), nullptr);
     EXPECT_EQ(dirfiles((n / "b").c_str(), 0), nullptr);
-
     // Lines of any length; the last one lacks its newline.
     std::string longline(100000, 'q');
     FILE* f = fopen(t.file("in", "first\n\n" + longline + "\nlast-no-newline").c_str(), "r");
@@ -366,7 +358,6 @@ TEST(FileSystem, MakedirFileTestsDirfilesGetalineAndFstraverse) {
     EXPECT_EQ(lines, (Names{"first", "", longline, "last-no-newline"}));
     fclose(f);
     free(buf);
-
     // fstraverse: files first, then subdirectories, in name order.
     TempDir w;
     w.sub("d2");
@@ -384,13 +375,11 @@ TEST(FileSystem, MakedirFileTestsDirfilesGetalineAndFstraverse) {
     EXPECT_EQ(fstraverse(w.path.c_str(), 0, record_int, 7), 0);
     EXPECT_EQ(Seen, (Names{"7" + p + "/a", "7" + p + "/link", "7" + p + "/z"}));
     EXPECT_EQ(fstraverse((w / "missing").c_str(), 1, record_int, 0), -1);
-}
-
-TEST(Mapfile, MapsWholeFilesReleasesByNameAndRefusesOthers) {
-    TempDir t;
+    // Whole files mapped, released by name; anything else refused.
+    TempDir m;
     std::string big(3 * 1024 * 1024 + 7, '\0');
     for (size_t i = 0; i < big.size(); i++) big[i] = char(i * 131 + 7);
-    std::string b = t.file("big", big), e = t.file("empty", "");
+    std::string b = m.file("big", big), e = m.file("empty", "");
     void *data = nullptr, *again = nullptr;
     ASSERT_EQ(mapfile(b.c_str(), 0, &data), long(big.size()));
     EXPECT_EQ(memcmp(data, big.data(), big.size()), 0);
@@ -402,10 +391,10 @@ TEST(Mapfile, MapsWholeFilesReleasesByNameAndRefusesOthers) {
     EXPECT_EQ(mapfile(e.c_str(), 0, &data), 0);
     EXPECT_TRUE(data != nullptr && data != (void*)-1);
     EXPECT_EQ(unmapfile(e.c_str(), nullptr), 0);
-    EXPECT_EQ(mapfile((t / "missing").c_str(), 0, &data), -1);
+    EXPECT_EQ(mapfile((m / "missing").c_str(), 0, &data), -1);
     EXPECT_EQ(data, (void*)-1);
-    EXPECT_EQ(mapfile(t.path.c_str(), 0, &data), -1);  // a directory
-    EXPECT_EQ(unmapfile((t / "never").c_str(), nullptr), -1);
+    EXPECT_EQ(mapfile(m.path.c_str(), 0, &data), -1);  // a directory
+    EXPECT_EQ(unmapfile((m / "never").c_str(), nullptr), -1);
     // A fifo fails at once instead of waiting for a writer.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     std::string fifo = t / "fifo";
