@@ -1,7 +1,6 @@
-// The event log and the state file, watched from outside: both belong to the
-// whole process (the log reads its settings once per process, and dies and
-// faults end it), so every case runs in a forked child (support/child.h) and
-// checks the bytes written and the way the child ended.
+// The event log and the state file, watched from outside: both belong to the whole process (the
+// log reads its settings once per process, and dies and faults end it), so every case runs in a
+// forked child (support/child.h) and checks the bytes written and the way the child ended.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -91,8 +90,7 @@ TEST(ElogOutput, SeverityTagsSystemErrorsRepeatsTruncationAndTagCodes) {
         elog_notify(0, "again");
         for (int n : {10237, 10238, 10240, 10241, 50000}) elog_notify(0, "%s", std::string(n, 'x').c_str());
     }, env());
-    EXPECT_TRUE(r.exited(0)) << r.err;
-    EXPECT_EQ(r.out, "");
+    EXPECT_TRUE(r.exited(0) && r.out.empty()) << r.err;
     std::string x = P + ": ", fits = x + std::string(10237, 'x') + "\n";
     const std::string marker = "\n\t...  ** truncated by elog ***\n";
     std::string marked = x + std::string(10239 - marker.size(), 'x') + marker;
@@ -180,62 +178,6 @@ TEST(ElogFatal, HowEachEndIsReportedAndSignalNames) {
     EXPECT_TRUE(r.exited(0)) << r.err;
     std::string bad = P + ": Unrecognized signal name '";
     EXPECT_EQ(r.err, bad + "FOO'\n" + bad + "NOPE'\n" + bad + "KILL'\n");
-}
-
-TEST(ElogSettings, DeliveryValuesWordsEscapesAndFiles) {
-    auto r = child::run([] {
-        elog_notify(0, "n");
-        elog_complain(0, "c");
-        elog_alert(0, "a");
-        elog_debug(0, "d");
-    }, env({{"ELOG_DELIVER", "stdout@na stdout stderr@complain"}, {"ELOG_TAG", "x\\@y@n [%P]@D"}}));
-    EXPECT_TRUE(r.exited(0)) << r.err;
-    EXPECT_EQ(r.out, "x@y: n\n" + P + ": c\n" + P + " *alert*: a\n");
-    EXPECT_EQ(r.err, P + ": c\n[" + P + "]: d\n");
-    // Odd and wrong delivery values, each tried on a notice and a complaint.
-    // The delivery, what reaches stdout and stderr, and the messages left in the log after the notice.
-    const std::tuple<std::string, std::string, std::string, int> cases[] = {
-        {"stdout@nc @c", P + ": n\n", P + ": c\n", 0},  // an empty value restores the default
-        {"stdout@qc", P + ": c\n", P + ": Unrecognized severity 'q'\n" + P + ": n\n", 0},
-        // What no destination takes goes to stderr instead of piling up in the log.
-        {"nowhere@n", "", "unrecognized delivery 'nowhere'\n" + P + ": n\n" + P + ": c\n", 0},
-        {"other log@n", "", P + ": n\n" + P + ": c\n", 1},  // words beginning with o are ignored
-    };
-    for (const auto& [deliver, out, err, kept] : cases) {
-        r = child::run([&] {
-            elog_notify(0, "n");
-            CHILD_CHECK(elog_mark() == kept);
-            elog_complain(0, "c");
-        }, env({{"ELOG_DELIVER", deliver}}));
-        EXPECT_TRUE(r.exited(0)) << deliver << ": " << r.err;
-        EXPECT_EQ(std::pair(r.out, r.err), std::pair(out, err)) << deliver;
-    }
-    // Files are appended to and created with mode 0664.
-    TempDir d;
-    std::string file = d / "errors";
-    r = child::run([] {
-        umask(0);
-        elog_complain(0, "one");
-        errno = EACCES;
-        elog_complain(1, "two");
-        elog_notify(0, "elsewhere");
-    }, env({{"ELOG_DELIVER", file + " stderr@c"}}));
-    EXPECT_TRUE(r.exited(0)) << r.err;
-    std::string both = P + ": one\n" + P + ": two\n\t##=> Permission denied\n";
-    EXPECT_EQ(slurp(file), both);
-    EXPECT_EQ(r.err, both + P + ": elsewhere\n");
-    EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0664));
-    // One that can't be opened is reported and its message goes to stderr.
-    std::string bad = d / "no/such/dir/log", good = d / "good";
-    r = child::run([] {
-        elog_complain(0, "fell back");
-        CHILD_CHECK(elog_mark() == 0);
-        elog_notify(0, "one of two worked");
-    }, env({{"ELOG_DELIVER", bad + "@c " + bad + " " + good + "@n"}}));
-    EXPECT_TRUE(r.exited(0));
-    std::string refused = "Can't open error file '" + bad + "'\n";
-    EXPECT_EQ(r.err, refused + P + ": fell back\n" + refused);
-    EXPECT_EQ(slurp(good), P + ": one of two worked\n");
 }
 
 namespace {
@@ -333,11 +275,65 @@ TEST(ElogList, MarkFlushCallbackQuerySetAndThreads) {
     EXPECT_EQ(lines, 1400);
 }
 
-TEST(ElogSettings, ParameterFileThenEnvironmentBadFilesAndTheShippedOne) {
+TEST(ElogSettings, DeliveryWordsEscapesAndFilesThenParameterFilesAndTheEnvironment) {
+    auto r = child::run([] {
+        elog_notify(0, "n");
+        elog_complain(0, "c");
+        elog_alert(0, "a");
+        elog_debug(0, "d");
+    }, env({{"ELOG_DELIVER", "stdout@na stdout stderr@complain"}, {"ELOG_TAG", "x\\@y@n [%P]@D"}}));
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    EXPECT_EQ(r.out, "x@y: n\n" + P + ": c\n" + P + " *alert*: a\n");
+    EXPECT_EQ(r.err, P + ": c\n[" + P + "]: d\n");
+    // Odd and wrong delivery values, each tried on a notice and a complaint.
+    // The delivery, what reaches stdout and stderr, and the messages left in the log after the notice.
+    const std::tuple<std::string, std::string, std::string, int> cases[] = {
+        {"stdout@nc @c", P + ": n\n", P + ": c\n", 0},  // an empty value restores the default
+        {"stdout@qc", P + ": c\n", P + ": Unrecognized severity 'q'\n" + P + ": n\n", 0},
+        // What no destination takes goes to stderr instead of piling up in the log.
+        {"nowhere@n", "", "unrecognized delivery 'nowhere'\n" + P + ": n\n" + P + ": c\n", 0},
+        {"other log@n", "", P + ": n\n" + P + ": c\n", 1},  // words beginning with o are ignored
+    };
+    for (const auto& [deliver, out, err, kept] : cases) {
+        r = child::run([&] {
+            elog_notify(0, "n");
+            CHILD_CHECK(elog_mark() == kept);
+            elog_complain(0, "c");
+        }, env({{"ELOG_DELIVER", deliver}}));
+        EXPECT_TRUE(r.exited(0)) << deliver << ": " << r.err;
+        EXPECT_EQ(std::pair(r.out, r.err), std::pair(out, err)) << deliver;
+    }
+    // Files are appended to and created with mode 0664.
+    TempDir logs;
+    std::string file = logs / "errors";
+    r = child::run([] {
+        umask(0);
+        elog_complain(0, "one");
+        errno = EACCES;
+        elog_complain(1, "two");
+        elog_notify(0, "elsewhere");
+    }, env({{"ELOG_DELIVER", file + " stderr@c"}}));
+    EXPECT_TRUE(r.exited(0)) << r.err;
+    std::string both = P + ": one\n" + P + ": two\n\t##=> Permission denied\n";
+    EXPECT_EQ(slurp(file), both);
+    EXPECT_EQ(r.err, both + P + ": elsewhere\n");
+    EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0664));
+    // One that can't be opened is reported and its message goes to stderr.
+    std::string bad = logs / "no/such/dir/log", good = logs / "good";
+    r = child::run([] {
+        elog_complain(0, "fell back");
+        CHILD_CHECK(elog_mark() == 0);
+        elog_notify(0, "one of two worked");
+    }, env({{"ELOG_DELIVER", bad + "@c " + bad + " " + good + "@n"}}));
+    EXPECT_TRUE(r.exited(0));
+    std::string refused = "Can't open error file '" + bad + "'\n";
+    EXPECT_EQ(r.err, refused + P + ": fell back\n" + refused);
+    EXPECT_EQ(slurp(good), P + ": one of two worked\n");
+    // Settings from a parameter file.
     TempDir d;
     d.file("elog.pf", "ELOG_MAXMSG 2\nELOG_SIGNALS USR2\nELOG_TAG &Arr{\n    n [%P]\n    alert <%P>\n}\n"
                       "ELOG_DELIVER stdout@nc\n");
-    auto r = child::run([] {
+    r = child::run([] {
         elog_notify(0, "n");
         elog_complain(0, "c");
         elog_alert(0, "a");
@@ -354,8 +350,7 @@ TEST(ElogSettings, ParameterFileThenEnvironmentBadFilesAndTheShippedOne) {
         elog_init(0, nullptr);
         raise(SIGUSR2);
     }, env({{"PFPATH", d.path}, {"ELOG_DELIVER", "stderr@n"}, {"ELOG_TAG", "{%P}@n"}}));
-    EXPECT_TRUE(r.signaled(SIGABRT)) << r.status;
-    EXPECT_EQ(r.out, "");
+    EXPECT_TRUE(r.signaled(SIGABRT) && r.out.empty()) << r.status;
     EXPECT_EQ(r.err, "{" + P + "}: n\n" + P + " *fault*: Signal USR2 : User defined signal 2\n");
     // A bad file does not stop the log; the debugger runs once per process.
     d.file("elog.pf", "ELOG_MAXMSG lots\nELOG_DELIVER &Arr{\n    x stdout\n    n\n}\n}\n"

@@ -211,10 +211,8 @@ TEST(Str2epoch, ReadsBackTheStateFormatKnowsTheCalendarAndWaitForTimeEnds) {
           "2023-11-14 12:00:61", "2023-11-14 12", "2023-11-14 12:00:00.", "2023-11-14 12:00:00 +25:00",
           "2023-11-14 12:00:00 Funday", "2023-11-14 12:00:00 x", "2023-11-14 12:00:00 UTC 5",
           "2023-11-14extra", "23-11-14", "2023-11/14", "2023-1114", "now please", "1700000000 (318)"}) {
-        EXPECT_TRUE(std::isnan(str2epoch(bad))) << "'" << bad << "'";
         double e = 42;
-        EXPECT_EQ(is_epoch_string(bad, &e), 0) << bad;
-        EXPECT_EQ(e, 42);
+        EXPECT_TRUE(std::isnan(str2epoch(bad)) && is_epoch_string(bad, &e) == 0 && e == 42) << bad;
     }
     EXPECT_TRUE(std::isnan(str2epoch(nullptr)));
     double e = 0;
