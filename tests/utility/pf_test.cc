@@ -322,7 +322,7 @@ protected:
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
-TEST_F(PfTree, KeyPathsReachNestedNodesAndContainersComeOut) {
+TEST_F(PfTree, KeyPathsReachNestedNodesContainersComeOutAndReferencesExpand) {
     Tree t(Sample);
     const char* const values[][2] = {{"name", "plain value"}, {"arr{ inner }", "v1"}, {"{spaced key}", "sv"},
                                      {"arr{deep}{leaf}", "L"}, {"arr{list}[1]", "b"}, {"tbl[1]{k}", "kv"}};
@@ -363,6 +363,33 @@ TEST_F(PfTree, KeyPathsReachNestedNodesAndContainersComeOut) {
     EXPECT_EQ(strings(keys), (Strings{"arr", "n", "name", "spaced key", "tbl", "x"}));
     freetbl(keys, nullptr);
     EXPECT_EQ(pfkeys(inner->parent), nullptr);  // a list has no keys
+    // References expand from the nearest ancestor, and stay bounded.
+    Tree refs("HOME /top\na &{HOME}/x\nb &HOME/y and &nothing and &{no thing}\nself x&self\nlone a & b\n"
+           "nested &Arr{\n    HOME /inner\n    p &HOME/z\n    q &a!\n}\n");
+    // The nearest ancestor wins (p), and expansion is recursive (q).
+    const char* const expanded[][2] = {{"a", "/top/x"}, {"b", "/top/y and &nothing and &{no thing}"},
+                                     {"lone", "a & b"}, {"nested{p}", "/inner/z"}, {"nested{q}", "/top/x!"}};
+    for (const auto& x : expanded) EXPECT_STREQ(pfget_string(refs.pf, x[0]), x[1]) << x[0];
+    std::string self = pfget_string(refs.pf, "self");
+    EXPECT_EQ(self.rfind("xxxxxxxxxxxxxxxxxxxx", 0), 0u) << self;
+    EXPECT_THAT(self, HasSubstr("** error ** pf massive recursion"));
+    // The stored text keeps its references; a string handed out stays put
+    // when a second get expands to the same text.
+    Pf* stored = nullptr;
+    pfresolve(refs.pf, "a", 0, &stored);
+    EXPECT_STREQ(stored->value.s, "&{HOME}/x");
+    char* first = pfget_string(refs.pf, "a");
+    EXPECT_EQ(pfget_string(refs.pf, "a"), first);
+    // Each level names itself four times: without a bound on the work the
+    // 20 levels would take 4^20 lookups. The child is killed if it hangs.
+    auto bounded = [] {
+        alarm(25);
+        Tree loop("a &a&a&a&a\nb &{a}&{a}\n");
+        std::string a = pfget_string(loop.pf, "a"), b = pfget_string(loop.pf, "b");
+        const char* cut = "** error ** pf massive recursion";
+        return a.find(cut) != a.npos && b.find(cut) != b.npos && a.size() < (256u << 20);
+    };
+    EXPECT_EXIT(exit(bounded() ? 0 : 3), ::testing::ExitedWithCode(0), "");
 }
 
 int Handler_calls;
@@ -502,35 +529,6 @@ TEST_F(PfTree, SettersAndPfputBuildWhatGettersRead) {
                 "Bad pf pointer in pfput");
     EXPECT_EXIT(pfput(str, "k", nullptr, 42), testing::ExitedWithCode(1), "Bad type in pfput : 42");
     pffree(str);
-}
-
-TEST_F(PfTree, ReferencesExpandFromAncestorsAndStayBounded) {
-    Tree t("HOME /top\na &{HOME}/x\nb &HOME/y and &nothing and &{no thing}\nself x&self\nlone a & b\n"
-           "nested &Arr{\n    HOME /inner\n    p &HOME/z\n    q &a!\n}\n");
-    // The nearest ancestor wins (p), and expansion is recursive (q).
-    const char* const values[][2] = {{"a", "/top/x"}, {"b", "/top/y and &nothing and &{no thing}"},
-                                     {"lone", "a & b"}, {"nested{p}", "/inner/z"}, {"nested{q}", "/top/x!"}};
-    for (const auto& v : values) EXPECT_STREQ(pfget_string(t.pf, v[0]), v[1]) << v[0];
-    std::string self = pfget_string(t.pf, "self");
-    EXPECT_EQ(self.rfind("xxxxxxxxxxxxxxxxxxxx", 0), 0u) << self;
-    EXPECT_THAT(self, HasSubstr("** error ** pf massive recursion"));
-    // The stored text keeps its references; a string handed out stays put
-    // when a second get expands to the same text.
-    Pf* a = nullptr;
-    pfresolve(t.pf, "a", 0, &a);
-    EXPECT_STREQ(a->value.s, "&{HOME}/x");
-    char* first = pfget_string(t.pf, "a");
-    EXPECT_EQ(pfget_string(t.pf, "a"), first);
-    // Each level names itself four times: without a bound on the work the
-    // 20 levels would take 4^20 lookups. The child is killed if it hangs.
-    auto bounded = [] {
-        alarm(25);
-        Tree loop("a &a&a&a&a\nb &{a}&{a}\n");
-        std::string a = pfget_string(loop.pf, "a"), b = pfget_string(loop.pf, "b");
-        const char* cut = "** error ** pf massive recursion";
-        return a.find(cut) != a.npos && b.find(cut) != b.npos && a.size() < (256u << 20);
-    };
-    EXPECT_EXIT(exit(bounded() ? 0 : 3), ::testing::ExitedWithCode(0), "");
 }
 
 // Sets a file's modification time without waiting for the clock.
