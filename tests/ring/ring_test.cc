@@ -112,7 +112,7 @@ void expect_after_time(const Ring& r, double t) {
 
 }  // namespace
 
-TEST_F(RingTest, OpenRefusesWhatIsNotAWholeRingAndReopenKeepsPacketsStashGeometryAndOrbStart) {
+TEST_F(RingTest, OpenRefusesWhatIsNotAWholeRingReopenKeepsWhatItHoldsAndClientsAreTracked) {
     auto refused = [&](std::string why) { return ThrowsMessage<ring::Error>(HasSubstr(file + ": " + why)); };
     EXPECT_THAT([&] { Ring::open(file); }, refused("No such file or directory"));
     EXPECT_THAT([&] { Ring::open(dir.path); }, ThrowsMessage<ring::Error>(HasSubstr(dir.path)));
@@ -191,6 +191,36 @@ TEST_F(RingTest, OpenRefusesWhatIsNotAWholeRingAndReopenKeepsPacketsStashGeometr
     EXPECT_NE(fresh->status().orb_start, start);
     EXPECT_FALSE(fresh->find(0));
     EXPECT_EQ(Ring::open(file)->head(), 0u);
+    // The client table tracks live clients and reclaims dead ones.
+    r = Ring::create(file, {.data_bytes = 8192, .maxclients = 2});
+    ring::Client c;
+    c.perm = 'r';
+    int32_t mine = r->client_add(c);
+    ASSERT_GE(mine, 0);
+    r->counters(mine)->pktid.store(42);
+    r->counters(mine)->packets.fetch_add(3);
+    r->client_set_select(mine, std::string(200, 'x'));  // shown cut short
+    auto cl = r->clients();
+    ASSERT_EQ(cl.size(), 1u);
+    EXPECT_EQ(std::tuple(cl[0].pktid, cl[0].packets, cl[0].nselect, strlen(cl[0].select)),
+              std::tuple(42, 3u, 96, size_t(95)));
+    int32_t session = cl[0].thread;
+    EXPECT_TRUE(r->session_active(session) && !r->session_active(session + 1) && !r->counters(99));
+
+    // A child takes the other entry and dies without giving it back.
+    ASSERT_EQ(child_status(fork_child([&] { return Ring::open(file)->client_add(c) >= 0 ? 0 : 1; })), 0);
+    EXPECT_EQ(r->status().nclients, 2u);  // not yet noticed
+    EXPECT_GE(r->client_add(c), 0);       // the dead one's entry is reused
+    EXPECT_EQ(r->client_add(c), -1);      // both live: full
+    auto live = r->clients();
+    ASSERT_EQ(live.size(), 2u);
+    for (auto& x : live) EXPECT_EQ(x.pid, getpid());
+    EXPECT_NE(live[0].thread, live[1].thread);
+    r->client_remove(mine);
+    EXPECT_EQ(std::pair(r->session_active(session), r->clients().size()), std::pair(false, size_t(1)));
+    // Sessions stay unique across reopen.
+    EXPECT_GE(Ring::open(file)->client_add(c), 0);
+    for (auto& x : r->clients()) EXPECT_NE(x.thread, session);
 }
 
 TEST_F(RingTest, RefusesBadGeometryAndBadPutsEvictsOldestAndKeepsEveryPresentPacketIntact) {
@@ -281,38 +311,6 @@ TEST_F(RingTest, AfterTimeWrappedIdsAndAFullSourceTable) {
     ASSERT_EQ(got.size(), 2u);
     EXPECT_TRUE(std::string(got[0].srcname) == "D" || std::string(got[1].srcname) == "D");
     expect_sources_consistent(*r);
-}
-
-TEST_F(RingTest, ClientTableTracksLiveClientsAndReclaimsDeadOnes) {
-    auto r = Ring::create(file, {.data_bytes = 8192, .maxclients = 2});
-    ring::Client c;
-    c.perm = 'r';
-    int32_t mine = r->client_add(c);
-    ASSERT_GE(mine, 0);
-    r->counters(mine)->pktid.store(42);
-    r->counters(mine)->packets.fetch_add(3);
-    r->client_set_select(mine, std::string(200, 'x'));  // shown cut short
-    auto cl = r->clients();
-    ASSERT_EQ(cl.size(), 1u);
-    EXPECT_EQ(std::tuple(cl[0].pktid, cl[0].packets, cl[0].nselect, strlen(cl[0].select)),
-              std::tuple(42, 3u, 96, size_t(95)));
-    int32_t session = cl[0].thread;
-    EXPECT_TRUE(r->session_active(session) && !r->session_active(session + 1) && !r->counters(99));
-
-    // A child takes the other entry and dies without giving it back.
-    ASSERT_EQ(child_status(fork_child([&] { return Ring::open(file)->client_add(c) >= 0 ? 0 : 1; })), 0);
-    EXPECT_EQ(r->status().nclients, 2u);  // not yet noticed
-    EXPECT_GE(r->client_add(c), 0);       // the dead one's entry is reused
-    EXPECT_EQ(r->client_add(c), -1);      // both live: full
-    auto live = r->clients();
-    ASSERT_EQ(live.size(), 2u);
-    for (auto& x : live) EXPECT_EQ(x.pid, getpid());
-    EXPECT_NE(live[0].thread, live[1].thread);
-    r->client_remove(mine);
-    EXPECT_EQ(std::pair(r->session_active(session), r->clients().size()), std::pair(false, size_t(1)));
-    // Sessions stay unique across reopen.
-    EXPECT_GE(Ring::open(file)->client_add(c), 0);
-    for (auto& x : r->clients()) EXPECT_NE(x.thread, session);
 }
 
 // Processes create the ring at the same time (one makes it, the others open it)

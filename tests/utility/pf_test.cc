@@ -87,7 +87,7 @@ std::string expect_round_trip(Pf* pf) {
     return text;
 }
 
-TEST(PfScan, ValuesKeysCommentsBlocksAndLiterals) {
+TEST(PfScan, ValuesKeysCommentsBlocksLiteralsAndStructuralErrors) {
     // Pieces of one file, each with a key it sets and the value read.
     const char* const rows[][3] = {
         {"# a comment\na 1\na 2\n", "a", "2"}, {"after yes\n", "after", "yes"},
@@ -116,9 +116,7 @@ TEST(PfScan, ValuesKeysCommentsBlocksAndLiterals) {
     Tree end("end \\101");  // an octal escape that ends the text
     EXPECT_STREQ(pfget_string(end.pf, "end"), "A");
     EXPECT_EQ(escape('1', '8', '1'), '1');  // not octal: the character itself
-}
-
-TEST(PfScan, StructuralErrorsReportLinesAndKeepWhatWasRead) {
+    // Structural errors report their line and keep what was read.
     auto nested = [](int n) {
         std::string open, close;
         for (int i = 0; i < n; i++) open += "k &Arr{\n", close += "}\n";
@@ -145,9 +143,9 @@ TEST(PfScan, StructuralErrorsReportLinesAndKeepWhatWasRead) {
         }
     }
     // Parsing into a given tree adds to it; any other kind of node is refused.
-    Tree t("a 1\nb 1\n");
-    ASSERT_EQ(pfcompile("b 2\n", &t.pf), 0);
-    EXPECT_EQ(std::string(pfget_string(t.pf, "a")) + pfget_string(t.pf, "b"), "12");
+    Tree more("a 1\nb 1\n");
+    ASSERT_EQ(pfcompile("b 2\n", &more.pf), 0);
+    EXPECT_EQ(std::string(pfget_string(more.pf, "a")) + pfget_string(more.pf, "b"), "12");
     Pf *s = pfnew(PF_STRING), *given = s;
     stderr_of([&] { EXPECT_EQ(pfcompile("a 1\n", &given), -1); });
     EXPECT_EQ(given, s);
