@@ -58,9 +58,15 @@ std::string value_of(const std::string& text, const char* key) {
 #define CHILD_CHECK(c) \
     do if (!(c)) fprintf(stderr, "check failed at line %d: %s\n", __LINE__, #c), _exit(99); while (0)
 
+// A log callback that faults.
+int crash(int, const char*, Tbl*) {
+    raise(SIGSEGV);
+    return 0;
+}
+
 }  // namespace
 
-TEST(ElogOutput, SeverityTagsSystemErrorsRepeatsTruncationAndTagCodes) {
+TEST(ElogOutput, SeverityTagsSystemErrorsRepeatsTruncationTagCodesAndHowEachEndIsReported) {
     auto r = child::run([] {
         elog_notify(0, "x");
         CHILD_CHECK(elog_mark() == 0);
@@ -133,17 +139,7 @@ TEST(ElogOutput, SeverityTagsSystemErrorsRepeatsTruncationAndTagCodes) {
     EXPECT_THAT(out, EndsWith(" *..."));
     EXPECT_LE(strlen(elog_expand("%%%%", small, sizeof small)), 7u);
     EXPECT_STREQ(elog_expand(nullptr, buf, sizeof buf), "");
-}
-
-namespace {
-int crash(int, const char*, Tbl*) {
-    raise(SIGSEGV);
-    return 0;
-}
-}  // namespace
-
-// die exits with status 1; a fault, a fatal signal or a fault inside the log aborts.
-TEST(ElogFatal, HowEachEndIsReportedAndSignalNames) {
+    // die exits with status 1; a fault, a fatal signal or a fault inside the log aborts.
     // What the child does, with what settings, the signal ending it (0: exit status 1), its errors.
     const std::tuple<const char*, void (*)(), child::Env, int, std::string> cases[] = {
         {"die", [] { elog_die(0, "cannot go on"); }, {}, 0, P + " *fatal*: cannot go on\n"},
@@ -160,7 +156,6 @@ TEST(ElogFatal, HowEachEndIsReportedAndSignalNames) {
         {"die without its debugger", [] { elog_die(0, "end"); },
          {{"ELOG_DEBUG", "no-such-debugger-here %r %p &@d"}}, 0, P + " *fatal*: end\n"},
     };
-    child::Result r;
     for (const auto& [name, body, settings, signal, err] : cases) {
         r = child::run(body, env(settings));
         EXPECT_TRUE(signal ? r.signaled(signal) : r.exited(1)) << name << ": " << r.status;
@@ -400,7 +395,7 @@ TEST(ElogSettings, DeliveryWordsEscapesAndFilesThenParameterFilesAndTheEnvironme
     }
 }
 
-TEST(Bury, EveryKindReadsBackFailuresKeepThePreviousStateAndKillsAtAnyMomentDoNoHarm) {
+TEST(Bury, EveryKindReadsBackFailuresKeepThePreviousStateKillsDoNoHarmAndSignalsSave) {
     TempDir t;
     std::string state = t / "deep/er/state";
     const double when = 1700000000.123456, ratio = 0.1 + 0.2;
@@ -527,11 +522,8 @@ TEST(Bury, EveryKindReadsBackFailuresKeepThePreviousStateAndKillsAtAnyMomentDoNo
         last = n;
     }
     EXPECT_GT(saw_progress, 0);
-}
-
-TEST(Signals, StopFlagGraceTimerImmediateSaveAndDieSoon) {
-    TempDir t;
-    std::string state = t / "state";
+    // Signals: the stop flag, the grace timer, an immediate save, and die_soon.
+    state = t / "signalled";
     // Grace seconds, the signal, a save in time, then the exit code, x as saved and a message.
     const std::tuple<int, int, bool, int, const char*, const char*> cases[] = {
         {0, SIGTERM, false, 1, "1", ""},                                 // saves and ends the process at once
@@ -541,7 +533,7 @@ TEST(Signals, StopFlagGraceTimerImmediateSaveAndDieSoon) {
     };
     for (int i = 0; i < 4; i++) {
         const auto& [sec, sig, bury_in_time, exit_code, saved, message] = cases[i];
-        auto r = child::run([&] {
+        r = child::run([&] {
             int stop = 5, x = 0;
             CHILD_CHECK(exhume(state.c_str(), &stop, sec, nullptr) == (i > 0) && stop == 0);
             resurrect("x", &x, INT_RELIC);
@@ -556,7 +548,8 @@ TEST(Signals, StopFlagGraceTimerImmediateSaveAndDieSoon) {
         EXPECT_EQ(value_of(slurp(state), "x"), saved) << sec;
     }
     // die_soon ends the process with a fatal message of its own.
-    auto r = child::run([] { die_soon(1); for (;;) pause(); });
+    r = child::run([] { die_soon(1); for (;;) pause(); });
     EXPECT_TRUE(r.exited(1));
     EXPECT_THAT(r.err, HasSubstr("quitting from die_soon alarm"));
 }
+

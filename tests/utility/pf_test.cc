@@ -152,34 +152,6 @@ TEST(PfScan, ValuesKeysCommentsBlocksLiteralsAndStructuralErrors) {
     pffree(s);
 }
 
-TEST(PfWrite, ChoosesTheFormEachValueNeedsInTextAndFiles) {
-    const char* const forms[][3] = {
-        {"plain", "just text", "plain\tjust text\n"}, {"hash", "#1", "hash\t\\#1\n"},
-        {"lead", " starts with a blank", "lead\t&Literal{\n starts with a blank}\n"},
-        {"brace", "a } b", "brace\ta \\} b\n"}, {"newline", "x {\ny", "newline\t&Literal(\nx {\ny)\n"},
-        {"key with blank", "v", "\"key with blank\"\tv\n"}, {"key \"quoted\"", "v", "'key \"quoted\"'\tv\n"},
-        // No bracket balances: a terminator word that no line of the value holds.
-        {"nasty", "{ ( [ < ` \"EndOfLiteral \"EndOfLiteral0\n", "nasty\t&Literal\"EndOfLiteral1\n"},
-    };
-    Tree w("");
-    for (const auto& f : forms) pfput_string(w.pf, f[0], f[1]);
-    std::string text = expect_round_trip(w.pf);
-    for (const auto& f : forms) EXPECT_THAT(text, HasSubstr(f[2]));
-    Tree t("a &Arr{\n b &Tbl{\n  x\n }\n}\n");
-    EXPECT_EQ(text_of(t.pf), "a\t&Arr{\n    b\t&Tbl{\n        x\n    }\n}\n");
-    // Through a file and a descriptor.
-    TempDir dir;
-    ASSERT_EQ(pfwrite((dir / "out.pf").c_str(), t.pf), 0);
-    int fd = open((dir / "out.pf").c_str(), O_RDONLY);
-    Tree back;
-    EXPECT_EQ(pfinfd(fd, &back.pf), 0);
-    close(fd);
-    EXPECT_EQ(dump(back.pf), dump(t.pf));
-    std::string bad = dir / "no/such/dir/x.pf";
-    std::string err = stderr_of([&] { EXPECT_NE(pfwrite(bad.c_str(), t.pf), 0); });
-    EXPECT_THAT(err, HasSubstr("Can't open " + bad + " for writing."));
-}
-
 // Strings built from pieces that each trip some rule of the writer.
 std::string hostile(std::mt19937& rng, size_t max_pieces) {
     static const char* const pieces[] = {
@@ -208,7 +180,7 @@ Pf* random_tree(std::mt19937& rng, int type, int depth) {
     return node;
 }
 
-TEST(PfWrite, AnyTreeReadsBackEqualAlsoInThreadsSharingTheCache) {
+TEST(PfWrite, ChoosesTheFormEachValueNeedsAndAnyTreeReadsBackEqualAlsoInThreads) {
     // Inputs that once failed: a NUL inside a value, a deferred form ending in an escaped blank.
     using namespace std::string_literals;
     for (const std::string& in : {"\0t &Literef(x, \0\0BU r&t\n"s, "f &ref(x\t\0z, \0 a\\\nb\n"s,
@@ -247,6 +219,32 @@ TEST(PfWrite, AnyTreeReadsBackEqualAlsoInThreadsSharingTheCache) {
     for (int t = 0; t < 4; t++) threads.emplace_back(rounds, t);
     for (auto& th : threads) th.join();
     EXPECT_EQ(freePf("pftest-shared"), 0);
+    // The form each value needs, in text and files.
+    const char* const forms[][3] = {
+        {"plain", "just text", "plain\tjust text\n"}, {"hash", "#1", "hash\t\\#1\n"},
+        {"lead", " starts with a blank", "lead\t&Literal{\n starts with a blank}\n"},
+        {"brace", "a } b", "brace\ta \\} b\n"}, {"newline", "x {\ny", "newline\t&Literal(\nx {\ny)\n"},
+        {"key with blank", "v", "\"key with blank\"\tv\n"}, {"key \"quoted\"", "v", "'key \"quoted\"'\tv\n"},
+        // No bracket balances: a terminator word that no line of the value holds.
+        {"nasty", "{ ( [ < ` \"EndOfLiteral \"EndOfLiteral0\n", "nasty\t&Literal\"EndOfLiteral1\n"},
+    };
+    Tree w("");
+    for (const auto& f : forms) pfput_string(w.pf, f[0], f[1]);
+    std::string written = expect_round_trip(w.pf);
+    for (const auto& f : forms) EXPECT_THAT(written, HasSubstr(f[2]));
+    Tree nested("a &Arr{\n b &Tbl{\n  x\n }\n}\n");
+    EXPECT_EQ(text_of(nested.pf), "a\t&Arr{\n    b\t&Tbl{\n        x\n    }\n}\n");
+    // Through a file and a descriptor.
+    TempDir dir;
+    ASSERT_EQ(pfwrite((dir / "out.pf").c_str(), nested.pf), 0);
+    int fd = open((dir / "out.pf").c_str(), O_RDONLY);
+    Tree back;
+    EXPECT_EQ(pfinfd(fd, &back.pf), 0);
+    close(fd);
+    EXPECT_EQ(dump(back.pf), dump(nested.pf));
+    std::string bad = dir / "no/such/dir/x.pf";
+    std::string err = stderr_of([&] { EXPECT_NE(pfwrite(bad.c_str(), nested.pf), 0); });
+    EXPECT_THAT(err, HasSubstr("Can't open " + bad + " for writing."));
 }
 
 TEST(PfDeferred, EnvExecGlobFilesReferencesDataAndAsk) {
