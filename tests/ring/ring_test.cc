@@ -392,7 +392,7 @@ pid_t put_with_hook(Ring& r, void (*hook)(), const std::string& name, double t, 
 // Writers die holding the lock, one after copying the file (a copy taken
 // mid-put, or a machine that went down): the ring recovers at the next lock,
 // the copy once opened with nobody else using it; the half packet never appears.
-TEST_F(RingTest, WriterDeadBeforePublishingWedgesNeitherTheRingNorACopy) {
+TEST_F(RingTest, WritersDeadOrStalledMidPutWedgeNeitherTheRingNorACopyNorTheTimeOrder) {
     auto r = Ring::create(file, {.data_bytes = 4096, .nslots = 8, .maxsrc = 8});
     for (int i = 0; i < 6; i++) put(*r, "keep" + std::to_string(i % 3), i, payload(0, i, 500));
     auto before = r->status();
@@ -417,12 +417,9 @@ TEST_F(RingTest, WriterDeadBeforePublishingWedgesNeitherTheRingNorACopy) {
             EXPECT_GE(tag_of(b), 0) << s;
         }
     }
-}
-
-// A writer killed mid-put leaves no trace in the time order; one stalled
-// mid-put keeps its lock from a process that opens the ring meanwhile.
-TEST_F(RingTest, TimeOrderSurvivesAWriterKilledMidPutAndOpeningLeavesAHeldLockAlone) {
-    auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 64});
+    // A writer killed mid-put leaves no trace in the time order; one stalled
+    // mid-put keeps its lock from a process that opens the ring meanwhile.
+    r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 64});
     for (int i = 1; i <= 10; i++) put(*r, "s", 10.0 * i, payload(0, i, 8));
     child_status(put_with_hook(*r, die_now, "s", 0, 8));  // never published: its time must not count
     put(*r, "s", 50, payload(0, 11, 8));                   // out of order after 100
@@ -446,3 +443,4 @@ TEST_F(RingTest, TimeOrderSurvivesAWriterKilledMidPutAndOpeningLeavesAHeldLockAl
     EXPECT_TRUE(r->entry(12, &e) && std::string(e.srcname) == "thread");
     for (int fd : {up[0], up[1], down[0], down[1]}) ::close(fd);
 }
+

@@ -264,7 +264,20 @@ TEST(Rvm, RunningDigestsOverUnevenChunksMatchMd5sumOfPrefixes) {
     EXPECT_EQ(ours, theirs);
 }
 
-TEST(PathText, AbspathDirbaseParsepathConcatpathsAndTheInstallationRoot) {
+namespace {
+Names Seen;
+int record(const char* path, struct stat* st, void* arg) {
+    EXPECT_TRUE(S_ISREG(st->st_mode));
+    Seen.push_back(std::string(static_cast<const char*>(arg)) + path);
+    return -1;  // a failing callback must not stop the walk
+}
+int record_int(const char* path, struct stat*, int arg) {
+    Seen.push_back(std::to_string(arg) + path);
+    return 0;
+}
+}  // namespace
+
+TEST(Paths, AsTextTheInstallationRootMakedirFileTestsDirfilesGetalineFstraverseAndMapfile) {
     char abs[PATH_MAX], cwd[PATH_MAX], dir[PATH_MAX], base[PATH_MAX], suffix[PATH_MAX];
     ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
     const std::string resolved[][2] = {
@@ -290,38 +303,23 @@ TEST(PathText, AbspathDirbaseParsepathConcatpathsAndTheInstallationRoot) {
                                     {"", "b", "b"},    {nullptr, "b", "b"}, {"a", "/abs", "/abs"}};
     for (const auto& j : joins) EXPECT_EQ(text(concatpaths(j[0], j[1])), j[2]) << j[0] << " + " << j[1];
     // Data files under the installation root.
-    TempDir t;
-    t.sub("data/pf");
-    std::string x = t.file("data/pf/x.pf", "a 1\n");
-    setenv("QUORVANE", t.path.c_str(), 1);
-    EXPECT_EQ(std::string(installation_root()), t.path);
+    TempDir root;
+    root.sub("data/pf");
+    std::string x = root.file("data/pf/x.pf", "a 1\n");
+    setenv("QUORVANE", root.path.c_str(), 1);
+    EXPECT_EQ(std::string(installation_root()), root.path);
     EXPECT_EQ(text(datapath(nullptr, "pf", "x", "pf")), x);
     EXPECT_EQ(text(datapath(nullptr, "pf", "x.pf", "pf")), x);  // suffix not doubled
     EXPECT_EQ(datapath(nullptr, "pf", "y", "pf"), nullptr);
-    EXPECT_EQ(text(datapath(t.path.c_str(), "data/pf", "x", "pf")), x);
+    EXPECT_EQ(text(datapath(root.path.c_str(), "data/pf", "x", "pf")), x);
     EXPECT_EQ(strings(datasearch("SEARCHTEST", "pf", "x.pf", 0)), (Names{x}));
     EXPECT_EQ(strings(datasearch("SEARCHTEST", "pf", "x.pf", 1)), (Names{x, "./x.pf"}));
-    setenv("SEARCHTEST", ("/nonexistent::" + t.path + "/data/pf/").c_str(), 1);
+    setenv("SEARCHTEST", ("/nonexistent::" + root.path + "/data/pf/").c_str(), 1);
     EXPECT_EQ(strings(datasearch("SEARCHTEST", "pf", "x.pf", 1)), (Names{"/nonexistent/x.pf", "./x.pf", x}));
     setenv("QUORVANE", "", 1);
     EXPECT_STREQ(installation_root(), FERRANT_PREFIX);
     setenv("QUORVANE", FERRANT_BUILD_DIR, 1);  // as the test runner sets it
-}
-
-namespace {
-Names Seen;
-int record(const char* path, struct stat* st, void* arg) {
-    EXPECT_TRUE(S_ISREG(st->st_mode));
-    Seen.push_back(std::string(static_cast<const char*>(arg)) + path);
-    return -1;  // a failing callback must not stop the walk
-}
-int record_int(const char* path, struct stat*, int arg) {
-    Seen.push_back(std::to_string(arg) + path);
-    return 0;
-}
-}  // namespace
-
-TEST(FileSystem, MakedirFileTestsDirfilesGetalineFstraverseAndMapfile) {
+    // The file system: directories made, kinds of file, listings.
     TempDir t;
     std::string deep = t / "x/y/z";
     for (std::string d : {deep, deep, deep + "/"}) EXPECT_EQ(makedir(d.c_str()), 0) << d;  // again, slashed
@@ -402,4 +400,3 @@ TEST(FileSystem, MakedirFileTestsDirfilesGetalineFstraverseAndMapfile) {
     };
     EXPECT_EXIT(exit(refused() ? 0 : 3), ::testing::ExitedWithCode(0), "");
 }
-
