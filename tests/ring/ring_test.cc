@@ -63,7 +63,6 @@ int child_status(pid_t pid) {
     return st;
 }
 
-// Overwrites n bytes of the file at `at`.
 void poke(const std::string& file, off_t at, const void* data, size_t n) {
     int fd = ::open(file.c_str(), O_RDWR);
     EXPECT_EQ(pwrite(fd, data, n, at), ssize_t(n)) << at;

@@ -45,11 +45,9 @@ child::Env env(child::Env extra = {}) {
 // The value of key in state text, or "<missing>" / "<unparsable>".
 std::string value_of(const std::string& text, const char* key) {
     Pf* pf = nullptr;
-    std::string r = "<unparsable>";
-    if (pfcompile(text.c_str(), &pf) == 0) {
-        char* v = pfget_string(pf, key);
-        r = v ? v : "<missing>";
-    }
+    int rc = pfcompile(text.c_str(), &pf);
+    char* v = rc == 0 ? pfget_string(pf, key) : nullptr;
+    std::string r = rc != 0 ? "<unparsable>" : v ? v : "<missing>";
     pffree(pf);
     return r;
 }

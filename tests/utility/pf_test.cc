@@ -508,8 +508,7 @@ TEST_F(PfTree, SettersAndPfputBuildWhatGettersRead) {
     EXPECT_EQ(pfmaxtbl(list), 3);
     EXPECT_EXIT(pfdup(list), testing::ExitedWithCode(1), "Bad type in pfdup : 6");
     // An untyped entry is reported, not crashed on.
-    std::string err = stderr_of([&] { pffree(pfdel(list, pfindex(2))); });
-    EXPECT_THAT(err, HasSubstr("pffree: didn't free type 6"));
+    EXPECT_THAT(stderr_of([&] { pffree(pfdel(list, pfindex(2))); }), HasSubstr("pffree: didn't free type 6"));
     pfput(list, pfindex(1), const_cast<char*>("c"), PF_STRING);  // fills the gap
     pffree(pfdel(list, pfindex(0)));
     pfput(root, "list", list, PF_PF);
@@ -569,7 +568,7 @@ protected:
 
 // Explicit directories come last and later files win; the default path is
 // the installation, then the current directory; nothing read is a failure.
-TEST_F(PfPath, SearchOrderFailuresAndRevisions) {
+TEST_F(PfPath, SearchOrderFailuresRevisionsAndUpdates) {
     dir.file("a/app.pf", "k from a\nonly_a 1\narr &Arr{\n  x 1\n  y 1\n}\n");
     dir.sub("other");
     dir.file("other/app.pf", "k from other\n");
@@ -629,24 +628,22 @@ TEST_F(PfPath, SearchOrderFailuresAndRevisions) {
     EXPECT_EQ(pfrequire("rev", "2019-01-01"), 0);
     err = stderr_of([] { EXPECT_NE(pfrequire("pfpath-none", "2019-01-01"), 0); });
     EXPECT_THAT(err, HasSubstr("can't find parameter file pfpath-none"));
-}
-
-TEST_F(PfPath, UpdateAndTheCacheNoticeChangedAppearingAndVanishingFiles) {
+    // pfupdate and the named-tree cache notice changed, appearing and vanishing files.
     std::string fa = dir.file("a/upd.pf", "k 1\n");
     set_mtime(fa, 1000000);
-    Tree t, other;
+    Tree u, other;
     // pfupdate's result, then k's value when it read.
     auto update = [&](int rc, const char* k = nullptr) {
-        EXPECT_EQ(pfupdate("upd", &t.pf), rc);
-        EXPECT_STREQ(k ? pfget_string(t.pf, "k") : nullptr, k);
-        EXPECT_EQ(rc == 1 ? pfupdate("upd", &t.pf) : 0, 0);
+        EXPECT_EQ(pfupdate("upd", &u.pf), rc);
+        EXPECT_STREQ(k ? pfget_string(u.pf, "k") : nullptr, k);
+        EXPECT_EQ(rc == 1 ? pfupdate("upd", &u.pf) : 0, 0);
     };
     update(1, "1");
-    Pf* same = t.pf;
+    Pf* same = u.pf;
     dir.file("a/upd.pf", "k 2\n");
     set_mtime(fa, 1000000);  // same time: not seen as a change
     update(0);
-    EXPECT_EQ(t.pf, same);
+    EXPECT_EQ(u.pf, same);
     set_mtime(fa, 1000001);
     update(1, "2");
     std::string fb = dir.file("b/upd.pf", "k 3\n");
