@@ -234,7 +234,7 @@ TEST(ElogList, MarkFlushCallbackQuerySetAndThreads) {
         CHILD_CHECK(elog_query(ELOG_COUNT, 0, &count) == 0 && count == 2);
         CHILD_CHECK(elog_set(ELOG_MAXMSG, 3, nullptr) == 0);
         elog_log(0, "three");
-    }, env());
+    }, env({{"PFPATH", "/nonexistent"}}));  // no parameter file: the built-in settings
     EXPECT_TRUE(r.exited(1)) << r.err;
     std::string x = P + ": ";
     EXPECT_EQ(r.err, x + "b\n" + x + "c\n\t##=> Operation not permitted\n" + x + "f\n" + x + "n\n[" + P +
