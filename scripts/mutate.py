@@ -364,7 +364,7 @@ def main():
                     if rc:
                         m = re.search(r"^\s*\d+ - (\S+) \(", out, re.M) or \
                             re.search(r"\*\*\*(?:Failed|Timeout|Exception)\S*.*?(\S+)\s", out)
-                        killer = re.findall(r"\d+/\d+ Test\s+#\d+: (\S+) \.+\*+", out)
+                        killer = re.findall(r"\d+/\d+ Test\s+#\d+: (\S+)[^\n]*? \.+\*+", out)
                         every = re.findall(r"^\s*\d+ - (\S+)", out.partition("tests FAILED:")[2], re.M)
                         if args.all_killers and every:
                             results[i] = ("killed", " ".join(every))
