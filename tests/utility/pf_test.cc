@@ -399,12 +399,8 @@ TEST_F(PfTree, MissingAndMistypedValuesAreFatalUnlessHandledAndNumbersComplain) 
     Tree t(Sample);
     EXPECT_EXIT(pfget_int(t.pf, "absent"), testing::ExitedWithCode(1),
                 "program needs value for 'absent', not found in parameter file '\\*internal buffer\\*'");
-    EXPECT_EXIT(pfget_double(t.pf, "arr{nope}"), testing::ExitedWithCode(1),
-                "program needs value for 'arr\\{nope\\}'");
     EXPECT_EXIT(pfget_string(t.pf, "arr"), testing::ExitedWithCode(1),
                 "wrong parameter type for 'arr' : expected scalar but got array in '\\*internal buffer\\*'");
-    EXPECT_EXIT(pfget_tbl(t.pf, "name"), testing::ExitedWithCode(1),
-                "wrong parameter type for 'name' : expected table but got scalar");
     // A file root counts as "scalar", so an empty path at the root is a mismatch.
     EXPECT_EXIT(pfget_arr(t.pf, ""), testing::ExitedWithCode(1), "expected array but got scalar");
     // At a list only a missing entry is fatal.

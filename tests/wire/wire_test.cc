@@ -124,33 +124,22 @@ TEST(Bns, PutsEveryTypeBigEndianAndGetsItBack) {
     EXPECT_EQ(bnsget(in.b, &t, 9, 1), -1);
 }
 
-// Reads take all there is in one call, and grow the buffer by twice the shortfall once consumed bytes
-// have been moved out. A time-out is not the end of the input: what has arrived stays for the next call.
-// A pipe whose writer is gone is an end of file (a hang-up without input), a closed descriptor an error.
-TEST_F(BnsSocket, ReadsGrowTheBufferSurviveTheTimeoutAndTellEndOfFileApart) {
+// A time-out is not the end of the input: what has arrived stays for the next call. A pipe whose writer is
+// gone is an end of file (a hang-up without input), a closed descriptor an error.
+TEST_F(BnsSocket, ReadsSurviveTheTimeoutAndTellEndOfFileApart) {
     auto after = [&](int rc) { return std::tuple(rc, b->eof, b->err, bnscnt(b)); };  // a call's result
     stream(16, 0);
     EXPECT_EQ(bnswait(b), 0);
-    std::string msg(100, 'g');
-    send(msg);
+    send("\x12\x34");
     EXPECT_TRUE(bnswait(b) == 1 && (b->revents & POLLRDNORM));
     bnstimeout(b, 30);
-    char buf[100];
-    ASSERT_EQ(bnsget(b, buf, BNS_BYTES, 100), 0);
-    EXPECT_EQ(std::pair(b->sz, std::string(buf, 100)), std::pair(16 + 2 * (100 - 16), msg));
-    send(std::string(150, 'h'));
-    ASSERT_EQ(bnsget(b, buf, BNS_BYTES, 100), 0);
-    EXPECT_EQ(std::tuple(b->sz, b->nsys, bnscnt(b)), std::tuple(184, 2L, 50));
-    ASSERT_EQ(bnsget(b, buf, BNS_BYTES, 50), 0);
     int v = 0;
-    EXPECT_EQ(after(bnsget(b, &v, BNS_INT, 1)), std::tuple(-1, 0, 0, 0));  // nothing at all
-    send("\x12");
-    EXPECT_EQ(after(bnsget(b, &v, BNS_INT, 1)), std::tuple(-1, 0, 0, 1));
-    send("\x34");
+    char buf[4];
     EXPECT_EQ(after(bnsget(b, &v, BNS_INT, 1)), std::tuple(-1, 0, 0, 2));
     send("\x56\x78");
     ASSERT_EQ(bnsget(b, &v, BNS_INT, 1), 0);
     EXPECT_EQ(v, 0x12345678);
+    EXPECT_EQ(after(bnsget(b, &v, BNS_INT, 1)), std::tuple(-1, 0, 0, 0));  // nothing at all
     bnstimeout(b, 5000);
     send("ab");
     closeend(1);  // what came is still there
@@ -199,28 +188,18 @@ TEST_F(BnsSocket, DirectRunSurvivesTheTimeoutAndTheMark) {
     }
 }
 
-// One flush writes everything in one call, and a failed one keeps the bytes. Callers undo a message they
-// could not finish by restoring the end they saved before putting it: a put must never move what is
-// already buffered, or what is kept for resending.
-TEST_F(BnsSocket, FlushResendAndAPutNeverMovesKeptBytes) {
+// Kept messages are resent, and stay bounded however many pass; a failed flush keeps the bytes. Callers undo
+// a message they could not finish by restoring the end they saved before putting it: a put must never move
+// what is already buffered, or what is kept for resending.
+TEST_F(BnsSocket, ResendAndAPutNeverMovesKeptBytes) {
     stream(8, 5000);
-    message("once");  // nothing kept, nothing resent
-    drain();
-    long calls = b->nsys;
-    EXPECT_EQ(bnsresend(b), 0);
-    EXPECT_EQ(std::pair(b->nsys, drain()), std::pair(calls, ""s));
     bnskeep(b, 2);
     for (const char* m : {"aaa", "bbbb", "ccccc"}) message(m);
     EXPECT_EQ(drain(), "aaabbbbccccc");
     ASSERT_EQ(bnsresend(b), 0);
     EXPECT_EQ(drain(), "bbbbccccc");
-    // The kept bytes stay bounded however many messages pass.
     for (int k = 0; k < 200; k++) message("0123456789");
     EXPECT_TRUE(b->lp - b->mark == 20 && b->sz <= 64) << b->lp - b->mark << " " << b->sz;
-    drain();
-    message("tail");
-    ASSERT_EQ(bnsresend(b), 0);
-    EXPECT_EQ(drain(), "tail0123456789tail");
     for (char c : {'a', 'b', 'c'}) message(std::string(300, c));
     buf2bns(b, "pending", 7);
     int end = b->lp;
@@ -232,14 +211,6 @@ TEST_F(BnsSocket, FlushResendAndAPutNeverMovesKeptBytes) {
     drain();
     ASSERT_EQ(bnsresend(b), 0);
     EXPECT_EQ(drain(), std::string(300, 'c') + "pending");
-    bnsclr(b);  // after a clear nothing is resent either
-    EXPECT_EQ(bnsresend(b), 0);
-    EXPECT_EQ(drain(), "");
-    std::string expect;
-    for (int k = 0; k < 50; k++) bnsput(b, &k, BNS_INT, 1), expect += Wire().i(k).s;
-    calls = b->nsys;
-    ASSERT_EQ(bnsflush(b) + bnsflush(b), 0);  // the second has nothing to write and makes no call
-    EXPECT_EQ(std::pair(b->nsys, drain()), std::pair(calls + 1, expect));
     closeend(1);
     signal(SIGPIPE, SIG_IGN);
     buf2bns(b, "abc", 3);
