@@ -161,9 +161,6 @@ TEST_F(OrbServerTest, HostPortsNamedPortsFilePathsAndAWaitingOpen) {
     ASSERT_GE(orbseek(r, ORBOLDEST), 0);
     EXPECT_EQ(Reader(r).reap().str(), "0 0 AA_X/test 10 abc");
     EXPECT_EQ(orbclose(r), 0);
-    // forbserver refuses a ring in a directory that does not exist; the open fails.
-    std::string missing = server.dir() + "/no/such/dir/ring";
-    EXPECT_TRUE(fails_saying([&] { return orbopen(missing.c_str(), "r"); }, "open negotiation fails"));
     setenv("ORB_IP_ADDRESS", "not-an-address", 1);
     EXPECT_TRUE(fails_saying([&] { return orbopen(name.c_str(), "r"); },
                              "Failed to bind ip address 'not-an-address'"));
@@ -275,8 +272,6 @@ TEST_F(OrbServerTest, WritesAndStatusUnderOrbDumpRupStashAndElog) {
     EXPECT_EQ(system((orbstat + " -s -c " + server.name() + " >" + out + " 2>&1").c_str()), 0);
     for (const char* part : {"holding     3 packets from 3 sources", "AA_SMALL/xfer", "orb_server_test"})
         EXPECT_TRUE(has(slurp(out), part));  // the last in this process's clients
-    EXPECT_NE(system((orbstat + " -x >" + out + " 2>&1").c_str()), 0);
-    EXPECT_TRUE(has(slurp(out), "Usage: orbstat [-s] [-c] [-j] orb"));
     std::string text = slurp(path);  // the exchange log, with a packet in hex and text
     for (std::string part : {"#orb x output-" + server.name() + " ", "#orb x input-" + server.name() + " ",
                              "41 41 2f 6c 69 6d 62 62  ?.......AA/limbb"s})
