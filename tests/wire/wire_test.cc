@@ -1,12 +1,10 @@
 // The buffered stream over real socket pairs and the byte-order conversions under it; then the
 // protocol records on the wire: exact bytes for every request and response code, decode(encode(x)) == x,
 // and the limits under hostile input.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <bit>
@@ -19,7 +17,6 @@
 #include "orb/orbfile.h"
 #include "stock/bns.h"
 #include "stock/h2e.h"
-#include "support/tempdir.h"
 
 using namespace std::string_literals;
 
@@ -249,35 +246,6 @@ TEST_F(BnsSocket, ViewBns2bufAndGetc) {
     EXPECT_EQ(std::pair(std::string(buf), bnscnt(b)), std::pair("X"s, 0));
 }
 
-// Traces go to one file from both ends; bnsclose flushes before it closes.
-TEST_F(BnsSocket, SnoopTracesBothDirections) {
-    TempDir dir;
-    std::string trace = dir / "trace";
-    Bns *out = bnsnew(fd[0], 64), *in = bnsnew(fd[1], 64);
-    bnsid(out, strdup("wire-out"));
-    ASSERT_EQ(bnssnoop(out, trace.c_str()), 0);
-    buf2bns(out, "hello", 5);
-    bnsflush(out);
-    bnssnoop(out, nullptr);
-    ASSERT_EQ(bnssnoop(in, trace.c_str()), 0);
-    char buf[5];
-    ASSERT_EQ(bnsget(in, buf, BNS_BYTES, 5), 0);
-    std::string t = slurp(trace);
-    EXPECT_EQ(t.find("\n\n#msg > wire-out 5 "), 0u) << t;
-    EXPECT_NE(t.find("\nhello\n\n#msg < anon 5 "), std::string::npos) << t;
-    EXPECT_EQ(t.substr(t.size() - 6), "\nhello");
-    struct stat st;
-    EXPECT_TRUE(stat(trace.c_str(), &st) == 0 && (st.st_mode & 0777 & ~0664) == 0);
-    EXPECT_EQ(bnssnoop(in, (dir / "no/such/dir").c_str()), -1);
-    EXPECT_EQ(in->snoopfd, -1);
-    bnsfree(in);
-    buf2bns(out, "bye", 3);
-    EXPECT_EQ(bnsclose(out), 0);
-    EXPECT_EQ(fcntl(fd[0], F_GETFD), -1);
-    fd[0] = -1;
-    EXPECT_EQ(drain(), "bye");
-}
-
 TEST_F(BnsSocket, SyncFindsThePatternAfterGarbageOrGivesUp) {
     stream(64, 5000);
     std::string err;
@@ -310,29 +278,19 @@ TEST_F(BnsSocket, SyncFindsThePatternAfterGarbageOrGivesUp) {
     EXPECT_EQ(sync("", 0), -1);
 }
 
-// The big-endian forms are covered through the stream above.
-TEST(ByteOrder, LittleEndianWideningNanAndSwaps) {
-    unsigned char buf[64], *c = buf;
-    auto from = [&] { c = buf; return &c; };  // converts from or to the start of buf
+// Doubles that have no exact wire form are told, and still converted (the other forms are covered through
+// the stream above); byte reversal in place and between unaligned buffers.
+TEST(ByteOrder, NanNegativeZeroAndSwaps) {
+    unsigned char buf[24], *c = buf;
     auto bytes = [&](size_t n, size_t at = 0) { return std::string((char*)buf + at, n); };
-    short s[2] = {1, -1}, back[2];
-    EXPECT_EQ(hs2as(s, from(), 2), 0);
-    EXPECT_EQ(std::pair(c - buf, bytes(4)), std::pair(4L, "\x01\x00\xff\xff"s));
-    as2hs(from(), back, 2);
-    EXPECT_EQ(back[1], -1);
-    unsigned short u = 0xfffe;  // a 16-bit field widens with or without its sign
-    int wide[2];
-    uhs2ms(&u, from(), 1);
-    ums2hi(from(), &wide[0], 1);
-    ms2hi(from(), &wide[1], 1);
-    EXPECT_EQ(std::pair(wide[0], wide[1]), std::pair(0xfffe, -2));
     double d[3] = {1.5, NAN, -0.0}, e[3];
-    EXPECT_EQ(hd2md(d, from(), 3), -1);
+    EXPECT_EQ(hd2md(d, &c, 3), -1);
     EXPECT_EQ(c - buf, 24);
-    EXPECT_EQ(md2hd(from(), e, 3), -1);
+    c = buf;
+    EXPECT_EQ(md2hd(&c, e, 3), -1);
     EXPECT_TRUE(e[0] == 1.5 && std::isnan(e[1]) && std::signbit(e[2]));
-    EXPECT_EQ(hd2md(d, from(), 1), 0);
-    // Byte reversal in place and between unaligned buffers.
+    c = buf;
+    EXPECT_EQ(hd2md(d, &c, 1), 0);
     memcpy(buf, "\0\1\2\3\4", 5);
     swap2(buf + 1, buf + 1, 2);
     swap4(buf + 1, buf + 9, 1);
