@@ -72,9 +72,6 @@ TEST(JetStreamFerrant, FilesCrossTwoFrontEndsWhileALeaderNodeAndAFrontEndDie) {
         return doc.is_object() && std::any_of(doc["clients"].begin(), doc["clients"].end(), reader);
     })) << doc.dump();
     EXPECT_EQ(doc["ring"]["store"], "stream 'e2e' on " + cluster.url_list("nats://"));
-    EXPECT_GE(doc["ring"]["nclients"], 2);
-    std::string metrics = testsupport::http_get(http, "/metrics").body;
-    EXPECT_SAID(metrics, "orbserver_ring_info{name=\"e2e\",store=\"stream 'e2e' on nats://");
     int leader = stream_leader(cluster, "e2e");
     ASSERT_GE(leader, 0);
     drop(20, 40);

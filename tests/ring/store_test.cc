@@ -148,14 +148,6 @@ TEST_P(Store, IdsWrapAndThePacketLimitDiscardsTheOldest) {
     EXPECT_TRUE(eventually([&] { return again->tail() == 8 && data_at(*again, 11) == bytes(11, 21); }));
 }
 
-TEST_P(Store, TheByteLimitDiscardsTheOldest) {
-    auto s = make({8192});
-    for (int i = 0; i < 30; i++) ASSERT_EQ(put(*s, "A", i, bytes(i, 1000)), i);
-    ASSERT_TRUE(eventually([&] { return s->tail() > 0 && s->status().bytes_used <= 8192; }));
-    EXPECT_EQ(s->newest(), 29u);
-    EXPECT_EQ(data_at(*s, 29), bytes(29, 1000));
-}
-
 INSTANTIATE_TEST_SUITE_P(Stores, Store, testing::Values("file", "jetstream"),
                          [](const auto& p) { return p.param; });
 

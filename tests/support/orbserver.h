@@ -72,11 +72,6 @@ public:
         if (status != -1) status_ = status, pid_ = -1;
         return pid_ > 0;
     }
-    // Waits (without a time limit) for the server to exit by itself.
-    int wait_exit() {
-        if (pid_ > 0) status_ = child::reap(pid_, 1e9), pid_ = -1;
-        return status_;
-    }
 
     const std::string& name() const { return name_; }  // "127.0.0.1:PORT"
     int port() const { return port_; }
