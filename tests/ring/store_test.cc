@@ -161,7 +161,9 @@ protected:
     JetStreamOptions o;
 };
 
-TEST_F(JetStream, RefusesStreamsARingCannotUse) {
+// Streams made beforehand: refused with the setting to change, or, when usable but without direct
+// gets, read through the stream's leader.
+TEST_F(JetStream, RefusesStreamsARingCannotUseAndReadsOnesWithoutDirectGets) {
     natsConnection* nc = nullptr;
     ASSERT_EQ(natsConnection_ConnectTo(&nc, ("nats://" + o.urls[0]).c_str()), NATS_OK);
     jsCtx* js = nullptr;
@@ -169,15 +171,24 @@ TEST_F(JetStream, RefusesStreamsARingCannotUse) {
     struct Case { const char* says; jsRetentionPolicy retention; jsDiscardPolicy discard; const char* subj; };
     for (Case c : {Case{"setting retention", js_WorkQueuePolicy, js_DiscardOld, nullptr},
                    Case{"setting discard", js_LimitsPolicy, js_DiscardNew, nullptr},
-                   Case{"setting subjects", js_LimitsPolicy, js_DiscardOld, "other.>"}}) {
-        o.name = std::string("bad") + std::to_string(c.discard + 2 * c.retention) + std::to_string(getpid());
+                   Case{"setting subjects", js_LimitsPolicy, js_DiscardOld, "other.>"},
+                   Case{nullptr, js_LimitsPolicy, js_DiscardOld, nullptr}}) {
+        o.name = std::string(c.says ? "bad" : "plain") + std::to_string(c.discard + 2 * c.retention) +
+                 std::to_string(getpid());
         std::string subject = c.subj ? c.subj : "orb." + o.name;
         const char* subjects[] = {subject.c_str()};
         jsStreamConfig cfg;
         jsStreamConfig_Init(&cfg);
         cfg.Name = o.name.c_str(), cfg.Subjects = subjects, cfg.SubjectsLen = 1;
         cfg.Retention = c.retention, cfg.Discard = c.discard;
-        ASSERT_EQ(js_AddStream(nullptr, js, &cfg, nullptr, nullptr), NATS_OK) << c.says;
+        ASSERT_EQ(js_AddStream(nullptr, js, &cfg, nullptr, nullptr), NATS_OK) << o.name;
+        if (!c.says) {
+            EXPECT_TRUE(put(*open_jetstream_store(o), "A/x", 1, "one") == 0);
+            auto st = open_jetstream_store(o);  // another front end: nothing cached
+            EXPECT_TRUE(put(*st, "A/x", 2, "two") == 1);
+            EXPECT_EQ(data_at(*st, 0) + data_at(*st, 1), "onetwo");
+            continue;
+        }
         EXPECT_THAT([&] { open_jetstream_store(o); }, testing::ThrowsMessage<Error>(HasSubstr(c.says)));
     }
     jsCtx_Destroy(js);
