@@ -27,7 +27,6 @@ TEST(FerrantCli, StartUpErrorsAreFatalWithTheirMessage) {
         // An unknown option only once the parameter file has been read.
         {{"-p", none, "-x", "orb"}, {"Can't read parameter file " + none}, {"Usage:"}},
         {{"-p", pf, "-x", "orb"}, {Usage}, {}},
-        {{"-p", pf, "-v"}, {Usage}, {}},  // no ring name
         {{"-p", tmp / "empty.pf", "file", "orb"}, {"Can't read parameter file"}, {}},
         // Plain "ferrant2" reads ferrant2.pf from $QUORVANE/data/pf, then finds no ring name.
         {{}, {Usage}, {"Can't read parameter file"}},
