@@ -1,8 +1,7 @@
 // Start-up of ferrant2: options, usage, parameter file, fatal set-up errors;
 // and a damaged ring file named by path, whose file server (started by the
-// client library) says why it cannot serve it, through the client's own log.
+// client library) says why it cannot serve it, through ferrant2's own log.
 #include "harness.h"
-#include "ring/ring.h"
 
 using namespace ferrant_test;
 
@@ -19,19 +18,15 @@ TEST(FerrantCli, StartUpErrorsAreFatalWithTheirMessage) {
     std::string none = tmp / "nowhere/none", pf = write_pf(tmp / "f.pf"), ring = tmp / "ring";
     for (auto name : {"empty.pf", "a.txt", "plain"}) spit(tmp / name, "# nothing here\n");
     spit(tmp / "junk", pattern(100000, 7));
-    ring::Ring::create(tmp / "short", ring::Geometry{1 << 20});
-    ASSERT_EQ(truncate((tmp / "short").c_str(), 100000), 0);
     struct Case {
         std::vector<std::string> args, says, not_says;
         std::map<std::string, std::string> env = {};
-        std::string program = "ferrant2";
     } cases[] = {
         // -V gives the usage before any parameter file is read.
         {{"-p", none, "-V", "orb"}, {Usage}, {"Can't read parameter file"}},
         // An unknown option only once the parameter file has been read.
         {{"-p", none, "-x", "orb"}, {"Can't read parameter file " + none}, {"Usage:"}},
         {{"-p", pf, "-x", "orb"}, {Usage}, {}},
-        {{"-p", pf, "-v"}, {Usage}, {}},  // no ring name
         {{"-p", tmp / "empty.pf", "file", "orb"}, {"Can't read parameter file"}, {}},
         // Plain "ferrant2" reads ferrant2.pf from $QUORVANE/data/pf, then finds no ring name.
         {{}, {Usage}, {"Can't read parameter file"}},
@@ -44,21 +39,16 @@ TEST(FerrantCli, StartUpErrorsAreFatalWithTheirMessage) {
         // The file server's reason comes ahead of the client's complaint.
         {{"./junk"},
          {"ferrant2: forbserver *fatal*: ./junk: not a ring file (bad magic)", "ferrant2 *fatal*"}, {}},
-        {{"./short"}, {"orbstat: forbserver *fatal*: ./short: ring file is truncated (100000 bytes of ",
-                       "orbstat *fatal*"}, {}, {}, "orbstat"},
     };
     for (auto& c : cases) {
-        std::vector<std::string> argv = {FERRANT_BUILD_DIR "/bin/" + c.program};
+        std::vector<std::string> argv = {ferrant2()};
         argv.insert(argv.end(), c.args.begin(), c.args.end());
-        SCOPED_TRACE(c.program + " " + testing::PrintToString(c.args));
+        SCOPED_TRACE(testing::PrintToString(c.args));
         Child child(argv, tmp.path, tmp.path, "", c.env);
         EXPECT_EQ(child.wait(), 1);
         std::string err = child.err();
-        size_t at = 0;
-        if (c.program == "ferrant2") {  // the revision line comes first, whatever follows
-            at = err.find("$Revision: 1.7 $ $Date: 2007/01/17 18:24:39 $");
-            EXPECT_LT(at, err.find('\n')) << err;
-        }
+        size_t at = err.find("$Revision: 1.7 $ $Date: 2007/01/17 18:24:39 $");  // first, whatever follows
+        EXPECT_LT(at, err.find('\n')) << err;
         for (auto& s : c.says) {
             at = err.find(s, at == std::string::npos ? 0 : at);
             EXPECT_NE(at, std::string::npos) << s << "\n---\n" << err;

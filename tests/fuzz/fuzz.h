@@ -1,5 +1,5 @@
-// What the fuzz targets share: a quiet log, a scratch directory, a socket
-// pair, a check, and input read as a stream of bytes.
+// What the fuzz targets share: a quiet log, a scratch directory, a check,
+// and input read as a stream of bytes.
 #pragma once
 
 #include <sys/socket.h>
@@ -38,10 +38,6 @@ inline void require(bool ok, const char* what) {
     if (ok) return;
     std::fprintf(stderr, "broken: %s\n", what);
     std::abort();
-}
-
-inline void socket_pair(int sv[2]) {
-    require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) == 0, "socketpair");
 }
 
 // The input taken a byte at a time; zeros once it is used up.

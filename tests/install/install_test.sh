@@ -48,7 +48,7 @@ if [ "$mode" = prefix ]; then
     bg=$!
     await "$tmp/server.log" "orbserver did not start" test -s "$tmp/port"
     "$tmp/client" "$(cat "$tmp/port")" 3 > "$tmp/got"
-    printf 'outside/xfer %d packet %d\n' 0 0 1 1 2 2 | diff - "$tmp/got" || fail "packets read back differ"
+    printf 'outside/x packet %d\n' 0 1 2 | diff - "$tmp/got" || fail "packets read back differ"
     echo "prefix_test: OK"
     exit 0
 fi
@@ -68,7 +68,6 @@ grep -qaF "$top" "$lib/liborb.so.0" || fail "liborb does not look for its root i
 for f in ferrant2.pf orbserver.pf orbserver_names.pf elog.pf orbserver-main.pf; do
     grep -qx "/etc/ferrant2/$f" "$tmp/control/conffiles" || fail "/etc/ferrant2/$f is not a conffile"
 done
-[ -x "$root$top/bin/forbserver" ] || fail "$top/bin/forbserver is missing"
 exists usr/include/ferrant2/orb/orb.h usr/share/man/man1/ferrant2.1.gz \
     usr/share/man/man8/orbserver.8.gz
 # systemd-analyze checks what the units name (programs, manual pages) in the
