@@ -1,6 +1,5 @@
-// Test harness for running the real ferrant2 programs: child processes with
-// captured output, files with chosen ages and modes, parameter files with every
-// key written out, and checks of what arrived.
+// Test harness for running the real ferrant2 programs: child processes with captured output, files with
+// chosen ages and modes, parameter files with every key written out, and checks of what arrived.
 #pragma once
 
 #include <sys/stat.h>

@@ -1,8 +1,7 @@
-// ferrant2 through a real orbserver on loopback, over TLS through named ports, writing with signed
-// opens and reading unsigned: files arrive whole; the status port shows the ring, its sources and the
-// caught-up receiver in /status.json, in /metrics (which a Prometheus parser reads) and on the page a
-// browser renders; and a server restarted under a running sender and receiver loses nothing, repeats
-// nothing.
+// ferrant2 through a real orbserver on loopback, over TLS through named ports, writing with signed opens and
+// reading unsigned: files arrive whole; the status port shows the ring, its sources and the caught-up
+// receiver in /status.json, in /metrics (which a Prometheus parser reads) and on the page a browser renders;
+// and a server restarted under a running sender and receiver loses nothing, repeats nothing.
 #include <nlohmann/json.hpp>
 
 #include "harness.h"

@@ -100,11 +100,10 @@ struct Forged {
     Child r;
 };
 
-// Whoever writes to the ring names the files: nothing may land outside the receive directory, go
-// through a link waiting there, or keep privilege bits. Then packets large enough to be written in
-// the background while the next one is digested: a bad key and a failed write still give up just
-// their file. A direct write cut by the file-size limit inside a block is refused whole (EINVAL);
-// the error told must still be the limit's.
+// Whoever writes to the ring names the files: nothing may land outside the receive directory, go through a
+// link waiting there, or keep privilege bits. Then packets large enough to be written in the background while
+// the next one is digested: a bad key and a failed write still give up just their file. A direct write cut by
+// the file-size limit inside a block is refused whole (EINVAL); the error told must still be the limit's.
 TEST(FerrantReceiver, BrokenAndHostileRunsAreReportedAndTheNextFileArrives) {
     Forged f(500000);
     ASSERT_GE(f.orb_, 0);
@@ -174,8 +173,7 @@ TEST(FerrantReceiver, BrokenAndHostileRunsAreReportedAndTheNextFileArrives) {
     f.run("23/mixed.bin", "mixed.bin", mixed, L, 0, [&](int i) {
         for (int j = 0; j < 7; j++) f.raw("forge/ch/ferrant_start", pattern(L, unsigned(i * 10 + j)));
     });
-    // A write that fails while the packets behind it are digested is told,
-    // not a bad key found after it.
+    // A write that fails while the packets behind it are digested is told, not a bad key found after it.
     f.run("25/both.bin", "both.bin", pattern(5 * L, 11), L, 4);
     f.run("24/fits.bin", "fits.bin", small, L);
     ASSERT_TRUE(f.received("fits.bin")) << r.err();

@@ -145,9 +145,8 @@ TEST(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
                       "receiving 'tree/deeper/two.txt'", "failed to read old state file",
                       "resurrection unsuccessful\nferrant2: Starting at pktid=0\n"})
         EXPECT_SAID(r->err(), said);
-    // Killed and started again with its state file, the receiver resumes
-    // after the last completed file. What it received is gone from the
-    // receive side: a receiver that read it again would bring it back.
+    // Killed and started again with its state file, the receiver resumes after the last completed file. What
+    // it received is gone from the receive side: a receiver that read it again would bring it back.
     r->stop(SIGKILL);
     ASSERT_TRUE(exists(tmp / "state"));
     EXPECT_FALSE(exists(in + "/state"));

@@ -1,7 +1,6 @@
-// The server's side of opening a secure connection, fed arbitrary bytes: a TLS
-// handshake as a TLS port sees it (first byte even), or a request decoded and,
-// when it is a signed open, checked against a trusted signer (first byte odd;
-// the challenge is taken from the request so that the signature is reached).
+// The server's side of opening a secure connection, fed arbitrary bytes: a TLS handshake as a TLS port sees
+// it (first byte even), or a request decoded and, when it is a signed open, checked against a trusted signer
+// (first byte odd; the challenge is taken from the request so that the signature is reached).
 #include <fcntl.h>
 
 #include <algorithm>

@@ -1,7 +1,6 @@
-// Feeds arbitrary bytes as one client's request stream to the server's
-// request-handling core, the way forbserver serves its client, against one
-// small ring reused across inputs. The client half-closes after its bytes and
-// reads every answer, so each input ends when the server lets the client go.
+// Feeds arbitrary bytes as one client's request stream to the server's request-handling core, the way
+// forbserver serves its client, against one small ring reused across inputs. The client half-closes after its
+// bytes and reads every answer, so each input ends when the server lets the client go.
 #include <cerrno>
 #include <thread>
 

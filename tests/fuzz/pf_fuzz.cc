@@ -1,7 +1,6 @@
-// Arbitrary bytes through the parameter-file scanner; whatever is read must
-// write out and read back to an equal tree, and every string must expand in
-// bounded time. Nothing is evaluated: deferred forms could run commands, so
-// trees that hold any are not expanded (a reference to one would run it).
+// Arbitrary bytes through the parameter-file scanner; whatever is read must write out and read back to an
+// equal tree, and every string must expand in bounded time. Nothing is evaluated: deferred forms could run
+// commands, so trees that hold any are not expanded (a reference to one would run it).
 #include <algorithm>
 #include <vector>
 

@@ -1,7 +1,6 @@
-// Drives a small ring with puts, reads, stash use, reopening and damage to
-// the file, all chosen by the input. Until damage is done every packet still
-// present must read back as it was put and the bookkeeping must add up; after
-// damage, nothing may crash or read outside the file.
+// Drives a small ring with puts, reads, stash use, reopening and damage to the file, all chosen by the input.
+// Until damage is done every packet still present must read back as it was put and the bookkeeping must add
+// up; after damage, nothing may crash or read outside the file.
 #include <fcntl.h>
 
 #include <algorithm>
@@ -21,8 +20,7 @@ std::vector<char> payload(uint64_t seq, size_t size) {
 
 const std::string Path = fuzz::scratch_dir() + "/ring";
 
-// Where to start walking the ring: damaged bounds may span far more than
-// the packets the ring can hold.
+// Where to start walking the ring: damaged bounds may span far more than the packets the ring can hold.
 uint64_t first(const ring::Ring& r) {
     uint64_t h = r.head();
     return std::max(r.tail(), h - std::min<uint64_t>(h, r.status().nslots));

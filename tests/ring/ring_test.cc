@@ -278,8 +278,7 @@ TEST_F(RingTest, RefusesBadGeometryAndBadPutsEvictsOldestAndKeepsEveryPresentPac
     EXPECT_TRUE(r->still_valid(last + 1));
 }
 
-// Binary search while times rise, a scan once they do not; the source table
-// counts the packets present.
+// Binary search while times rise, a scan once they do not; the source table counts the packets present.
 TEST_F(RingTest, AfterTimeWrappedIdsAndAFullSourceTable) {
     auto r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 64, .maxpkts = 70});
     EXPECT_FALSE(r->after_time(0));

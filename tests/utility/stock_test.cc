@@ -1,7 +1,6 @@
-// Small parts of the stock library: containers, hooks, whole-string pattern
-// matching, printable text, the out-of-memory end, facts of the process, times
-// as text both ways, durations and numbers, waiting for a time, MD5, paths, file
-// system helpers, mapped files and the installation root.
+// Small parts of the stock library: containers, hooks, whole-string pattern matching, printable text, the
+// out-of-memory end, facts of the process, times as text both ways, durations and numbers, waiting for a
+// time, MD5, paths, file system helpers, mapped files and the installation root.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
