@@ -81,7 +81,6 @@ struct Peer {
         close(lfd);
         freeOrbrequest(req), freeOrbresponse(resp), bnsfree(in), bnsfree(out);
     }
-    // Reads one request (marker and record); false when none came.
     bool read() { return gbnsSync(in, "orbm", 4, 1) == 0 && gbnsOrbrequest(in, req) == 0; }
     // Sends resp, the last cut bytes short.
     void send(int cut = 0) {

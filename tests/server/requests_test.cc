@@ -76,9 +76,7 @@ public:
     bool raw(const std::string& s) {
         return ::send(fd_, s.data(), s.size(), MSG_NOSIGNAL) == ssize_t(s.size());
     }
-    // Sends req_ (what set by the caller) preceded by the marker.
     bool send() { return buf2bns(out_, "orbm", 4), pbnsOrbrequest(out_, req_) == 0 && bnsflush(out_) == 0; }
-    // Reads the next response whatever it is: 0, or -1.
     int recv_any() { return gbnsSync(in_, "orbm", 4, 1) != 0 ? -1 : gbnsOrbresponse(in_, resp_); }
     // Reads responses until one answers `what` (streamed pushes before it are skipped, as the library does,
     // and counted). Result field, or kFailed when reading fails.
@@ -217,7 +215,6 @@ std::string body(int i) {
     return s;
 }
 
-// Index of the packet a body was made for, or -1.
 int index_of(const std::string& data) { return data.size() < 2 || data[0] != '#' ? -1 : std::atoi(&data[1]); }
 
 // The same requests against a ring file and against a JetStream stream of a real 3-node cluster on
@@ -541,7 +538,6 @@ std::string be32(int32_t v) {
     return std::string(reinterpret_cast<const char*>(&n), 4);
 }
 
-// True once the server has closed c's connection (reads end of file).
 bool closed_by_server(WireClient& c) {
     c.set_timeout(20000);
     for (char buf[4096];;) {
@@ -557,7 +553,6 @@ int open_fds(pid_t pid) {
 
 class Hostile : public ServerTest {
 protected:
-    // Starts a server with the parameter file pf and the well-behaved writer open.
     void start_with_good(const std::string& pf) {
         ASSERT_TRUE(start(pf) && join(good, 'w', "good")) << server->log();
     }

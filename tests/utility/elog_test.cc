@@ -56,7 +56,6 @@ std::string value_of(const std::string& text, const char* key) {
 #define CHILD_CHECK(c) \
     do if (!(c)) fprintf(stderr, "check failed at line %d: %s\n", __LINE__, #c), _exit(99); while (0)
 
-// A log callback that faults.
 int crash(int, const char*, Tbl*) {
     raise(SIGSEGV);
     return 0;

@@ -26,7 +26,6 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using Strings = std::vector<std::string>;
 
-// What f writes to stderr.
 template <class F>
 std::string stderr_of(F f) {
     testing::internal::CaptureStderr();
@@ -76,8 +75,7 @@ std::string dump(Pf* pf) {
     return std::to_string(pf->type) + "/" + std::to_string(s ? strlen(s) : 0) + ":" + (s ? s : "");
 }
 
-// Writes pf out, reads the text back and expects an equal tree that writes out
-// to the same text again; returns the text.
+// Writes pf out and reads it back: an equal tree that writes the same text again; returns the text.
 std::string expect_round_trip(Pf* pf) {
     std::string text = text_of(pf);
     Tree back;
@@ -364,15 +362,13 @@ TEST_F(PfTree, KeyPathsReachNestedNodesContainersComeOutAndReferencesExpand) {
     std::string self = pfget_string(refs.pf, "self");
     EXPECT_EQ(self.rfind("xxxxxxxxxxxxxxxxxxxx", 0), 0u) << self;
     EXPECT_THAT(self, HasSubstr("** error ** pf massive recursion"));
-    // The stored text keeps its references; a string handed out stays put
-    // when a second get expands to the same text.
+    // The stored text keeps its references; a string handed out stays put when a second get expands alike.
     Pf* stored = nullptr;
     pfresolve(refs.pf, "a", 0, &stored);
     EXPECT_STREQ(stored->value.s, "&{HOME}/x");
     char* first = pfget_string(refs.pf, "a");
     EXPECT_EQ(pfget_string(refs.pf, "a"), first);
-    // Each level names itself four times: without a bound on the work the
-    // 20 levels would take 4^20 lookups. The child is killed if it hangs.
+    // Each level names itself four times: unbounded, 20 levels take 4^20 lookups; a hang kills the child.
     auto bounded = [] {
         alarm(25);
         Tree loop("a &a&a&a&a\nb &{a}&{a}\n");
@@ -469,8 +465,7 @@ TEST_F(PfTree, SettersAndPfputBuildWhatGettersRead) {
         EXPECT_EQ(pfset(pf, key, key), 0) << key;
         EXPECT_STREQ(pfget_string(pf, key), key);
     }
-    // pfadd_tbl takes an int; an index past that range once left the walk
-    // holding no node and pfset crashed on it.
+    // pfadd_tbl takes an int; an index past that range once left the walk without a node, crashing pfset.
     for (const char* bad : {"s{x}", "list[3000000000]", "fresh[3000000000]"})
         EXPECT_EQ(pfset(pf, bad, "v"), -1) << bad;
     Pf* node = nullptr;

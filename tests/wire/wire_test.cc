@@ -33,11 +33,9 @@ struct Wire {
     Wire& h(uint16_t v) { return be(v, 2); }
     Wire& d(double v) { return be(std::bit_cast<uint64_t>(v), 8); }
     Wire& b(const std::string& t) { s += t; return *this; }
-    // A fixed field: t then NULs to n bytes.
     Wire& text(const char* t, size_t n) { return b(std::string(t).append(n - strlen(t), '\0')); }
 };
 
-// Bytes appended to the stream's buffer and not yet flushed.
 std::string pending(const Bns* b) { return std::string(b->data + b->fp, b->lp - b->fp); }
 
 void write_all(int fd, const std::string& bytes) {
