@@ -348,19 +348,18 @@ def main():
                 elif [read(o, "rb") for o in objs[s]] == orig_objs[s]:
                     results[i] = ("equivalent", "object file unchanged")
                 else:
+                    def ctest(*which):
+                        stop = [] if args.all_killers else ["--stop-on-failure"]
+                        return run(["ctest", *stop, "--timeout", str(args.test_timeout), *which],
+                                   build, timeout=max(600, 4 * suite_secs))
                     rc = 0
                     if args.recheck and before[1] and not args.all_killers:
                         # The tests that killed it before go first: when one still fails, the
                         # suite need not run.
                         names = "|".join("^%s$" % re.escape(t) for t in before[1].split())
-                        rc, out = run(["ctest", "--stop-on-failure", "--no-tests=ignore", "-R", names,
-                                       "--timeout", str(args.test_timeout)], build,
-                                      timeout=max(600, 4 * suite_secs))
-                    stop = [] if args.all_killers else ["--stop-on-failure"]
+                        rc, out = ctest("--no-tests=ignore", "-R", names)
                     if not rc:
-                        rc, out = run(["ctest", *stop, "-j", str(args.jobs),
-                                       "--timeout", str(args.test_timeout), *skip], build,
-                                      timeout=max(600, 4 * suite_secs))
+                        rc, out = ctest("-j", str(args.jobs), *skip)
                     if rc:
                         m = re.search(r"^\s*\d+ - (\S+) \(", out, re.M) or \
                             re.search(r"\*\*\*(?:Failed|Timeout|Exception)\S*.*?(\S+)\s", out)
