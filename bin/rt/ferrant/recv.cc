@@ -489,22 +489,33 @@ public:
     // the packets after it.
     Slot& next() {
         std::unique_lock<std::mutex> lock(mutex_);
+        bool wake = false;
         if (held_ == Held) {
             held_--;
             tail_++;
-            if (reaper_waits_) room_.notify_one();
+            wake = Depth - (head_ - tail_) >= Refill;
         }
         while (head_ - tail_ <= held_) {
+            if (reaper_waits_) {  // whatever room there is: never both asleep
+                reaper_waits_ = false;
+                room_.notify_one();
+            }
             next_waits_ = true;
             filled_.wait(lock);
-            next_waits_ = false;
         }
-        return slots_[(tail_ + held_++) % Depth];
+        wake = wake && reaper_waits_;
+        if (wake) reaper_waits_ = false;
+        Slot& s = slots_[(tail_ + held_++) % Depth];
+        lock.unlock();  // then the woken side does not run into a held lock
+        if (wake) room_.notify_one();
+        return s;
     }
 
 private:
     // The main thread holds the packet it works on and those still being written.
-    static constexpr unsigned Held = In_flight + 1, Depth = Held + 5;
+    // A reaper that has filled every slot is woken again only once Refill are
+    // free: one wake-up per few packets, not one per packet, when it runs ahead.
+    static constexpr unsigned Held = In_flight + 1, Depth = Held + 8, Refill = 4;
 
     void reap() {
         background_thread();
@@ -515,7 +526,6 @@ private:
                 while (head_ - tail_ == Depth) {
                     reaper_waits_ = true;
                     room_.wait(lock);
-                    reaper_waits_ = false;
                 }
                 s = &slots_[head_ % Depth];
             }
@@ -527,9 +537,12 @@ private:
                 if (s->kind == PKT_XFER_TYPE && s->pkt->string_size == 0)
                     s->kind = unstuffPkt(s->srcname, s->time, s->packet, s->nbytes, &s->pkt);
             }
-            std::lock_guard<std::mutex> lock(mutex_);
+            std::unique_lock<std::mutex> lock(mutex_);
             head_++;
-            if (next_waits_) filled_.notify_one();
+            bool wake = next_waits_;
+            next_waits_ = false;
+            lock.unlock();
+            if (wake) filled_.notify_one();
             if (s->failed) return;
         }
     }
