@@ -18,20 +18,16 @@
 #include <thread>
 #include <vector>
 
+#include "support/check.h"
+#include "support/pfdump.h"
 #include "support/tempdir.h"
 
 namespace {
 
 using ::testing::HasSubstr;
 using ::testing::Not;
+using testsupport::stderr_of;
 using Strings = std::vector<std::string>;
-
-template <class F>
-std::string stderr_of(F f) {
-    testing::internal::CaptureStderr();
-    f();
-    return testing::internal::GetCapturedStderr();
-}
 
 // A tree parsed from text that must read cleanly, freed at the end of scope.
 struct Tree {
@@ -52,35 +48,12 @@ Strings strings(Tbl* t) {
 
 std::string text_of(Pf* pf) { return std::unique_ptr<char, decltype(&free)>(pf2string(pf), free).get(); }
 
-// An unambiguous dump of a tree: types, keys, order of list entries and bytes
-// of strings. A file root and an array are both named nodes and dump alike.
-std::string dump(Pf* pf) {
-    if (!pf) return "null";
-    std::string out;
-    if (pf->type == PF_ROOT || pf->type == PF_ARR) {
-        Tbl* keys = pfkeys(pf);
-        for (long i = 0; i < maxtbl(keys); i++) {
-            const char* k = static_cast<const char*>(gettbl(keys, i));
-            out += std::to_string(strlen(k)) + ":" + k + "=";
-            out += dump(static_cast<Pf*>(getarr(pf->value.arr, k))) + ",";
-        }
-        freetbl(keys, nullptr);
-        return "{" + out + "}";
-    }
-    if (pf->type == PF_TBL) {
-        for (long i = 0; i < pfmaxtbl(pf); i++) out += dump(static_cast<Pf*>(gettbl(pf->value.tbl, i))) + ",";
-        return "[" + out + "]";
-    }
-    const char* s = pf->type == PF_FUNCTION ? pf->value.pffunct->s : pf->value.s;
-    return std::to_string(pf->type) + "/" + std::to_string(s ? strlen(s) : 0) + ":" + (s ? s : "");
-}
-
 // Writes pf out and reads it back: an equal tree that writes the same text again; returns the text.
 std::string expect_round_trip(Pf* pf) {
     std::string text = text_of(pf);
     Tree back;
     EXPECT_EQ(pfcompile(text.c_str(), &back.pf), 0) << text;
-    EXPECT_EQ(dump(back.pf), dump(pf)) << text;
+    EXPECT_EQ(pfdump(back.pf), pfdump(pf)) << text;
     EXPECT_EQ(text_of(back.pf), text);
     return text;
 }
@@ -236,7 +209,7 @@ TEST(PfWrite, ChoosesTheFormEachValueNeedsAndAnyTreeReadsBackEqualAlsoInThreads)
     Tree back;
     EXPECT_EQ(pfinfd(fd, &back.pf), 0);
     close(fd);
-    EXPECT_EQ(dump(back.pf), dump(nested.pf));
+    EXPECT_EQ(pfdump(back.pf), pfdump(nested.pf));
     std::string bad = dir / "no/such/dir/x.pf";
     std::string err = stderr_of([&] { EXPECT_NE(pfwrite(bad.c_str(), nested.pf), 0); });
     EXPECT_THAT(err, HasSubstr("Can't open " + bad + " for writing."));
