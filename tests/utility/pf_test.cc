@@ -39,10 +39,11 @@ struct Tree {
     Tree& operator=(const Tree&) = delete;
 };
 
-// The strings in t, which stays the caller's.
-Strings strings(Tbl* t) {
+// The strings in t, which is freed with them by free_value.
+Strings strings(Tbl* t, void (*free_value)(void*)) {
     Strings out;
     for (long i = 0; i < maxtbl(t); i++) out.emplace_back(static_cast<char*>(gettbl(t, i)));
+    freetbl(t, free_value);
     return out;
 }
 
@@ -251,9 +252,7 @@ TEST(PfDeferred, EnvExecGlobFilesReferencesDataAndAsk) {
     // Prompting is off by default: an &ask value is simply missing.
     for (const char* key : {"unset", "undef", "ask"}) EXPECT_EQ(pfget_string(pf, key), nullptr) << key;
     EXPECT_EQ(slurp(count), "x\n");  // evaluated once, on first access
-    Tbl* g = pfget_tbl(pf, "glob");
-    EXPECT_EQ(strings(g), (Strings{dir / "one.txt", dir / "two.txt"}));
-    freetbl(g, nullptr);
+    EXPECT_EQ(strings(pfget_tbl(pf, "glob"), nullptr), (Strings{dir / "one.txt", dir / "two.txt"}));
     Pf* none = nullptr;
     EXPECT_TRUE(pfresolve(pf, "none", 0, &none) == PF_TBL && pfmaxtbl(none) == 0);  // no match: an empty list
     EXPECT_EQ(std::string(pfget_string(pf, "nofile")).rfind("** ", 0), 0u);
@@ -321,9 +320,7 @@ TEST_F(PfTree, KeyPathsReachNestedNodesContainersComeOutAndReferencesExpand) {
     Pf* inner = static_cast<Pf*>(gettbl(l, 1));
     EXPECT_EQ(inner->type, PF_ARR);
     freetbl(l, nullptr);
-    Tbl* keys = pfkeys(t.pf);
-    EXPECT_EQ(strings(keys), (Strings{"arr", "n", "name", "spaced key", "tbl", "x"}));
-    freetbl(keys, nullptr);
+    EXPECT_EQ(strings(pfkeys(t.pf), nullptr), (Strings{"arr", "n", "name", "spaced key", "tbl", "x"}));
     EXPECT_EQ(pfkeys(inner->parent), nullptr);  // a list has no keys
     // References expand from the nearest ancestor, and stay bounded.
     Tree refs("HOME /top\na &{HOME}/x\nb &HOME/y and &nothing and &{no thing}\nself x&self\nlone a & b\n"
@@ -491,12 +488,7 @@ void set_mtime(const std::string& path, time_t seconds) {
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
 }
 
-Strings files_of(const std::string& name, int all = 0) {
-    Tbl* t = pffiles(name.c_str(), all);
-    Strings out = strings(t);
-    freepffiles(t);
-    return out;
-}
+Strings files_of(const std::string& name, int all = 0) { return strings(pffiles(name.c_str(), all), free); }
 
 // Directories a and b on the path; the environment and working directory are restored after.
 class PfPath : public ::testing::Test {
