@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <functional>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -61,11 +62,15 @@ inline bool eventually(const std::function<bool()>& pred, double seconds = 25) {
     return pred();
 }
 
-// Sets an environment variable for the life of the object.
+// Sets an environment variable for the life of the object, then restores what it was.
 struct SetEnv {
     std::string name;
-    SetEnv(const char* n, const std::string& value) : name(n) { setenv(n, value.c_str(), 1); }
-    ~SetEnv() { unsetenv(name.c_str()); }
+    std::optional<std::string> old;
+    SetEnv(const char* n, const std::string& value) : name(n) {
+        if (const char* v = getenv(n)) old = v;
+        setenv(n, value.c_str(), 1);
+    }
+    ~SetEnv() { old ? setenv(name.c_str(), old->c_str(), 1) : unsetenv(name.c_str()); }
 };
 
 }  // namespace testsupport

@@ -26,6 +26,7 @@ namespace {
 
 using ::testing::HasSubstr;
 using ::testing::Not;
+using testsupport::SetEnv;
 using testsupport::stderr_of;
 using Strings = std::vector<std::string>;
 
@@ -223,9 +224,7 @@ TEST(PfDeferred, EnvExecGlobFilesReferencesDataAndAsk) {
                               {"data/sub/thing", "data!"},
                               {"other.pf", "k other value\narr &Arr{\n  x 1\n}\nloop &ref(other, loop)\n"}})
         dir.file(name, text);
-    setenv("PFPARSE_TEST_VAR", "from env", 1);
-    setenv("PFPATH", dir.path.c_str(), 1);
-    setenv("QUORVANE", dir.path.c_str(), 1);
+    SetEnv var("PFPARSE_TEST_VAR", "from env"), path("PFPATH", dir.path), root("QUORVANE", dir.path);
     std::string count = dir / "count";
     Tree t("env &env(PFPARSE_TEST_VAR)\nunset &env(PFPARSE_TEST_NEVER_SET)\n"
            "exec &exec(printf 'a b\\\\n\\\\n'; echo x >> " + count + ")\nstdin &exec(cat)\n"
@@ -256,8 +255,6 @@ TEST(PfDeferred, EnvExecGlobFilesReferencesDataAndAsk) {
     Pf* none = nullptr;
     EXPECT_TRUE(pfresolve(pf, "none", 0, &none) == PF_TBL && pfmaxtbl(none) == 0);  // no match: an empty list
     EXPECT_EQ(std::string(pfget_string(pf, "nofile")).rfind("** ", 0), 0u);
-    unsetenv("PFPATH");
-    setenv("QUORVANE", FERRANT_BUILD_DIR, 1);
     // A fresh tree, as the missing value is remembered. With prompting on and
     // no terminal, the process stops instead of hanging; only &ask prompts.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -495,16 +492,10 @@ class PfPath : public ::testing::Test {
 protected:
     TempDir dir;
     std::string a = dir.sub("a"), b = dir.sub("b");
+    SetEnv path{"PFPATH", a + ":" + b}, root{"QUORVANE", FERRANT_BUILD_DIR};
     char cwd[4096];
-    void SetUp() override {
-        ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-        setenv("PFPATH", (a + ":" + b).c_str(), 1);
-    }
-    void TearDown() override {
-        unsetenv("PFPATH");
-        setenv("QUORVANE", FERRANT_BUILD_DIR, 1);
-        ASSERT_EQ(chdir(cwd), 0);
-    }
+    void SetUp() override { ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr); }
+    void TearDown() override { ASSERT_EQ(chdir(cwd), 0); }
     // What pfread makes of name (it must return rc): the values of keys, "-" for none.
     Strings read(const std::string& name, Strings keys, int rc = 0) {
         Tree t;
