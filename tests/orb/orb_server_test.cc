@@ -535,8 +535,7 @@ TEST(OrbRestart, AQuietReaderIsLeftAloneAndARecreatedRingIsJoinedByTimeByItAndAR
     dup2(fd, 2), close(fd);
     Got g;
     std::thread reader([&] { g = rd.reap(); });
-    for (int i = 0; i < 250 && !has(slurp("stderr"), "reconnecting anyway"); i++)
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    eventually([] { return has(slurp("stderr"), "reconnecting anyway"); });
     put_run(w, "AA/old", 105, 1, "wake");
     reader.join();
     fflush(stderr), dup2(saved, 2), close(saved);

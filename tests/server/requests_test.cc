@@ -493,8 +493,7 @@ TEST_F(Sharing, AKillMidAppendsLeavesTheRingConsistentAndAForbserverSharesIt) {
     double orb_start = w.resp()->orb_start;
     // Puts stream in without answers; the server dies somewhere among them.
     std::thread killer([&] { usleep(30000), server->kill(); });
-    for (int i = 0; i < 200000 && w.put("K/x", i, body(i)); i++) {
-    }
+    for (int i = 0; i < 200000 && w.put("K/x", i, body(i)); i++) continue;
     killer.join();
     w.disconnect();
     ASSERT_TRUE(server->start()) << server->log();
@@ -695,12 +694,10 @@ TEST_F(Hostile, AddressesNotAllowedAndClientsBeyondTheLimitAreTurnedAway) {
     EXPECT_TRUE(closed_by_server(extra));
     expect_logged({"too many clients"});
     many.pop_back();
-    bool served = false;  // once a place came free
-    for (int i = 0; i < 200 && !served; i++) {
+    EXPECT_TRUE(eventually([&] {  // once a place came free
         WireClient again;
-        if (!(served = join(again, 'r'))) usleep(5000);
-    }
-    EXPECT_TRUE(served);
+        return join(again, 'r');
+    }));
     still_served();
 }
 

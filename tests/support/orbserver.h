@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/check.h"
 #include "support/child.h"
 #include "support/tempdir.h"
 
@@ -49,18 +50,13 @@ public:
         child::Io io;
         io.out = io.err = dir_ + "/orbserver.log";
         if ((pid_ = child::spawn(args, io)) < 0) return false;
-        // Ready once the port file is written; give up if the server exits.
-        for (int tries = 0; tries < 4000; tries++) {  // 5 ms each at least
-            std::string text = slurp(portfile);
-            if (!text.empty() && text.back() == '\n') {
-                name_ = text.substr(0, text.size() - 1);
-                port_ = std::atoi(name_.substr(name_.rfind(':') + 1).c_str());
-                return true;
-            }
-            if (!running()) return false;
-        }
-        kill();
-        return false;
+        // Ready once the port file is written; given up on if the server exits first.
+        std::string text;
+        auto written = [&] { return !(text = slurp(portfile)).empty() && text.back() == '\n'; };
+        if (!eventually([&] { return written() || !running(); }) || !written()) return kill(), false;
+        name_ = text.substr(0, text.size() - 1);
+        port_ = std::atoi(name_.substr(name_.rfind(':') + 1).c_str());
+        return true;
     }
     int stop() { return end(SIGTERM); }  // then SIGKILL when it lingers; the wait status
     int kill() { return end(SIGKILL); }
