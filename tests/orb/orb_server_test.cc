@@ -25,7 +25,6 @@
 
 using namespace orbtest;
 using testsupport::OrbServer;
-using testsupport::slurp;
 using namespace std::string_literals;
 
 namespace {

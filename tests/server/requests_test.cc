@@ -52,9 +52,7 @@ struct WireClient {
         int sv[2];
         if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) < 0) return false;
         args.insert(args.begin(), FERRANT_BUILD_DIR "/bin/forbserver");
-        child::Io io;
-        io.err = log, io.fd = sv[1];
-        forb = child::spawn(args, io);
+        forb = child::spawn(args, {.err = log, .fd = sv[1]});
         close(sv[1]);
         return attach(sv[0]), forb > 0;
     }

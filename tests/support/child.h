@@ -78,8 +78,8 @@ pid_t start(F body) {
 // How spawn starts a program: standard input from the file in, output and errors appended to the files out
 // and err (which may be the same).
 struct Io {
-    std::string in = "/dev/null", out = "/dev/null", err = "/dev/null", cwd;
-    Env env;
+    std::string in = "/dev/null", out = "/dev/null", err = "/dev/null", cwd = "";
+    Env env = {};
     bool group = false;            // its own process group, so that what it starts goes with it
     bool die_with_parent = false;  // nothing outlives a crashed test
     int fd = -1;                   // when set, standard input and output instead of in and out

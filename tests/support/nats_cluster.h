@@ -71,10 +71,8 @@ public:
     void start(int i) {
         if (nodes_[i].pid > 0) return;
         std::string n = dir_ / ("n" + std::to_string(i));
-        child::Io io;
-        io.out = io.err = n + ".log";
-        io.die_with_parent = true;
-        nodes_[i].pid = child::spawn({server_binary(), "-js", "-c", n + ".conf"}, io);
+        nodes_[i].pid = child::spawn({server_binary(), "-js", "-c", n + ".conf"},
+                                     {.out = n + ".log", .err = n + ".log", .die_with_parent = true});
     }
 
     void kill(int i) {

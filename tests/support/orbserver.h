@@ -15,15 +15,13 @@
 
 namespace testsupport {
 
-using ::slurp;
-
 class OrbServer {
 public:
     struct Options {
         std::string pf;                 // parameter-file text for the server
         std::vector<std::string> args;  // extra options before the ring path
         std::string bind = "127.0.0.1";
-        std::string ring;               // default: <dir>/ring
+        std::string ring = "";          // default: <dir>/ring
         bool start = true;              // start in the constructor
     };
 
@@ -47,9 +45,8 @@ public:
                                          opt_.bind + ":" + std::to_string(port_), "-o", portfile, "-s", "8M"};
         args.insert(args.end(), opt_.args.begin(), opt_.args.end());
         args.push_back(ring_);
-        child::Io io;
-        io.out = io.err = dir_ + "/orbserver.log";
-        if ((pid_ = child::spawn(args, io)) < 0) return false;
+        std::string log = dir_ + "/orbserver.log";
+        if ((pid_ = child::spawn(args, {.out = log, .err = log})) < 0) return false;
         // Ready once the port file is written; given up on if the server exits first.
         std::string text;
         auto written = [&] { return !(text = slurp(portfile)).empty() && text.back() == '\n'; };
