@@ -135,9 +135,7 @@ public:
         if (pid_ > 0) settle(child::reap(pid_, seconds));
         return pid_ > 0 ? -1 : status_;
     }
-    void stop(int sig = SIGTERM) {
-        if (pid_ > 0) settle(child::end(pid_, sig, true));
-    }
+    void stop(int sig = SIGTERM) { if (pid_ > 0) settle(child::end(pid_, sig, true)); }
     bool running() const { return pid_ > 0; }
     std::string err() const { return slurp(err_); }
     std::string out() const { return slurp(out_); }

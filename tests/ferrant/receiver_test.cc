@@ -40,9 +40,7 @@ struct Forged {
         : orb_(orbopen(ring.c_str(), "w")),
           r({"/bin/sh", "-c", "trap '' XFSZ; exec prlimit --fsize=" + std::to_string(limit) + " \"$@\"", "sh",
              ferrant2(), "-p", write_pf(tmp / "r.pf", {{"directory", in}}), ring}, tmp.path, tmp.path) {}
-    ~Forged() {
-        if (orb_ >= 0) orbclose(orb_);
-    }
+    ~Forged() { if (orb_ >= 0) orbclose(orb_); }
     bool received(const std::string& name) {
         return eventually([&] { return r.err().find("received " + name) != std::string::npos; });
     }
