@@ -315,9 +315,7 @@ TEST_F(RingTest, SimultaneousCreatorsWritersAndAWaitingReader) {
         }));
     }
     auto r = Ring::open_or_create(file, g);
-    std::thread t4([&] {
-        for (uint32_t i = 0; i < n; i++) put(*r, "W4", i, payload(4, i, 32));
-    });
+    std::thread t4([&] { for (uint32_t i = 0; i < n; i++) put(*r, "W4", i, payload(4, i, 32)); });
     for (pid_t k : kids) EXPECT_EQ(child::reap(k, 60), 0);
     t4.join();
     ASSERT_EQ(r->head(), 4 * n);

@@ -268,20 +268,17 @@ TEST(PfDeferred, EnvExecGlobFilesReferencesDataAndAsk) {
     EXPECT_EXIT(exit(prompting(ask.pf, "u") ? 3 : 0), testing::ExitedWithCode(0), "");
 }
 
-const char* Sample =
-    "name  plain value  \nn 42\nx 2.5\n"
-    "arr &Arr{\n    inner  v1\n    deep &Arr{\n        leaf  L\n    }\n"
-    "    list &Tbl{\n        a\n        b\n    }\n}\n"
-    "tbl &Tbl{\n    first\n    &Arr{\n        k kv\n    }\n}\n"
-    "\"spaced key\" sv\n";
-
 class PfTree : public ::testing::Test {
 protected:
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+    Tree t{"name  plain value  \nn 42\nx 2.5\n"
+           "arr &Arr{\n    inner  v1\n    deep &Arr{\n        leaf  L\n    }\n"
+           "    list &Tbl{\n        a\n        b\n    }\n}\n"
+           "tbl &Tbl{\n    first\n    &Arr{\n        k kv\n    }\n}\n"
+           "\"spaced key\" sv\n"};
 };
 
 TEST_F(PfTree, KeyPathsReachNestedNodesContainersComeOutAndReferencesExpand) {
-    Tree t(Sample);
     const char* const values[][2] = {{"name", "plain value"}, {"arr{ inner }", "v1"}, {"{spaced key}", "sv"},
                                      {"arr{deep}{leaf}", "L"}, {"arr{list}[1]", "b"}, {"tbl[1]{k}", "kv"}};
     for (const auto& v : values) EXPECT_STREQ(pfget_string(t.pf, v[0]), v[1]) << v[0];
@@ -354,7 +351,6 @@ int lenient(Pf*, const char*, int, int actual, void* result) {
 }
 
 TEST_F(PfTree, MissingAndMistypedValuesAreFatalUnlessHandledAndNumbersComplain) {
-    Tree t(Sample);
     EXPECT_EXIT(pfget_int(t.pf, "absent"), testing::ExitedWithCode(1),
                 "program needs value for 'absent', not found in parameter file '\\*internal buffer\\*'");
     EXPECT_EXIT(pfget_string(t.pf, "arr"), testing::ExitedWithCode(1),
