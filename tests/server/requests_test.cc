@@ -28,13 +28,6 @@ using namespace testsupport;
 
 namespace {
 
-struct Pkt {
-    int pktid = -1;
-    double time = 0;
-    std::string srcname, data;
-    std::string str() const { return words(pktid, time, srcname, data); }
-};
-
 constexpr int kFailed = -1000;  // what a request yields when it fails, beyond any result the server gives
 
 struct WireClient {
@@ -134,17 +127,17 @@ struct WireClient {
         return req->what = ORBREAP, send();
     }
     // The next streamed packet, or what ORBGET code yields; its pktid is kFailed when there is none.
-    Pkt next_pkt() {
+    Got next_pkt() {
         bool reaped = recv_any() == 0 && (resp->what == ORBREAP || resp->what == ORBREAPL);
-        return reaped && resp->result == 0 ? packet() : Pkt{kFailed, 0, {}, {}};
+        return reaped && resp->result == 0 ? packet() : Got{-1, kFailed, {}, 0, {}};
     }
-    Pkt get_pkt(int code) {
-        return req->pktcode = code, exchange(ORBGET) == 0 ? packet() : Pkt{kFailed, 0, {}, {}};
+    Got get_pkt(int code) {
+        return req->pktcode = code, exchange(ORBGET) == 0 ? packet() : Got{-1, kFailed, {}, 0, {}};
     }
     int next_id() { return next_pkt().pktid; }
-    Pkt packet() const {
+    Got packet() const {
         Pktpkg* g = resp->pkg;
-        return {g->pktid, g->time, g->srcname, {g->packet ? g->packet : "", size_t(g->packetsize)}};
+        return {0, g->pktid, g->srcname, g->time, {g->packet ? g->packet : "", size_t(g->packetsize)}};
     }
     // Positioning steps, each 's'eek, 'g'et, 't'ell or 'a'fter with its argument, and the pktid (or kFailed)
     // it must yield; run in order.
@@ -251,7 +244,7 @@ TEST_P(Requests, OpenIdSessionsAndTheEmptyRing) {
     ASSERT_TRUE(c.send());
     writer.putx("W/x", 1, "waited for");
     ASSERT_EQ(c.recv(ORBGET), 0);
-    EXPECT_EQ(c.packet().data, "waited for");
+    EXPECT_EQ(c.packet().body, "waited for");
     EXPECT_EQ(c.tell(), 0);
     // Another connection asks whether that session is alive: yes, then no once it has gone.
     ASSERT_TRUE(join(asker));
@@ -274,7 +267,7 @@ TEST_P(Requests, ReadPositionRules) {
     // Open stands at the newest: nothing to read until something arrives.
     r.expect_steps({{'t', 0, 4}, {'g', ORBNEXT, kFailed}});
     writer.putx("AA_X/pf", 1005, body(5));
-    EXPECT_EQ(r.get_pkt(ORBNEXT).str(), "5 1005 AA_X/pf " + body(5));
+    EXPECT_EQ(r.get_pkt(ORBNEXT).str(), "0 5 AA_X/pf 1005 " + body(5));
     r.expect_steps({
         {'s', ORBOLDEST, 0}, {'g', ORBCURRENT, 0},  // the next read yields the oldest itself
         {'s', ORBOLDEST, 0}, {'t', 0, 0}, {'g', ORBNEXT, 0},  // and so does ORBNEXT
@@ -313,7 +306,7 @@ TEST_P(Requests, ReapStreams) {
     // Headers only, then the end package, standing at the last packet delivered.
     ASSERT_EQ(r.seek(2), 2);
     ASSERT_TRUE(r.reap(2, 0));
-    EXPECT_EQ(r.next_pkt().str(), "3 1003 AA_X/pf ");
+    EXPECT_EQ(r.next_pkt().str(), "0 3 AA_X/pf 1003 ");
     for (int want : {4, -32}) ASSERT_EQ(r.next_id(), want);
     EXPECT_EQ(r.tell(), 4);
     // Up to a time: the stream ends at the first later packet, which stays unread.
@@ -339,7 +332,7 @@ TEST_P(Requests, SelectAndRejectMatchWholeNames) {
     EXPECT_TRUE(has(r.resp->errmsg, "bad pattern"));
     ASSERT_EQ(r.seek(ORBOLDEST), 0);
     ASSERT_TRUE(r.reap(2));
-    for (auto want : {"0 1 AA_X/pf 1", "3 4 AA_X/pf 4"}) EXPECT_EQ(r.next_pkt().str(), want);
+    for (auto want : {"0 0 AA_X/pf 1 1", "0 3 AA_X/pf 4 4"}) EXPECT_EQ(r.next_pkt().str(), want);
     EXPECT_EQ(r.next_id(), -32);
     r.expect_steps({{'s', 0, 0}, {'s', ORBNEXT, 3}, {'s', ORBPREV, 0}});  // selected steps skip the others
     EXPECT_EQ(r.select(""), 2);  // cleared; the reject still holds
@@ -349,7 +342,7 @@ TEST_P(Requests, SelectAndRejectMatchWholeNames) {
     ASSERT_TRUE(r.reap(1));
     writer.putx("DD/x", 5, "no");
     writer.putx("CC/x", 6, "yes");
-    EXPECT_EQ(r.next_pkt().data, "yes");
+    EXPECT_EQ(r.next_pkt().body, "yes");
 }
 
 TEST_P(Requests, StatSourcesClientsAndStash) {
@@ -382,7 +375,7 @@ TEST_P(Requests, StatSourcesClientsAndStash) {
     EXPECT_EQ(s.resp->latest_pktid, 2);
     for (auto [src, want] : {std::pair{"BB/y", "stashed"}, {"T/none", "none"}}) {
         std::snprintf(r.req->srcname, sizeof r.req->srcname, "%s", src);
-        EXPECT_EQ(r.exchange(ORBGETSTASH) == 0 ? r.packet().data : "none", want);
+        EXPECT_EQ(r.exchange(ORBGETSTASH) == 0 ? r.packet().body : "none", want);
     }
     for (auto [flag, want] : {std::pair{2, 2}, {3, -1}}) {
         r.req->stashflag = flag;
@@ -398,11 +391,11 @@ TEST_P(Requests, LongFormsUnknownCodesKillPriorityCloseAndHalt) {
     EXPECT_EQ(writer.putx("L/x", 3, edge), 2);
     WireClient victim, admin;
     ASSERT_TRUE(join(victim, 'r', "victim"));
-    EXPECT_TRUE(victim.get_pkt(0).data == big);
+    EXPECT_TRUE(victim.get_pkt(0).body == big);
     EXPECT_EQ(victim.resp->what, ORBGETL);
     ASSERT_TRUE(victim.reap(3));
     for (auto [what, data] : {std::pair{ORBREAPL, big + "!"}, {ORBREAP, edge}}) {
-        EXPECT_TRUE(victim.next_pkt().data == data);
+        EXPECT_TRUE(victim.next_pkt().body == data);
         EXPECT_EQ(victim.resp->what, what);
     }
     for (int code : {13, 15, 19, 22, 26, 33, 34, 35, 99, -4, 0x7fffffff})
@@ -457,7 +450,7 @@ TEST_F(Sharing, AForbserverServesItsOneClientToTheEnd) {
     ASSERT_TRUE(forb(w, 'w', "server_test", {"-s16M"}));
     ASSERT_NE(w.seek(ORBOLDEST), kFailed);
     ASSERT_TRUE(w.reap());
-    EXPECT_EQ(w.next_pkt().str(), "1 2 F/small after");
+    EXPECT_EQ(w.next_pkt().str(), "0 1 F/small 2 after");
     // Every answer is read only after the last request and the end of input have been sent, so the
     // answers back up far past what the server keeps pending before it reads on.
     std::string big(900000, 'b');
@@ -494,9 +487,9 @@ TEST_F(Sharing, AKillMidAppendsLeavesTheRingConsistentAndAForbserverSharesIt) {
     ASSERT_GE(latest, 0);
     ASSERT_GE(r.seek(ORBOLDEST), 0);
     // Every packet left is whole, in order and consecutive up to the newest.
-    Pkt p = r.get_pkt(ORBNEXT);
-    for (int id = p.pktid, i = index_of(p.data);; id++, i++, p = r.get_pkt(ORBNEXT)) {
-        ASSERT_EQ(words(p.pktid, p.data), words(id, body(i)));
+    Got p = r.get_pkt(ORBNEXT);
+    for (int id = p.pktid, i = index_of(p.body);; id++, i++, p = r.get_pkt(ORBNEXT)) {
+        ASSERT_EQ(words(p.pktid, p.body), words(id, body(i)));
         if (id == latest) break;
     }
     // And the ring takes new packets after the last one, which a forbserver sharing it reads as they come.
@@ -504,7 +497,8 @@ TEST_F(Sharing, AKillMidAppendsLeavesTheRingConsistentAndAForbserverSharesIt) {
     EXPECT_EQ(words(f.resp->orb_start, f.resp->latest_pktid), words(orb_start, latest));
     ASSERT_TRUE(f.reap());
     for (int i = 0; i < 50; i++) ASSERT_EQ(w.putx("P/x", 10 + i, body(i)), latest + 1 + i);
-    for (int i = 0; i < 50; i++) EXPECT_EQ(f.next_pkt().str(), words(latest + 1 + i, 10 + i, "P/x", body(i)));
+    for (int i = 0; i < 50; i++)
+        EXPECT_EQ(f.next_pkt().str(), words(0, latest + 1 + i, "P/x", 10 + i, body(i)));
 }
 
 // Ids wrapping at the modulus are the ring's (tests/ring); here the server must pass its options on: the
@@ -551,7 +545,7 @@ protected:
         ASSERT_TRUE(server->running()) << server->log();
         int id = good.putx("G/x", 1, "still here");
         EXPECT_GE(id, 0);
-        EXPECT_EQ(good.get_pkt(id).data, "still here");
+        EXPECT_EQ(good.get_pkt(id).body, "still here");
     }
     WireClient good;
 };
@@ -625,9 +619,9 @@ TEST_F(Hostile, MalformedTruncatedOverLongStalledAndCostlyRequestsAndAThousandCo
         std::this_thread::sleep_for(std::chrono::milliseconds(30));
     }
     ASSERT_EQ(w.exchange(ORBPING), 0);
-    Pkt p = w.get_pkt(ORBNEWEST);
-    EXPECT_EQ(words(p.srcname, p.time), "P/pieces 42.5");
-    EXPECT_TRUE(p.data == data);
+    Got p = w.get_pkt(ORBNEWEST);
+    EXPECT_EQ(words(p.src, p.time), "P/pieces 42.5");
+    EXPECT_TRUE(p.body == data);
     c.disconnect(), w.disconnect();
     // A thousand connections opened and dropped give back every descriptor and client slot.
     int before = open_fds(server->pid()), after = -1;
@@ -712,7 +706,7 @@ TEST_F(Hostile, BadParameterFilesAndOptionsAreReportedAndIdleClientsDropped) {
     // The streaming reader is not idle: it gets the packet when it comes.
     ASSERT_TRUE(join(w, 'w'));
     ASSERT_EQ(w.putx("I/x", 1, "for the reader"), 0);
-    EXPECT_EQ(streaming.next_pkt().data, "for the reader");
+    EXPECT_EQ(streaming.next_pkt().body, "for the reader");
 }
 
 TEST(Http, RefusesEscapesAndOutlastsStalledClients) {
