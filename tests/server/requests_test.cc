@@ -40,15 +40,6 @@ struct WireClient {
         int sock = connect_loopback(std::stoi(name.substr(name.rfind(':') + 1)), local_addr);
         return sock >= 0 && (attach(sock), true);
     }
-    // Starts forbserver with args (e.g. {"-s64M", "./ring"}) on a socketpair, its errors appended to log.
-    bool spawn_forb(std::vector<std::string> args, const std::string& log) {
-        int sv[2];
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) < 0) return false;
-        args.insert(args.begin(), FERRANT_BUILD_DIR "/bin/forbserver");
-        forb = child::spawn(args, {.err = log, .fd = sv[1]});
-        close(sv[1]);
-        return attach(sv[0]), forb > 0;
-    }
     void disconnect() {
         if (fd >= 0) close(fd);
         bnsfree(in), bnsfree(out), freeOrbrequest(req), freeOrbresponse(resp);
@@ -424,10 +415,15 @@ INSTANTIATE_TEST_SUITE_P(Stores, Requests, ::testing::Values("file", "jetstream"
 
 class Sharing : public ServerTest {
 protected:
-    // A forbserver on the ring over a socketpair, opened with perm.
+    // A forbserver with options a on the ring over a socketpair, errors appended to log, opened with perm.
     bool forb(WireClient& c, char perm, const char* what = "server_test", std::vector<std::string> a = {}) {
+        int sv[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) < 0) return false;
+        a.insert(a.begin(), FERRANT_BUILD_DIR "/bin/forbserver");
         a.push_back(ring);
-        return c.spawn_forb(a, log) && c.open(perm, what) == 0;
+        c.forb = child::spawn(a, {.err = log, .fd = sv[1]});
+        close(sv[1]);
+        return c.attach(sv[0]), c.forb > 0 && c.open(perm, what) == 0;
     }
     TempDir dir{"forb-test"};
     std::string ring = dir / "ring", log = dir / "forbserver.log";
