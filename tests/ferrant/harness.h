@@ -9,10 +9,14 @@
 #include <cstring>
 #include <map>
 
+#include "pkt/pkt.h"
+#include "support/check.h"
 #include "support/child.h"
 #include "support/tempdir.h"
 
 namespace ferrant_test {
+
+using namespace testsupport;
 
 inline std::string ferrant2() { return FERRANT_BUILD_DIR "/bin/ferrant2"; }
 
@@ -38,21 +42,6 @@ inline std::string pattern(size_t n, unsigned seed) {
         s[i] = char(x);
     }
     return s;
-}
-
-inline size_t count(const std::string& hay, const std::string& needle) {
-    size_t n = 0;
-    for (size_t at = hay.find(needle); at != std::string::npos; at = hay.find(needle, at + 1)) n++;
-    return n;
-}
-
-// Polls pred until it holds or the bound passes; the bound only stops a
-// broken run from hanging, it is not a measurement.
-inline bool eventually(const std::function<bool()>& pred, double seconds = 25) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    for (; std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(std::chrono::milliseconds(50)))
-        if (pred()) return true;
-    return pred();
 }
 
 // A file an hour old, so that the sender takes it at once; its directories made.
@@ -88,6 +77,40 @@ inline std::string write_pf(const std::string& path,
     return path;
 }
 
+// An xfer packet as the sender packs it: its source name, time and body.
+struct Stuffed {
+    char srcname[PKT_SRCNAMESIZE];
+    double time = 0;
+    std::vector<char> body;
+    int unstuff(Packet** got, int n = -1, bool in_place = false) {
+        auto unstuff = in_place ? unstuffPktInPlace : unstuffPkt;
+        return unstuff(srcname, 99, body.data(), n < 0 ? int(body.size()) : n, got);
+    }
+};
+
+// Packs an xfer record around the caller's key (null: none) and data.
+inline Stuffed pack(const char* net, const char* subcode, int seq, int mode, const char* key,
+                    const std::string& data) {
+    Packet* pkt = newPkt();
+    snprintf(pkt->parts.src_net, PKT_NAMESIZE, "%s", net);
+    snprintf(pkt->parts.src_subcode, PKT_NAMESIZE, "%s", subcode);
+    pkt->pkttype = suffix2pkttype("xfer");
+    pkt->time = 1234.5, pkt->string_size = seq, pkt->nchannels = mode;
+    pkt->string = const_cast<char*>(key);
+    pkt->dfile = data.empty() ? nullptr : const_cast<char*>(data.data());
+    pkt->dfile_size = int(data.size());
+    Stuffed s;
+    char* buf = nullptr;
+    int nbytes = 0, bufsize = 0;
+    EXPECT_EQ(stuffPkt(pkt, s.srcname, &s.time, &buf, &nbytes, &bufsize), 0);
+    EXPECT_GE(bufsize, nbytes);
+    s.body.assign(buf, buf + nbytes);
+    free(buf);
+    pkt->string = pkt->dfile = nullptr;
+    freePkt(pkt);
+    return s;
+}
+
 // One child process, in its own process group, with stdout and stderr in
 // files; killed (the whole group) when it goes out of scope.
 class Child {
@@ -112,9 +135,7 @@ public:
         if (pid_ > 0) settle(child::reap(pid_, seconds));
         return pid_ > 0 ? -1 : status_;
     }
-    void stop(int sig = SIGTERM) {
-        if (pid_ > 0) settle(child::end(pid_, sig, true));
-    }
+    void stop(int sig = SIGTERM) { if (pid_ > 0) settle(child::end(pid_, sig, true)); }
     bool running() const { return pid_ > 0; }
     std::string err() const { return slurp(err_); }
     std::string out() const { return slurp(out_); }

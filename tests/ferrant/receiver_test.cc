@@ -2,7 +2,6 @@
 // or kept as it should be, and the next file still arrives.
 #include "harness.h"
 #include "orb/orb.h"
-#include "pkt/pkt.h"
 #include "stock/rvm.h"
 
 using namespace ferrant_test;
@@ -41,32 +40,15 @@ struct Forged {
         : orb_(orbopen(ring.c_str(), "w")),
           r({"/bin/sh", "-c", "trap '' XFSZ; exec prlimit --fsize=" + std::to_string(limit) + " \"$@\"", "sh",
              ferrant2(), "-p", write_pf(tmp / "r.pf", {{"directory", in}}), ring}, tmp.path, tmp.path) {}
-    ~Forged() {
-        if (orb_ >= 0) orbclose(orb_);
-        free(buf_);
-    }
+    ~Forged() { if (orb_ >= 0) orbclose(orb_); }
     bool received(const std::string& name) {
         return eventually([&] { return r.err().find("received " + name) != std::string::npos; });
     }
 
     // One xfer packet; the key must hold 16 bytes. Returns the pktid.
     int put(const std::string& tag, int seq, const std::string& key, const std::string* data) {
-        Packet* pkt = newPkt();
-        strcpy(pkt->parts.src_net, "forge");
-        snprintf(pkt->parts.src_subcode, PKT_NAMESIZE, "%s", tag.c_str());
-        pkt->pkttype = suffix2pkttype("xfer");
-        pkt->nchannels = mode;
-        pkt->string_size = seq;
-        pkt->string = const_cast<char*>(key.data());
-        pkt->dfile = data ? const_cast<char*>(data->data()) : nullptr;
-        pkt->dfile_size = data ? int(data->size()) : 0;
-        char srcname[PKT_SRCNAMESIZE];
-        double t;
-        int nbytes = 0;
-        EXPECT_EQ(stuffPkt(pkt, srcname, &t, &buf_, &nbytes, &bufsize_), 0);
-        pkt->string = pkt->dfile = nullptr;
-        freePkt(pkt);
-        return orbputx(orb_, srcname, 1000.0 + seq, buf_, nbytes);
+        Stuffed s = pack("forge", tag.c_str(), seq, mode, key.data(), data ? *data : "");
+        return orbputx(orb_, s.srcname, 1000.0 + seq, s.body.data(), int(s.body.size()));
     }
     int raw(const std::string& srcname, const std::string& body) {
         return orbputx(orb_, srcname.c_str(), 1000.0, body.data(), int(body.size()));
@@ -95,8 +77,6 @@ struct Forged {
     std::string ring = tmp / "ring@s64M", in = tmp / "top/in";
     int mode = S_IFREG | 0640;  // st_mode sent with the next runs
     int orb_ = -1;
-    char* buf_ = nullptr;
-    int bufsize_ = 0;
     Child r;
 };
 

@@ -36,9 +36,6 @@ TEST(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
         args.push_back(ring);
         return std::make_unique<Child>(args, tmp.path, cwd.empty() ? src : cwd, input);
     };
-    auto receive = [&](const std::string& pf, const std::vector<std::string>& args) {
-        return send(args, pf, "", tmp.path);
-    };
     auto same = [&](const std::string& rel) { expect_same(src + "/" + rel, in + "/" + rel); };
     std::string longname = "a_very_long_base_name_that_will_not_fit.txt";
     make("runs/exact.bin", pattern(2000, 9), 0640);
@@ -130,7 +127,7 @@ TEST(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
                       "finished 'after.txt'"})
         EXPECT_SAID(s->err(), said);
     // Relative -S: taken from the start directory, not the receive directory.
-    auto r = receive(pf("t.pf"), {"-S", "state"});
+    auto r = send({"-S", "state"}, pf("t.pf"), "", tmp.path);
     ASSERT_TRUE(eventually([&] { return received(*r) == 5 + files.size() + 1 + 3 + 1; })) << r->err();
     for (auto& f : files) same(f.name);
     for (auto& f : {"b.dat", "keep/c.dat", "after.txt", "runs/exact.bin", "runs/nothing", "two/same.txt"})
@@ -153,7 +150,7 @@ TEST(FerrantTransfer, FilesOfEveryKindArriveWholeAndAReceiverResumes) {
     std::filesystem::remove_all(in);
     for (unsigned i : {0, 1}) make("second" + std::to_string(i), pattern(2500, 10 + i));
     ASSERT_EQ(send({"second0", "one/same.txt", "second1", "two/same.txt"}, pf("t.pf"))->wait(), 0);
-    r = receive(pf("f.pf", {{"preserve_directories", "no"}}), {"-S", "state"});
+    r = send({"-S", "state"}, pf("f.pf", {{"preserve_directories", "no"}}), "", tmp.path);
     ASSERT_TRUE(received(*r, 4)) << r->err();
     for (auto said : {"read old state file", "resurrection successful: repositioned to pktid #"})
         EXPECT_SAID(r->err(), said);

@@ -1,4 +1,4 @@
-// What the fuzz targets share: a quiet log, a scratch directory, a check,
+// What the fuzz targets share: a quiet log, a check, a scratch directory,
 // and input read as a stream of bytes.
 #pragma once
 
@@ -9,8 +9,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string>
+
+#include "support/tempdir.h"
 
 namespace fuzz {
 
@@ -23,21 +24,18 @@ namespace fuzz {
     setenv("ELOG_DEBUG", "", 1);
 }
 
-// A fresh directory, removed with what it holds when the program exits.
-inline std::string scratch_dir() {
-    static std::string dir;
-    char tmpl[] = "/tmp/fuzz.XXXXXX";
-    if (!mkdtemp(tmpl)) std::abort();
-    dir = tmpl;
-    std::atexit([] { std::error_code ec; std::filesystem::remove_all(dir, ec); });
-    return dir;
-}
-
 // A property that failed is a finding: said, then the run stops.
 inline void require(bool ok, const char* what) {
     if (ok) return;
     std::fprintf(stderr, "broken: %s\n", what);
     std::abort();
+}
+
+// A fresh directory, removed with what it holds when the program exits.
+inline std::string scratch_dir() {
+    static TempDir dir("fuzz");
+    require(!dir.path.empty(), "mkdtemp");
+    return dir.path;
 }
 
 // The input taken a byte at a time; zeros once it is used up.

@@ -13,8 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int nbytes = static_cast<int>(size - 1 - namelen);
     if (namelen == 0) strcpy(name, "h/xfer/1/a");
     Packet* pkt = nullptr;
-    int r = unstuffPkt(name, 0, body, nbytes, &pkt);
-    if (r == PKT_XFER_TYPE) {
+    if (unstuffPkt(name, 0, body, nbytes, &pkt) == PKT_XFER_TYPE) {
         char srcname[PKT_SRCNAMESIZE];
         double t;
         char* buf = nullptr;

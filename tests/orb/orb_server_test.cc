@@ -25,7 +25,6 @@
 
 using namespace orbtest;
 using testsupport::OrbServer;
-using testsupport::slurp;
 using namespace std::string_literals;
 
 namespace {
@@ -535,8 +534,7 @@ TEST(OrbRestart, AQuietReaderIsLeftAloneAndARecreatedRingIsJoinedByTimeByItAndAR
     dup2(fd, 2), close(fd);
     Got g;
     std::thread reader([&] { g = rd.reap(); });
-    for (int i = 0; i < 250 && !has(slurp("stderr"), "reconnecting anyway"); i++)
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    eventually([] { return has(slurp("stderr"), "reconnecting anyway"); });
     put_run(w, "AA/old", 105, 1, "wake");
     reader.join();
     fflush(stderr), dup2(saved, 2), close(saved);
@@ -546,10 +544,7 @@ TEST(OrbRestart, AQuietReaderIsLeftAloneAndARecreatedRingIsJoinedByTimeByItAndAR
     std::filesystem::current_path(cwd);
     size_t first_reconnect = text.find("reconnecting anyway");
     ASSERT_NE(first_reconnect, std::string::npos) << text;
-    std::string head = text.substr(0, first_reconnect);
-    int ok = 0;
-    for (size_t at = 0; (at = head.find("no reopen necessary", at)) != std::string::npos; at++) ok++;
-    EXPECT_EQ(ok, 11) << text;
+    EXPECT_EQ(count(text.substr(0, first_reconnect), "no reopen necessary"), 11u) << text;
     EXPECT_TRUE(has(text, "orbserver looks ok, reconnecting anyway cnt=11"));
     // A reader process restarted with the same state file goes on from the packet it saved.
     std::string state = server.dir() + "/state/reader";

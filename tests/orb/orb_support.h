@@ -1,26 +1,16 @@
 // Helpers shared by the client-library and server tests that run against a real server.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "orb/orb.h"
+#include "support/check.h"
 
 namespace orbtest {
 
-// The values joined by spaces, to compare several fields at once.
-template <class... T>
-std::string words(const T&... v) {
-    std::ostringstream o;
-    o.precision(17);
-    ((o << v << ' '), ...);
-    std::string s = o.str();
-    return s.substr(0, s.size() - 1);
-}
+using namespace testsupport;
 
 // A packet as a test sees it; str() is "rc pktid src time body".
 struct Got {
@@ -54,29 +44,6 @@ struct Reader {
     }
 };
 
-// Success when text contains part; the failure shows the text.
-inline testing::AssertionResult has(const std::string& text, const std::string& part) {
-    if (text.find(part) != std::string::npos) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
-}
-
-// What f writes to standard error.
-template <class F>
-std::string stderr_of(F f) {
-    testing::internal::CaptureStderr();
-    f();
-    return testing::internal::GetCapturedStderr();
-}
-
-// Success when f() returns -1 and writes part to standard error.
-template <class F>
-testing::AssertionResult fails_saying(F f, const std::string& part) {
-    int rc = 0;
-    std::string err = stderr_of([&] { rc = f(); });
-    if (rc != -1) return testing::AssertionFailure() << "returned " << rc << ", not -1; stderr:\n" << err;
-    return has(err, part);
-}
-
 // Puts count packets from src with times t0, t0+1, ... and bodies "<prefix><i>"; returns their ids.
 inline std::vector<int> put_run(int orb, const char* src, double t0, int count, std::string prefix = "p") {
     std::vector<int> ids;
@@ -86,12 +53,5 @@ inline std::vector<int> put_run(int orb, const char* src, double t0, int count, 
     }
     return ids;
 }
-
-// Sets an environment variable for the life of the object.
-struct SetEnv {
-    std::string name;
-    SetEnv(const char* n, const std::string& value) : name(n) { setenv(n, value.c_str(), 1); }
-    ~SetEnv() { unsetenv(name.c_str()); }
-};
 
 }  // namespace orbtest

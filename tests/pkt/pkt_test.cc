@@ -8,45 +8,17 @@
 #include <tuple>
 #include <vector>
 
+#include "ferrant/harness.h"
+
 using namespace std::string_literals;
 
 namespace {
 
-struct Stuffed {
-    char srcname[PKT_SRCNAMESIZE];
-    double time = 0;
-    std::vector<char> body;
-    int unstuff(Packet** got, int n = -1, bool in_place = false) {
-        auto unstuff = in_place ? unstuffPktInPlace : unstuffPkt;
-        return unstuff(srcname, 99, body.data(), n < 0 ? int(body.size()) : n, got);
-    }
-};
+using ferrant_test::pack;
+using ferrant_test::Stuffed;
 
 // A binary key with NULs and high bytes, as digests are.
 const char Key[16] = {0, 1, 2, '\xff', 0, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, '\x80'};
-
-// Packs an xfer record around the caller's key (null: none) and data.
-Stuffed pack(const char* net, const char* subcode, int seq, int mode, const char* key,
-             const std::string& data) {
-    Packet* pkt = newPkt();
-    snprintf(pkt->parts.src_net, PKT_NAMESIZE, "%s", net);
-    snprintf(pkt->parts.src_subcode, PKT_NAMESIZE, "%s", subcode);
-    pkt->pkttype = suffix2pkttype("xfer");
-    pkt->time = 1234.5, pkt->string_size = seq, pkt->nchannels = mode;
-    pkt->string = const_cast<char*>(key);
-    pkt->dfile = data.empty() ? nullptr : const_cast<char*>(data.data());
-    pkt->dfile_size = int(data.size());
-    Stuffed s;
-    char* buf = nullptr;
-    int nbytes = 0, bufsize = 0;
-    EXPECT_EQ(stuffPkt(pkt, s.srcname, &s.time, &buf, &nbytes, &bufsize), 0);
-    EXPECT_GE(bufsize, nbytes);
-    s.body.assign(buf, buf + nbytes);
-    free(buf);
-    pkt->string = pkt->dfile = nullptr;
-    freePkt(pkt);
-    return s;
-}
 
 Stuffed dataPacket() { return pack("host", "43200/report.csv", 7, 0100644, Key, "some\0bytes\n"s); }
 

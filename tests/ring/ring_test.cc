@@ -17,6 +17,7 @@
 #include <random>
 #include <thread>
 
+#include "support/child.h"
 #include "support/tempdir.h"
 
 namespace fs = std::filesystem;
@@ -47,20 +48,6 @@ int64_t tag_of(const std::vector<char>& b) {
 
 int64_t put(Ring& r, const std::string& name, double t, const std::vector<char>& b) {
     return r.put(name, t, b.data(), b.size());
-}
-
-// Runs body in a forked child that exits with what body returns (an exception aborts it).
-template <class F>
-pid_t fork_child(F body) {
-    pid_t pid = fork();
-    if (pid == 0) _exit(body());
-    return pid;
-}
-
-int child_status(pid_t pid) {
-    int st = 0;
-    waitpid(pid, &st, 0);
-    return st;
 }
 
 void poke(const std::string& file, off_t at, const void* data, size_t n) {
@@ -199,7 +186,7 @@ TEST_F(RingTest, OpenRefusesWhatIsNotAWholeRingReopenKeepsWhatItHoldsAndClientsA
     EXPECT_TRUE(r->session_active(session) && !r->session_active(session + 1) && !r->counters(99));
 
     // A child takes the other entry and dies without giving it back.
-    ASSERT_EQ(child_status(fork_child([&] { return Ring::open(file)->client_add(c) >= 0 ? 0 : 1; })), 0);
+    ASSERT_EQ(child::reap(child::start([&] { return Ring::open(file)->client_add(c) >= 0 ? 0 : 1; }), 60), 0);
     EXPECT_EQ(r->status().nclients, 2u);  // not yet noticed
     EXPECT_GE(r->client_add(c), 0);       // the dead one's entry is reused
     EXPECT_EQ(r->client_add(c), -1);      // both live: full
@@ -307,7 +294,7 @@ TEST_F(RingTest, AfterTimeWrappedIdsAndAFullSourceTable) {
 TEST_F(RingTest, SimultaneousCreatorsWritersAndAWaitingReader) {
     const uint32_t n = 3000;
     Geometry g{.data_bytes = 8 << 20, .nslots = 4 * n};
-    std::vector<pid_t> kids{fork_child([&] {
+    std::vector<pid_t> kids{child::start([&] {
         auto rc = Ring::open_or_create(file, g);
         // A wait may end early (a put's wake can land after its head was
         // seen): only the head counts; the deadline only guards against a hang.
@@ -320,7 +307,7 @@ TEST_F(RingTest, SimultaneousCreatorsWritersAndAWaitingReader) {
         return 0;
     })};
     for (uint32_t w = 1; w <= 3; w++) {
-        kids.push_back(fork_child([&] {
+        kids.push_back(child::start([&] {
             auto rc = Ring::open_or_create(file, g);
             for (uint32_t i = 0; i < n; i++)
                 if (put(*rc, "W" + std::to_string(w), i, payload(w, i, 64 + i % 700)) < 0) return 1;
@@ -328,10 +315,8 @@ TEST_F(RingTest, SimultaneousCreatorsWritersAndAWaitingReader) {
         }));
     }
     auto r = Ring::open_or_create(file, g);
-    std::thread t4([&] {
-        for (uint32_t i = 0; i < n; i++) put(*r, "W4", i, payload(4, i, 32));
-    });
-    for (pid_t k : kids) EXPECT_EQ(child_status(k), 0);
+    std::thread t4([&] { for (uint32_t i = 0; i < n; i++) put(*r, "W4", i, payload(4, i, 32)); });
+    for (pid_t k : kids) EXPECT_EQ(child::reap(k, 60), 0);
     t4.join();
     ASSERT_EQ(r->head(), 4 * n);
     ASSERT_EQ(r->tail(), 0u);
@@ -370,7 +355,7 @@ void hold_the_lock() {  // tells the parent, then waits for its go
 // published; it exits 0 if the put returned `want` (the hooks may end it first).
 pid_t put_with_hook(Ring& r, void (*hook)(), const std::string& name, double t, size_t size,
                     int64_t want = -2) {
-    return fork_child([&] {
+    return child::start([&] {
         Ring::test_hook_before_publish = hook;
         return put(r, name, t, payload(9, 9, size)) == want ? 0 : 1;
     });
@@ -386,9 +371,9 @@ TEST_F(RingTest, WritersDeadOrStalledMidPutWedgeNeitherTheRingNorACopyNorTheTime
     auto before = r->status();
     copy_from = file;
     copy_to = dir / "copy";
-    ASSERT_EQ(child_status(put_with_hook(*r, copy_then_die, "half", 99, 3000)), 0);  // evicts as well
+    ASSERT_EQ(child::reap(put_with_hook(*r, copy_then_die, "half", 99, 3000), 60), 0);  // evicts as well
     for (int round = 0; round < 2; round++) {
-        int st = child_status(put_with_hook(*r, die_now, "half", 99, 3000));
+        int st = child::reap(put_with_hook(*r, die_now, "half", 99, 3000), 60);
         ASSERT_TRUE(WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL);
     }
     auto copy = Ring::open(copy_to);
@@ -409,7 +394,7 @@ TEST_F(RingTest, WritersDeadOrStalledMidPutWedgeNeitherTheRingNorACopyNorTheTime
     // mid-put keeps its lock from a process that opens the ring meanwhile.
     r = Ring::create(file, {.data_bytes = 1 << 16, .nslots = 64});
     for (int i = 1; i <= 10; i++) put(*r, "s", 10.0 * i, payload(0, i, 8));
-    child_status(put_with_hook(*r, die_now, "s", 0, 8));  // never published: its time must not count
+    child::reap(put_with_hook(*r, die_now, "s", 0, 8), 60);  // never published: its time must not count
     put(*r, "s", 50, payload(0, 11, 8));                   // out of order after 100
     for (double t : {5.0, 45.0, 55.0, 60.0, 95.0, 100.0}) expect_after_time(*r, t);
     int up[2], down[2];
@@ -424,7 +409,7 @@ TEST_F(RingTest, WritersDeadOrStalledMidPutWedgeNeitherTheRingNorACopyNorTheTime
     std::thread t([&] { got = put(*again, "thread", 3, payload(0, 2, 8)); });
     usleep(100000);  // room for a broken lock to let the thread through
     ASSERT_EQ(::write(down[1], "g", 1), 1);
-    EXPECT_EQ(child_status(pid), 0);
+    EXPECT_EQ(child::reap(pid, 60), 0);
     t.join();
     EXPECT_EQ(got, 12);
     EXPECT_TRUE(r->entry(11, &e) && std::string(e.srcname) == "child");

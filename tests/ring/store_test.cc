@@ -48,9 +48,7 @@ std::string data_at(const RingStore& s, uint64_t seq, Entry* e = nullptr) {
 
 class Store : public testing::TestWithParam<std::string> {
 protected:
-    void SetUp() override {
-        if (GetParam() == "jetstream" && !cluster()) GTEST_SKIP() << cluster_error;
-    }
+    void SetUp() override { if (GetParam() == "jetstream" && !cluster()) GTEST_SKIP() << cluster_error; }
     // Only the limits of a Geometry apply to both: data_bytes, nslots, maxpkts.
     std::unique_ptr<RingStore> make(Geometry l) {
         std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();

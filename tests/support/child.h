@@ -4,7 +4,6 @@
 #pragma once
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -42,14 +41,11 @@ inline void apply(const Env& env) {
 // The child runs body and exits 0 when it returns. It is killed by SIGALRM after limit seconds, so a hang
 // fails the test instead of stalling it.
 inline Result run(const std::function<void()>& body, const Env& env = {}, unsigned limit = 20) {
-    int out[2], err[2];
-    if (pipe(out) != 0 || pipe(err) != 0) return {};
+    FILE *out = tmpfile(), *err = tmpfile();
     fflush(stdout), fflush(stderr);
-    pid_t pid = fork();
-    if (pid < 0) return {};
+    pid_t pid = out && err ? fork() : -1;
     if (pid == 0) {
-        dup2(out[1], 1), dup2(err[1], 2);
-        for (int fd : {out[0], out[1], err[0], err[1]}) close(fd);
+        dup2(fileno(out), 1), dup2(fileno(err), 2);
         struct rlimit none = {0, 0};
         setrlimit(RLIMIT_CORE, &none);
         apply(env);
@@ -58,28 +54,32 @@ inline Result run(const std::function<void()>& body, const Env& env = {}, unsign
         fflush(stdout), fflush(stderr);
         _exit(0);
     }
-    close(out[1]), close(err[1]);
     Result r;
-    struct pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-    std::string* sinks[2] = {&r.out, &r.err};
-    char buf[65536];
-    for (int open = 2; open > 0;) {
-        if (poll(fds, 2, -1) < 0) continue;
-        for (int i = 0; i < 2; i++) {
-            ssize_t n = fds[i].fd < 0 || !fds[i].revents ? -2 : read(fds[i].fd, buf, sizeof buf);
-            if (n > 0) sinks[i]->append(buf, size_t(n));
-            if (n == 0 || (n == -1 && errno != EINTR)) close(fds[i].fd), fds[i].fd = -1, open--;
-        }
+    while (pid > 0 && waitpid(pid, &r.status, 0) < 0 && errno == EINTR) continue;
+    for (auto [f, sink] : {std::pair{out, &r.out}, {err, &r.err}}) {
+        if (!f) continue;
+        rewind(f);
+        char buf[65536];
+        for (size_t n; (n = fread(buf, 1, sizeof buf, f)) > 0;) sink->append(buf, n);
+        fclose(f);
     }
-    while (waitpid(pid, &r.status, 0) < 0 && errno == EINTR) continue;
     return r;
+}
+
+// A forked child that exits with what body returns; its pid, -1 when fork fails.
+template <class F>
+pid_t start(F body) {
+    fflush(stdout), fflush(stderr);
+    pid_t pid = fork();
+    if (pid == 0) _exit(body());
+    return pid;
 }
 
 // How spawn starts a program: standard input from the file in, output and errors appended to the files out
 // and err (which may be the same).
 struct Io {
-    std::string in = "/dev/null", out = "/dev/null", err = "/dev/null", cwd;
-    Env env;
+    std::string in = "/dev/null", out = "/dev/null", err = "/dev/null", cwd = "";
+    Env env = {};
     bool group = false;            // its own process group, so that what it starts goes with it
     bool die_with_parent = false;  // nothing outlives a crashed test
     int fd = -1;                   // when set, standard input and output instead of in and out

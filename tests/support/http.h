@@ -16,11 +16,7 @@
 namespace testsupport {
 
 // Options for an OrbServer that serves its status on a free loopback port.
-inline OrbServer::Options with_status_port(const std::string& pf = "") {
-    OrbServer::Options o;
-    o.pf = pf, o.args = {"-H", "127.0.0.1:0"};
-    return o;
-}
+inline OrbServer::Options with_status_port(const std::string& pf = "") { return {pf, {"-H", "127.0.0.1:0"}}; }
 
 // The port orbserver logged for its status page, 0 if none yet.
 inline int http_port(const std::string& log) {

@@ -8,12 +8,11 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <chrono>
 #include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "support/check.h"
 #include "support/child.h"
 #include "support/tempdir.h"
 
@@ -72,10 +71,8 @@ public:
     void start(int i) {
         if (nodes_[i].pid > 0) return;
         std::string n = dir_ / ("n" + std::to_string(i));
-        child::Io io;
-        io.out = io.err = n + ".log";
-        io.die_with_parent = true;
-        nodes_[i].pid = child::spawn({server_binary(), "-js", "-c", n + ".conf"}, io);
+        nodes_[i].pid = child::spawn({server_binary(), "-js", "-c", n + ".conf"},
+                                     {.out = n + ".log", .err = n + ".log", .die_with_parent = true});
     }
 
     void kill(int i) {
@@ -87,9 +84,7 @@ public:
     // and all peers. "" or what is wrong.
     std::string wait_ready(int limit_s = 120) const {
         std::string list = url_list("nats://"), last = "no answer";
-        using clock = std::chrono::steady_clock;
-        for (auto end = clock::now() + std::chrono::seconds(limit_s); clock::now() < end;
-             std::this_thread::sleep_for(std::chrono::milliseconds(250))) {
+        bool ready = testsupport::eventually([&] {
             natsConnection* nc = nullptr;
             jsCtx* js = nullptr;
             jsStreamInfo* si = nullptr;
@@ -106,10 +101,10 @@ public:
             }
             jsCtx_Destroy(js);
             natsConnection_Destroy(nc);
-            if (s == NATS_OK) return "";
-            last = natsStatus_GetText(s);
-        }
-        return "cluster not ready: " + last;
+            if (s != NATS_OK) last = natsStatus_GetText(s);
+            return s == NATS_OK;
+        }, limit_s);
+        return ready ? "" : "cluster not ready: " + last;
     }
 
 private:

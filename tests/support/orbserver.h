@@ -9,12 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "support/check.h"
 #include "support/child.h"
 #include "support/tempdir.h"
 
 namespace testsupport {
-
-using ::slurp;
 
 class OrbServer {
 public:
@@ -22,7 +21,7 @@ public:
         std::string pf;                 // parameter-file text for the server
         std::vector<std::string> args;  // extra options before the ring path
         std::string bind = "127.0.0.1";
-        std::string ring;               // default: <dir>/ring
+        std::string ring = "";          // default: <dir>/ring
         bool start = true;              // start in the constructor
     };
 
@@ -46,21 +45,15 @@ public:
                                          opt_.bind + ":" + std::to_string(port_), "-o", portfile, "-s", "8M"};
         args.insert(args.end(), opt_.args.begin(), opt_.args.end());
         args.push_back(ring_);
-        child::Io io;
-        io.out = io.err = dir_ + "/orbserver.log";
-        if ((pid_ = child::spawn(args, io)) < 0) return false;
-        // Ready once the port file is written; give up if the server exits.
-        for (int tries = 0; tries < 4000; tries++) {  // 5 ms each at least
-            std::string text = slurp(portfile);
-            if (!text.empty() && text.back() == '\n') {
-                name_ = text.substr(0, text.size() - 1);
-                port_ = std::atoi(name_.substr(name_.rfind(':') + 1).c_str());
-                return true;
-            }
-            if (!running()) return false;
-        }
-        kill();
-        return false;
+        std::string log = dir_ + "/orbserver.log";
+        if ((pid_ = child::spawn(args, {.out = log, .err = log})) < 0) return false;
+        // Ready once the port file is written; given up on if the server exits first.
+        std::string text;
+        auto written = [&] { return !(text = slurp(portfile)).empty() && text.back() == '\n'; };
+        if (!eventually([&] { return written() || !running(); }) || !written()) return kill(), false;
+        name_ = text.substr(0, text.size() - 1);
+        port_ = std::atoi(name_.substr(name_.rfind(':') + 1).c_str());
+        return true;
     }
     int stop() { return end(SIGTERM); }  // then SIGKILL when it lingers; the wait status
     int kill() { return end(SIGKILL); }

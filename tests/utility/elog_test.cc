@@ -470,9 +470,7 @@ TEST(Bury, EveryKindReadsBackFailuresKeepThePreviousStateKillsDoNoHarmAndSignals
     for (int round = 0; round < 60; round++) {
         int ready[2];
         ASSERT_EQ(pipe(ready), 0);
-        fflush(nullptr);
-        pid_t pid = fork();
-        if (pid == 0) {  // a child the test kills
+        pid_t pid = child::start([&]() -> int {  // a child the test kills
             close(ready[0]);
             int rc = exhume(state.c_str(), nullptr, 0, nullptr), count = 0;
             CHILD_CHECK(rc == 0 || rc == 1);
@@ -490,7 +488,7 @@ TEST(Bury, EveryKindReadsBackFailuresKeepThePreviousStateKillsDoNoHarmAndSignals
                 tag = keep.data();
                 bury();
             }
-        }
+        });
         close(ready[1]);
         char b;
         ASSERT_EQ(read(ready[0], &b, 1), 1);

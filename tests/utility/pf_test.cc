@@ -18,20 +18,17 @@
 #include <thread>
 #include <vector>
 
+#include "support/check.h"
+#include "support/pfdump.h"
 #include "support/tempdir.h"
 
 namespace {
 
 using ::testing::HasSubstr;
 using ::testing::Not;
+using testsupport::SetEnv;
+using testsupport::stderr_of;
 using Strings = std::vector<std::string>;
-
-template <class F>
-std::string stderr_of(F f) {
-    testing::internal::CaptureStderr();
-    f();
-    return testing::internal::GetCapturedStderr();
-}
 
 // A tree parsed from text that must read cleanly, freed at the end of scope.
 struct Tree {
@@ -43,44 +40,22 @@ struct Tree {
     Tree& operator=(const Tree&) = delete;
 };
 
-// The strings in t, which stays the caller's.
-Strings strings(Tbl* t) {
+// The strings in t, which is freed with them by free_value.
+Strings strings(Tbl* t, void (*free_value)(void*)) {
     Strings out;
     for (long i = 0; i < maxtbl(t); i++) out.emplace_back(static_cast<char*>(gettbl(t, i)));
+    freetbl(t, free_value);
     return out;
 }
 
 std::string text_of(Pf* pf) { return std::unique_ptr<char, decltype(&free)>(pf2string(pf), free).get(); }
-
-// An unambiguous dump of a tree: types, keys, order of list entries and bytes
-// of strings. A file root and an array are both named nodes and dump alike.
-std::string dump(Pf* pf) {
-    if (!pf) return "null";
-    std::string out;
-    if (pf->type == PF_ROOT || pf->type == PF_ARR) {
-        Tbl* keys = pfkeys(pf);
-        for (long i = 0; i < maxtbl(keys); i++) {
-            const char* k = static_cast<const char*>(gettbl(keys, i));
-            out += std::to_string(strlen(k)) + ":" + k + "=";
-            out += dump(static_cast<Pf*>(getarr(pf->value.arr, k))) + ",";
-        }
-        freetbl(keys, nullptr);
-        return "{" + out + "}";
-    }
-    if (pf->type == PF_TBL) {
-        for (long i = 0; i < pfmaxtbl(pf); i++) out += dump(static_cast<Pf*>(gettbl(pf->value.tbl, i))) + ",";
-        return "[" + out + "]";
-    }
-    const char* s = pf->type == PF_FUNCTION ? pf->value.pffunct->s : pf->value.s;
-    return std::to_string(pf->type) + "/" + std::to_string(s ? strlen(s) : 0) + ":" + (s ? s : "");
-}
 
 // Writes pf out and reads it back: an equal tree that writes the same text again; returns the text.
 std::string expect_round_trip(Pf* pf) {
     std::string text = text_of(pf);
     Tree back;
     EXPECT_EQ(pfcompile(text.c_str(), &back.pf), 0) << text;
-    EXPECT_EQ(dump(back.pf), dump(pf)) << text;
+    EXPECT_EQ(pfdump(back.pf), pfdump(pf)) << text;
     EXPECT_EQ(text_of(back.pf), text);
     return text;
 }
@@ -236,7 +211,7 @@ TEST(PfWrite, ChoosesTheFormEachValueNeedsAndAnyTreeReadsBackEqualAlsoInThreads)
     Tree back;
     EXPECT_EQ(pfinfd(fd, &back.pf), 0);
     close(fd);
-    EXPECT_EQ(dump(back.pf), dump(nested.pf));
+    EXPECT_EQ(pfdump(back.pf), pfdump(nested.pf));
     std::string bad = dir / "no/such/dir/x.pf";
     std::string err = stderr_of([&] { EXPECT_NE(pfwrite(bad.c_str(), nested.pf), 0); });
     EXPECT_THAT(err, HasSubstr("Can't open " + bad + " for writing."));
@@ -249,9 +224,7 @@ TEST(PfDeferred, EnvExecGlobFilesReferencesDataAndAsk) {
                               {"data/sub/thing", "data!"},
                               {"other.pf", "k other value\narr &Arr{\n  x 1\n}\nloop &ref(other, loop)\n"}})
         dir.file(name, text);
-    setenv("PFPARSE_TEST_VAR", "from env", 1);
-    setenv("PFPATH", dir.path.c_str(), 1);
-    setenv("QUORVANE", dir.path.c_str(), 1);
+    SetEnv var("PFPARSE_TEST_VAR", "from env"), path("PFPATH", dir.path), root("QUORVANE", dir.path);
     std::string count = dir / "count";
     Tree t("env &env(PFPARSE_TEST_VAR)\nunset &env(PFPARSE_TEST_NEVER_SET)\n"
            "exec &exec(printf 'a b\\\\n\\\\n'; echo x >> " + count + ")\nstdin &exec(cat)\n"
@@ -278,14 +251,10 @@ TEST(PfDeferred, EnvExecGlobFilesReferencesDataAndAsk) {
     // Prompting is off by default: an &ask value is simply missing.
     for (const char* key : {"unset", "undef", "ask"}) EXPECT_EQ(pfget_string(pf, key), nullptr) << key;
     EXPECT_EQ(slurp(count), "x\n");  // evaluated once, on first access
-    Tbl* g = pfget_tbl(pf, "glob");
-    EXPECT_EQ(strings(g), (Strings{dir / "one.txt", dir / "two.txt"}));
-    freetbl(g, nullptr);
+    EXPECT_EQ(strings(pfget_tbl(pf, "glob"), nullptr), (Strings{dir / "one.txt", dir / "two.txt"}));
     Pf* none = nullptr;
     EXPECT_TRUE(pfresolve(pf, "none", 0, &none) == PF_TBL && pfmaxtbl(none) == 0);  // no match: an empty list
     EXPECT_EQ(std::string(pfget_string(pf, "nofile")).rfind("** ", 0), 0u);
-    unsetenv("PFPATH");
-    setenv("QUORVANE", FERRANT_BUILD_DIR, 1);
     // A fresh tree, as the missing value is remembered. With prompting on and
     // no terminal, the process stops instead of hanging; only &ask prompts.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -299,20 +268,17 @@ TEST(PfDeferred, EnvExecGlobFilesReferencesDataAndAsk) {
     EXPECT_EXIT(exit(prompting(ask.pf, "u") ? 3 : 0), testing::ExitedWithCode(0), "");
 }
 
-const char* Sample =
-    "name  plain value  \nn 42\nx 2.5\n"
-    "arr &Arr{\n    inner  v1\n    deep &Arr{\n        leaf  L\n    }\n"
-    "    list &Tbl{\n        a\n        b\n    }\n}\n"
-    "tbl &Tbl{\n    first\n    &Arr{\n        k kv\n    }\n}\n"
-    "\"spaced key\" sv\n";
-
 class PfTree : public ::testing::Test {
 protected:
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+    Tree t{"name  plain value  \nn 42\nx 2.5\n"
+           "arr &Arr{\n    inner  v1\n    deep &Arr{\n        leaf  L\n    }\n"
+           "    list &Tbl{\n        a\n        b\n    }\n}\n"
+           "tbl &Tbl{\n    first\n    &Arr{\n        k kv\n    }\n}\n"
+           "\"spaced key\" sv\n"};
 };
 
 TEST_F(PfTree, KeyPathsReachNestedNodesContainersComeOutAndReferencesExpand) {
-    Tree t(Sample);
     const char* const values[][2] = {{"name", "plain value"}, {"arr{ inner }", "v1"}, {"{spaced key}", "sv"},
                                      {"arr{deep}{leaf}", "L"}, {"arr{list}[1]", "b"}, {"tbl[1]{k}", "kv"}};
     for (const auto& v : values) EXPECT_STREQ(pfget_string(t.pf, v[0]), v[1]) << v[0];
@@ -348,9 +314,7 @@ TEST_F(PfTree, KeyPathsReachNestedNodesContainersComeOutAndReferencesExpand) {
     Pf* inner = static_cast<Pf*>(gettbl(l, 1));
     EXPECT_EQ(inner->type, PF_ARR);
     freetbl(l, nullptr);
-    Tbl* keys = pfkeys(t.pf);
-    EXPECT_EQ(strings(keys), (Strings{"arr", "n", "name", "spaced key", "tbl", "x"}));
-    freetbl(keys, nullptr);
+    EXPECT_EQ(strings(pfkeys(t.pf), nullptr), (Strings{"arr", "n", "name", "spaced key", "tbl", "x"}));
     EXPECT_EQ(pfkeys(inner->parent), nullptr);  // a list has no keys
     // References expand from the nearest ancestor, and stay bounded.
     Tree refs("HOME /top\na &{HOME}/x\nb &HOME/y and &nothing and &{no thing}\nself x&self\nlone a & b\n"
@@ -387,7 +351,6 @@ int lenient(Pf*, const char*, int, int actual, void* result) {
 }
 
 TEST_F(PfTree, MissingAndMistypedValuesAreFatalUnlessHandledAndNumbersComplain) {
-    Tree t(Sample);
     EXPECT_EXIT(pfget_int(t.pf, "absent"), testing::ExitedWithCode(1),
                 "program needs value for 'absent', not found in parameter file '\\*internal buffer\\*'");
     EXPECT_EXIT(pfget_string(t.pf, "arr"), testing::ExitedWithCode(1),
@@ -518,28 +481,17 @@ void set_mtime(const std::string& path, time_t seconds) {
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
 }
 
-Strings files_of(const std::string& name, int all = 0) {
-    Tbl* t = pffiles(name.c_str(), all);
-    Strings out = strings(t);
-    freepffiles(t);
-    return out;
-}
+Strings files_of(const std::string& name, int all = 0) { return strings(pffiles(name.c_str(), all), free); }
 
 // Directories a and b on the path; the environment and working directory are restored after.
 class PfPath : public ::testing::Test {
 protected:
     TempDir dir;
     std::string a = dir.sub("a"), b = dir.sub("b");
+    SetEnv path{"PFPATH", a + ":" + b}, root{"QUORVANE", FERRANT_BUILD_DIR};
     char cwd[4096];
-    void SetUp() override {
-        ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-        setenv("PFPATH", (a + ":" + b).c_str(), 1);
-    }
-    void TearDown() override {
-        unsetenv("PFPATH");
-        setenv("QUORVANE", FERRANT_BUILD_DIR, 1);
-        ASSERT_EQ(chdir(cwd), 0);
-    }
+    void SetUp() override { ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr); }
+    void TearDown() override { ASSERT_EQ(chdir(cwd), 0); }
     // What pfread makes of name (it must return rc): the values of keys, "-" for none.
     Strings read(const std::string& name, Strings keys, int rc = 0) {
         Tree t;

@@ -17,6 +17,7 @@
 #include "orb/orbfile.h"
 #include "stock/bns.h"
 #include "stock/h2e.h"
+#include "support/check.h"
 
 using namespace std::string_literals;
 
@@ -250,9 +251,8 @@ TEST_F(BnsSocket, SyncFindsThePatternAfterGarbageOrGivesUp) {
     auto sync = [&](const std::string& input, int strict) {
         bnsclr(b);
         send(input);
-        testing::internal::CaptureStderr();
-        int r = gbnsSync(b, "orbm", 4, strict);
-        err = testing::internal::GetCapturedStderr();
+        int r = 0;
+        err = testsupport::stderr_of([&] { r = gbnsSync(b, "orbm", 4, strict); });
         return r;
     };
     EXPECT_EQ(sync("xxorbmDATA", 0), 0);
