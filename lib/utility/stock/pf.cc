@@ -800,20 +800,16 @@ Pf* existsPf(const char* name) {
     return static_cast<Pf*>(getarr(Pflist, name));
 }
 
+// The file is read under the lock: threads that miss at once read it once,
+// and none gets a tree that another's insert then replaces.
 Pf* getPf(const char* name) {
-    if (Pf* pf = existsPf(name)) return pf;
+    std::lock_guard<std::mutex> lock(Pflist_lock);
+    if (!Pflist) Pflist = newarr();
+    if (Pf* pf = static_cast<Pf*>(getarr(Pflist, name))) return pf;
     Pf* pf = nullptr;
     if (pfread(name, &pf) < 0) {
         pffree(pf);
         return nullptr;
-    }
-    // Two threads may both miss and read; the first to insert is kept so
-    // that a tree already handed out is never freed under its user.
-    std::lock_guard<std::mutex> lock(Pflist_lock);
-    if (!Pflist) Pflist = newarr();
-    if (Pf* other = static_cast<Pf*>(getarr(Pflist, name))) {
-        pffree(pf);
-        return other;
     }
     setarr(Pflist, name, pf);
     return pf;
