@@ -489,11 +489,9 @@ public:
     // the packets after it.
     Slot& next() {
         std::unique_lock<std::mutex> lock(mutex_);
-        bool wake = false;
         if (held_ == Held) {
             held_--;
             tail_++;
-            wake = Depth - (head_ - tail_) >= Refill;
         }
         while (head_ - tail_ <= held_) {
             if (reaper_waits_) {  // whatever room there is: never both asleep
@@ -503,7 +501,7 @@ public:
             next_waits_ = true;
             filled_.wait(lock);
         }
-        wake = wake && reaper_waits_;
+        bool wake = reaper_waits_ && Depth - (head_ - tail_) >= Refill;
         if (wake) reaper_waits_ = false;
         Slot& s = slots_[(tail_ + held_++) % Depth];
         lock.unlock();  // then the woken side does not run into a held lock
